@@ -1,0 +1,92 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <expected>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "HelperCore/CurrentUser.h"
+#include "HelperProtocol/GenerationEnums.h"
+#include "HelperProtocol/GenerationErrorPayload.h"
+
+namespace tessaloom {
+
+/// What a candidate executable is on disk, after symbolic links were followed.
+struct FileFacts {
+  bool isRegularFile;
+  bool isExecutable;  ///< access(2) with X_OK, for the calling process.
+  std::uint32_t ownerUID;
+  std::uint16_t mode;  ///< All of st_mode: type and permission bits.
+
+  friend bool operator==(const FileFacts&, const FileFacts&) = default;
+};
+
+/// Why no candidate was accepted.
+namespace Rejection {
+struct WrongOwner {
+  std::uint32_t ownerUID;
+  friend bool operator==(const WrongOwner&, const WrongOwner&) = default;
+};
+struct WritableByGroupOrOther {
+  std::uint16_t mode;
+  friend bool operator==(const WritableByGroupOrOther&, const WritableByGroupOrOther&) = default;
+};
+struct NotFound {
+  friend bool operator==(const NotFound&, const NotFound&) = default;
+};
+struct NotRegularFile {
+  friend bool operator==(const NotRegularFile&, const NotRegularFile&) = default;
+};
+struct NotExecutable {
+  friend bool operator==(const NotExecutable&, const NotExecutable&) = default;
+};
+}  // namespace Rejection
+using BinaryRejection =
+    std::variant<Rejection::WrongOwner, Rejection::WritableByGroupOrOther, Rejection::NotFound,
+                 Rejection::NotRegularFile, Rejection::NotExecutable>;
+
+/// Reads one candidate; nothing when it is absent or unreadable.
+using FactsReader = std::function<std::optional<FileFacts>(const std::filesystem::path&)>;
+
+/// Where engines are looked for, and what is refused: an executable that another user could have
+/// planted or altered. Pure functions of their arguments and the file system; nothing is remembered
+/// between calls. Safe from any thread.
+struct BinaryAllowlist {
+  BinaryAllowlist() = delete;
+
+  /// The nine directories, in search order.
+  static std::vector<std::filesystem::path> searchLocations(
+      const std::filesystem::path& homeDirectory);
+
+  /// The first acceptable candidate, as formed (not its link's target); otherwise the last refusal
+  /// seen, where an absent candidate is no refusal.
+  static std::expected<std::filesystem::path, BinaryRejection> resolve(
+      std::string_view fileName, const std::vector<std::filesystem::path>& locations,
+      uid_t currentUID, const FactsReader& readFacts);
+
+  /// The facts of the file that a path leads to, from stat(2) and access(2).
+  static std::optional<FileFacts> readFacts(const std::filesystem::path& path);
+
+  /// The sentence for a person; `fileName` is its first word.
+  static std::string message(const BinaryRejection& rejection, std::string_view fileName);
+};
+
+/// The executable's file name of an engine: "claude" or "codex".
+std::string_view executableName(GenerationEngineID engine);
+
+/// The engine's executable for the current user, or the failure to report: launchFailed for an
+/// unknown user, binaryNotFound for every rejection.
+std::expected<std::filesystem::path, GenerationErrorPayload> resolveEngine(
+    GenerationEngineID engine, const std::optional<CurrentUser>& user);
+
+/// The failure for a user that cannot be determined.
+GenerationErrorPayload unknownUserFailure(GenerationEngineID engine);
+
+}  // namespace tessaloom

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "HelperCore/CLIInvocation.h"
+#include "HelperProtocol/GenerationEnums.h"
+
+namespace tessaloom {
+
+/// How an engine is started, as plain values. Nothing here touches the file system; pure functions,
+/// safe from any thread.
+struct CLIInvocationBuilder {
+  CLIInvocationBuilder() = delete;
+
+  /// The rules that every engine is given, 463 characters.
+  static std::string_view systemText();
+
+  static std::vector<std::filesystem::path> searchLocations(
+      const std::filesystem::path& homeDirectory);
+
+  /// The nine variables of an engine.
+  static Environment environment(const std::filesystem::path& homeDirectory,
+                                 const std::string& loginName,
+                                 const std::filesystem::path& temporaryDirectory);
+
+  static std::vector<std::string> claudeArguments(GenerationShape shape);
+  static std::vector<std::string> codexArguments(
+      const std::optional<std::filesystem::path>& schemaFile);
+
+  /// The vector of `engine`: claude ignores the schema file, codex the shape.
+  static std::vector<std::string> arguments(GenerationEngineID engine, GenerationShape shape,
+                                            const std::optional<std::filesystem::path>& schemaFile);
+
+  /// The standard-input text: the rules, the trimmed instructions when there are any, the task.
+  static std::string prompt(std::string_view instructions, std::string_view prompt);
+};
+
+}  // namespace tessaloom

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace tessaloom {
+
+/// The user that the helper runs as.
+struct CurrentUser {
+  std::filesystem::path homeDirectory;  ///< Absolute, without a trailing slash unless it is "/".
+  std::string loginName;
+
+  friend bool operator==(const CurrentUser&, const CurrentUser&) = default;
+};
+
+/// From the user database, getpwuid_r(getuid()): afresh at every call, never cached, no environment
+/// variable is read. Nothing when the database has no such user or cannot be read. Safe from any
+/// thread.
+std::optional<CurrentUser> lookUpCurrentUser();
+
+}  // namespace tessaloom

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+
+#include "HelperProtocol/ProcessMessages.h"
+
+namespace tessaloom {
+
+/// Which file an executable is.
+struct ExecutableIdentity {
+  std::int32_t device;
+  std::uint64_t inode;
+  Instant modified;  ///< Seconds since 1970 plus nanoseconds divided by 1e9.
+
+  /// From stat(2) of the path, symbolic links followed; nothing when that fails.
+  static std::optional<ExecutableIdentity> of(const std::filesystem::path& path);
+
+  friend bool operator==(const ExecutableIdentity&, const ExecutableIdentity&) = default;
+};
+
+}  // namespace tessaloom

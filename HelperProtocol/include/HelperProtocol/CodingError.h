@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+namespace tessaloom {
+
+/// A message body that is not the record that was expected: what is wrong, and where.
+///
+/// The numeric value of a kind is the code that a reply's error carries.
+class DecodingError : public std::runtime_error {
+ public:
+  enum class Kind : std::int64_t {
+    dataCorrupted =
+        1,  ///< Not JSON, or a value that names no case (an engine, a signal, a UUID, a date).
+    typeMismatch = 2,      ///< Another JSON type than the field's.
+    keyNotFound = 3,       ///< A required key is missing, or null.
+    numberDoesNotFit = 4,  ///< An integral number outside the field's range.
+  };
+
+  /// `path` names the field, as in `prompt`, `fields.tags[3]`; empty for the whole body. `problem`
+  /// is a short clause without a full stop. Both may quote the body, so they are cleaned and
+  /// bounded here; what() is one line of valid UTF-8, at most 500 scalars.
+  DecodingError(Kind kind, const std::string& path, const std::string& problem);
+
+  Kind kind() const { return kind_; }
+  const std::string& path() const { return path_; }
+
+ private:
+  Kind kind_;
+  std::string path_;
+};
+
+/// A record that cannot be written. The numeric value of a kind is the code that a reply's error
+/// carries.
+class EncodingError : public std::runtime_error {
+ public:
+  enum class Kind : std::int64_t {
+    invalidValue = 1,   ///< A text that is not UTF-8, or a date outside the years 0 to 9999.
+    replyTooLarge = 2,  ///< The encoded reply is larger than the transport carries.
+  };
+
+  EncodingError(Kind kind, const std::string& problem) : std::runtime_error(problem), kind_(kind) {}
+
+  Kind kind() const { return kind_; }
+
+ private:
+  Kind kind_;
+};
+
+}  // namespace tessaloom

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "HelperProtocol/GenerationEnums.h"
+
+namespace tessaloom {
+
+struct EngineStatusRequest {
+  GenerationEngineID engine;
+
+  friend bool operator==(const EngineStatusRequest&, const EngineStatusRequest&) = default;
+};
+
+/// Whether an engine is installed, and which version. Absent fields have no key on the wire.
+struct EngineStatus {
+  GenerationEngineID engine;
+  bool binaryFound;
+  std::optional<bool> authenticated;   ///< Unknown when absent; the helper never probes it.
+  std::optional<std::string> version;  ///< One line, at most 64 Unicode scalars.
+
+  friend bool operator==(const EngineStatus&, const EngineStatus&) = default;
+};
+
+}  // namespace tessaloom

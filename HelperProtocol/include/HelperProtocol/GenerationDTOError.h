@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+namespace tessaloom {
+
+/// A generation record that would break one of its limits.
+///
+/// Two errors are equal when their case and all associated values are. The numeric value of a case
+/// is the code that a reply's error carries.
+class GenerationDTOError : public std::runtime_error {
+ public:
+  enum class Case : std::int64_t {
+    textTooLong = 101,
+    timeoutOutOfRange = 102,
+    tooManyItems = 103,
+    unknownEngine = 104,
+    unknownShape = 105,
+    controlCharacters = 106,
+  };
+
+  /// A bounded text has `actual` characters, more than `limit`.
+  static GenerationDTOError textTooLong(std::int64_t limit, std::int64_t actual);
+  /// A timeout of `seconds` lies outside 5 to 300.
+  static GenerationDTOError timeoutOutOfRange(std::int64_t seconds);
+  /// A list has `actual` entries, more than `limit`.
+  static GenerationDTOError tooManyItems(std::int64_t limit, std::int64_t actual);
+  /// A free string names no engine; for callers that convert free strings themselves.
+  static GenerationDTOError unknownEngine(std::string offending);
+  /// A free string names no shape; for callers that convert free strings themselves.
+  static GenerationDTOError unknownShape(std::string offending);
+  /// A bounded text holds a forbidden control character.
+  static GenerationDTOError controlCharacters();
+
+  Case errorCase() const { return case_; }
+  /// The limit of textTooLong and tooManyItems; 0 for the others.
+  std::int64_t limit() const { return limit_; }
+  /// The actual count of textTooLong and tooManyItems, the seconds of timeoutOutOfRange; 0 for the
+  /// others.
+  std::int64_t actual() const { return actual_; }
+  /// The offending string of unknownEngine and unknownShape; empty for the others.
+  const std::string& offending() const { return offending_; }
+
+  friend bool operator==(const GenerationDTOError& a, const GenerationDTOError& b) {
+    return a.case_ == b.case_ && a.limit_ == b.limit_ && a.actual_ == b.actual_ &&
+           a.offending_ == b.offending_;
+  }
+
+ private:
+  GenerationDTOError(Case errorCase, std::int64_t limit, std::int64_t actual, std::string offending,
+                     const std::string& message);
+
+  Case case_;
+  std::int64_t limit_;
+  std::int64_t actual_;
+  std::string offending_;
+};
+
+}  // namespace tessaloom

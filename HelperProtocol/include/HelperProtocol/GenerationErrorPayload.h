@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "HelperProtocol/GenerationEnums.h"
+
+namespace tessaloom {
+
+/// The one failure type of the generation pipeline.
+struct GenerationErrorPayload {
+  GenerationFailureKind kind;
+  GenerationEngineID engine;
+  std::optional<std::int32_t> exitCode =
+      std::nullopt;  ///< The engine's exit status where it decided the failure.
+  std::optional<std::string> detail =
+      std::nullopt;  ///< For a person; one line, at most `detailLimit` scalars.
+
+  static constexpr std::int64_t detailLimit = 500;  ///< Unicode scalars.
+
+  /// A failure with `detail` cleaned to one line and cut to `detailLimit`.
+  static GenerationErrorPayload withDetail(GenerationFailureKind kind, GenerationEngineID engine,
+                                           const std::string& detail,
+                                           std::optional<std::int32_t> exitCode = std::nullopt);
+
+  friend bool operator==(const GenerationErrorPayload&, const GenerationErrorPayload&) = default;
+};
+
+}  // namespace tessaloom

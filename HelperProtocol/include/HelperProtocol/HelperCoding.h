@@ -1,0 +1,46 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace tessaloom {
+
+/// Writes one record as the UTF-8 JSON text of a message body.
+///
+/// Keys are the field names in declared order, without white space; an absent optional has no key.
+/// Dates are written to the second, rounded down, as 2026-11-21T10:00:00Z; UUIDs in upper case.
+/// Holds no state: make one for each message.
+class JSONEncoder {
+ public:
+  /// `Record` is any message record of this module, or a std::vector of ProcessSample or
+  /// PortSample. Throws EncodingError (invalidValue); then nothing was written.
+  template <class Record>
+  std::string encode(const Record& record) const;
+};
+
+/// Reads one record from a message body.
+///
+/// Strict: see StrictJSON. Integers: a number with an integral value within range (5, 5.0), never a
+/// boolean. Booleans: only true and false. null for an optional field is absence; unknown keys are
+/// ignored. Dates as the encoder writes them, without a fraction. Holds no state: make one for each
+/// message.
+class JSONDecoder {
+ public:
+  /// Throws DecodingError, or what the record's own checks throw (GenerationDTOError,
+  /// HelperDTOError). The first failure ends decoding. A GenerationRequest is read in this order:
+  /// `instructions` and then `prompt`, each against the 64,000 characters of BoundedText and its
+  /// control-character rule; then their own limits; then `requestID`, `engine`, `shape`, `timeout`.
+  /// Other records are read in declared order.
+  template <class Record>
+  Record decode(std::string_view body) const;
+};
+
+/// The one JSON coding of every request and reply body.
+struct HelperCoding {
+  HelperCoding() = delete;
+
+  static JSONEncoder makeEncoder() { return {}; }
+  static JSONDecoder makeDecoder() { return {}; }
+};
+
+}  // namespace tessaloom

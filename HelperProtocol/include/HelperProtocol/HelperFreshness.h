@@ -1,0 +1,30 @@
+#pragma once
+
+namespace tessaloom {
+
+/// Whether the executable on disk is still the one that runs. Both keys are required when read.
+class HelperFreshness {
+ public:
+  /// A helper that is not outdated never says that it will exit: `willExit` is stored as
+  /// `isOutdated && willExit`.
+  HelperFreshness(bool isOutdated, bool willExit)
+      : isOutdated_(isOutdated), willExit_(isOutdated && willExit) {}
+
+  /// The values as a message carried them, without that coupling.
+  static HelperFreshness asRead(bool isOutdated, bool willExit) {
+    HelperFreshness freshness(isOutdated, willExit);
+    freshness.willExit_ = willExit;
+    return freshness;
+  }
+
+  bool isOutdated() const { return isOutdated_; }
+  bool willExit() const { return willExit_; }
+
+  friend bool operator==(const HelperFreshness&, const HelperFreshness&) = default;
+
+ private:
+  bool isOutdated_;
+  bool willExit_;
+};
+
+}  // namespace tessaloom

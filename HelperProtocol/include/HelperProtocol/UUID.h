@@ -1,0 +1,43 @@
+#pragma once
+
+#include <array>
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tessaloom {
+
+/// A 128-bit identifier (RFC 4122 text form). Read in either case, written in upper case.
+class UUID {
+ public:
+  explicit UUID(const std::array<std::uint8_t, 16>& bytes) : bytes_(bytes) {}
+
+  /// Exactly 36 characters: 32 hexadecimal digits in groups of 8-4-4-4-12. Anything else is no
+  /// UUID.
+  static std::optional<UUID> parse(std::string_view text);
+
+  /// A new random identifier (version 4), from the system's random source.
+  /// Throws std::system_error when the system has none to give.
+  static UUID random();
+
+  /// The canonical upper-case form, 36 characters.
+  std::string string() const;
+
+  const std::array<std::uint8_t, 16>& bytes() const { return bytes_; }
+
+  friend auto operator<=>(const UUID&, const UUID&) = default;
+
+ private:
+  std::array<std::uint8_t, 16> bytes_;
+};
+
+}  // namespace tessaloom
+
+template <>
+struct std::hash<tessaloom::UUID> {
+  std::size_t operator()(const tessaloom::UUID& uuid) const noexcept;
+};

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <expected>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "HelperCore/CLIInvocation.h"
+#include "HelperProtocol/GenerationErrorPayload.h"
+#include "HelperProtocol/UUID.h"
+#include "TLFoundation/Mutex.h"
+#include "TessaloomHelper/Tasks.h"
+
+namespace tessaloom {
+
+/// How a child ended and what it printed.
+struct RunResult {
+  std::int32_t exitStatus;  ///< The exit status, or the number of the signal that ended the child.
+  std::string standardOutput;  ///< UTF-8, ill-formed parts repaired.
+  std::string standardError;   ///< UTF-8, ill-formed parts repaired.
+};
+
+class ChildProcess;
+
+/// Runs command-line tools as child processes, each the leader of a process group of its own, with
+/// bounded output, a deadline and cancellation, and keeps the registry of the generations that run.
+/// One for the whole process.
+///
+/// Safe from any thread. Nothing outlives a run: no descriptor, thread, zombie or buffer.
+class CLIRunner {
+ public:
+  static constexpr std::size_t outputCap = 4'194'304;  ///< Bytes per stream at which reading stops.
+  static constexpr std::size_t chunkSize = 65'536;     ///< Bytes per read, at most.
+  static constexpr std::chrono::seconds readersGrace{
+      5};                                              ///< For output after the child has exited.
+  static constexpr std::chrono::seconds killDelay{3};  ///< From SIGTERM to SIGKILL.
+
+  explicit CLIRunner(Tasks& tasks);
+  ~CLIRunner();
+  CLIRunner(const CLIRunner&) = delete;
+  CLIRunner& operator=(const CLIRunner&) = delete;
+
+  /// Runs one command and blocks until it has exited, could not be launched, or passed its deadline
+  /// and was ended.
+  ///
+  /// A run with a request id is registered and can be cancelled; one without is neither. Fails with
+  /// launchFailed, timedOut or cancelled, never with an exit code; a non-zero status is a result.
+  /// `engine` only fills the failure. `timeout` must be finite and fit a signed 64-bit number of
+  /// seconds; anything else ends the process.
+  std::expected<RunResult, GenerationErrorPayload> run(const CLIInvocation& invocation,
+                                                       const std::optional<UUID>& requestID,
+                                                       GenerationEngineID engine,
+                                                       std::chrono::duration<double> timeout);
+
+  /// Ends the registered run of this id: SIGTERM, and SIGKILL `killDelay` later if its leader still
+  /// lives. True when it was running. The id is remembered in every case until a run of that id
+  /// cleans up, which then reports `cancelled`.
+  bool cancel(const UUID& requestID);
+
+  /// How many generations are registered.
+  std::size_t inFlightCount() const;
+
+ private:
+  Tasks& tasks_;
+  mutable Mutex lock_;
+  std::unordered_map<UUID, std::shared_ptr<ChildProcess>> inFlight_ TL_GUARDED_BY(lock_);
+  std::unordered_set<UUID> cancelled_ TL_GUARDED_BY(lock_);
+};
+
+}  // namespace tessaloom

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string_view>
+
+#include "HelperCore/ExecutableIdentity.h"
+#include "TessaloomHelper/CLIRunner.h"
+#include "TessaloomHelper/Tasks.h"
+
+namespace tessaloom {
+
+/// Knows which executable this process was started from, and leaves when it was replaced and no
+/// generation runs. Safe from any thread.
+class ExitWhenIdle {
+ public:
+  static constexpr std::chrono::milliseconds firstCheck{200};
+  static constexpr std::chrono::milliseconds nextCheck{500};
+  /// Written to standard error by `leave`, which is the last thing that the process does.
+  static constexpr std::string_view exitLine =
+      "helper: executable replaced on disk; exiting so launchd starts the new build\n";
+
+  /// `executable` is the path of the process's own executable, absent when the system does not
+  /// tell. `start` describes the file that was executed. `leave` ends the process in the platform's
+  /// orderly way; called once a check finds no generation, possibly more than once.
+  ExitWhenIdle(std::optional<std::filesystem::path> executable,
+               std::optional<ExecutableIdentity> start, CLIRunner& runner, Tasks& tasks,
+               std::function<void()> leave);
+
+  /// Whether another file stands at the executable's path, or the same one with a later
+  /// modification time. A missing file is no replacement.
+  bool isExecutableReplaced() const;
+
+  /// After `delay`, and then every `nextCheck` while a generation runs, looks whether one is
+  /// registered; leaves when none is.
+  void scheduleExitWhenIdle(std::chrono::milliseconds delay);
+
+ private:
+  std::optional<std::filesystem::path> executable_;
+  std::optional<ExecutableIdentity> start_;
+  CLIRunner& runner_;
+  Tasks& tasks_;
+  std::function<void()> leave_;
+};
+
+}  // namespace tessaloom

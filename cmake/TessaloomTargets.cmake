@@ -1,0 +1,45 @@
+# The settings that every target of the project shares, and the two functions that make a target.
+
+set(CMAKE_CXX_STANDARD 23)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+find_package(Threads REQUIRED)
+
+add_library(tessaloom_settings INTERFACE)
+target_compile_options(
+  tessaloom_settings
+  INTERFACE -Wall
+            -Wextra
+            -Wpedantic
+            -Wshadow
+            -Wconversion
+            -Wsign-conversion
+            -Wnon-virtual-dtor
+            -Wold-style-cast
+            -Woverloaded-virtual
+            -Wnull-dereference
+            -Wimplicit-fallthrough
+            -Werror
+            -fno-strict-aliasing
+            $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+            $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety-beta>)
+target_link_libraries(tessaloom_settings INTERFACE Threads::Threads)
+
+# tessaloom_module(NAME SOURCES ... [LINKS ...] [PRIVATE_LINKS ...])
+#
+# A static library for one folder. Its public headers are in include/NAME and reach only the targets that
+# link it, so an include against the direction of the layers does not compile.
+function(tessaloom_module name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINKS;PRIVATE_LINKS" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_include_directories(
+    ${name}
+    PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}/include"
+    PRIVATE "${CMAKE_CURRENT_SOURCE_DIR}/src")
+  target_link_libraries(
+    ${name}
+    PUBLIC ${ARG_LINKS}
+    PRIVATE tessaloom_settings ${ARG_PRIVATE_LINKS})
+endfunction()
