@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+
+namespace tessaloom {
+
+/// What makes a process the same process: a pid may be given to another one, but not with the same
+/// start time.
+struct ProcessIdentity {
+  std::int32_t pid;
+  std::int64_t startSec;   ///< Whole seconds since the Unix epoch.
+  std::int32_t startUSec;  ///< The microseconds beyond.
+
+  friend bool operator==(const ProcessIdentity&, const ProcessIdentity&) = default;
+};
+
+}  // namespace tessaloom
+
+template <>
+struct std::hash<tessaloom::ProcessIdentity> {
+  std::size_t operator()(const tessaloom::ProcessIdentity& identity) const noexcept;
+};

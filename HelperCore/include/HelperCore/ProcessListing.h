@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "HelperCore/Kernel.h"
+#include "HelperProtocol/ProcessMessages.h"
+
+namespace tessaloom {
+
+/// One process of the helper's user, before it becomes a message.
+struct RawProcess {
+  std::int32_t pid;
+  std::int32_t parentPID;
+  std::int64_t startSec;           ///< Whole seconds since the Unix epoch.
+  std::int32_t startUSec;          ///< The microseconds beyond.
+  std::optional<std::string> tty;  ///< Name of the controlling terminal, without a directory.
+  std::uint64_t residentBytes;
+  std::string command;  ///< The kernel's short name, repaired to valid UTF-8 but not cleaned.
+
+  friend bool operator==(const RawProcess&, const RawProcess&) = default;
+};
+
+/// The processes of the user that the helper runs as, in the kernel's order, zombies included;
+/// pid 0 never. Empty when the table cannot be read.
+std::vector<RawProcess> listRawProcesses(Kernel& kernel);
+
+/// The message for one process at the instant `now`. A start after `now` has an age of 0.
+ProcessSample makeProcessSample(const RawProcess& raw, Instant now);
+
+}  // namespace tessaloom
+
+template <>
+struct std::hash<tessaloom::RawProcess> {
+  std::size_t operator()(const tessaloom::RawProcess& raw) const noexcept;
+};

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "TLFoundation/Unicode.h"
+
+namespace tessaloom {
+
+/// A kernel name as text: what stands before the first NUL, repaired to valid UTF-8.
+inline std::string commandName(std::string_view bytes) {
+  return Unicode::repairUTF8(bytes.substr(0, bytes.find('\0')));
+}
+
+}  // namespace tessaloom

@@ -1,0 +1,8 @@
+#include "HelperCore/ProcessIdentity.h"
+
+#include "HashFields.h"
+
+std::size_t std::hash<tessaloom::ProcessIdentity>::operator()(
+    const tessaloom::ProcessIdentity& identity) const noexcept {
+  return tessaloom::hashFields(identity.pid, identity.startSec, identity.startUSec);
+}
