@@ -1,1 +1,80 @@
+#include "HelperProtocol/ProcessMessages.h"
 
+#include <string_view>
+#include <utility>
+
+#include "HelperProtocol/HelperDTOError.h"
+#include "TLFoundation/DisplayString.h"
+
+namespace tessaloom {
+namespace {
+
+std::optional<std::string> cleaned(const std::optional<std::string>& text, std::int64_t limit) {
+  if (!text) return std::nullopt;
+  return DisplayString::singleLine(*text, limit);
+}
+
+/// The hash of several fields, each mixed in with the golden ratio's bits so that order counts.
+template <class... Fields>
+std::size_t hashOf(const Fields&... fields) {
+  std::size_t seed = 0;
+  ((seed ^= std::hash<Fields>{}(fields) + 0x9E3779B97F4A7C15U + (seed << 6) + (seed >> 2)), ...);
+  return seed;
+}
+
+}  // namespace
+
+HelperDTOError::HelperDTOError(std::int32_t value)
+    : std::runtime_error(std::to_string(value) + " is no process identifier."), value_(value) {}
+
+HelperDTOError HelperDTOError::invalidPID(std::int32_t value) {
+  return HelperDTOError(value);
+}
+
+ProcessID::ProcessID(std::int32_t value) : value_(value) {
+  if (value <= 0) throw HelperDTOError::invalidPID(value);
+}
+
+ProcessSample::ProcessSample(std::int32_t pid, std::int32_t parentPID,
+                             std::optional<std::string> tty, Instant startedAt,
+                             std::int64_t elapsedSeconds, std::int64_t residentBytes,
+                             std::string command)
+    : pid_(pid),
+      parentPID_(parentPID),
+      tty_(cleaned(tty, ttyLimit)),
+      startedAt_(startedAt),
+      elapsedSeconds_(elapsedSeconds),
+      residentBytes_(residentBytes),
+      command_(DisplayString::singleLine(command, commandLimit)) {}
+
+PortSample::PortSample(std::int64_t port, std::string transport, std::int32_t pid,
+                       std::string processName, std::string address)
+    : port_(port),
+      transport_(DisplayString::singleLine(transport, transportLimit)),
+      pid_(pid),
+      processName_(DisplayString::singleLine(processName, processNameLimit)),
+      address_(DisplayString::singleLine(address, addressLimit)) {}
+
+std::string PortSample::id() const {
+  return transport_ + '/' + address_ + '/' + std::to_string(port_) + '/' + std::to_string(pid_);
+}
+
+}  // namespace tessaloom
+
+std::size_t std::hash<tessaloom::ProcessID>::operator()(
+    const tessaloom::ProcessID& pid) const noexcept {
+  return std::hash<std::int32_t>{}(pid.value());
+}
+
+std::size_t std::hash<tessaloom::ProcessSample>::operator()(
+    const tessaloom::ProcessSample& sample) const noexcept {
+  return tessaloom::hashOf(sample.pid(), sample.parentPID(), sample.tty(),
+                           sample.startedAt().time_since_epoch().count(), sample.elapsedSeconds(),
+                           sample.residentBytes(), sample.command());
+}
+
+std::size_t std::hash<tessaloom::PortSample>::operator()(
+    const tessaloom::PortSample& sample) const noexcept {
+  return tessaloom::hashOf(sample.port(), sample.transport(), sample.pid(), sample.processName(),
+                           sample.address());
+}

@@ -1,0 +1,69 @@
+#include "HelperProtocol/GenerationDTOError.h"
+
+#include <utility>
+
+#include "HelperProtocol/GenerationTimeout.h"
+#include "TLFoundation/DisplayString.h"
+
+namespace tessaloom {
+namespace {
+
+constexpr std::int64_t quotedLimit = 64;
+
+std::string quoted(const std::string& text) {
+  return "\"" + DisplayString::singleLine(text, quotedLimit) + "\"";
+}
+
+}  // namespace
+
+GenerationDTOError::GenerationDTOError(Case errorCase, std::int64_t limit, std::int64_t actual,
+                                       std::string offending, const std::string& message)
+    : std::runtime_error(message),
+      case_(errorCase),
+      limit_(limit),
+      actual_(actual),
+      offending_(std::move(offending)) {}
+
+GenerationDTOError GenerationDTOError::textTooLong(std::int64_t limit, std::int64_t actual) {
+  return {Case::textTooLong,
+          limit,
+          actual,
+          {},
+          "The text has " + std::to_string(actual) + " characters, more than the " +
+              std::to_string(limit) + " allowed."};
+}
+
+GenerationDTOError GenerationDTOError::timeoutOutOfRange(std::int64_t seconds) {
+  return {Case::timeoutOutOfRange,
+          0,
+          seconds,
+          {},
+          "A timeout of " + std::to_string(seconds) + " seconds is outside " +
+              std::to_string(GenerationTimeout::minimum) + " to " +
+              std::to_string(GenerationTimeout::maximum) + "."};
+}
+
+GenerationDTOError GenerationDTOError::tooManyItems(std::int64_t limit, std::int64_t actual) {
+  return {Case::tooManyItems,
+          limit,
+          actual,
+          {},
+          "The list has " + std::to_string(actual) + " entries, more than the " +
+              std::to_string(limit) + " allowed."};
+}
+
+GenerationDTOError GenerationDTOError::unknownEngine(std::string offending) {
+  const std::string message = quoted(offending) + " names no engine.";
+  return {Case::unknownEngine, 0, 0, std::move(offending), message};
+}
+
+GenerationDTOError GenerationDTOError::unknownShape(std::string offending) {
+  const std::string message = quoted(offending) + " names no shape.";
+  return {Case::unknownShape, 0, 0, std::move(offending), message};
+}
+
+GenerationDTOError GenerationDTOError::controlCharacters() {
+  return {Case::controlCharacters, 0, 0, {}, "The text holds a control character."};
+}
+
+}  // namespace tessaloom

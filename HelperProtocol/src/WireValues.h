@@ -1,0 +1,19 @@
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+#include "HelperProtocol/GenerationEnums.h"
+
+namespace tessaloom {
+
+/// The case of `cases` whose wire value is `text`; nothing when there is none.
+template <class Enum, std::size_t count>
+std::optional<Enum> caseNamed(std::string_view text, const std::array<Enum, count>& cases) {
+  for (const Enum one : cases) {
+    if (wireValue(one) == text) return one;
+  }
+  return std::nullopt;
+}
+
+}  // namespace tessaloom
