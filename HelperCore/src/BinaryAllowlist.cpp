@@ -1,1 +1,108 @@
+#include "HelperCore/BinaryAllowlist.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+
+#include "PathText.h"
+
+namespace tessaloom {
+namespace {
+
+/// Why a candidate that exists is refused; nothing when it is acceptable.
+std::optional<BinaryRejection> rejectionOf(const FileFacts& facts, uid_t currentUID) {
+  if (!facts.isRegularFile) return Rejection::NotRegularFile{};
+  if (!facts.isExecutable) return Rejection::NotExecutable{};
+  if (facts.ownerUID != 0 && facts.ownerUID != currentUID)
+    return Rejection::WrongOwner{facts.ownerUID};
+  if ((facts.mode & (S_IWGRP | S_IWOTH)) != 0) return Rejection::WritableByGroupOrOther{facts.mode};
+  return std::nullopt;
+}
+
+struct Sentence {
+  std::string_view operator()(const Rejection::WrongOwner&) const {
+    return " was found but is owned by another user, so it wasn’t run.";
+  }
+  std::string_view operator()(const Rejection::WritableByGroupOrOther&) const {
+    return " was found but is writable by other users, so it wasn’t run.";
+  }
+  std::string_view operator()(const Rejection::NotFound&) const {
+    return " wasn’t found in any of the usual install locations.";
+  }
+  std::string_view operator()(const Rejection::NotRegularFile&) const {
+    return " was found but isn’t an executable file.";
+  }
+  std::string_view operator()(const Rejection::NotExecutable&) const {
+    return " was found but isn’t an executable file.";
+  }
+};
+
+}  // namespace
+
+std::vector<std::filesystem::path> BinaryAllowlist::searchLocations(
+    const std::filesystem::path& homeDirectory) {
+  const std::filesystem::path home = directoryText(homeDirectory);
+  return {home / ".local/bin", home / ".claude/local",
+          "/opt/homebrew/bin", "/usr/local/bin",
+          "/usr/bin",          "/bin",
+          home / ".bun/bin",   home / ".npm-global/bin",
+          home / ".cargo/bin"};
+}
+
+std::expected<std::filesystem::path, BinaryRejection> BinaryAllowlist::resolve(
+    std::string_view fileName, const std::vector<std::filesystem::path>& locations,
+    uid_t currentUID, const FactsReader& readFacts) {
+  BinaryRejection lastRejection = Rejection::NotFound{};
+  for (const std::filesystem::path& location : locations) {
+    std::filesystem::path candidate = location / fileName;
+    const std::optional<FileFacts> facts = readFacts(candidate);
+    if (!facts) continue;
+    const std::optional<BinaryRejection> rejection = rejectionOf(*facts, currentUID);
+    if (!rejection) return candidate;
+    lastRejection = *rejection;
+  }
+  return std::unexpected(lastRejection);
+}
+
+std::optional<FileFacts> BinaryAllowlist::readFacts(const std::filesystem::path& path) {
+  // Both calls below look at the same file, even when a link is changed between them.
+  const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr),
+                                                             &std::free);
+  if (!resolved) return std::nullopt;
+  struct stat status{};
+  if (::stat(resolved.get(), &status) != 0) return std::nullopt;
+  return FileFacts{.isRegularFile = S_ISREG(status.st_mode),
+                   .isExecutable = ::access(resolved.get(), X_OK) == 0,
+                   .ownerUID = status.st_uid,
+                   .mode = static_cast<std::uint16_t>(status.st_mode)};
+}
+
+std::string BinaryAllowlist::message(const BinaryRejection& rejection, std::string_view fileName) {
+  return std::string(fileName).append(std::visit(Sentence{}, rejection));
+}
+
+std::string_view executableName(GenerationEngineID engine) {
+  return engine == GenerationEngineID::codex ? "codex" : "claude";
+}
+
+std::expected<std::filesystem::path, GenerationErrorPayload> resolveEngine(
+    GenerationEngineID engine, const std::optional<CurrentUser>& user) {
+  if (!user) return std::unexpected(unknownUserFailure(engine));
+  const std::string_view name = executableName(engine);
+  auto resolved =
+      BinaryAllowlist::resolve(name, BinaryAllowlist::searchLocations(user->homeDirectory),
+                               ::getuid(), BinaryAllowlist::readFacts);
+  if (resolved) return *std::move(resolved);
+  return std::unexpected(
+      GenerationErrorPayload::withDetail(GenerationFailureKind::binaryNotFound, engine,
+                                         BinaryAllowlist::message(resolved.error(), name)));
+}
+
+GenerationErrorPayload unknownUserFailure(GenerationEngineID engine) {
+  return GenerationErrorPayload::withDetail(GenerationFailureKind::launchFailed, engine,
+                                            "Could not determine the current user.");
+}
+
+}  // namespace tessaloom
