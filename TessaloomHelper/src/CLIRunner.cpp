@@ -1,1 +1,130 @@
+#include "TessaloomHelper/CLIRunner.h"
 
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "ChildSession.h"
+#include "HelperCore/SystemError.h"
+
+namespace tessaloom {
+
+namespace {
+
+using Clock = ChildProcess::Clock;
+
+/// The whole seconds of a timeout. One that has none is a fault of the caller.
+std::int64_t wholeSeconds(std::chrono::duration<double> timeout) {
+  constexpr double limit = 0x1p63;
+  const double seconds = timeout.count();
+  if (!std::isfinite(seconds) || seconds >= limit || seconds < -limit) std::abort();
+  return static_cast<std::int64_t>(seconds);
+}
+
+/// The moment at which a timeout that starts now has passed, bounded to what the clock can hold.
+Clock::time_point deadlineAfter(std::chrono::duration<double> timeout) {
+  constexpr std::chrono::duration<double> longest = std::chrono::years(100);
+  return Clock::now() +
+         std::chrono::duration_cast<Clock::duration>(std::clamp(timeout, -longest, longest));
+}
+
+}  // namespace
+
+/// A child's place in the registry, given up with this object at the latest.
+class CLIRunner::Registration {
+ public:
+  Registration(CLIRunner& runner, const std::optional<UUID>& requestID,
+               std::shared_ptr<ChildProcess> child)
+      : runner_(runner), requestID_(requestID), child_(std::move(child)) {
+    const MutexLock locked(runner_.lock_);
+    runner_.running_.insert(child_);
+    if (requestID_) runner_.inFlight_.insert_or_assign(*requestID_, child_);
+  }
+  ~Registration() { end(); }
+  Registration(const Registration&) = delete;
+  Registration& operator=(const Registration&) = delete;
+
+  /// Forgets the child and what is remembered of its id; whether a cancellation was.
+  bool end() {
+    const MutexLock locked(runner_.lock_);
+    runner_.running_.erase(child_);
+    if (!requestID_) return false;
+    runner_.inFlight_.erase(*requestID_);
+    return runner_.cancelled_.erase(*requestID_) != 0;
+  }
+
+ private:
+  CLIRunner& runner_;
+  const std::optional<UUID> requestID_;
+  const std::shared_ptr<ChildProcess> child_;
+};
+
+std::expected<RunResult, GenerationErrorPayload> CLIRunner::run(
+    const CLIInvocation& invocation, const std::optional<UUID>& requestID,
+    GenerationEngineID engine, std::chrono::duration<double> timeout) {
+  const std::int64_t seconds = wholeSeconds(timeout);
+  auto session = ChildSession::launch(invocation);
+  if (!session) {
+    return std::unexpected(GenerationErrorPayload::withDetail(
+        GenerationFailureKind::launchFailed, engine, systemErrorText(session.error())));
+  }
+  const std::shared_ptr<ChildProcess>& child = session->child();
+  Registration registration(*this, requestID, child);
+  if (isEnding()) child->terminate();
+
+  const bool inTime = session->awaitExit(deadlineAfter(timeout));
+  if (!inTime) {
+    child->terminate();
+    session->awaitExit(Clock::time_point::max());
+  }
+  session->awaitReaders(readersGrace);
+
+  const bool wasCancelled = registration.end();
+  if (!inTime) {
+    return std::unexpected(GenerationErrorPayload::withDetail(
+        GenerationFailureKind::timedOut, engine,
+        "The command didn’t finish within " + std::to_string(seconds) + " seconds."));
+  }
+  if (wasCancelled) {
+    return std::unexpected(GenerationErrorPayload{GenerationFailureKind::cancelled, engine});
+  }
+  return session->result();
+}
+
+bool CLIRunner::cancel(const UUID& requestID) {
+  std::shared_ptr<ChildProcess> child;
+  {
+    const MutexLock locked(lock_);
+    cancelled_.insert(requestID);
+    if (const auto found = inFlight_.find(requestID); found != inFlight_.end()) {
+      child = found->second;
+    }
+  }
+  return child && child->terminate();
+}
+
+std::size_t CLIRunner::inFlightCount() const {
+  const MutexLock locked(lock_);
+  return inFlight_.size();
+}
+
+void CLIRunner::endAll() {
+  std::vector<std::shared_ptr<ChildProcess>> children;
+  {
+    const MutexLock locked(lock_);
+    ending_ = true;
+    children.assign(running_.begin(), running_.end());
+  }
+  for (const auto& child : children) child->terminate();
+}
+
+bool CLIRunner::isEnding() const {
+  const MutexLock locked(lock_);
+  return ending_;
+}
+
+}  // namespace tessaloom

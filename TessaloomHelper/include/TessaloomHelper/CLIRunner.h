@@ -14,7 +14,6 @@
 #include "HelperProtocol/GenerationErrorPayload.h"
 #include "HelperProtocol/UUID.h"
 #include "TLFoundation/Mutex.h"
-#include "TessaloomHelper/Tasks.h"
 
 namespace tessaloom {
 
@@ -31,7 +30,9 @@ class ChildProcess;
 /// bounded output, a deadline and cancellation, and keeps the registry of the generations that run.
 /// One for the whole process.
 ///
-/// Safe from any thread. Nothing outlives a run: no descriptor, thread, zombie or buffer.
+/// A run needs no thread but its caller's. Nothing outlives it: no descriptor, zombie or buffer.
+/// Safe from any thread. The process must ignore SIGPIPE (a child may close its input early) and
+/// leave SIGCHLD at its default.
 class CLIRunner {
  public:
   static constexpr std::size_t outputCap = 4'194'304;  ///< Bytes per stream at which reading stops.
@@ -40,8 +41,7 @@ class CLIRunner {
       5};                                              ///< For output after the child has exited.
   static constexpr std::chrono::seconds killDelay{3};  ///< From SIGTERM to SIGKILL.
 
-  explicit CLIRunner(Tasks& tasks);
-  ~CLIRunner();
+  CLIRunner() = default;
   CLIRunner(const CLIRunner&) = delete;
   CLIRunner& operator=(const CLIRunner&) = delete;
 
@@ -52,24 +52,40 @@ class CLIRunner {
   /// launchFailed, timedOut or cancelled, never with an exit code; a non-zero status is a result.
   /// `engine` only fills the failure. `timeout` must be finite and fit a signed 64-bit number of
   /// seconds; anything else ends the process.
+  ///
+  /// Both output streams are read while the input is written. A stream that passes `outputCap` is
+  /// read no further, so a child that goes on writing stalls until its deadline. A stream that
+  /// something still holds open `readersGrace` after the exit contributes nothing.
   std::expected<RunResult, GenerationErrorPayload> run(const CLIInvocation& invocation,
                                                        const std::optional<UUID>& requestID,
                                                        GenerationEngineID engine,
-                                                       std::chrono::duration<double> timeout);
+                                                       std::chrono::duration<double> timeout)
+      TL_EXCLUDES(lock_);
 
   /// Ends the registered run of this id: SIGTERM, and SIGKILL `killDelay` later if its leader still
   /// lives. True when it was running. The id is remembered in every case until a run of that id
   /// cleans up, which then reports `cancelled`.
-  bool cancel(const UUID& requestID);
+  bool cancel(const UUID& requestID) TL_EXCLUDES(lock_);
 
   /// How many generations are registered.
-  std::size_t inFlightCount() const;
+  std::size_t inFlightCount() const TL_EXCLUDES(lock_);
+
+  /// For a process that must leave: ends every run as `cancel` does, the unregistered ones too, and
+  /// ends every later one as soon as it is launched. Returns at once; the runs return to their
+  /// callers within `killDelay` and `readersGrace`.
+  void endAll() TL_EXCLUDES(lock_);
 
  private:
-  Tasks& tasks_;
+  class Registration;
+
+  bool isEnding() const TL_EXCLUDES(lock_);
+
   mutable Mutex lock_;
   std::unordered_map<UUID, std::shared_ptr<ChildProcess>> inFlight_ TL_GUARDED_BY(lock_);
   std::unordered_set<UUID> cancelled_ TL_GUARDED_BY(lock_);
+  std::unordered_set<std::shared_ptr<ChildProcess>> running_
+      TL_GUARDED_BY(lock_);  ///< Registered or not.
+  bool ending_ TL_GUARDED_BY(lock_) = false;
 };
 
 }  // namespace tessaloom

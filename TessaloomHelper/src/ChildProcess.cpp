@@ -1,0 +1,112 @@
+#include "ChildProcess.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+#include "TessaloomHelper/CLIRunner.h"
+
+namespace tessaloom {
+
+namespace {
+
+/// Whether the child is a zombie, without reaping it. With WNOHANG in `options` it only asks.
+bool isZombie(pid_t pid, int options) {
+  siginfo_t info{};  // A child that still runs leaves si_pid as it was.
+  while (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT | options) != 0) {
+    if (errno != EINTR) return true;  // ECHILD: the system has forgotten it.
+  }
+  return info.si_pid != 0;
+}
+
+/// Takes a child that is known to have exited.
+std::int32_t statusOf(pid_t pid) {
+  constexpr std::int32_t unknown = -1;
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return unknown;
+  }
+  return WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+pid_t launchOrThrow(const CLIInvocation& invocation, const ChildEnds& ends) {
+  const auto pid = launchChild(invocation, ends);
+  if (!pid) throw std::system_error(pid.error(), std::generic_category());
+  return *pid;
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(const CLIInvocation& invocation, const ChildEnds& ends,
+                           FileDescriptor wake)
+    : pid_(launchOrThrow(invocation, ends)), wake_(std::move(wake)) {}
+
+bool ChildProcess::isRunning() const {
+  return !reaped_ && !isZombie(pid_, WNOHANG);
+}
+
+bool ChildProcess::terminate() {
+  const MutexLock locked(lock_);
+  if (!isRunning()) return false;
+  const pid_t target = ::getpgid(pid_) == pid_ ? -pid_ : pid_;
+  // An earlier kill of the same target leaves nothing for a later one.
+  if (std::ranges::find(kills_, target, &Kill::target) == kills_.end()) {
+    kills_.push_back({Clock::now() + CLIRunner::killDelay, target});
+  }
+  ::kill(target, SIGTERM);
+  // When the pipe is full the waiting thread has enough to wake it.
+  [[maybe_unused]] const auto written = ::write(wake_.get(), "", 1);
+  return true;
+}
+
+std::optional<ChildProcess::Clock::time_point> ChildProcess::nextKill() const {
+  const MutexLock locked(lock_);
+  if (kills_.empty()) return std::nullopt;
+  return kills_.front().due;
+}
+
+void ChildProcess::sendDueKills(Clock::time_point now) {
+  const MutexLock locked(lock_);
+  const auto firstLater =
+      std::ranges::find_if(kills_, [now](const Kill& kill) { return kill.due > now; });
+  if (firstLater == kills_.begin()) return;
+  const bool running = isRunning();
+  for (auto kill = kills_.begin(); running && kill != firstLater; ++kill) {
+    ::kill(kill->target, SIGKILL);
+  }
+  kills_.erase(kills_.begin(), firstLater);
+}
+
+bool ChildProcess::hasExited() const {
+  const MutexLock locked(lock_);
+  return !isRunning();
+}
+
+void ChildProcess::awaitExit() const {
+  isZombie(pid_, 0);
+}
+
+std::int32_t ChildProcess::reap() {
+  const MutexLock locked(lock_);
+  reaped_ = true;
+  wake_.reset();
+  kills_.clear();
+  return statusOf(pid_);
+}
+
+void ChildProcess::destroy() {
+  {
+    const MutexLock locked(lock_);
+    if (reaped_) return;
+    ::kill(-pid_, SIGKILL);
+  }
+  awaitExit();
+  reap();
+}
+
+}  // namespace tessaloom

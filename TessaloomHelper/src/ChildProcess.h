@@ -1,0 +1,74 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "ChildLaunch.h"
+#include "HelperCore/CLIInvocation.h"
+#include "HelperCore/FileDescriptor.h"
+#include "TLFoundation/Mutex.h"
+
+namespace tessaloom {
+
+/// A child that leads a process group of its own, and the only place that signals or reaps it: once
+/// it is reaped its number may belong to anyone, so both happen under one lock and reaping is
+/// remembered.
+///
+/// Ending it is data: a terminated child has kills that fall due, which the thread that waits for
+/// it sends. Safe from any thread.
+class ChildProcess {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  /// Launches the child; throws std::system_error when that fails. One byte or more is written to
+  /// `wake` whenever the child is terminated.
+  ChildProcess(const CLIInvocation& invocation, const ChildEnds& ends, FileDescriptor wake);
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  pid_t pid() const { return pid_; }
+
+  /// Sends SIGTERM to the group, or to the child alone if it has left its group, and lets SIGKILL
+  /// to the same target fall due `killDelay` from now. False when the child has exited: nothing is
+  /// sent then, even if its group lives on.
+  bool terminate() TL_EXCLUDES(lock_);
+
+  /// When the next kill falls due, if there is one.
+  std::optional<Clock::time_point> nextKill() const TL_EXCLUDES(lock_);
+
+  /// Sends the kills that are due by `now`, if the child still lives.
+  void sendDueKills(Clock::time_point now) TL_EXCLUDES(lock_);
+
+  /// Whether the child has exited, as the system has it now: a zombie has.
+  bool hasExited() const TL_EXCLUDES(lock_);
+
+  /// Blocks until the child has exited. Leaves it unreaped, so its number stays its own.
+  void awaitExit() const;
+
+  /// Takes an exited child from the system, which forgets it. The exit status, or the number of the
+  /// signal that ended it.
+  std::int32_t reap() TL_EXCLUDES(lock_);
+
+  /// Kills the group and reaps: for a run that cannot go on. Does nothing after `reap`.
+  void destroy() TL_EXCLUDES(lock_);
+
+ private:
+  struct Kill {
+    Clock::time_point due;
+    pid_t target;  ///< As kill(2) takes it: negative for a group.
+  };
+
+  bool isRunning() const TL_REQUIRES(lock_);
+
+  const pid_t pid_;
+  mutable Mutex lock_;
+  FileDescriptor wake_ TL_GUARDED_BY(lock_);
+  bool reaped_ TL_GUARDED_BY(lock_) = false;
+  std::vector<Kill> kills_ TL_GUARDED_BY(lock_);  ///< In the order in which they fall due.
+};
+
+}  // namespace tessaloom
