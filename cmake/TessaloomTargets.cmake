@@ -42,4 +42,8 @@ function(tessaloom_module name)
     ${name}
     PUBLIC ${ARG_LINKS}
     PRIVATE tessaloom_settings ${ARG_PRIVATE_LINKS})
+  if(TESSALOOM_BUILD_FUZZERS)
+    # Lets the fuzz targets see which branches of the module an input reaches.
+    target_compile_options(${name} PRIVATE -fsanitize=fuzzer-no-link)
+  endif()
 endfunction()

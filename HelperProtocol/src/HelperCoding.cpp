@@ -1,12 +1,18 @@
 #include "HelperProtocol/HelperCoding.h"
 
+#include <array>
+#include <concepts>
+#include <functional>
 #include <optional>
+#include <set>
+#include <string>
+#include <tuple>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "HelperProtocol/CodingError.h"
 #include "HelperProtocol/EngineStatus.h"
-#include "HelperProtocol/GenerationDTOError.h"
 #include "HelperProtocol/GenerationErrorPayload.h"
 #include "HelperProtocol/GenerationRequest.h"
 #include "HelperProtocol/GenerationResult.h"
@@ -17,7 +23,6 @@
 #include "ISO8601.h"
 #include "JSONReader.h"
 #include "JSONWriter.h"
-#include "TLFoundation/Unicode.h"
 #include "WireValues.h"
 
 namespace tessaloom {
@@ -25,7 +30,138 @@ namespace {
 
 using Kind = DecodingError::Kind;
 
-// Writing: one `write` for each type that a body may hold. Members are written in declared order.
+// The members of each record in declared order: the key, and what gives the value.
+
+template <class Member>
+struct Field {
+  constexpr Field(std::string_view name, Member access) : key(name), member(access) {}
+
+  std::string_view key;
+  Member member;
+};
+
+template <class Record>
+struct Fields;
+
+template <>
+struct Fields<HelperCapabilities> {
+  static constexpr std::tuple value{Field("names", &HelperCapabilities::names),
+                                    Field("helperVersion", &HelperCapabilities::helperVersion)};
+};
+
+template <>
+struct Fields<HelperFreshness> {
+  static constexpr std::tuple value{Field("isOutdated", &HelperFreshness::isOutdated),
+                                    Field("willExit", &HelperFreshness::willExit)};
+};
+
+template <>
+struct Fields<GenerationRequest> {
+  static constexpr std::tuple value{Field("requestID", &GenerationRequest::requestID),
+                                    Field("engine", &GenerationRequest::engine),
+                                    Field("shape", &GenerationRequest::shape),
+                                    Field("instructions", &GenerationRequest::instructions),
+                                    Field("prompt", &GenerationRequest::prompt),
+                                    Field("timeout", &GenerationRequest::timeout)};
+};
+
+template <>
+struct Fields<GenerationCancelRequest> {
+  static constexpr std::tuple value{Field("requestID", &GenerationCancelRequest::requestID)};
+};
+
+template <>
+struct Fields<GeneratedFields> {
+  static constexpr std::tuple value{Field("itemDescription", &GeneratedFields::itemDescription),
+                                    Field("tags", &GeneratedFields::tags),
+                                    Field("globs", &GeneratedFields::globs),
+                                    Field("alwaysApply", &GeneratedFields::alwaysApply)};
+};
+
+template <>
+struct Fields<GenerationTokens> {
+  static constexpr std::tuple value{Field("input", &GenerationTokens::input),
+                                    Field("output", &GenerationTokens::output),
+                                    Field("cachedInput", &GenerationTokens::cachedInput)};
+};
+
+template <>
+struct Fields<GenerationResult> {
+  static constexpr std::tuple value{
+      Field("requestID", &GenerationResult::requestID),
+      Field("engine", &GenerationResult::engine),
+      Field("text", &GenerationResult::text),
+      Field("fields", &GenerationResult::fields),
+      Field("tokens", &GenerationResult::tokens),
+      Field("durationMilliseconds", &GenerationResult::durationMilliseconds)};
+};
+
+template <>
+struct Fields<GenerationErrorPayload> {
+  static constexpr std::tuple value{Field("kind", &GenerationErrorPayload::kind),
+                                    Field("engine", &GenerationErrorPayload::engine),
+                                    Field("exitCode", &GenerationErrorPayload::exitCode),
+                                    Field("detail", &GenerationErrorPayload::detail)};
+};
+
+template <>
+struct Fields<EngineStatusRequest> {
+  static constexpr std::tuple value{Field("engine", &EngineStatusRequest::engine)};
+};
+
+template <>
+struct Fields<EngineStatus> {
+  static constexpr std::tuple value{Field("engine", &EngineStatus::engine),
+                                    Field("binaryFound", &EngineStatus::binaryFound),
+                                    Field("authenticated", &EngineStatus::authenticated),
+                                    Field("version", &EngineStatus::version)};
+};
+
+template <>
+struct Fields<KillRequest> {
+  static constexpr std::tuple value{Field("pid", &KillRequest::pid),
+                                    Field("signal", &KillRequest::signal)};
+};
+
+template <>
+struct Fields<KillResult> {
+  static constexpr std::tuple value{Field("succeeded", &KillResult::succeeded),
+                                    Field("message", &KillResult::message)};
+};
+
+template <>
+struct Fields<ProcessSample> {
+  static constexpr std::tuple value{Field("pid", &ProcessSample::pid),
+                                    Field("parentPID", &ProcessSample::parentPID),
+                                    Field("tty", &ProcessSample::tty),
+                                    Field("startedAt", &ProcessSample::startedAt),
+                                    Field("elapsedSeconds", &ProcessSample::elapsedSeconds),
+                                    Field("residentBytes", &ProcessSample::residentBytes),
+                                    Field("command", &ProcessSample::command)};
+};
+
+template <>
+struct Fields<PortSample> {
+  static constexpr std::tuple value{
+      Field("port", &PortSample::port), Field("transport", &PortSample::transport),
+      Field("pid", &PortSample::pid), Field("processName", &PortSample::processName),
+      Field("address", &PortSample::address)};
+};
+
+template <class Value>
+concept KeyedRecord = requires { Fields<Value>::value; };
+
+template <class Value>
+concept NamedCase = requires(Value value) {
+  { wireValue(value) } -> std::same_as<std::string_view>;
+};
+
+template <class Value>
+inline constexpr bool isOptional = false;
+template <class Value>
+inline constexpr bool isOptional<std::optional<Value>> = true;
+
+// Writing: one `write` for each type that a body may hold.
 
 void write(JSONWriter& writer, bool value) {
   writer.boolean(value);
@@ -42,13 +178,7 @@ void write(JSONWriter& writer, const std::string& value) {
 void write(JSONWriter& writer, const UUID& value) {
   writer.string(value.string());
 }
-void write(JSONWriter& writer, GenerationEngineID value) {
-  writer.string(wireValue(value));
-}
-void write(JSONWriter& writer, GenerationShape value) {
-  writer.string(wireValue(value));
-}
-void write(JSONWriter& writer, GenerationFailureKind value) {
+void write(JSONWriter& writer, NamedCase auto value) {
   writer.string(wireValue(value));
 }
 void write(JSONWriter& writer, GenerationTimeout value) {
@@ -67,144 +197,7 @@ void write(JSONWriter& writer, Instant value) {
   writer.string(*text);
 }
 
-template <class Elements>
-void writeArray(JSONWriter& writer, const Elements& elements);
-
-void write(JSONWriter& writer, const std::set<std::string>& values) {
-  writeArray(writer, values);
-}
-
-template <class Element>
-void write(JSONWriter& writer, const std::vector<Element>& values) {
-  writeArray(writer, values);
-}
-
-template <class Value>
-void member(JSONWriter& writer, std::string_view key, const Value& value);
-
-template <class Value>
-void member(JSONWriter& writer, std::string_view key, const std::optional<Value>& value) {
-  if (value) member(writer, key, *value);
-}
-
-void write(JSONWriter& writer, const HelperCapabilities& record) {
-  writer.beginObject();
-  member(writer, "names", record.names);
-  member(writer, "helperVersion", record.helperVersion);
-  writer.endObject();
-}
-
-void write(JSONWriter& writer, const HelperFreshness& record) {
-  writer.beginObject();
-  member(writer, "isOutdated", record.isOutdated());
-  member(writer, "willExit", record.willExit());
-  writer.endObject();
-}
-
-void write(JSONWriter& writer, const GenerationRequest& record) {
-  writer.beginObject();
-  member(writer, "requestID", record.requestID());
-  member(writer, "engine", record.engine());
-  member(writer, "shape", record.shape());
-  member(writer, "instructions", record.instructions());
-  member(writer, "prompt", record.prompt());
-  member(writer, "timeout", record.timeout());
-  writer.endObject();
-}
-
-void write(JSONWriter& writer, const GenerationCancelRequest& record) {
-  writer.beginObject();
-  member(writer, "requestID", record.requestID);
-  writer.endObject();
-}
-
-void write(JSONWriter& writer, const GeneratedFields& record) {
-  writer.beginObject();
-  member(writer, "itemDescription", record.itemDescription());
-  member(writer, "tags", record.tags());
-  member(writer, "globs", record.globs());
-  member(writer, "alwaysApply", record.alwaysApply());
-  writer.endObject();
-}
-
-void write(JSONWriter& writer, const GenerationTokens& record) {
-  writer.beginObject();
-  member(writer, "input", record.input);
-  member(writer, "output", record.output);
-  member(writer, "cachedInput", record.cachedInput);
-  writer.endObject();
-}
-
-void write(JSONWriter& writer, const GenerationResult& record) {
-  writer.beginObject();
-  member(writer, "requestID", record.requestID);
-  member(writer, "engine", record.engine);
-  member(writer, "text", record.text);
-  member(writer, "fields", record.fields);
-  member(writer, "tokens", record.tokens);
-  member(writer, "durationMilliseconds", record.durationMilliseconds);
-  writer.endObject();
-}
-
-void write(JSONWriter& writer, const GenerationErrorPayload& record) {
-  writer.beginObject();
-  member(writer, "kind", record.kind);
-  member(writer, "engine", record.engine);
-  member(writer, "exitCode", record.exitCode);
-  member(writer, "detail", record.detail);
-  writer.endObject();
-}
-
-void write(JSONWriter& writer, const EngineStatusRequest& record) {
-  writer.beginObject();
-  member(writer, "engine", record.engine);
-  writer.endObject();
-}
-
-void write(JSONWriter& writer, const EngineStatus& record) {
-  writer.beginObject();
-  member(writer, "engine", record.engine);
-  member(writer, "binaryFound", record.binaryFound);
-  member(writer, "authenticated", record.authenticated);
-  member(writer, "version", record.version);
-  writer.endObject();
-}
-
-void write(JSONWriter& writer, const KillRequest& record) {
-  writer.beginObject();
-  member(writer, "pid", record.pid);
-  member(writer, "signal", record.signal);
-  writer.endObject();
-}
-
-void write(JSONWriter& writer, const KillResult& record) {
-  writer.beginObject();
-  member(writer, "succeeded", record.succeeded);
-  member(writer, "message", record.message);
-  writer.endObject();
-}
-
-void write(JSONWriter& writer, const ProcessSample& record) {
-  writer.beginObject();
-  member(writer, "pid", record.pid());
-  member(writer, "parentPID", record.parentPID());
-  member(writer, "tty", record.tty());
-  member(writer, "startedAt", record.startedAt());
-  member(writer, "elapsedSeconds", record.elapsedSeconds());
-  member(writer, "residentBytes", record.residentBytes());
-  member(writer, "command", record.command());
-  writer.endObject();
-}
-
-void write(JSONWriter& writer, const PortSample& record) {
-  writer.beginObject();
-  member(writer, "port", record.port());
-  member(writer, "transport", record.transport());
-  member(writer, "pid", record.pid());
-  member(writer, "processName", record.processName());
-  member(writer, "address", record.address());
-  writer.endObject();
-}
+void write(JSONWriter& writer, const KeyedRecord auto& record);
 
 template <class Elements>
 void writeArray(JSONWriter& writer, const Elements& elements) {
@@ -216,35 +209,51 @@ void writeArray(JSONWriter& writer, const Elements& elements) {
   writer.endArray();
 }
 
-template <class Value>
-void member(JSONWriter& writer, std::string_view key, const Value& value) {
-  writer.key(key);
-  write(writer, value);
+void write(JSONWriter& writer, const std::set<std::string>& values) {
+  writeArray(writer, values);
 }
 
-// Reading: one specialisation for each type that a body may hold. Braced initialisation evaluates
-// from left to right, so the members of a record are read in declared order.
+template <class Element>
+void write(JSONWriter& writer, const std::vector<Element>& values) {
+  writeArray(writer, values);
+}
+
+template <class Value>
+void writeMember(JSONWriter& writer, std::string_view key, const Value& value) {
+  if constexpr (isOptional<Value>) {
+    if (value) writeMember(writer, key, *value);
+  } else {
+    writer.key(key);
+    write(writer, value);
+  }
+}
+
+void write(JSONWriter& writer, const KeyedRecord auto& record) {
+  writer.beginObject();
+  std::apply(
+      [&](const auto&... fields) {
+        (writeMember(writer, fields.key, std::invoke(fields.member, record)), ...);
+      },
+      Fields<std::remove_cvref_t<decltype(record)>>::value);
+  writer.endObject();
+}
+
+// Reading: one specialisation for each type that a body may hold.
 
 template <class Value>
 struct Reading;
 
 template <class Value>
-Value get(const JSONReader& reader) {
-  return Reading<Value>::from(reader);
-}
-
-template <class Value>
-Value required(const JSONReader& reader, std::string_view key) {
-  return get<Value>(reader.required(key));
-}
-
-template <class Value>
-std::optional<Value> optional(const JSONReader& reader, std::string_view key) {
-  return reader.optional(key, [](const JSONReader& value) { return get<Value>(value); });
+Value readMember(const JSONReader& reader, std::string_view key) {
+  if constexpr (isOptional<Value>) {
+    return reader.optional(key, Reading<typename Value::value_type>::from);
+  } else {
+    return Reading<Value>::from(reader.required(key));
+  }
 }
 
 template <class Enum, std::size_t count>
-Enum caseOf(const JSONReader& reader, const std::array<Enum, count>& cases) {
+Enum readCase(const JSONReader& reader, const std::array<Enum, count>& cases) {
   if (const auto found = caseNamed(reader.string(), cases)) return *found;
   std::string names;
   for (const Enum one : cases) names.append(names.empty() ? "" : ", ").append(wireValue(one));
@@ -280,7 +289,8 @@ struct Reading<std::vector<Element>> {
   static std::vector<Element> from(const JSONReader& reader) {
     std::vector<Element> values;
     values.reserve(reader.size());
-    reader.forEach([&](const JSONReader& element) { values.push_back(get<Element>(element)); });
+    reader.forEach(
+        [&](const JSONReader& element) { values.push_back(Reading<Element>::from(element)); });
     return values;
   }
 };
@@ -304,21 +314,21 @@ struct Reading<Instant> {
 template <>
 struct Reading<GenerationEngineID> {
   static GenerationEngineID from(const JSONReader& reader) {
-    return caseOf(reader, allGenerationEngineIDs);
+    return readCase(reader, allGenerationEngineIDs);
   }
 };
 
 template <>
 struct Reading<GenerationShape> {
   static GenerationShape from(const JSONReader& reader) {
-    return caseOf(reader, allGenerationShapes);
+    return readCase(reader, allGenerationShapes);
   }
 };
 
 template <>
 struct Reading<GenerationFailureKind> {
   static GenerationFailureKind from(const JSONReader& reader) {
-    return caseOf(reader, allGenerationFailureKinds);
+    return readCase(reader, allGenerationFailureKinds);
   }
 };
 
@@ -352,137 +362,42 @@ struct Reading<Signal> {
   }
 };
 
-template <>
-struct Reading<HelperCapabilities> {
-  static HelperCapabilities from(const JSONReader& reader) {
-    return {.names = required<std::set<std::string>>(reader, "names"),
-            .helperVersion = required<std::string>(reader, "helperVersion")};
+template <class Record, class Member>
+auto readField(const JSONReader& reader, const Field<Member>& field) {
+  using Value = std::remove_cvref_t<std::invoke_result_t<Member, const Record&>>;
+  return readMember<Value>(reader, field.key);
+}
+
+template <KeyedRecord Record>
+struct Reading<Record> {
+  static Record from(const JSONReader& reader) {
+    // Braces, because they evaluate from left to right: the first bad member is the one reported.
+    return std::apply(
+        [&](const auto&... fields) { return Record{readField<Record>(reader, fields)...}; },
+        Fields<Record>::value);
   }
 };
 
 template <>
 struct Reading<HelperFreshness> {
   static HelperFreshness from(const JSONReader& reader) {
-    const bool isOutdated = required<bool>(reader, "isOutdated");
-    return HelperFreshness::asRead(isOutdated, required<bool>(reader, "willExit"));
+    const bool isOutdated = readMember<bool>(reader, "isOutdated");
+    return HelperFreshness::asRead(isOutdated, readMember<bool>(reader, "willExit"));
   }
 };
 
 template <>
 struct Reading<GenerationRequest> {
   static GenerationRequest from(const JSONReader& reader) {
-    auto instructions = required<BoundedText>(reader, "instructions");
-    auto prompt = required<BoundedText>(reader, "prompt");
-    instructions = BoundedText(instructions.value(), GenerationRequest::instructionsLimit);
-    const auto requestID = required<UUID>(reader, "requestID");
-    const auto engine = required<GenerationEngineID>(reader, "engine");
-    const auto shape = required<GenerationShape>(reader, "shape");
-    const auto timeout = required<GenerationTimeout>(reader, "timeout");
-    return {requestID, engine, shape, instructions.value(), prompt.value(), timeout};
-  }
-};
-
-template <>
-struct Reading<GenerationCancelRequest> {
-  static GenerationCancelRequest from(const JSONReader& reader) {
-    return {.requestID = required<UUID>(reader, "requestID")};
-  }
-};
-
-template <>
-struct Reading<GeneratedFields> {
-  static GeneratedFields from(const JSONReader& reader) {
-    return GeneratedFields{required<std::string>(reader, "itemDescription"),
-                           required<std::vector<std::string>>(reader, "tags"),
-                           required<std::vector<std::string>>(reader, "globs"),
-                           required<bool>(reader, "alwaysApply")};
-  }
-};
-
-template <>
-struct Reading<GenerationTokens> {
-  static GenerationTokens from(const JSONReader& reader) {
-    return {.input = required<std::int64_t>(reader, "input"),
-            .output = required<std::int64_t>(reader, "output"),
-            .cachedInput = required<std::int64_t>(reader, "cachedInput")};
-  }
-};
-
-template <>
-struct Reading<GenerationResult> {
-  static GenerationResult from(const JSONReader& reader) {
-    return {.requestID = required<UUID>(reader, "requestID"),
-            .engine = required<GenerationEngineID>(reader, "engine"),
-            .text = required<std::string>(reader, "text"),
-            .fields = optional<GeneratedFields>(reader, "fields"),
-            .tokens = optional<GenerationTokens>(reader, "tokens"),
-            .durationMilliseconds = required<std::int64_t>(reader, "durationMilliseconds")};
-  }
-};
-
-template <>
-struct Reading<GenerationErrorPayload> {
-  static GenerationErrorPayload from(const JSONReader& reader) {
-    return {.kind = required<GenerationFailureKind>(reader, "kind"),
-            .engine = required<GenerationEngineID>(reader, "engine"),
-            .exitCode = optional<std::int32_t>(reader, "exitCode"),
-            .detail = optional<std::string>(reader, "detail")};
-  }
-};
-
-template <>
-struct Reading<EngineStatusRequest> {
-  static EngineStatusRequest from(const JSONReader& reader) {
-    return {.engine = required<GenerationEngineID>(reader, "engine")};
-  }
-};
-
-template <>
-struct Reading<EngineStatus> {
-  static EngineStatus from(const JSONReader& reader) {
-    return {.engine = required<GenerationEngineID>(reader, "engine"),
-            .binaryFound = required<bool>(reader, "binaryFound"),
-            .authenticated = optional<bool>(reader, "authenticated"),
-            .version = optional<std::string>(reader, "version")};
-  }
-};
-
-template <>
-struct Reading<KillRequest> {
-  static KillRequest from(const JSONReader& reader) {
-    return {.pid = required<ProcessID>(reader, "pid"),
-            .signal = required<Signal>(reader, "signal")};
-  }
-};
-
-template <>
-struct Reading<KillResult> {
-  static KillResult from(const JSONReader& reader) {
-    return {.succeeded = required<bool>(reader, "succeeded"),
-            .message = optional<std::string>(reader, "message")};
-  }
-};
-
-template <>
-struct Reading<ProcessSample> {
-  static ProcessSample from(const JSONReader& reader) {
-    return ProcessSample{required<std::int32_t>(reader, "pid"),
-                         required<std::int32_t>(reader, "parentPID"),
-                         optional<std::string>(reader, "tty"),
-                         required<Instant>(reader, "startedAt"),
-                         required<std::int64_t>(reader, "elapsedSeconds"),
-                         required<std::int64_t>(reader, "residentBytes"),
-                         required<std::string>(reader, "command")};
-  }
-};
-
-template <>
-struct Reading<PortSample> {
-  static PortSample from(const JSONReader& reader) {
-    return PortSample{
-        required<std::int64_t>(reader, "port"), required<std::string>(reader, "transport"),
-        required<std::int32_t>(reader, "pid"), required<std::string>(reader, "processName"),
-        required<std::string>(reader, "address")};
+    const auto instructions = readMember<BoundedText>(reader, "instructions");
+    const auto prompt = readMember<BoundedText>(reader, "prompt");
+    // The prompt's own limit is the one that every bounded text has.
+    const BoundedText checked(instructions.value(), GenerationRequest::instructionsLimit);
+    const auto requestID = readMember<UUID>(reader, "requestID");
+    const auto engine = readMember<GenerationEngineID>(reader, "engine");
+    const auto shape = readMember<GenerationShape>(reader, "shape");
+    const auto timeout = readMember<GenerationTimeout>(reader, "timeout");
+    return {requestID, engine, shape, checked.value(), prompt.value(), timeout};
   }
 };
 
@@ -499,7 +414,7 @@ template <class Record>
 Record JSONDecoder::decode(std::string_view body) const {
   const auto value = StrictJSON::parse(body);
   if (!value) throw DecodingError(Kind::dataCorrupted, "", "is not valid JSON");
-  return get<Record>(JSONReader(*value));
+  return Reading<Record>::from(JSONReader(*value));
 }
 
 #define TL_INSTANTIATE(Record)                                           \

@@ -2,7 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <limits>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>

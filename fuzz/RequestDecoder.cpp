@@ -1,0 +1,79 @@
+// Reads the input as the body of every message. A record that was read survives writing and reading
+// unchanged; a refusal is one of the documented errors, with a text that can be shown as it is.
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "HelperProtocol/CodingError.h"
+#include "HelperProtocol/EngineStatus.h"
+#include "HelperProtocol/GenerationDTOError.h"
+#include "HelperProtocol/GenerationErrorPayload.h"
+#include "HelperProtocol/GenerationRequest.h"
+#include "HelperProtocol/GenerationResult.h"
+#include "HelperProtocol/HelperCapabilities.h"
+#include "HelperProtocol/HelperCoding.h"
+#include "HelperProtocol/HelperDTOError.h"
+#include "HelperProtocol/HelperFreshness.h"
+#include "HelperProtocol/ProcessMessages.h"
+#include "HelperProtocol/StrictJSON.h"
+#include "Require.h"
+#include "TLFoundation/DisplayString.h"
+#include "TLFoundation/Unicode.h"
+
+using namespace tessaloom;
+
+namespace {
+
+constexpr std::int64_t messageLimit = 500;
+
+template <class Record>
+std::optional<Record> decoded(std::string_view body) {
+  try {
+    return HelperCoding::makeDecoder().decode<Record>(body);
+  } catch (const DecodingError& error) {
+    REQUIRE(DisplayString::singleLine(error.what(), messageLimit) == error.what());
+  } catch (const GenerationDTOError&) {
+  } catch (const HelperDTOError&) {
+  }
+  return std::nullopt;
+}
+
+template <class Record>
+void checkRoundTrip(std::string_view body) {
+  const auto record = decoded<Record>(body);
+  if (!record) return;
+  const auto written = HelperCoding::makeEncoder().encode(*record);
+  REQUIRE(decoded<Record>(written) == record);
+}
+
+void checkJSON(std::string_view text) {
+  const auto value = StrictJSON::parse(text);
+  if (!value) return;
+  REQUIRE(Unicode::isValidUTF8(text));
+  const auto written = StrictJSON::serialise(*value);
+  REQUIRE(written.has_value() == value->is_structured());
+  if (written) REQUIRE(StrictJSON::parse(*written) == value);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string_view body(reinterpret_cast<const char*>(data), size);
+  checkJSON(body);
+  checkRoundTrip<GenerationRequest>(body);
+  checkRoundTrip<GenerationCancelRequest>(body);
+  checkRoundTrip<EngineStatusRequest>(body);
+  checkRoundTrip<KillRequest>(body);
+  checkRoundTrip<GenerationResult>(body);
+  checkRoundTrip<GenerationErrorPayload>(body);
+  checkRoundTrip<EngineStatus>(body);
+  checkRoundTrip<KillResult>(body);
+  checkRoundTrip<HelperCapabilities>(body);
+  checkRoundTrip<HelperFreshness>(body);
+  checkRoundTrip<std::vector<ProcessSample>>(body);
+  checkRoundTrip<std::vector<PortSample>>(body);
+  return 0;
+}

@@ -1,0 +1,89 @@
+// Passes the input through every text function and checks how their results relate. The first byte
+// chooses the limits.
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include <utf8proc.h>
+
+#include "Require.h"
+#include "TLFoundation/DisplayString.h"
+#include "TLFoundation/Unicode.h"
+
+using namespace tessaloom;
+
+namespace {
+
+/// Counts without any short cut: every scalar goes through the library.
+std::size_t plainCharacterCount(std::string_view text) {
+  const auto* next = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
+  auto left = static_cast<utf8proc_ssize_t>(text.size());
+  utf8proc_int32_t previous = -1;
+  utf8proc_int32_t state = 0;
+  std::size_t count = 0;
+  while (left > 0) {
+    utf8proc_int32_t scalar = 0;
+    const auto length = utf8proc_iterate(next, left, &scalar);
+    REQUIRE(length > 0);
+    if (previous < 0 || utf8proc_grapheme_break_stateful(previous, scalar, &state)) ++count;
+    previous = scalar;
+    next += length;
+    left -= length;
+  }
+  return count;
+}
+
+void checkCleaning(std::string_view bytes, const std::string& text, std::int64_t limit) {
+  const auto unbounded = static_cast<std::int64_t>(bytes.size());
+  const auto line = DisplayString::singleLine(bytes, limit);
+  const auto whole = DisplayString::singleLine(bytes, unbounded);
+  REQUIRE(Unicode::isValidUTF8(line));
+  REQUIRE(Unicode::scalarCount(line) ==
+          std::min(Unicode::scalarCount(whole), static_cast<std::size_t>(limit)));
+  REQUIRE(whole.starts_with(line));
+  REQUIRE(DisplayString::singleLine(line, limit) == line);
+  REQUIRE(DisplayString::singleLine(text, limit) == line);
+
+  const auto lines = DisplayString::multiLine(bytes, limit);
+  REQUIRE(Unicode::isValidUTF8(lines));
+  REQUIRE(std::cmp_less_equal(Unicode::scalarCount(lines), limit));
+  REQUIRE(DisplayString::multiLine(lines, limit) == lines);
+  REQUIRE(DisplayString::singleLine(DisplayString::multiLine(bytes, unbounded), limit) == line);
+}
+
+void checkCharacters(const std::string& text, std::size_t count) {
+  const auto total = Unicode::characterCount(text);
+  REQUIRE(total == plainCharacterCount(text));
+  const auto last = Unicode::lastCharacters(text, count);
+  REQUIRE(text.ends_with(last));
+  REQUIRE(Unicode::characterCount(last) == std::min(total, count));
+}
+
+void checkWhiteSpaceAndCase(const std::string& text) {
+  const auto trimmed = Unicode::trimmed(text);
+  REQUIRE(text.find(trimmed) != std::string::npos);
+  REQUIRE(Unicode::trimmed(trimmed) == trimmed);
+  const auto lower = Unicode::lowercased(text);
+  REQUIRE(Unicode::isValidUTF8(lower));
+  REQUIRE(Unicode::lowercased(lower) == lower);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size == 0) return 0;
+  const std::string_view bytes(reinterpret_cast<const char*>(data) + 1, size - 1);
+  const auto text = Unicode::repairUTF8(bytes);
+  REQUIRE(Unicode::isValidUTF8(text));
+  REQUIRE(Unicode::isValidUTF8(bytes) == (text == bytes));
+  REQUIRE(Unicode::scalarCount(text) == Unicode::scalarCount(bytes));
+
+  checkCleaning(bytes, text, data[0]);
+  checkCharacters(text, data[0]);
+  checkWhiteSpaceAndCase(text);
+  return 0;
+}
