@@ -1,0 +1,162 @@
+#include "CallCommands.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+#include <system_error>
+
+#include "HelperProtocol/EngineStatus.h"
+#include "HelperProtocol/GenerationDTOError.h"
+#include "HelperProtocol/GenerationRequest.h"
+#include "HelperProtocol/HelperCapabilities.h"
+#include "HelperProtocol/HelperFreshness.h"
+#include "HelperProtocol/ProcessMessages.h"
+#include "Methods.h"
+
+namespace tessaloom {
+namespace {
+
+constexpr std::size_t inputLimit = std::size_t{33} * 1024 * 1024;
+
+using console::print;
+using console::safeLine;
+
+void showCapabilities(const HelperCapabilities& capabilities) {
+  print("Helper version  " + safeLine(capabilities.helperVersion) + "\n");
+  std::string names;
+  for (const std::string& name : capabilities.names) {
+    names.append(names.empty() ? "" : ", ").append(safeLine(name));
+  }
+  print("Capabilities    " + names + "\n");
+}
+
+void showFreshness(const HelperFreshness& freshness) {
+  if (!freshness.isOutdated()) {
+    print("The running helper is up to date.\n");
+  } else if (freshness.willExit()) {
+    print(
+        "The helper's executable was replaced. It leaves as soon as no generation runs;\n"
+        "the next call starts the new one.\n");
+  } else {
+    print("The helper's executable was replaced, but it goes on running.\n");
+  }
+}
+
+void showEngineStatus(const EngineStatus& status) {
+  const std::string engine(wireValue(status.engine));
+  if (!status.binaryFound) {
+    print(engine + ": not found\n");
+    if (console::outputIsTerminal()) {
+      print("Where it was looked for, or why it was refused: tessaloom-helperctl doctor\n");
+    }
+    return;
+  }
+  print(engine + ": found, " +
+        (status.version && !status.version->empty()
+             ? "version " + safeLine(*status.version)
+             : std::string("but it does not tell its version")) +
+        "\n");
+  if (status.authenticated) {
+    print(*status.authenticated ? "It is signed in.\n" : "It is not signed in.\n");
+  }
+}
+
+void showCancel(const KillResult& result) {
+  if (result.succeeded) {
+    print("The generation is being cancelled.\n");
+    return;
+  }
+  console::printError(
+      result.message ? safeLine(*result.message) : "no engine is running under this id",
+      result.message ? "" : "If one starts later, it will end as cancelled.");
+}
+
+}  // namespace
+
+std::expected<GenerationEngineID, UsageError> readEngine(std::string_view name) {
+  try {
+    return generationEngineID(name);
+  } catch (const GenerationDTOError&) {
+    return std::unexpected(
+        UsageError{"unknown engine \"" + safeLine(name) + "\": use claudeCode or codex"});
+  }
+}
+
+std::expected<UUID, UsageError> readUUID(std::string_view text) {
+  if (const auto uuid = UUID::parse(text)) return *uuid;
+  return std::unexpected(UsageError{
+      "\"" + safeLine(text) + "\" is not a UUID, such as 6B29FC40-CA47-4067-B31D-00DD010662DA"});
+}
+
+std::string readStandardInput() {
+  std::string text;
+  while (text.size() < inputLimit) {
+    const std::size_t before = text.size();
+    text.resize(before + 65'536);
+    const ssize_t count = ::read(STDIN_FILENO, text.data() + before, 65'536);
+    text.resize(before + (count > 0 ? static_cast<std::size_t>(count) : 0));
+    if (count == 0) return text;
+    if (count < 0 && errno != EINTR) {
+      throw std::system_error(errno, std::generic_category(), "standard input cannot be read");
+    }
+  }
+  return text;
+}
+
+CommandResult runVersion(const Arguments& arguments) {
+  const CallReply reply = callOnce(methods::protocolVersion);
+  if (!reply) return reportError(reply.error(), arguments.has(jsonOption.name));
+  if (arguments.has(jsonOption.name)) {
+    console::printBody(*reply);
+  } else {
+    print("Protocol version " + safeLine(*reply) + "\n");
+  }
+  return ExitStatus::done;
+}
+
+CommandResult runCapabilities(const Arguments& arguments) {
+  return showReply<HelperCapabilities>(callOnce(methods::helperCapabilities), arguments,
+                                       showCapabilities);
+}
+
+CommandResult runFreshness(const Arguments& arguments) {
+  return showReply<HelperFreshness>(callOnce(methods::quitIfOutdated), arguments, showFreshness);
+}
+
+CommandResult runEngineStatus(const Arguments& arguments) {
+  const auto engine = readEngine(arguments.positionals().front());
+  if (!engine) return std::unexpected(engine.error());
+  const Bytes body = HelperCoding::makeEncoder().encode(EngineStatusRequest{*engine});
+  return showReply<EngineStatus>(callOnce(methods::generationEngineStatus, body), arguments,
+                                 showEngineStatus);
+}
+
+CommandResult runCancel(const Arguments& arguments) {
+  const auto uuid = readUUID(arguments.positionals().front());
+  if (!uuid) return std::unexpected(uuid.error());
+  const Bytes body = HelperCoding::makeEncoder().encode(GenerationCancelRequest{*uuid});
+  const CallReply reply = callOnce(methods::cancelGeneration, body);
+  return showReply<KillResult>(reply, arguments, showCancel);
+}
+
+CommandResult runCall(const Arguments& arguments) {
+  const std::string& name = arguments.positionals().front();
+  const Method* method = findMethod(name);
+  std::optional<Bytes> body;
+  if (arguments.positionals().size() > 1) {
+    if (method != nullptr && !method->takesBody) {
+      return std::unexpected(UsageError{name + " takes no body"});
+    }
+    const std::string& given = arguments.positionals()[1];
+    body = given == "-" ? readStandardInput() : given;
+  } else if (method != nullptr && method->takesBody) {
+    body.emplace();
+  }
+  const CallReply reply = callOnce(name, body, std::nullopt);
+  if (!reply) return reportError(reply.error(), arguments.has(jsonOption.name));
+  console::printBody(*reply);
+  return ExitStatus::done;
+}
+
+}  // namespace tessaloom

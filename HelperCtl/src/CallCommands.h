@@ -1,0 +1,51 @@
+#pragma once
+
+#include <exception>
+#include <expected>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include "Client.h"
+#include "Command.h"
+#include "HelperProtocol/GenerationEnums.h"
+#include "HelperProtocol/HelperCoding.h"
+#include "HelperProtocol/ProcessMessages.h"
+#include "HelperProtocol/UUID.h"
+
+namespace tessaloom {
+
+/// A kill or a cancel that was refused is an answer that says so; any other record is what was
+/// asked.
+template <class Record>
+ExitStatus statusOf(const Record& record) {
+  if constexpr (std::is_same_v<Record, KillResult>) {
+    if (!record.succeeded) return ExitStatus::refused;
+  }
+  return ExitStatus::done;
+}
+
+/// Shows a reply's record, or prints the body unchanged with --json. A reply that does not decode
+/// is an error either way.
+template <class Record, class Show>
+ExitStatus showReply(const CallReply& reply, const Arguments& arguments, Show show) {
+  const bool json = arguments.has(jsonOption.name);
+  if (!reply) return reportError(reply.error(), json);
+  if (json) console::printBody(*reply);
+  try {
+    const auto record = HelperCoding::makeDecoder().decode<Record>(*reply);
+    if (!json) show(record);
+    return statusOf(record);
+  } catch (const std::exception& error) {
+    return reportUnreadableReply(error.what());
+  }
+}
+
+/// The engine of that name.
+std::expected<GenerationEngineID, UsageError> readEngine(std::string_view name);
+/// The UUID that `text` spells.
+std::expected<UUID, UsageError> readUUID(std::string_view text);
+/// All of standard input, up to a little more than any body may have.
+std::string readStandardInput();
+
+}  // namespace tessaloom

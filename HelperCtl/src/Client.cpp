@@ -1,0 +1,58 @@
+#include "Client.h"
+
+#include <nlohmann/json.hpp>
+
+#include "EventLoop.h"
+
+namespace tessaloom {
+
+CallReply callAndWait(Transport& transport, std::string_view method,
+                      const std::optional<Bytes>& body, std::optional<std::chrono::seconds> limit) {
+  std::optional<CallReply> reply;
+  EventLoop loop(transport);
+  transport.call(std::string(method), body,
+                 [&reply](CallReply answer) { reply = std::move(answer); });
+  std::optional<EventLoop::Clock::time_point> deadline;
+  if (limit) deadline = EventLoop::Clock::now() + *limit;
+  if (loop.run([&reply] { return reply.has_value(); }, deadline)) return std::move(*reply);
+
+  CallError error{
+      CallError::Category::unreachable, "timedOut",
+      "The helper did not answer within " + std::to_string(limit->count()) + " seconds."};
+  error.advice = "See what is wrong: tessaloom-helperctl doctor";
+  return std::unexpected(error);
+}
+
+CallReply callOnce(std::string_view method, const std::optional<Bytes>& body,
+                   std::optional<std::chrono::seconds> limit) {
+  auto transport = openTransport();
+  if (!transport) return std::unexpected(transport.error());
+  return callAndWait(**transport, method, body, limit);
+}
+
+ExitStatus reportError(const CallError& error, bool json) {
+  if (json) {
+    nlohmann::ordered_json object;
+    object["name"] = error.name;
+    if (error.domain) object["domain"] = *error.domain;
+    if (error.code) object["code"] = *error.code;
+    if (error.kind) object["kind"] = *error.kind;
+    object["message"] = error.message;
+    const nlohmann::ordered_json whole{{"error", object}};
+    console::printToError(whole.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
+                          "\n");
+  } else {
+    const std::string& text = error.message.empty() ? error.name : error.message;
+    console::printError(console::safeLine(text), error.advice);
+  }
+  return error.category == CallError::Category::unreachable ? ExitStatus::unreachable
+                                                            : ExitStatus::refused;
+}
+
+ExitStatus reportUnreadableReply(std::string_view problem) {
+  console::printError("the helper's reply could not be read: " + console::safeLine(problem),
+                      "The helper may be of another version: tessaloom-helperctl freshness");
+  return ExitStatus::refused;
+}
+
+}  // namespace tessaloom

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Console.h"
+#include "Transport.h"
+
+namespace tessaloom {
+
+/// How long a call that the helper answers at once, or after a short probe, may take.
+inline constexpr std::chrono::seconds callPatience{60};
+
+/// One call, waited for. Without a limit it lasts until the helper answers or goes away.
+CallReply callAndWait(Transport& transport, std::string_view method,
+                      const std::optional<Bytes>& body = std::nullopt,
+                      std::optional<std::chrono::seconds> limit = callPatience);
+
+/// The same over a connection of its own.
+CallReply callOnce(std::string_view method, const std::optional<Bytes>& body = std::nullopt,
+                   std::optional<std::chrono::seconds> limit = callPatience);
+
+/// Says on standard error why a call failed: for a person with what to do about it, or, with
+/// `json`, as one line holding an object {"error":{"name","domain","code","kind","message"}} of
+/// what came.
+ExitStatus reportError(const CallError& error, bool json);
+
+/// Says that a reply is not the record that was expected.
+ExitStatus reportUnreadableReply(std::string_view problem);
+
+}  // namespace tessaloom

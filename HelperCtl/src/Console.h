@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstddef>
+#include <limits>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tessaloom {
+
+/// What the client's exit status says.
+enum class ExitStatus : int {
+  done = 0,
+  refused = 1,      ///< The helper answered an error, or refused.
+  usage = 2,        ///< The command line is wrong.
+  unreachable = 3,  ///< There is no helper to talk to.
+};
+
+/// The three standard streams and what their far ends can show.
+namespace console {
+
+enum class Style { bold, dim, good, bad };
+
+bool inputIsTerminal();
+bool outputIsTerminal();
+bool errorIsTerminal();
+/// Whether standard error is a terminal that understands cursor movements.
+bool canRedrawErrorLine();
+
+/// Columns of the terminal behind standard output (COLUMNS, then 80, where it does not tell);
+/// unlimited when that is no terminal.
+inline constexpr std::size_t unlimitedWidth = std::numeric_limits<std::size_t>::max();
+std::size_t outputWidth();
+
+/// `text` in that style when standard output (standard error) shows colours: a terminal, no
+/// NO_COLOR (https://no-color.org), not a dumb one.
+std::string styledForOutput(Style style, std::string_view text);
+std::string styledForError(Style style, std::string_view text);
+
+/// Writes the text as it is. A failure shows in `flushOutput`.
+void print(std::string_view text);
+/// Writes a message's body as it is, and ends the line where a person looks at it.
+void printBody(std::string_view body);
+/// Whether everything that was printed has been written; says so on standard error when it has not.
+bool flushOutput();
+
+/// One message on standard error, after the program's name; `advice`, if any, on a line of its own.
+void printError(std::string_view message, std::string_view advice = {});
+/// Plain text on standard error.
+void printToError(std::string_view text);
+
+/// Text from outside, fit for a terminal: one line, or several with TAB and LF kept.
+std::string safeLine(std::string_view text);
+std::string safeText(std::string_view text);
+
+}  // namespace console
+}  // namespace tessaloom

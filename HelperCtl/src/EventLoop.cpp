@@ -1,0 +1,75 @@
+#include "EventLoop.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <limits>
+#include <system_error>
+
+namespace tessaloom {
+namespace {
+
+/// The wait for poll(2), rounded up so that a deadline has passed when the wait has.
+int waitMilliseconds(std::optional<EventLoop::Clock::time_point> until) {
+  if (!until) return -1;
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(*until - EventLoop::Clock::now()).count();
+  return static_cast<int>(std::clamp<decltype(left)>(left, 0, std::numeric_limits<int>::max()));
+}
+
+std::optional<EventLoop::Clock::time_point> earlier(std::optional<EventLoop::Clock::time_point> a,
+                                                    std::optional<EventLoop::Clock::time_point> b) {
+  if (!a || !b) return a ? a : b;
+  return std::min(*a, *b);
+}
+
+}  // namespace
+
+void EventLoop::every(std::chrono::milliseconds interval, std::function<void()> tick) {
+  tickers_.push_back({interval, std::move(tick), Clock::now() + interval});
+}
+
+bool EventLoop::run(const std::function<bool()>& done, std::optional<Clock::time_point> deadline) {
+  while (!done()) {
+    if (deadline && Clock::now() >= *deadline) return false;
+    waitOnce(deadline);
+    transport_.process();
+    runTickers();
+  }
+  return true;
+}
+
+void EventLoop::waitOnce(std::optional<Clock::time_point> deadline) {
+  const Transport::Readiness readiness = transport_.readiness();
+  std::vector<pollfd> polled{{readiness.descriptor, readiness.events, 0}};
+  std::vector<std::size_t> owners;
+  for (std::size_t i = 0; i < watches_.size(); ++i) {
+    const std::optional<short> events = watches_[i].events();
+    if (!events) continue;
+    polled.push_back({watches_[i].descriptor, *events, 0});
+    owners.push_back(i);
+  }
+  std::optional<Clock::time_point> until = earlier(deadline, readiness.deadline);
+  for (const Ticker& ticker : tickers_) until = earlier(until, ticker.next);
+
+  if (poll(polled.data(), polled.size(), waitMilliseconds(until)) < 0) {
+    if (errno == EINTR) return;
+    throw std::system_error(errno, std::generic_category(), "poll");
+  }
+  for (std::size_t i = 0; i < owners.size(); ++i) {
+    if (polled[i + 1].revents != 0) watches_[owners[i]].ready(polled[i + 1].revents);
+  }
+}
+
+void EventLoop::runTickers() {
+  const Clock::time_point now = Clock::now();
+  for (Ticker& ticker : tickers_) {
+    if (now < ticker.next) continue;
+    ticker.next = now + ticker.interval;
+    ticker.tick();
+  }
+}
+
+}  // namespace tessaloom

@@ -1,0 +1,67 @@
+#include "GenerationAdvice.h"
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+
+namespace tessaloom {
+namespace {
+
+std::string commandName(GenerationEngineID engine) {
+  return engine == GenerationEngineID::codex ? "codex" : "claude";
+}
+
+std::string howToSignIn(GenerationEngineID engine) {
+  return engine == GenerationEngineID::codex
+             ? "Sign in once: run `codex login` in a terminal, then try again."
+             : "Sign in once: run `claude` in a terminal and type /login, then try again.";
+}
+
+std::string adviceFor(GenerationFailureKind kind, GenerationEngineID engine) {
+  switch (kind) {
+    case GenerationFailureKind::binaryNotFound:
+      return "Install " + commandName(engine) +
+             ", or see which file was refused and why: tessaloom-helperctl doctor";
+    case GenerationFailureKind::notAuthenticated:
+      return howToSignIn(engine);
+    case GenerationFailureKind::launchFailed:
+      return "See what is wrong: tessaloom-helperctl doctor";
+    case GenerationFailureKind::timedOut:
+      return "Give it longer with --timeout (up to 300), or see how the engine answers by itself: "
+             "run `" +
+             commandName(engine) + "` in a terminal.";
+    case GenerationFailureKind::nonZeroExit:
+      return "See how the engine answers by itself: run `" + commandName(engine) +
+             "` in a terminal.";
+    case GenerationFailureKind::malformedOutput:
+      return "Try again; if it stays so, update " + commandName(engine) + ".";
+    case GenerationFailureKind::engineRefused:
+      return "Wait until one of them has finished, or cancel one: tessaloom-helperctl cancel UUID";
+    case GenerationFailureKind::cancelled:
+      return {};
+  }
+  return {};
+}
+
+}  // namespace
+
+CallError explainGenerationError(CallError error, GenerationEngineID engine) {
+  if (!error.kind) return error;
+  const auto kind = std::ranges::find(allGenerationFailureKinds, std::string_view(*error.kind),
+                                      [](GenerationFailureKind k) { return wireValue(k); });
+  if (kind == allGenerationFailureKinds.end()) return error;
+  const bool isSilent = error.message.empty() || error.message == *error.kind;
+  error.advice = adviceFor(*kind, engine);
+  if (*kind == GenerationFailureKind::cancelled && isSilent) {
+    error.message = "The generation was cancelled.";
+  } else if (*kind == GenerationFailureKind::nonZeroExit && isSilent) {
+    // What an engine that is not signed in does: it fails, and its standard error is empty.
+    error.message = commandName(engine) + " ended with an error and did not say why.";
+    error.advice = "Perhaps it is not signed in. " + howToSignIn(engine);
+  } else if (isSilent) {
+    error.message = commandName(engine) + " failed: " + *error.kind + ".";
+  }
+  return error;
+}
+
+}  // namespace tessaloom

@@ -1,0 +1,71 @@
+#include "Interrupts.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <system_error>
+
+namespace tessaloom {
+namespace {
+
+// A signal handler reaches nothing but globals: the pipe that it writes to and the main thread
+// polls.
+std::atomic<int> readEnd{-1};
+std::atomic<int> writeEnd{-1};
+static_assert(std::atomic<int>::is_always_lock_free);
+
+void wakeUp(int) {
+  const int saved = errno;
+  const char byte = 0;
+  // A full pipe already holds more interrupts than anybody counts.
+  [[maybe_unused]] const ssize_t written = ::write(writeEnd.load(), &byte, 1);
+  errno = saved;
+}
+
+void setHandler(int number, void (*handler)(int)) {
+  struct sigaction action{};
+  action.sa_handler = handler;
+  action.sa_flags = SA_RESTART;
+  sigemptyset(&action.sa_mask);
+  if (sigaction(number, &action, nullptr) != 0) {
+    throw std::system_error(errno, std::generic_category(), "sigaction");
+  }
+}
+
+}  // namespace
+
+Interrupts::Interrupts() {
+  std::array<int, 2> ends{};
+  if (::pipe(ends.data()) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
+  for (const int end : ends) {
+    ::fcntl(end, F_SETFD, FD_CLOEXEC);
+    ::fcntl(end, F_SETFL, O_NONBLOCK);
+  }
+  readEnd = ends[0];
+  writeEnd = ends[1];
+  setHandler(SIGINT, wakeUp);
+  setHandler(SIGTERM, wakeUp);
+}
+
+Interrupts::~Interrupts() {
+  ::signal(SIGINT, SIG_DFL);
+  ::signal(SIGTERM, SIG_DFL);
+  ::close(writeEnd.exchange(-1));
+  ::close(readEnd.exchange(-1));
+}
+
+int Interrupts::descriptor() const {
+  return readEnd;
+}
+
+int Interrupts::take() {
+  std::array<char, 16> bytes{};
+  const ssize_t count = ::read(readEnd, bytes.data(), bytes.size());
+  return count > 0 ? static_cast<int>(count) : 0;
+}
+
+}  // namespace tessaloom

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <expected>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "HelperProtocol/HelperServicing.h"
+
+namespace tessaloom {
+
+/// Why a call has no body.
+struct CallError {
+  enum class Category : std::uint8_t {
+    answered,     ///< The helper, or what guards it, answered with an error.
+    unreachable,  ///< No helper took the call, or it went away before it answered.
+  };
+
+  Category category;
+  std::string name;     ///< The error's name on the bus, or one made of domain and kind.
+  std::string message;  ///< As it came; not yet fit for a terminal.
+  std::optional<std::string> domain = std::nullopt;
+  std::optional<std::int64_t> code = std::nullopt;
+  std::optional<std::string> kind = std::nullopt;  ///< The failure kind of a generation.
+  std::string advice = {};  ///< What a person can do about it on this platform; may be empty.
+
+  friend bool operator==(const CallError&, const CallError&) = default;
+};
+
+/// The body of a reply as it came. The version method's bare integer is its decimal text.
+using CallReply = std::expected<Bytes, CallError>;
+
+/// One connection to the helper.
+///
+/// For one thread. Nothing blocks: the owner polls `readiness` and lets `process` do what can be
+/// done. Calls are sent in the order they were made; replies may come in any order.
+class Transport {
+ public:
+  using Handler = std::function<void(CallReply)>;
+
+  /// What to wait for before the next `process`.
+  struct Readiness {
+    int descriptor;  ///< For poll(2), together with `events`; -1 for none.
+    short events;
+    std::optional<std::chrono::steady_clock::time_point> deadline;  ///< Process by then at latest.
+  };
+
+  virtual ~Transport() = default;
+
+  /// Sends `body`, or no argument at all when there is none, to `method` (a name as in
+  /// "GenerateText"). The handler is called exactly once, from `process` and never from `call`; it
+  /// may make further calls. A call never expires by itself. What the transport cannot send is
+  /// answered like an error of the helper's. Handlers that are still waiting when the transport
+  /// goes away are dropped.
+  virtual void call(const std::string& method, const std::optional<Bytes>& body,
+                    Handler handler) = 0;
+
+  virtual Readiness readiness() = 0;
+  virtual void process() = 0;
+};
+
+/// A connection to the current user's helper. Being connected does not mean that a helper runs: the
+/// first call starts it where the platform can.
+std::expected<std::unique_ptr<Transport>, CallError> openTransport();
+
+}  // namespace tessaloom

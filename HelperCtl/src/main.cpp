@@ -1,0 +1,17 @@
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "Command.h"
+#include "Console.h"
+
+int main(int argc, char** argv) {
+  using namespace tessaloom;
+  const std::vector<std::string> words(argv + (argc > 0 ? 1 : 0), argv + argc);
+  try {
+    return static_cast<int>(runCommandLine(words));
+  } catch (const std::exception& error) {
+    console::printError(console::safeLine(error.what()));
+    return static_cast<int>(ExitStatus::refused);
+  }
+}
