@@ -42,8 +42,10 @@ ExitStatus reportError(const CallError& error, bool json) {
     console::printToError(whole.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
                           "\n");
   } else {
-    const std::string& text = error.message.empty() ? error.name : error.message;
-    console::printError(console::safeLine(text), error.advice);
+    const std::string text = console::safeLine(error.message.empty() ? error.name : error.message);
+    const bool unreachable = error.category == CallError::Category::unreachable;
+    console::printError((unreachable ? "the helper could not be reached: " : "") + text,
+                        error.advice);
   }
   return error.category == CallError::Category::unreachable ? ExitStatus::unreachable
                                                             : ExitStatus::refused;

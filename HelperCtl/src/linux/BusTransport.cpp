@@ -224,6 +224,10 @@ void BusTransport::process() {
 std::expected<std::unique_ptr<Transport>, CallError> openTransport() {
   sd_bus* opened = nullptr;
   const int result = sd_bus_open_user(&opened);
+  if (result == -ENOMEDIUM) {
+    return std::unexpected(makeError(CallError::Category::unreachable, SD_BUS_ERROR_NO_SERVER,
+                                     "There is no session bus."));
+  }
   if (result < 0) {
     return std::unexpected(
         makeError(CallError::Category::unreachable, SD_BUS_ERROR_NO_SERVER,
