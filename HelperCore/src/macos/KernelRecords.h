@@ -1,0 +1,83 @@
+#pragma once
+
+#include <libproc.h>
+#include <sys/proc_info.h>
+#include <sys/sysctl.h>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "HelperCore/Kernel.h"
+
+namespace tessaloom {
+
+// The kernel's own records, read into the ones that the process logic uses. Pure functions.
+
+// A kernel fills these by size: another size is another layout.
+static_assert(sizeof(kinfo_proc) == 648);
+static_assert(sizeof(proc_taskinfo) == 96);
+static_assert(sizeof(proc_fdinfo) == 8);
+static_assert(sizeof(socket_fdinfo) == 792);
+
+static_assert(INI_IPV4 == SocketInfo::ipv4 && INI_IPV6 == SocketInfo::ipv6);
+
+constexpr ProcessStartTime decodeStartTime(const kinfo_proc& record) {
+  const timeval& start = record.kp_proc.p_starttime;
+  return {.startSec = start.tv_sec, .startUSec = start.tv_usec};
+}
+
+/// What the table's record alone tells: all but the terminal's name and the resident size.
+constexpr ProcessRecord decodeProcess(const kinfo_proc& record) {
+  std::string_view name(std::begin(record.kp_proc.p_comm), std::end(record.kp_proc.p_comm));
+  return {.pid = record.kp_proc.p_pid,
+          .parentPID = record.kp_eproc.e_ppid,
+          .owner = record.kp_eproc.e_ucred.cr_uid,
+          .start = decodeStartTime(record),
+          .name = std::string(name.substr(0, name.find('\0')))};
+}
+
+/// The device number of the controlling terminal; nothing when there is none.
+constexpr std::optional<dev_t> decodeTerminal(const kinfo_proc& record) {
+  constexpr dev_t noDevice = -1;
+  if (record.kp_eproc.e_tdev == noDevice) return std::nullopt;
+  return record.kp_eproc.e_tdev;
+}
+
+/// The address is read from the member of the union that the version flags name; IPv4 comes first.
+constexpr std::array<std::uint8_t, 16> decodeLocalAddress(const in_sockinfo& socket) {
+  std::array<std::uint8_t, 16> address{};
+  if ((socket.insi_vflag & INI_IPV4) != 0) {
+    auto ipv4 = std::bit_cast<std::array<std::uint8_t, 4>>(socket.insi_laddr.ina_46.i46a_addr4);
+    std::ranges::copy(ipv4, address.begin() + 12);
+  } else if ((socket.insi_vflag & INI_IPV6) != 0) {
+    std::ranges::copy(socket.insi_laddr.ina_6.__u6_addr.__u6_addr8, address.begin());
+  }
+  return address;
+}
+
+constexpr SocketInfo decodeSocket(const socket_fdinfo& record) {
+  const socket_info& socket = record.psi;
+  SocketInfo info{.protocol = socket.soi_protocol};
+  const in_sockinfo* internet = nullptr;
+  if (socket.soi_kind == SOCKINFO_TCP) {
+    info.kind = SocketInfo::Kind::tcp;
+    internet = &socket.soi_proto.pri_tcp.tcpsi_ini;
+    if (socket.soi_proto.pri_tcp.tcpsi_state == TSI_S_LISTEN)
+      info.tcpState = SocketInfo::TCPState::listening;
+  } else if (socket.soi_kind == SOCKINFO_IN) {
+    info.kind = SocketInfo::Kind::internet;
+    internet = &socket.soi_proto.pri_in;
+  } else {
+    return info;
+  }
+  info.localPort = static_cast<std::uint32_t>(internet->insi_lport);
+  info.versionFlags = internet->insi_vflag;
+  info.localAddress = decodeLocalAddress(*internet);
+  return info;
+}
+
+}  // namespace tessaloom

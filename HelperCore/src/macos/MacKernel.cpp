@@ -1,0 +1,133 @@
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+#include "HelperCore/Kernel.h"
+#include "KernelLists.h"
+#include "KernelRecords.h"
+#include "TLFoundation/Mutex.h"
+
+namespace tessaloom {
+
+namespace {
+
+/// sysctl(3) on the process table. 0 or an errno value; `bytes` as sysctl takes and leaves it.
+int readProcesses(int selector, int argument, kinfo_proc* records, std::size_t& bytes) {
+  int name[] = {CTL_KERN, KERN_PROC, selector, argument};
+  return ::sysctl(name, std::size(name), records, &bytes, nullptr, 0) == 0 ? 0 : errno;
+}
+
+std::uint64_t residentBytes(std::int32_t pid) {
+  proc_taskinfo task{};
+  int filled = ::proc_pidinfo(pid, PROC_PIDTASKINFO, 0, &task, sizeof task);
+  return filled == sizeof task ? task.pti_resident_size : 0;
+}
+
+/// devname(3) returns storage that the next call overwrites, on whichever thread.
+std::string deviceName(dev_t device) {
+  static Mutex lock;
+  MutexLock guard(lock);
+  const char* name = ::devname(device, S_IFCHR);
+  return name == nullptr ? std::string() : std::string(name);
+}
+
+/// A process by its number: macOS cannot pin one.
+class NumberedProcess final : public HeldProcess {
+ public:
+  explicit NumberedProcess(std::int32_t pid) : pid_(pid) {}
+
+  std::optional<ProcessStartTime> startTime() override {
+    kinfo_proc record{};
+    std::size_t bytes = sizeof record;
+    // A process that is gone is a success of no bytes.
+    if (readProcesses(KERN_PROC_PID, pid_, &record, bytes) != 0 || bytes < sizeof record ||
+        record.kp_proc.p_pid != pid_)
+      return std::nullopt;
+    return decodeStartTime(record);
+  }
+
+  int signal(std::int32_t number) override { return ::kill(pid_, number) == 0 ? 0 : errno; }
+
+ private:
+  std::int32_t pid_;
+};
+
+class LibprocSocketTable final : public SocketTable {
+ public:
+  explicit LibprocSocketTable(std::uint32_t user) : user_(user) {}
+
+  std::vector<std::int32_t> listOwnPIDs() override {
+    auto pids = readList<std::int32_t>([this](std::int32_t* buffer, int bytes) {
+      return ::proc_listpids(PROC_UID_ONLY, user_, buffer, bytes);
+    });
+    std::erase_if(pids, [](std::int32_t pid) { return pid < 1; });
+    return pids;
+  }
+
+  std::vector<std::int32_t> socketDescriptors(std::int32_t pid) override {
+    auto descriptors = readList<proc_fdinfo>([pid](proc_fdinfo* buffer, int bytes) {
+      return ::proc_pidinfo(pid, PROC_PIDLISTFDS, 0, buffer, bytes);
+    });
+    std::vector<std::int32_t> sockets;
+    for (const proc_fdinfo& descriptor : descriptors) {
+      if (descriptor.proc_fdtype == PROX_FDTYPE_SOCKET) sockets.push_back(descriptor.proc_fd);
+    }
+    return sockets;
+  }
+
+  std::string readProcessName(std::int32_t pid) override {
+    std::array<char, 256> name{};
+    if (::proc_name(pid, name.data(), name.size()) < 1) return {};
+    return {name.begin(), std::ranges::find(name, '\0')};
+  }
+
+  std::optional<SocketInfo> socketInfo(std::int32_t pid, std::int32_t descriptor) override {
+    socket_fdinfo record{};
+    int filled = ::proc_pidfdinfo(pid, descriptor, PROC_PIDFDSOCKETINFO, &record, sizeof record);
+    if (filled != sizeof record) return std::nullopt;
+    return decodeSocket(record);
+  }
+
+ private:
+  std::uint32_t user_;
+};
+
+class MacKernel final : public Kernel {
+ public:
+  std::uint32_t userID() const override { return ::getuid(); }
+
+  std::vector<ProcessRecord> fetchAllProcessRecords(std::uint32_t owner) override {
+    auto table = readTable<kinfo_proc>([](kinfo_proc* records, std::size_t& bytes) {
+      return readProcesses(KERN_PROC_ALL, 0, records, bytes);
+    });
+    std::vector<ProcessRecord> processes;
+    for (const kinfo_proc& record : table) {
+      // The two look-ups for each process are spent on the wanted owner's only.
+      if (record.kp_eproc.e_ucred.cr_uid != owner) continue;
+      ProcessRecord& process = processes.emplace_back(decodeProcess(record));
+      if (auto terminal = decodeTerminal(record)) process.terminal = deviceName(*terminal);
+      process.residentBytes = residentBytes(process.pid);
+    }
+    return processes;
+  }
+
+  std::unique_ptr<HeldProcess> holdProcess(std::int32_t pid) override {
+    return std::make_unique<NumberedProcess>(pid);
+  }
+
+  std::unique_ptr<SocketTable> openSocketTable() override {
+    return std::make_unique<LibprocSocketTable>(userID());
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<Kernel> makeSystemKernel() {
+  return std::make_unique<MacKernel>();
+}
+
+}  // namespace tessaloom
