@@ -63,8 +63,8 @@ class SpawnAttributes {
 int describeChild(posix_spawnattr_t* attributes, short more) {
   sigset_t none;
   sigset_t all;
-  ::sigemptyset(&none);
-  ::sigfillset(&all);
+  sigemptyset(&none);  // Macros on macOS, so without a scope.
+  sigfillset(&all);
   const int flags = POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | more;
   FirstError error;
   error.add(::posix_spawnattr_setpgroup(attributes, 0));
