@@ -6,8 +6,7 @@
 #include <string_view>
 #include <system_error>
 
-#include <systemd/sd-bus.h>
-
+#include "BusHandles.h"
 #include "Checks.h"
 #include "Console.h"
 #include "HelperProtocol/HelperConstants.h"
@@ -19,15 +18,6 @@ namespace {
 constexpr const char* busName = "org.freedesktop.DBus";
 constexpr const char* busPath = "/org/freedesktop/DBus";
 constexpr std::uint64_t patience = 5'000'000;  // Microseconds.
-
-struct BusCloser {
-  void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-};
-struct MessageReleaser {
-  void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-using Bus = std::unique_ptr<sd_bus, BusCloser>;
-using Message = std::unique_ptr<sd_bus_message, MessageReleaser>;
 
 /// Asks the bus itself; nothing when it answers with an error.
 Message askBus(sd_bus* bus, const char* member, std::optional<std::string_view> argument) {
