@@ -7,6 +7,7 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
 find_package(Threads REQUIRED)
 
+# -Wno-restrict: g++ 12 sees overlaps in std::string concatenation that cannot be (GCC bug 105651).
 add_library(tessaloom_settings INTERFACE)
 target_compile_options(
   tessaloom_settings
@@ -23,6 +24,7 @@ target_compile_options(
             -Wimplicit-fallthrough
             -Werror
             -fno-strict-aliasing
+            $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
             $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
             $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety-beta>)
 target_link_libraries(tessaloom_settings INTERFACE Threads::Threads)
