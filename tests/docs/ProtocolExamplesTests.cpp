@@ -3,10 +3,10 @@
 
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <map>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -57,7 +57,9 @@ const std::map<std::string, Recode>& records() {
 
 std::string document() {
   std::ifstream file(TESSALOOM_DOCS "/protocol.md");
-  return {std::istreambuf_iterator<char>(file), {}};
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
 }
 
 /// Calls `use` with the groups of every match in the document, and tells how many there were.
