@@ -27,9 +27,6 @@ class HelperService final : public HelperServicing {
   ~HelperService() override;
 
   void protocolVersion(VersionReply reply) override;
-  void listProcesses(DataReply reply) override;
-  void killProcess(Bytes request, DataReply reply) override;
-  void listListeningPorts(DataReply reply) override;
   void helperCapabilities(DataReply reply) override;
   void generateText(Bytes request, DataReply reply) override;
   void cancelGeneration(Bytes request, DataReply reply) override;
