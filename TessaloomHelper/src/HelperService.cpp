@@ -5,7 +5,12 @@
 #include <new>
 #include <string_view>
 #include <utility>
+#include <vector>
 
+#include "HelperCore/ListeningPorts.h"
+#include "HelperCore/ProcessIdentity.h"
+#include "HelperCore/ProcessKill.h"
+#include "HelperCore/ProcessListing.h"
 #include "HelperProtocol/CodingError.h"
 #include "HelperProtocol/GenerationDTOError.h"
 #include "HelperProtocol/HelperCapabilities.h"
@@ -13,6 +18,7 @@
 #include "HelperProtocol/HelperConstants.h"
 #include "HelperProtocol/HelperDTOError.h"
 #include "HelperProtocol/HelperFreshness.h"
+#include "HelperProtocol/ProcessMessages.h"
 #include "TLFoundation/DisplayString.h"
 
 namespace tessaloom {
@@ -101,16 +107,23 @@ Outcome encoded(const ServiceContext& context,
   return encoded(context, *result);
 }
 
-// Replies with the record that `work` makes. Every exception ends here.
-template <class Work>
-void answer(const ServiceContext& context, const DataReply& reply, Work work) {
+// Replies with the record that `work` makes; `confirm` runs once it is encoded, before the reply.
+// Every exception ends here.
+template <class Work, class Confirm>
+void answer(const ServiceContext& context, const DataReply& reply, Work work, Confirm confirm) {
   Outcome outcome;
   try {
     outcome = encoded(context, work());
+    confirm();
   } catch (...) {
     outcome = std::unexpected(currentError());
   }
   reply(std::move(outcome));
+}
+
+template <class Work>
+void answer(const ServiceContext& context, const DataReply& reply, Work work) {
+  answer(context, reply, work, [] {});
 }
 
 // A method with a request that answers before it returns.
@@ -143,6 +156,39 @@ HelperService::~HelperService() = default;
 
 void HelperService::protocolVersion(VersionReply reply) {
   reply(HelperConstants::protocolVersion);
+}
+
+void HelperService::listProcesses(DataReply reply) {
+  std::vector<RawProcess> rows;
+  auto list = [&] {
+    rows = listRawProcesses(context_.kernel);
+    Instant now = context_.clock();
+    std::vector<ProcessSample> samples;
+    samples.reserve(rows.size());
+    for (const RawProcess& row : rows) samples.push_back(makeProcessSample(row, now));
+    return samples;
+  };
+  // A listing that the editor cannot get authorises nothing. Its age counts from here, so that the
+  // time it took does not shorten the editor's.
+  auto record = [&] {
+    std::vector<ProcessIdentity> identities;
+    identities.reserve(rows.size());
+    for (const RawProcess& row : rows) {
+      identities.push_back({.pid = row.pid, .startSec = row.startSec, .startUSec = row.startUSec});
+    }
+    provenance_.record(identities, context_.clock());
+  };
+  answer(context_, reply, list, record);
+}
+
+void HelperService::killProcess(Bytes request, DataReply reply) {
+  answer<KillRequest>(context_, request, reply, [this](const KillRequest& decoded) {
+    return tessaloom::killProcess(decoded, context_.kernel, provenance_, context_.clock);
+  });
+}
+
+void HelperService::listListeningPorts(DataReply reply) {
+  answer(context_, reply, [this] { return tessaloom::listListeningPorts(context_.kernel); });
 }
 
 void HelperService::helperCapabilities(DataReply reply) {

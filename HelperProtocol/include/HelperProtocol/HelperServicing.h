@@ -41,6 +41,9 @@ class HelperServicing {
   virtual ~HelperServicing() = default;
 
   virtual void protocolVersion(VersionReply reply) = 0;
+  virtual void listProcesses(DataReply reply) = 0;
+  virtual void killProcess(Bytes request, DataReply reply) = 0;
+  virtual void listListeningPorts(DataReply reply) = 0;
   virtual void helperCapabilities(DataReply reply) = 0;
   virtual void generateText(Bytes request, DataReply reply) = 0;
   virtual void cancelGeneration(Bytes request, DataReply reply) = 0;

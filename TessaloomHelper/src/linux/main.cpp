@@ -7,12 +7,14 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <system_error>
 
 #include "HelperCore/ExecutableIdentity.h"
 #include "HelperCore/FileDescriptor.h"
+#include "HelperCore/Kernel.h"
 #include "HelperCore/SystemError.h"
 #include "HelperProtocol/HelperConstants.h"
 #include "TessaloomHelper/CLIRunner.h"
@@ -20,10 +22,10 @@
 #include "TessaloomHelper/GenerationCoordinator.h"
 #include "TessaloomHelper/HelperService.h"
 #include "TessaloomHelper/PerUserTemporaryDirectory.h"
+#include "linux/BusHandles.h"
 #include "linux/BusListener.h"
 #include "linux/HelperLine.h"
 #include "linux/PeerRequirement.h"
-#include "linux/SessionBus.h"
 #include "linux/ThreadTasks.h"
 #include "linux/UserUnit.h"
 
@@ -74,14 +76,17 @@ int serve() {
   const FileDescriptor signals = prepareSignals();
   const auto executable = executablePath();
 
-  const auto bus = openSessionBus();
-  if (!bus) {
-    writeHelperLine("could not connect to the session bus: " + systemErrorText(bus.error()));
+  sd_bus* opened = nullptr;
+  const int result = sd_bus_open_user(&opened);
+  if (result < 0) {
+    writeHelperLine("could not connect to the session bus: " + systemErrorText(-result));
     return 1;
   }
-  registerUserUnit(bus->get(), registrationLimit);
+  const BusHandle bus(opened);
+  registerUserUnit(bus.get(), registrationLimit);
   const auto identity = ExecutableIdentity::of("/proc/self/exe");
 
+  const std::unique_ptr<Kernel> kernel = makeSystemKernel();
   ThreadTasks tasks;
   ThreadTasks queueTasks;
   CLIRunner runner;
@@ -90,12 +95,13 @@ int serve() {
   ExitWhenIdle exitWhenIdle(executable, identity, runner, tasks,
                             [&listener] { listener->leave(); });
   const ServiceContext context{.coordinator = coordinator,
+                               .kernel = *kernel,
                                .exitWhenIdle = exitWhenIdle,
                                .tasks = tasks,
                                .shortVersion = TESSALOOM_VERSION,
                                .maximumReplyBytes = maximumReplyBytes};
   listener.emplace(
-      BusListener::Environment{.bus = bus->get(),
+      BusListener::Environment{.bus = bus.get(),
                                .context = context,
                                .tasks = tasks,
                                .queueTasks = queueTasks,
