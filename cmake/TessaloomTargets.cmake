@@ -3,12 +3,13 @@
 set(CMAKE_CXX_STANDARD 23)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_OBJCXX_STANDARD 23)
+set(CMAKE_OBJCXX_STANDARD_REQUIRED ON)
+set(CMAKE_OBJCXX_EXTENSIONS OFF)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
 find_package(Threads REQUIRED)
 
-# g++ 12 sees null pointers and overlaps inside inlined library code that cannot be (GCC bug 105651 and its
-# like), the more so the more it optimises.
 add_library(tessaloom_settings INTERFACE)
 target_compile_options(
   tessaloom_settings
@@ -21,13 +22,13 @@ target_compile_options(
             -Wnon-virtual-dtor
             -Wold-style-cast
             -Woverloaded-virtual
+            -Wnull-dereference
             -Wimplicit-fallthrough
             -Werror
             -fno-strict-aliasing
-            $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
-            $<$<CXX_COMPILER_ID:Clang>:-Wnull-dereference>
-            $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
-            $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety-beta>)
+            $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>
+            $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety-beta>
+            $<$<COMPILE_LANGUAGE:OBJCXX>:-fobjc-arc>)
 target_link_libraries(tessaloom_settings INTERFACE Threads::Threads)
 
 # tessaloom_module(NAME SOURCES ... [LINKS ...] [PRIVATE_LINKS ...])

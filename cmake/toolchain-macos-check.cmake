@@ -36,7 +36,7 @@ set(CMAKE_OSX_DEPLOYMENT_TARGET "" CACHE STRING "" FORCE)
 
 foreach(language C CXX OBJCXX)
   set(CMAKE_${language}_FLAGS_INIT
-      "-target aarch64-macos.13.0 -iframework ${stubs}/Frameworks -Wno-unused-command-line-argument")
+      "-target aarch64-macos.13.0 -g0 -iframework ${stubs}/Frameworks -Wno-unused-command-line-argument")
 endforeach()
 set(CMAKE_EXE_LINKER_FLAGS_INIT
     "-F${stubs}/Frameworks -L${stubs}/lib -framework CoreFoundation -lobjc")

@@ -4,10 +4,7 @@
 #include <expected>
 #include <filesystem>
 #include <functional>
-#include <optional>
 
-#include "HelperCore/BinaryAllowlist.h"
-#include "HelperCore/CurrentUser.h"
 #include "HelperProtocol/EngineStatus.h"
 #include "HelperProtocol/GenerationErrorPayload.h"
 #include "HelperProtocol/GenerationRequest.h"
@@ -16,26 +13,15 @@
 
 namespace tessaloom {
 
-/// What a generation asks about the user and the engines, each afresh every time.
-struct GenerationLookups {
-  std::function<std::optional<CurrentUser>()> currentUser = lookUpCurrentUser;
-  std::function<std::expected<std::filesystem::path, GenerationErrorPayload>(
-      GenerationEngineID, const std::optional<CurrentUser>&)>
-      engine = resolveEngine;
-};
-
 /// The body of the three generation methods. Keeps no state of its own; the runner holds the
 /// registry. Safe from any thread; generate and engineStatus block for as long as the engine runs.
 class GenerationCoordinator {
  public:
   static constexpr std::size_t maximumConcurrent = 3;
 
-  /// `temporaryDirectory` is the per-user temporary directory. It is made when missing; one that is
-  /// not private to this user (mode 0700, no link) makes every generation fail to launch.
-  GenerationCoordinator(CLIRunner& runner, std::filesystem::path temporaryDirectory,
-                        GenerationLookups lookups = {});
+  /// `temporaryDirectory` is the system's per-user temporary directory.
+  GenerationCoordinator(CLIRunner& runner, std::filesystem::path temporaryDirectory);
 
-  /// Runs the engine in a directory of its own, which is gone when this returns.
   std::expected<GenerationResult, GenerationErrorPayload> generate(
       const GenerationRequest& request) const;
 
@@ -48,7 +34,6 @@ class GenerationCoordinator {
  private:
   CLIRunner& runner_;
   std::filesystem::path temporaryDirectory_;
-  GenerationLookups lookups_;
 };
 
 }  // namespace tessaloom

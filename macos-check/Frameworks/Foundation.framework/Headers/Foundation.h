@@ -18,9 +18,10 @@
 #define NS_ENUM(type, name) \
   enum __attribute__((enum_extensibility(open))) name : type name; \
   enum name : type
+// In C++ an option set is a plain integer.
 #define NS_OPTIONS(type, name) \
-  enum __attribute__((flag_enum, enum_extensibility(open))) name : type name; \
-  enum name : type
+  type name;                   \
+  enum __attribute__((flag_enum, enum_extensibility(open))) : type
 #define NS_ASSUME_NONNULL_BEGIN _Pragma("clang assume_nonnull begin")
 #define NS_ASSUME_NONNULL_END _Pragma("clang assume_nonnull end")
 

@@ -1,0 +1,71 @@
+#import "HelperProcess.h"
+
+#import <Foundation/Foundation.h>
+
+#include <cstdlib>
+#include <limits>
+#include <optional>
+#include <utility>
+
+#import "DispatchTasks.h"
+#import "HelperProtocol/macos/FoundationValues.h"
+#include "StandardError.h"
+#include "TemporaryDirectory.h"
+
+namespace tessaloom {
+
+namespace {
+
+std::optional<std::filesystem::path> executablePath() {
+  NSURL* url = NSBundle.mainBundle.executableURL;
+  if (url == nil) return std::nullopt;
+  return std::filesystem::path(url.fileSystemRepresentation);
+}
+
+std::optional<ExecutableIdentity> identityOf(const std::optional<std::filesystem::path>& path) {
+  return path ? ExecutableIdentity::of(*path) : std::nullopt;
+}
+
+std::string shortVersion() {
+  id version = NSBundle.mainBundle.infoDictionary[@"CFBundleShortVersionString"];
+  return [version isKindOfClass:[NSString class]] ? textFromString(version) : "0";
+}
+
+[[noreturn]] void leave() {
+  writeToStandardError(ExitWhenIdle::exitLine);
+  std::exit(0);
+}
+
+/// The members in the order in which they use each other.
+class HelperProcess {
+ public:
+  HelperProcess()
+      : executable_(executablePath()),
+        coordinator_(runner_, userTemporaryDirectory()),
+        exitWhenIdle_(executable_, identityOf(executable_), runner_, tasks_, leave),
+        context_{.coordinator = coordinator_,
+                 .exitWhenIdle = exitWhenIdle_,
+                 .tasks = tasks_,
+                 .shortVersion = shortVersion(),
+                 .maximumReplyBytes = std::numeric_limits<std::size_t>::max()} {}
+
+  const ServiceContext& context() const { return context_; }
+
+ private:
+  std::optional<std::filesystem::path> executable_;
+  DispatchTasks tasks_;
+  CLIRunner runner_;
+  GenerationCoordinator coordinator_;
+  ExitWhenIdle exitWhenIdle_;
+  ServiceContext context_;
+};
+
+}  // namespace
+
+const ServiceContext& serviceContext() {
+  // Never destroyed: other threads may still use it while the process exits.
+  static const HelperProcess& process = *new HelperProcess;
+  return process.context();
+}
+
+}  // namespace tessaloom

@@ -1,0 +1,29 @@
+#import <Foundation/Foundation.h>
+
+#include <signal.h>
+
+#import "HelperProcess.h"
+#include "HelperProtocol/HelperConstants.h"
+#import "HelperProtocol/macos/FoundationValues.h"
+#import "LaunchAgent.h"
+#import "ListenerDelegate.h"
+
+int main() {
+  @autoreleasepool {
+    // An engine may close its input before all of it is written.
+    ::signal(SIGPIPE, SIG_IGN);
+
+    tessaloom::registerLaunchAgent();
+    tessaloom::serviceContext();
+
+    // The listener refers to its delegate weakly; both are kept for the life of the process.
+    static ListenerDelegate* const delegate = [[ListenerDelegate alloc] init];
+    static NSXPCListener* const listener = [[NSXPCListener alloc]
+        initWithMachServiceName:tessaloom::stringFromText(
+                                    tessaloom::HelperConstants::machServiceName)];
+    listener.delegate = delegate;
+    [listener resume];
+  }
+  [NSRunLoop.mainRunLoop run];
+  return 0;
+}
