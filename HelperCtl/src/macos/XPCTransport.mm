@@ -1,0 +1,191 @@
+#import <Foundation/Foundation.h>
+
+#include <poll.h>
+
+#include <array>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+
+#include "HelperProtocol/HelperConstants.h"
+#import "HelperProtocol/macos/FoundationValues.h"
+#import "HelperProtocol/macos/HelperServicing.h"
+#include "Methods.h"
+#include "ReplyInbox.h"
+#include "Transport.h"
+
+namespace tessaloom {
+namespace {
+
+using DataBlock = void (^)(NSData* _Nullable data, NSError* _Nullable error);
+
+/// XPC's own failures: the connection was interrupted, is invalid, or got a reply of another type.
+constexpr std::string_view connectionErrorDomain = "NSCocoaErrorDomain";
+constexpr NSInteger connectionInterrupted = 4097;
+constexpr NSInteger connectionReplyInvalid = 4101;
+
+constexpr const char* refusalAdvice =
+    "The helper is not registered for this user, or it refused this program: it admits only the "
+    "editor's code-signing identifier. How to sign this client for development is in "
+    "docs/macos.md.";
+constexpr const char* interruptionAdvice =
+    "The helper went away during the call. Try again; if it happens again, see Console for its "
+    "crash report.";
+
+CallError callError(NSError* error) {
+  CallError result{CallError::Category::answered, textFromString(error.domain),
+                   textFromString(error.localizedDescription)};
+  result.domain = result.name;
+  result.code = error.code;
+  id kind = error.userInfo[replyErrorKindKey];
+  if ([kind isKindOfClass:[NSString class]]) {
+    result.kind = textFromString(kind);
+    result.name += "." + *result.kind;
+  }
+  return result;
+}
+
+/// What the connection itself reports instead of a reply.
+CallError connectionError(NSError* error) {
+  CallError result = callError(error);
+  if (result.name == connectionErrorDomain && error.code == connectionReplyInvalid) return result;
+  result.category = CallError::Category::unreachable;
+  result.advice = error.code == connectionInterrupted ? interruptionAdvice : refusalAdvice;
+  return result;
+}
+
+CallReply callReply(NSData* data, NSError* error) {
+  if (error != nil) return std::unexpected(callError(error));
+  return bytesFromData(data);
+}
+
+CallError usageError(std::string name, std::string message) {
+  return {CallError::Category::answered, std::move(name), std::move(message)};
+}
+
+/// How a method that replies with data is sent; the version method is apart.
+struct Route {
+  std::string_view method;
+  void (*send)(id<HelperServicing> helper, NSData* request, DataBlock reply);
+};
+
+constexpr std::array routes{
+    Route{methods::listProcesses, [](id<HelperServicing> helper, NSData*,
+                                     DataBlock reply) { [helper listProcessesWithReply:reply]; }},
+    Route{methods::killProcess,
+          [](id<HelperServicing> helper, NSData* request, DataBlock reply) {
+            [helper killProcessWithRequest:request reply:reply];
+          }},
+    Route{methods::listListeningPorts,
+          [](id<HelperServicing> helper, NSData*, DataBlock reply) {
+            [helper listListeningPortsWithReply:reply];
+          }},
+    Route{methods::helperCapabilities,
+          [](id<HelperServicing> helper, NSData*, DataBlock reply) {
+            [helper helperCapabilitiesWithReply:reply];
+          }},
+    Route{methods::generateText,
+          [](id<HelperServicing> helper, NSData* request, DataBlock reply) {
+            [helper generateTextWithRequest:request reply:reply];
+          }},
+    Route{methods::cancelGeneration,
+          [](id<HelperServicing> helper, NSData* request, DataBlock reply) {
+            [helper cancelGenerationWithRequest:request reply:reply];
+          }},
+    Route{methods::quitIfOutdated, [](id<HelperServicing> helper, NSData*,
+                                      DataBlock reply) { [helper quitIfOutdatedWithReply:reply]; }},
+    Route{methods::generationEngineStatus,
+          [](id<HelperServicing> helper, NSData* request, DataBlock reply) {
+            [helper generationEngineStatusWithRequest:request reply:reply];
+          }},
+};
+
+class XPCTransport final : public Transport {
+ public:
+  XPCTransport();
+  ~XPCTransport() override { [connection_ invalidate]; }
+
+  void call(const std::string& method, const std::optional<Bytes>& body, Handler handler) override;
+  Readiness readiness() override { return {inbox_->descriptor(), POLLIN, std::nullopt}; }
+  void process() override;
+
+ private:
+  void send(const std::string& method, const std::optional<Bytes>& body, std::uint64_t call);
+
+  NSXPCConnection* connection_;
+  /// Shared with the blocks of calls that outlive the transport.
+  std::shared_ptr<ReplyInbox> inbox_ = std::make_shared<ReplyInbox>();
+  std::unordered_map<std::uint64_t, Handler> handlers_;
+  std::uint64_t lastCall_ = 0;
+};
+
+XPCTransport::XPCTransport()
+    : connection_([[NSXPCConnection alloc]
+          initWithMachServiceName:stringFromText(HelperConstants::machServiceName)
+                          options:0]) {
+  connection_.remoteObjectInterface =
+      [NSXPCInterface interfaceWithProtocol:@protocol(HelperServicing)];
+  [connection_ resume];
+}
+
+void XPCTransport::call(const std::string& method, const std::optional<Bytes>& body,
+                        Handler handler) {
+  const std::uint64_t call = ++lastCall_;
+  handlers_.emplace(call, std::move(handler));
+
+  const Method* known = findMethod(method);
+  if (known == nullptr) {
+    return inbox_->put(call, std::unexpected(usageError(
+                                 "unknownMethod", "\"" + method + "\" is not a method name.")));
+  }
+  if (known->takesBody != body.has_value()) {
+    return inbox_->put(
+        call, std::unexpected(
+                  usageError("invalidArguments",
+                             method + (known->takesBody ? " takes a body." : " takes no body."))));
+  }
+  @autoreleasepool {
+    send(method, body, call);
+  }
+}
+
+void XPCTransport::send(const std::string& method, const std::optional<Bytes>& body,
+                        std::uint64_t call) {
+  // XPC calls either the reply block or the error handler, once.
+  const std::shared_ptr<ReplyInbox> inbox = inbox_;
+  id<HelperServicing> helper = [connection_ remoteObjectProxyWithErrorHandler:^(NSError* error) {
+    inbox->put(call, std::unexpected(connectionError(error)));
+  }];
+  if (method == methods::protocolVersion) {
+    [helper protocolVersionWithReply:^(std::int64_t version) {
+      inbox->put(call, std::to_string(version));
+    }];
+    return;
+  }
+  NSData* request = dataFromBytes(body.value_or(Bytes()));
+  for (const Route& route : routes) {
+    if (route.method != method) continue;
+    route.send(helper, request, ^(NSData* data, NSError* error) {
+      inbox->put(call, callReply(data, error));
+    });
+  }
+}
+
+void XPCTransport::process() {
+  @autoreleasepool {
+    for (ReplyInbox::Item& item : inbox_->take()) {
+      auto handler = handlers_.extract(item.call);
+      if (handler) handler.mapped()(std::move(item.reply));
+    }
+  }
+}
+
+}  // namespace
+
+std::expected<std::unique_ptr<Transport>, CallError> openTransport() {
+  @autoreleasepool {
+    return std::make_unique<XPCTransport>();
+  }
+}
+
+}  // namespace tessaloom
