@@ -120,10 +120,16 @@ void noteFailure(EventSummary& summary, const json& event) {
   if (text != nullptr) summary.failure = *text;
 }
 
+/// What most lines that are no event are not, and costs next to nothing to see.
+bool maybeObject(std::string_view line) {
+  constexpr std::string_view jsonSpace = " \t\r";
+  const std::size_t first = line.find_first_not_of(jsonSpace);
+  if (first == std::string_view::npos) return false;
+  return line[first] == '{' && line[line.find_last_not_of(jsonSpace)] == '}';
+}
+
 void note(EventSummary& summary, std::string_view line) {
-  // Most lines that are no event are known by their first character.
-  const std::size_t start = line.find_first_not_of(" \t\r");
-  if (start == std::string_view::npos || line[start] != '{') return;
+  if (!maybeObject(line)) return;
   const std::optional<json> event = StrictJSON::parse(line);
   if (!event || !event->is_object()) return;
   const std::string* type = stringMember(*event, "type");

@@ -33,8 +33,8 @@ inline constexpr OptionRule helpOption{"--help", "", "show this help"};
 inline constexpr OptionRule versionOption{"--version", "", "show the version of this program"};
 inline constexpr std::array commonOptions{jsonOption, helpOption, versionOption};
 
-inline constexpr OptionRule signalOption{"--signal", "interrupt|terminate|kill",
-                                         "the signal to send (default terminate)"};
+inline constexpr OptionRule signalOption{"--signal", "SIGNAL",
+                                         "interrupt, terminate (default) or kill"};
 
 inline constexpr OptionRule engineOption{"--engine", "ENGINE", "claudeCode or codex; required"};
 inline constexpr OptionRule shapeOption{"--shape", "SHAPE", "freeText (default) or itemFields"};
@@ -46,11 +46,15 @@ inline constexpr OptionRule idOption{"--id", "UUID", "the generation's id (defau
 CommandResult runVersion(const Arguments& arguments);
 CommandResult runCapabilities(const Arguments& arguments);
 CommandResult runFreshness(const Arguments& arguments);
+CommandResult runPs(const Arguments& arguments);
+CommandResult runPorts(const Arguments& arguments);
+CommandResult runKill(const Arguments& arguments);
 CommandResult runEngineStatus(const Arguments& arguments);
 CommandResult runGenerate(const Arguments& arguments);
 CommandResult runCancel(const Arguments& arguments);
 CommandResult runCall(const Arguments& arguments);
 CommandResult runSession(const Arguments& arguments);
+CommandResult runDoctor(const Arguments& arguments);
 
 std::span<const Command> allCommands();
 

@@ -25,9 +25,9 @@ class Session {
   ExitStatus run();
 
  private:
-  /// Calls under way at once. The helper refuses a sender that has too many waiting; lines beyond
-  /// this wait here, unread.
-  static constexpr std::size_t maximumUnderWay = 32;
+  /// Calls under way at once: as many engines as the helper lets one caller wait for. Further lines
+  /// wait here, unread.
+  static constexpr std::size_t maximumUnderWay = 16;
   /// A longer line cannot be sent; its end is not kept.
   static constexpr std::size_t longestLine = std::size_t{34} * 1024 * 1024;
   /// With this much unwritten output no further line is read.

@@ -1,1 +1,36 @@
+#include "TessaloomHelper/ExitWhenIdle.h"
 
+#include <exception>
+#include <utility>
+
+namespace tessaloom {
+
+ExitWhenIdle::ExitWhenIdle(std::optional<std::filesystem::path> executable,
+                           std::optional<ExecutableIdentity> start, CLIRunner& runner, Tasks& tasks,
+                           std::function<void()> leave)
+    : executable_(std::move(executable)),
+      start_(start),
+      runner_(runner),
+      tasks_(tasks),
+      leave_(std::move(leave)) {}
+
+bool ExitWhenIdle::isExecutableReplaced() const {
+  if (!start_ || !executable_) return false;
+  const auto current = ExecutableIdentity::of(*executable_);
+  if (!current) return false;
+  if (current->device != start_->device || current->inode != start_->inode) return true;
+  return current->modified > start_->modified;
+}
+
+void ExitWhenIdle::scheduleExitWhenIdle(std::chrono::milliseconds delay) noexcept {
+  try {
+    tasks_.runAfter(delay, QualityOfService::utility, [this] {
+      if (runner_.inFlightCount() > 0) return scheduleExitWhenIdle(nextCheck);
+      leave_();
+    });
+  } catch (const std::exception&) {
+    // Neither memory nor a thread to be had: the helper stays until it is asked again.
+  }
+}
+
+}  // namespace tessaloom

@@ -1,1 +1,134 @@
+#include "TessaloomHelper/GenerationCoordinator.h"
 
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "GenerationDirectory.h"
+#include "HelperCore/CLIInvocationBuilder.h"
+#include "HelperCore/GenerationOutputParser.h"
+#include "HelperCore/GenerationSchema.h"
+#include "HelperCore/SystemError.h"
+#include "TLFoundation/DisplayString.h"
+#include "TLFoundation/Unicode.h"
+
+namespace tessaloom {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t diagnosticTail = 2'000;  // User-perceived characters.
+constexpr std::int64_t generatedTextLimit = 100'000;
+constexpr std::int64_t versionLimit = 64;
+constexpr std::chrono::seconds versionTimeout{10};
+
+/// The file that holds the schema, for the engine that takes one. Without it the engine still runs.
+std::optional<std::filesystem::path> writeSchema(const GenerationRequest& request,
+                                                 const GenerationDirectory& directory) {
+  if (request.engine() != GenerationEngineID::codex) return std::nullopt;
+  return directory.write("schema.json", GenerationSchema::text(request.shape()));
+}
+
+GenerationOutputParser::Result parseOutput(const RunResult& run, const GenerationRequest& request) {
+  const auto engine = request.engine();
+  if (run.exitStatus != 0) {
+    return std::unexpected(GenerationOutputParser::classifyFailure(
+        run.exitStatus, Unicode::lastCharacters(run.standardError, diagnosticTail), engine));
+  }
+  return engine == GenerationEngineID::codex
+             ? GenerationOutputParser::parseCodex(run.standardOutput, request.shape(), engine)
+             : GenerationOutputParser::parseClaude(run.standardOutput, request.shape(), engine);
+}
+
+std::int64_t millisecondsSince(Clock::time_point start) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+}
+
+}  // namespace
+
+GenerationCoordinator::GenerationCoordinator(CLIRunner& runner,
+                                             std::filesystem::path temporaryDirectory,
+                                             GenerationLookups lookups)
+    : runner_(runner),
+      temporaryDirectory_(std::move(temporaryDirectory)),
+      lookups_(std::move(lookups)) {}
+
+std::expected<GenerationResult, GenerationErrorPayload> GenerationCoordinator::generate(
+    const GenerationRequest& request) const {
+  const auto engine = request.engine();
+  // The run registers after its launch, so requests that come together may all pass.
+  if (runner_.inFlightCount() >= maximumConcurrent) {
+    return std::unexpected(GenerationErrorPayload::withDetail(
+        GenerationFailureKind::engineRefused, engine, "Too many generations are already running."));
+  }
+  const auto executable = lookups_.engine(engine, lookups_.currentUser());
+  if (!executable) return std::unexpected(executable.error());
+  const auto user = lookups_.currentUser();
+  if (!user) return std::unexpected(unknownUserFailure(engine));
+
+  const auto directory = GenerationDirectory::create(temporaryDirectory_, request.requestID());
+  if (!directory) {
+    return std::unexpected(GenerationErrorPayload::withDetail(
+        GenerationFailureKind::launchFailed, engine, systemErrorText(directory.error())));
+  }
+  const auto schemaFile = writeSchema(request, *directory);
+
+  const auto start = Clock::now();
+  const CLIInvocation invocation{
+      .executable = *executable,
+      .arguments = CLIInvocationBuilder::arguments(engine, request.shape(), schemaFile),
+      .environment = CLIInvocationBuilder::environment(user->homeDirectory, user->loginName,
+                                                       directory->path()),
+      .workingDirectory = directory->path(),
+      .standardInput = CLIInvocationBuilder::prompt(request.instructions(), request.prompt())};
+  const auto run =
+      runner_.run(invocation, request.requestID(), engine, request.timeout().duration());
+  if (!run) return std::unexpected(run.error());
+
+  auto parsed = parseOutput(*run, request);
+  if (!parsed) return std::unexpected(std::move(parsed.error()));
+  return GenerationResult{.requestID = request.requestID(),
+                          .engine = engine,
+                          .text = DisplayString::multiLine(parsed->text, generatedTextLimit),
+                          .fields = std::move(parsed->fields),
+                          .tokens = parsed->tokens,
+                          .durationMilliseconds = millisecondsSince(start)};
+}
+
+bool GenerationCoordinator::cancel(const GenerationCancelRequest& request) const {
+  return runner_.cancel(request.requestID);
+}
+
+EngineStatus GenerationCoordinator::engineStatus(const EngineStatusRequest& request) const {
+  EngineStatus status{.engine = request.engine,
+                      .binaryFound = false,
+                      .authenticated = std::nullopt,
+                      .version = std::nullopt};
+  const auto executable = lookups_.engine(request.engine, lookups_.currentUser());
+  if (!executable) return status;
+  status.binaryFound = true;
+
+  Environment environment;
+  if (const auto user = lookups_.currentUser()) {
+    // The engine may want to write there; where it cannot, that is its own affair.
+    [[maybe_unused]] const auto directory = openPrivateDirectory(temporaryDirectory_);
+    environment = CLIInvocationBuilder::environment(user->homeDirectory, user->loginName,
+                                                    temporaryDirectory_);
+  }
+  const CLIInvocation probe{.executable = *executable,
+                            .arguments = {"--version"},
+                            .environment = std::move(environment),
+                            .workingDirectory = std::nullopt,
+                            .standardInput = std::nullopt};
+  const auto run = runner_.run(probe, std::nullopt, request.engine, versionTimeout);
+  if (run) {
+    status.version = DisplayString::singleLine(Unicode::trimmed(run->standardOutput), versionLimit);
+  }
+  return status;
+}
+
+}  // namespace tessaloom

@@ -5,9 +5,8 @@
 #include <string_view>
 #include <utility>
 
-#include <systemd/sd-bus.h>
-
 #include "BusAdvice.h"
+#include "BusHandles.h"
 #include "HelperProtocol/HelperConstants.h"
 #include "Transport.h"
 
@@ -19,19 +18,6 @@ constexpr const char* interfaceName = "com.brindlemoor.Tessaloom.HelperServicing
 
 /// A receiver that uses sd-bus drops its connection at 64 MiB; no request comes near that.
 constexpr std::size_t maximumBodyBytes = std::size_t{32} * 1024 * 1024;
-
-struct BusCloser {
-  void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-};
-struct SlotReleaser {
-  void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-struct MessageReleaser {
-  void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-using Bus = std::unique_ptr<sd_bus, BusCloser>;
-using Slot = std::unique_ptr<sd_bus_slot, SlotReleaser>;
-using Message = std::unique_ptr<sd_bus_message, MessageReleaser>;
 
 std::string errorText(int error) {
   char buffer[256];

@@ -34,8 +34,9 @@ class ExitWhenIdle {
   bool isExecutableReplaced() const;
 
   /// After `delay`, and then every `nextCheck` while a generation runs, looks whether one is
-  /// registered; leaves when none is.
-  void scheduleExitWhenIdle(std::chrono::milliseconds delay);
+  /// registered; leaves when none is. When the system gives neither memory nor a thread for that,
+  /// nothing is scheduled; the next question about a replaced executable starts it again.
+  void scheduleExitWhenIdle(std::chrono::milliseconds delay) noexcept;
 
  private:
   std::optional<std::filesystem::path> executable_;

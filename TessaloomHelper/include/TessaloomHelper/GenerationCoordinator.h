@@ -4,7 +4,10 @@
 #include <expected>
 #include <filesystem>
 #include <functional>
+#include <optional>
 
+#include "HelperCore/BinaryAllowlist.h"
+#include "HelperCore/CurrentUser.h"
 #include "HelperProtocol/EngineStatus.h"
 #include "HelperProtocol/GenerationErrorPayload.h"
 #include "HelperProtocol/GenerationRequest.h"
@@ -13,15 +16,26 @@
 
 namespace tessaloom {
 
+/// What a generation asks about the user and the engines, each afresh every time.
+struct GenerationLookups {
+  std::function<std::optional<CurrentUser>()> currentUser = lookUpCurrentUser;
+  std::function<std::expected<std::filesystem::path, GenerationErrorPayload>(
+      GenerationEngineID, const std::optional<CurrentUser>&)>
+      engine = resolveEngine;
+};
+
 /// The body of the three generation methods. Keeps no state of its own; the runner holds the
 /// registry. Safe from any thread; generate and engineStatus block for as long as the engine runs.
 class GenerationCoordinator {
  public:
   static constexpr std::size_t maximumConcurrent = 3;
 
-  /// `temporaryDirectory` is the system's per-user temporary directory.
-  GenerationCoordinator(CLIRunner& runner, std::filesystem::path temporaryDirectory);
+  /// `temporaryDirectory` is the per-user temporary directory. It is made when missing; one that is
+  /// not private to this user (mode 0700, no link) makes every generation fail to launch.
+  GenerationCoordinator(CLIRunner& runner, std::filesystem::path temporaryDirectory,
+                        GenerationLookups lookups = {});
 
+  /// Runs the engine in a directory of its own, which is gone when this returns.
   std::expected<GenerationResult, GenerationErrorPayload> generate(
       const GenerationRequest& request) const;
 
@@ -34,6 +48,7 @@ class GenerationCoordinator {
  private:
   CLIRunner& runner_;
   std::filesystem::path temporaryDirectory_;
+  GenerationLookups lookups_;
 };
 
 }  // namespace tessaloom

@@ -1,8 +1,8 @@
-#include "Command.h"
-
 #include <algorithm>
 #include <string>
 #include <vector>
+
+#include "Command.h"
 
 namespace tessaloom {
 namespace {
@@ -10,8 +10,10 @@ namespace {
 constexpr std::array generateOptions{engineOption, shapeOption, instructionsOption, timeoutOption,
                                      idOption};
 
+constexpr std::array killOptions{signalOption};
+
 constexpr std::array commands{
-    Command{"version", "", "the protocol version that the helper speaks", "", {}, 0, 0, runVersion},
+    Command{"version", "", "the protocol version it speaks", "", {}, 0, 0, runVersion},
     Command{"capabilities",
             "",
             "what the helper offers, and its version",
@@ -22,24 +24,45 @@ constexpr std::array commands{
             runCapabilities},
     Command{"freshness",
             "",
-            "whether the helper's executable was replaced",
-            "A helper whose executable was replaced leaves once no generation runs; the next call\n"
-            "starts the new one.\n",
+            "whether its executable was replaced",
+            "A helper whose executable was replaced leaves once no generation runs; the next\n"
+            "call starts the new one.\n",
             {},
             0,
             0,
             runFreshness},
+    Command{"ps",
+            "",
+            "your processes",
+            "Only processes of the current user are listed.\n",
+            {},
+            0,
+            0,
+            runPs},
+    Command{"ports",
+            "",
+            "the ports that your processes listen on",
+            "Listening TCP sockets and bound UDP sockets of the current user's processes.\n",
+            {},
+            0,
+            0,
+            runPorts},
+    Command{"kill", "PID [--signal SIGNAL]", "signal a process of yours",
+            "Lists the processes and signals the one, over one connection: the helper signals\n"
+            "only what it has just listed.\n",
+            killOptions, 1, 1, runKill},
     Command{"engine-status",
             "ENGINE",
-            "whether an engine is installed, and its version",
-            "ENGINE is claudeCode or codex.\n",
+            "whether an engine is installed",
+            "ENGINE is claudeCode or codex. An engine that is not found is an answer too: the\n"
+            "exit status is 0.\n",
             {},
             1,
             1,
             runEngineStatus},
     Command{"generate", "--engine ENGINE [PROMPT|-]", "generate text",
-            "The prompt is one argument, or standard input when it is - or missing. Interrupting\n"
-            "(Ctrl-C) cancels the generation; a second time leaves at once.\n",
+            "The prompt is one argument, or standard input when it is - or missing.\n"
+            "Interrupting (Ctrl-C) cancels the generation; a second time leaves at once.\n",
             generateOptions, 0, 1, runGenerate},
     Command{"cancel",
             "UUID",
@@ -52,25 +75,34 @@ constexpr std::array commands{
     Command{"call",
             "METHOD [BODY|-]",
             "one call, the bytes as they are",
-            "METHOD is one of these; the ones with BODY take a JSON body:\n"
+            "METHOD is one of these; some take a JSON body, with - from standard input:\n"
             "  ProtocolVersion, ListProcesses, ListListeningPorts, HelperCapabilities,\n"
             "  QuitIfOutdated, KillProcess BODY, GenerateText BODY, CancelGeneration BODY,\n"
-            "  GenerationEngineStatus BODY\n"
-            "With - the body is read from standard input.\n",
+            "  GenerationEngineStatus BODY\n",
             {},
             1,
             2,
             runCall},
     Command{"session",
             "",
-            "many calls over one connection, one a line",
-            "Each line of standard input, METHOD BODY, is sent as soon as it is read. Each reply\n"
-            "is a line: N ok BODY, or N error NAME MESSAGE, where N is the number of its call's\n"
-            "line. Ends at end of input once all replies are in.\n",
+            "many calls over one connection",
+            "Each line of standard input, METHOD BODY, is sent as soon as it is read. Each\n"
+            "reply is a line: N ok BODY, or N error NAME MESSAGE, where N is the number of its\n"
+            "call's line. Ends at end of input once all replies are in, with exit status 0\n"
+            "whatever they say, or 3 when a call did not reach the helper.\n",
             {},
             0,
             0,
             runSession},
+    Command{"doctor",
+            "",
+            "find out what is wrong",
+            "Checks the way to the helper and to the engines, step by step, and says what to\n"
+            "do. Exit status 1 when text cannot be generated.\n",
+            {},
+            0,
+            0,
+            runDoctor},
 };
 
 const Command* findCommand(std::string_view name) {

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "HelperCore/FileDescriptor.h"
+#include "HelperCore/Kernel.h"
+#include "linux/ProcessTable.h"
+#include "linux/SocketHolders.h"
+#include "linux/StartClock.h"
+
+namespace tessaloom::linux_kernel {
+
+/// Linux, through /proc, pidfds and sock_diag.
+class LinuxKernel final : public Kernel {
+ public:
+  /// `procPath`: where the process file system is mounted.
+  explicit LinuxKernel(const char* procPath = "/proc");
+
+  std::uint32_t userID() const override;
+  std::vector<ProcessRecord> fetchAllProcessRecords(std::uint32_t owner) override;
+  std::unique_ptr<HeldProcess> holdProcess(std::int32_t pid) override;
+  std::unique_ptr<SocketTable> openSocketTable() override;
+
+ private:
+  void closeKeptFiles();
+  std::vector<std::shared_ptr<const HeldSockets>> listHolders();
+
+  const FileDescriptor procDirectory_;
+  const StartClock clock_;
+  ProcessTable processes_{procDirectory_, clock_};
+  SocketHolders holders_{procDirectory_};
+};
+
+}  // namespace tessaloom::linux_kernel

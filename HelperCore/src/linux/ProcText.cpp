@@ -1,0 +1,85 @@
+#include "linux/ProcText.h"
+
+#include <charconv>
+#include <system_error>
+
+namespace tessaloom::linux_kernel {
+
+template <class Number>
+std::optional<Number> parseNumber(std::string_view text, int base) {
+  Number number{};
+  const char* end = text.data() + text.size();
+  auto [stop, error] = std::from_chars(text.data(), end, number, base);
+  if (error != std::errc{} || stop != end) return std::nullopt;
+  return number;
+}
+
+template std::optional<std::int32_t> parseNumber(std::string_view, int);
+template std::optional<std::uint16_t> parseNumber(std::string_view, int);
+template std::optional<std::uint32_t> parseNumber(std::string_view, int);
+template std::optional<std::uint64_t> parseNumber(std::string_view, int);
+
+std::string_view takeWord(std::string_view& text) {
+  std::size_t begin = text.find_first_not_of(" \n");
+  if (begin == std::string_view::npos) return text = {};
+  std::size_t end = text.find_first_of(" \n", begin);
+  std::string_view word = text.substr(begin, end - begin);
+  text = end == std::string_view::npos ? std::string_view{} : text.substr(end);
+  return word;
+}
+
+namespace {
+
+void skipWords(std::string_view& text, int count) {
+  for (int i = 0; i < count; ++i) takeWord(text);
+}
+
+}  // namespace
+
+std::optional<ProcessStat> parseProcessStat(std::string_view text) {
+  std::size_t open = text.find('(');
+  std::size_t close = text.rfind(')');
+  if (open == std::string_view::npos || close == std::string_view::npos || close < open) {
+    return std::nullopt;
+  }
+  // Fields are numbered as in proc_pid_stat(5); the third, the state, follows the name.
+  std::string_view rest = text.substr(close + 1);
+  skipWords(rest, 1);
+  auto parentPID = parseNumber<std::int32_t>(takeWord(rest));
+  skipWords(rest, 2);
+  // Shown as a signed number, though its bits are a device number.
+  auto terminal = parseNumber<std::int32_t>(takeWord(rest));
+  skipWords(rest, 14);
+  auto startTicks = parseNumber<std::uint64_t>(takeWord(rest));
+  if (!parentPID || !terminal || !startTicks) return std::nullopt;
+  return ProcessStat{.name = text.substr(open + 1, close - open - 1),
+                     .parentPID = *parentPID,
+                     .terminal = static_cast<std::uint32_t>(*terminal),
+                     .startTicks = *startTicks};
+}
+
+std::optional<std::uint64_t> parseResidentPages(std::string_view text) {
+  skipWords(text, 1);
+  return parseNumber<std::uint64_t>(takeWord(text));
+}
+
+std::optional<RunCounters> parseRunCounters(std::string_view text) {
+  auto running = parseNumber<std::uint64_t>(takeWord(text));
+  auto waiting = parseNumber<std::uint64_t>(takeWord(text));
+  auto slices = parseNumber<std::uint64_t>(takeWord(text));
+  if (!running || !waiting || !slices || *slices == 0) return std::nullopt;
+  return RunCounters{*running, *waiting, *slices};
+}
+
+std::optional<std::uint64_t> parseSocketLink(std::string_view link) {
+  constexpr std::string_view prefix = "socket:[";
+  if (!link.starts_with(prefix) || !link.ends_with(']')) return std::nullopt;
+  return parseNumber<std::uint64_t>(link.substr(prefix.size(), link.size() - prefix.size() - 1));
+}
+
+std::optional<std::int32_t> parseNumberName(std::string_view name) {
+  if (name.empty() || name.front() < '0' || name.front() > '9') return std::nullopt;
+  return parseNumber<std::int32_t>(name);
+}
+
+}  // namespace tessaloom::linux_kernel

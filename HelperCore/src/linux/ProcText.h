@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+/// Pure readers of the text files of /proc (proc(5), proc_pid_stat(5)); what does not have the
+/// form of the file gives nothing.
+namespace tessaloom::linux_kernel {
+
+/// The fields of /proc/PID/stat that the listings use.
+struct ProcessStat {
+  std::string_view name;  ///< Any bytes; points into the text that was parsed.
+  std::int32_t parentPID = 0;
+  std::uint32_t terminal = 0;    ///< tty_nr, 0 for none.
+  std::uint64_t startTicks = 0;  ///< Clock ticks after the boot.
+
+  friend bool operator==(const ProcessStat&, const ProcessStat&) = default;
+};
+
+/// The whole text of one read; the name may hold spaces, parentheses and newlines.
+std::optional<ProcessStat> parseProcessStat(std::string_view text);
+
+/// The resident pages of /proc/PID/statm.
+std::optional<std::uint64_t> parseResidentPages(std::string_view text);
+
+/// What /proc/PID/schedstat counts for the main thread of a process. Every one of them only grows.
+struct RunCounters {
+  std::uint64_t running = 0;  ///< Nanoseconds on a CPU; settled at each tick and switch.
+  std::uint64_t waiting = 0;  ///< Nanoseconds ready but without a CPU.
+  std::uint64_t slices = 0;   ///< How often it was given a CPU; counted before it runs.
+
+  friend bool operator==(const RunCounters&, const RunCounters&) = default;
+};
+
+/// Nothing, too, where the kernel does not count and shows zeros for every process.
+std::optional<RunCounters> parseRunCounters(std::string_view text);
+
+/// The inode of a descriptor's link text "socket:[123]".
+std::optional<std::uint64_t> parseSocketLink(std::string_view link);
+
+/// A directory entry that is a number, as processes and descriptors are.
+std::optional<std::int32_t> parseNumberName(std::string_view name);
+
+/// A word that is cut off the front of `text`, as far as the next run of spaces.
+std::string_view takeWord(std::string_view& text);
+
+/// The whole of `text` as a number.
+template <class Number>
+std::optional<Number> parseNumber(std::string_view text, int base = 10);
+
+}  // namespace tessaloom::linux_kernel

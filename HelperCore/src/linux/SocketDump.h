@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstdint>
+
+#include "HelperCore/FileDescriptor.h"
+#include "linux/SocketText.h"
+
+namespace tessaloom::linux_kernel {
+
+/// The sockets of the network namespace that the helper is in: by sock_diag(7), and table by table
+/// from /proc/net where that is not to be had (a kernel without it, a sandbox that forbids it).
+SocketsByInode dumpSockets(const FileDescriptor& procDirectory);
+
+/// Adds the sockets of the network namespace of a process, from its /proc/PID/net. False when none
+/// of it can be read, because the process is gone or may not be looked at.
+bool addSocketsOfProcess(const FileDescriptor& procDirectory, std::int32_t pid,
+                         SocketsByInode& sockets);
+
+}  // namespace tessaloom::linux_kernel

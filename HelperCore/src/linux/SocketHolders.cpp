@@ -1,0 +1,205 @@
+#include "linux/SocketHolders.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "linux/DescriptorBudget.h"
+#include "linux/Parallel.h"
+#include "linux/ProcFiles.h"
+
+namespace tessaloom::linux_kernel {
+
+namespace {
+
+std::optional<RunCounters> readCounters(const FileDescriptor& schedstat) {
+  std::array<char, 128> buffer;
+  return schedstat ? parseRunCounters(readStart(schedstat.get(), buffer)) : std::nullopt;
+}
+
+std::string readName(int procDirectory, std::int32_t pid) {
+  std::array<char, 256> buffer;
+  auto text = readStartAt(procDirectory, ProcPath{pid, "comm"}.c_str(), buffer);
+  if (text.ends_with('\n')) text.remove_suffix(1);
+  return std::string{text};
+}
+
+std::uint64_t readNetworkNamespace(int procDirectory, std::int32_t pid) {
+  struct stat status{};
+  bool known = fstatat(procDirectory, ProcPath{pid, "ns/net"}.c_str(), &status, 0) == 0;
+  return known ? status.st_ino : 0;
+}
+
+bool hasOneThread(int procDirectory, std::int32_t pid) {
+  struct stat status{};
+  // Beside its own two links, the folder counts one for each thread.
+  return fstatat(procDirectory, ProcPath{pid, "task"}.c_str(), &status, 0) == 0 &&
+         status.st_nlink == 3;
+}
+
+std::optional<std::uint64_t> readSocketLink(int directory, std::int32_t descriptor) {
+  std::array<char, 64> target;
+  ssize_t length =
+      readlinkat(directory, ProcPath{descriptor, ""}.c_str(), target.data(), target.size());
+  if (length <= 0) return std::nullopt;
+  return parseSocketLink({target.data(), static_cast<std::size_t>(length)});
+}
+
+}  // namespace
+
+/// One listing: the state that its parts on several threads share.
+class SocketHolders::Pass {
+ public:
+  Pass(int procDirectory, std::uint32_t owner, std::vector<KnownProcess>* known)
+      : procDirectory_(procDirectory),
+        owner_(owner),
+        startedAt_(std::chrono::steady_clock::now()),
+        known_(known),
+        budget_(known != nullptr ? known->size() : 0) {}
+
+  Listing run();
+
+ private:
+  struct Slot {
+    std::shared_ptr<const HeldSockets> held;
+    KnownProcess known;
+  };
+
+  void readPart(std::size_t begin, std::size_t end);
+  bool isUnchanged(KnownProcess& known) const;
+  void scan(std::int32_t pid, Slot& slot);
+  std::shared_ptr<const HeldSockets> readHeldSockets(std::int32_t pid);
+  FileDescriptor open(const char* path, int flags = 0);
+  bool isOwn(std::int32_t pid) const { return processOwner(procDirectory_, pid) == owner_; }
+  void remember();
+
+  const int procDirectory_;
+  const std::uint32_t owner_;
+  const SteadyTime startedAt_;
+  std::vector<KnownProcess>* const known_;
+  DescriptorBudget budget_;
+  std::atomic<bool> ranOut_ = false;
+  std::vector<std::int32_t> pids_;
+  std::vector<Slot> slots_;  ///< One for each pid.
+};
+
+SocketHolders::Listing SocketHolders::Pass::run() {
+  FileDescriptor directory = open(".", O_DIRECTORY);
+  auto pids = directory ? listNumbers(directory.get()) : std::nullopt;
+  if (!pids) return {.holders = {}, .ranOutOfDescriptors = ranOut_};
+  pids_ = *std::move(pids);
+  slots_.resize(pids_.size());
+  forEachPart(pids_.size(), [&](std::size_t begin, std::size_t end) { readPart(begin, end); });
+
+  Listing listing{.holders = {}, .ranOutOfDescriptors = ranOut_};
+  for (Slot& slot : slots_) {
+    if (slot.held) listing.holders.push_back(std::move(slot.held));
+  }
+  if (known_ != nullptr) remember();
+  return listing;
+}
+
+void SocketHolders::Pass::readPart(std::size_t begin, std::size_t end) {
+  std::vector<KnownProcess> none;
+  std::vector<KnownProcess>& known = known_ != nullptr ? *known_ : none;
+  auto next = std::ranges::lower_bound(known, pids_[begin], {}, &KnownProcess::pid);
+  for (std::size_t i = begin; i < end; ++i) {
+    std::int32_t pid = pids_[i];
+    Slot& slot = slots_[i];
+    while (next != known.end() && next->pid() < pid) ++next;
+    if (next != known.end() && next->pid() == pid) {
+      // The pid of the entry stays readable: only the descriptor leaves it.
+      slot.known = {std::move(next->schedstat), next->counters, next->scannedAt, next->held};
+    }
+    if (isUnchanged(slot.known)) {
+      slot.held = slot.known.held;
+    } else {
+      scan(pid, slot);
+    }
+  }
+}
+
+/// Clears an entry that cannot become true again.
+bool SocketHolders::Pass::isUnchanged(KnownProcess& known) const {
+  if (!known.held) return false;
+  auto counters = readCounters(known.schedstat);
+  if (counters != known.counters) {
+    known = {};
+    return false;
+  }
+  return startedAt_ - known.scannedAt >= settled;
+}
+
+void SocketHolders::Pass::scan(std::int32_t pid, Slot& slot) {
+  // Most processes of a machine are someone else's: asked first, because it is the cheapest.
+  if (!isOwn(pid)) return;
+  KnownProcess found;
+  found.schedstat = open(ProcPath{pid, "schedstat"}.c_str());
+  auto counters = readCounters(found.schedstat);
+  found.counters = counters.value_or(RunCounters{});
+  found.scannedAt = std::chrono::steady_clock::now();
+  bool oneThread = hasOneThread(procDirectory_, pid);
+  found.held = readHeldSockets(pid);
+  // The file was opened first and can still be read, or else the pid may have changed hands between
+  // the other calls. Without such a file the owner alone is looked at again.
+  bool sameProcess = !counters || readCounters(found.schedstat).has_value();
+  if (!sameProcess || !isOwn(pid)) return;
+
+  slot.held = found.held;
+  // Knowledge that a scan confirms keeps its age.
+  if (slot.known.held || !counters || !oneThread || known_ == nullptr) return;
+  if (budget_.take(1)) slot.known = std::move(found);
+}
+
+std::shared_ptr<const HeldSockets> SocketHolders::Pass::readHeldSockets(std::int32_t pid) {
+  auto held = std::make_shared<HeldSockets>(HeldSockets{.pid = pid});
+  FileDescriptor directory = open(ProcPath{pid, "fd"}.c_str(), O_DIRECTORY);
+  auto numbers = directory ? listNumbers(directory.get()) : std::nullopt;
+  if (!numbers) return held;
+  for (std::int32_t number : *numbers) {
+    auto inode = readSocketLink(directory.get(), number);
+    if (inode) held->descriptors.push_back({number, *inode});
+  }
+  if (held->descriptors.empty()) return held;
+  held->name = readName(procDirectory_, pid);
+  held->networkNamespace = readNetworkNamespace(procDirectory_, pid);
+  return held;
+}
+
+FileDescriptor SocketHolders::Pass::open(const char* path, int flags) {
+  FileDescriptor file = openAt(procDirectory_, path, flags);
+  if (!file && outOfDescriptors()) ranOut_ = true;
+  return file;
+}
+
+void SocketHolders::Pass::remember() {
+  known_->clear();
+  std::size_t sockets = 0;
+  for (Slot& slot : slots_) {
+    if (!slot.known.held) continue;
+    sockets += slot.known.held->descriptors.size();
+    if (sockets > mostSocketsKnown) break;
+    known_->push_back(std::move(slot.known));
+  }
+}
+
+SocketHolders::Listing SocketHolders::read(std::uint32_t owner, bool remember) {
+  if (!remember) return Pass{procDirectory_.get(), owner, nullptr}.run();
+  auto known = known_.tryTake();
+  return Pass{procDirectory_.get(), owner, known.get()}.run();
+}
+
+void SocketHolders::forget() {
+  auto known = known_.tryTake();
+  if (known != nullptr) known->clear();
+}
+
+}  // namespace tessaloom::linux_kernel

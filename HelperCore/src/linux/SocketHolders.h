@@ -1,0 +1,79 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "HelperCore/FileDescriptor.h"
+#include "linux/OneUser.h"
+#include "linux/ProcText.h"
+
+namespace tessaloom::linux_kernel {
+
+/// The sockets that one process holds, of whatever kind.
+struct HeldSockets {
+  struct Descriptor {
+    std::int32_t number;
+    std::uint64_t inode;
+  };
+
+  std::int32_t pid = 0;
+  std::vector<Descriptor> descriptors{};  ///< In the kernel's order.
+  std::string name{};                     ///< Empty when unknown, or without descriptors.
+  std::uint64_t networkNamespace = 0;     ///< An inode of nsfs; 0 likewise.
+};
+
+/// Finds out which processes of a user hold which sockets, from the links in /proc/PID/fd. That is
+/// the dear part of a port listing: a call of the kernel for each open file of each process.
+///
+/// What it found stays known, and is found again without looking, for a process that provably did
+/// nothing since: it had one thread then, and no counter of its scheduling has moved. A thread is
+/// counted before it runs and its time is settled when it stops or at a tick, so equal counters say
+/// that it either slept all the while or ran all the while without a tick; the latter is ruled out
+/// by letting no knowledge count that is younger than the longest time between two ticks.
+/// Descriptors, name and namespace of a process change by its own doing alone.
+///
+/// Safe from any thread; a listing that finds the knowledge in use does without it.
+class SocketHolders {
+ public:
+  /// The longest time that a CPU runs a process without a tick is a second (nohz_full).
+  static constexpr std::chrono::seconds settled{2};
+  /// Beyond this many sockets, processes are not remembered.
+  static constexpr std::size_t mostSocketsKnown = 100'000;
+
+  /// Outlives this object.
+  explicit SocketHolders(const FileDescriptor& procDirectory) : procDirectory_(procDirectory) {}
+
+  struct Listing {
+    /// All processes of the user, by pid; empty when /proc cannot be read.
+    std::vector<std::shared_ptr<const HeldSockets>> holders;
+    bool ranOutOfDescriptors = false;  ///< Some may be missing for that reason alone.
+  };
+
+  /// The processes whose effective user is `owner`. With `remember` false nothing is used of what
+  /// is known, and nothing is added.
+  Listing read(std::uint32_t owner, bool remember);
+
+  /// Forgets everything, unless a listing uses it at this moment.
+  void forget();
+
+ private:
+  using SteadyTime = std::chrono::steady_clock::time_point;
+
+  struct KnownProcess {
+    FileDescriptor schedstat;  ///< Names the process as long as it can be read.
+    RunCounters counters;      ///< Read before `held` was.
+    SteadyTime scannedAt;      ///< Between the two.
+    std::shared_ptr<const HeldSockets> held;
+
+    std::int32_t pid() const { return held->pid; }
+  };
+  class Pass;
+
+  const FileDescriptor& procDirectory_;
+  OneUser<std::vector<KnownProcess>> known_;  ///< By pid.
+};
+
+}  // namespace tessaloom::linux_kernel

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+#include <unordered_map>
+
+#include "HelperCore/Kernel.h"
+
+/// Pure readers of the two forms in which the kernel lists its internet sockets.
+namespace tessaloom::linux_kernel {
+
+/// The listening TCP and the bound UDP sockets, by the inode that a descriptor's link shows.
+using SocketsByInode = std::unordered_map<std::uint64_t, SocketInfo>;
+
+enum class InternetTransport : std::uint8_t { tcp, udp };
+
+/// Adds the sockets of /proc/net/tcp, tcp6, udp or udp6 (proc_net_tcp(5)); the width of a line's
+/// address tells its family. Of TCP only the listening ones. Lines of another form add nothing.
+void addSocketsOfText(std::string_view text, InternetTransport transport, SocketsByInode& sockets);
+
+/// How far a dump has come with one datagram of it.
+enum class DumpState : std::uint8_t {
+  more,         ///< Read on.
+  complete,     ///< The last datagram.
+  interrupted,  ///< The last one, but the kernel's table changed while it was walked.
+  refused,      ///< There is no such dump here.
+};
+
+/// Adds the sockets of one datagram of a dump (sock_diag(7), inet_diag_msg).
+DumpState addSocketsOfDump(std::span<const std::byte> datagram, InternetTransport transport,
+                           SocketsByInode& sockets);
+
+}  // namespace tessaloom::linux_kernel

@@ -1,0 +1,57 @@
+#include "linux/StartClock.h"
+
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <thread>
+
+namespace tessaloom::linux_kernel {
+
+namespace {
+
+using std::chrono::nanoseconds;
+
+constexpr nanoseconds second = std::chrono::seconds{1};
+
+nanoseconds read(clockid_t clock) {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return std::chrono::seconds{now.tv_sec} + nanoseconds{now.tv_nsec};
+}
+
+/// What a process's start time is counted from; it goes on while the machine sleeps.
+nanoseconds sinceBoot() {
+  return read(CLOCK_BOOTTIME);
+}
+
+std::int64_t systemTicksPerSecond() {
+  return std::max(1L, sysconf(_SC_CLK_TCK));
+}
+
+}  // namespace
+
+StartClock::StartClock() : StartClock(read(CLOCK_REALTIME) - sinceBoot(), systemTicksPerSecond()) {}
+
+StartClock::StartClock(nanoseconds bootTime, std::int64_t ticksPerSecond)
+    : ticksPerSecond_(ticksPerSecond), bootTick_(bootTime / (second / ticksPerSecond)) {}
+
+ProcessStartTime StartClock::startTime(std::uint64_t ticks) const {
+  std::int64_t tick = bootTick_ + static_cast<std::int64_t>(ticks);
+  std::int64_t microseconds = tick % ticksPerSecond_ * 1'000'000 / ticksPerSecond_;
+  return {.startSec = tick / ticksPerSecond_, .startUSec = static_cast<std::int32_t>(microseconds)};
+}
+
+std::uint64_t StartClock::currentTick() const {
+  return static_cast<std::uint64_t>(sinceBoot() / (second / ticksPerSecond_));
+}
+
+void StartClock::sleepPast(std::uint64_t tick) const {
+  nanoseconds tickLength = second / ticksPerSecond_;
+  nanoseconds remaining = static_cast<std::int64_t>(tick + 1) * tickLength - sinceBoot();
+  if (remaining > nanoseconds::zero()) {
+    std::this_thread::sleep_for(std::min(remaining, 2 * tickLength));
+  }
+}
+
+}  // namespace tessaloom::linux_kernel

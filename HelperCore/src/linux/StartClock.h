@@ -1,0 +1,36 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+#include "HelperCore/Kernel.h"
+
+namespace tessaloom::linux_kernel {
+
+/// Turns the kernel's start times, which are clock ticks after the boot, into points of the wall
+/// clock.
+///
+/// The wall clock at boot is worked out once, when this object is made, rounded down to a whole
+/// tick: taken again, it would differ by some microseconds, and by more after the clock was set.
+/// Safe from any thread.
+class StartClock {
+ public:
+  StartClock();
+
+  /// The same, with a boot at `bootTime` after the epoch.
+  StartClock(std::chrono::nanoseconds bootTime, std::int64_t ticksPerSecond);
+
+  ProcessStartTime startTime(std::uint64_t ticks) const;
+
+  /// The tick that runs now. A process that starts from now on has this tick or a later one.
+  std::uint64_t currentTick() const;
+
+  /// Sleeps until `tick` is over: at once when it is, for a tick and a bit at most.
+  void sleepPast(std::uint64_t tick) const;
+
+ private:
+  std::int64_t ticksPerSecond_;
+  std::int64_t bootTick_;  ///< The boot, in ticks after the epoch.
+};
+
+}  // namespace tessaloom::linux_kernel

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace tessaloom {
+
+/// One finding of `doctor`.
+struct Check {
+  enum class Outcome : std::uint8_t {
+    good,
+    notice,  ///< Worth knowing, but nothing stops because of it.
+    bad,
+  };
+
+  Outcome outcome;
+  std::string subject;      ///< As in "session bus".
+  std::string finding;      ///< In plain words; one line, safe for a terminal.
+  std::string remedy = {};  ///< What to do about it; may be empty.
+};
+
+/// The way to the helper on this platform: whether there is a bus (or its like), whether it knows
+/// the helper, and whether the running helper admits this program. Ends with the first bad finding.
+std::vector<Check> checkWayToHelper();
+
+/// Where the helper puts a generation's directory.
+std::filesystem::path temporaryDirectory();
+
+}  // namespace tessaloom

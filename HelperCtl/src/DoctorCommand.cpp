@@ -1,0 +1,234 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "Checks.h"
+#include "Client.h"
+#include "Command.h"
+#include "GenerationAdvice.h"
+#include "HelperCore/BinaryAllowlist.h"
+#include "HelperCore/CurrentUser.h"
+#include "HelperCore/SystemError.h"
+#include "HelperProtocol/EngineStatus.h"
+#include "HelperProtocol/HelperCapabilities.h"
+#include "HelperProtocol/HelperCoding.h"
+#include "Methods.h"
+
+namespace tessaloom {
+namespace {
+
+using console::safeLine;
+using enum Check::Outcome;
+
+Check failedCall(const std::string& subject, const CallError& error) {
+  return {bad, subject, safeLine(error.message.empty() ? error.name : error.message), error.advice};
+}
+
+Check unreadable(const std::string& subject) {
+  return {bad, subject, "the helper's reply could not be read",
+          "Install the helper and this program from the same version."};
+}
+
+template <class Record>
+std::optional<Record> decoded(const CallReply& reply) {
+  try {
+    return HelperCoding::makeDecoder().decode<Record>(*reply);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+/// Whether the helper starts, admits this program and answers. The first call may start it.
+Check checkAnswer(Transport& transport) {
+  const auto start = std::chrono::steady_clock::now();
+  const CallReply reply = callAndWait(transport, methods::protocolVersion);
+  if (!reply) return failedCall("answer", reply.error());
+  const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::steady_clock::now() - start);
+  return {good, "answer",
+          "it admits this program; first reply after " + std::to_string(elapsed.count()) + " ms"};
+}
+
+Check checkVersion(Transport& transport) {
+  const CallReply reply = callAndWait(transport, methods::helperCapabilities);
+  if (!reply) return failedCall("version", reply.error());
+  const auto capabilities = decoded<HelperCapabilities>(reply);
+  if (!capabilities) return unreadable("version");
+  const std::string version = safeLine(capabilities->helperVersion);
+  if (version == TESSALOOM_VERSION) return {good, "version", version};
+  return {notice, "version", "the helper is " + version + ", this program " TESSALOOM_VERSION,
+          "After an upgrade let the old helper go: tessaloom-helperctl freshness"};
+}
+
+Check checkUser(const std::optional<CurrentUser>& user) {
+  if (!user) {
+    return {bad, "user", "the user database does not know user " + std::to_string(getuid()),
+            "See: getent passwd " + std::to_string(getuid())};
+  }
+  return {good, "user",
+          safeLine(user->loginName) + ", home " + safeLine(user->homeDirectory.string())};
+}
+
+/// Whether a directory that only this user can enter can be made there, as every generation does.
+Check checkTemporaryDirectory() {
+  const std::string place = temporaryDirectory().string();
+  std::string probe = place + "/tessaloom-doctor-XXXXXX";
+  if (mkdtemp(probe.data()) == nullptr) {
+    return {bad, "temporary files", place + ": " + systemErrorText(errno),
+            "See its permissions and free space: ls -ld " + place + "; df " + place};
+  }
+  rmdir(probe.c_str());
+  return {good, "temporary files", place + " can be written"};
+}
+
+/// What stands in the search locations under the engine's name and was refused, file by file.
+std::string refusedCandidates(std::string_view name, const CurrentUser& user) {
+  std::string refused;
+  for (const auto& location : BinaryAllowlist::searchLocations(user.homeDirectory)) {
+    const auto candidate =
+        BinaryAllowlist::resolve(name, {location}, getuid(), BinaryAllowlist::readFacts);
+    if (candidate || std::holds_alternative<Rejection::NotFound>(candidate.error())) continue;
+    const std::string path = (location / name).string();
+    refused += refused.empty() ? "" : "; ";
+    if (std::holds_alternative<Rejection::WrongOwner>(candidate.error())) {
+      refused += "make it your own: sudo chown " + user.loginName + " $(readlink -f " + path + ")";
+    } else if (std::holds_alternative<Rejection::WritableByGroupOrOther>(candidate.error())) {
+      refused += "take the right to write from others: chmod go-w $(readlink -f " + path + ")";
+    } else {
+      refused += "make it an executable file, or remove it: " + path;
+    }
+  }
+  return refused;
+}
+
+std::string howToInstall(GenerationEngineID engine) {
+  return std::string("To use it: npm install -g ") +
+         (engine == GenerationEngineID::codex ? "@openai/codex" : "@anthropic-ai/claude-code") +
+         ", or put it into ~/.local/bin.";
+}
+
+Check checkEngine(Transport* transport, GenerationEngineID engine,
+                  const std::optional<CurrentUser>& user) {
+  const std::string subject(wireValue(engine));
+  const auto executable = resolveEngine(engine, user);
+  if (!executable) {
+    const std::string why = safeLine(executable.error().detail.value_or("not usable"));
+    std::string remedy = user ? refusedCandidates(executableName(engine), *user) : std::string();
+    if (remedy.empty()) remedy = howToInstall(engine);
+    return {notice, subject, why, safeLine(remedy)};
+  }
+  Check check{good, subject, safeLine(executable->string())};
+  if (transport == nullptr) return check;
+  const Bytes body = HelperCoding::makeEncoder().encode(EngineStatusRequest{engine});
+  const CallReply reply = callAndWait(*transport, methods::generationEngineStatus, body);
+  if (!reply) return failedCall(subject, reply.error());
+  const auto status = decoded<EngineStatus>(reply);
+  if (!status) return unreadable(subject);
+  if (!status->binaryFound) {
+    return {notice, subject, check.finding + " is here, but the helper does not find it",
+            "The helper may run with another home directory or in another container."};
+  }
+  if (status->version && !status->version->empty()) {
+    check.finding += ", version " + safeLine(*status->version);
+  } else {
+    check.outcome = notice;
+    check.finding += " does not tell its version within 10 seconds";
+    check.remedy =
+        "See how it answers by itself: " + check.finding.substr(0, check.finding.find(' ')) +
+        " --version";
+  }
+  return check;
+}
+
+std::vector<Check> checkEngines(Transport* transport, const std::optional<CurrentUser>& user) {
+  std::vector<Check> checks;
+  bool isAnyUsable = false;
+  for (const GenerationEngineID engine : allGenerationEngineIDs) {
+    checks.push_back(checkEngine(transport, engine, user));
+    isAnyUsable |= resolveEngine(engine, user).has_value();
+  }
+  if (!isAnyUsable) {
+    for (Check& check : checks) check.outcome = bad;
+  }
+  return checks;
+}
+
+std::vector<Check> allChecks() {
+  std::vector<Check> checks = checkWayToHelper();
+  const bool wayIsOpen =
+      std::ranges::none_of(checks, [](const Check& c) { return c.outcome == bad; });
+  auto transport = openTransport();
+  bool answers = false;
+  if (wayIsOpen && transport) {
+    checks.push_back(checkAnswer(**transport));
+    answers = checks.back().outcome == good;
+    if (answers) checks.push_back(checkVersion(**transport));
+  }
+  const auto user = lookUpCurrentUser();
+  checks.push_back(checkUser(user));
+  checks.push_back(checkTemporaryDirectory());
+  const auto engines = checkEngines(answers ? transport->get() : nullptr, user);
+  checks.insert(checks.end(), engines.begin(), engines.end());
+  return checks;
+}
+
+std::string_view word(Check::Outcome outcome) {
+  switch (outcome) {
+    case good:
+      return "ok";
+    case notice:
+      return "note";
+    case bad:
+      return "bad";
+  }
+  return "";
+}
+
+void show(const Check& check) {
+  const auto style = check.outcome == good     ? console::Style::good
+                     : check.outcome == notice ? console::Style::bold
+                                               : console::Style::bad;
+  std::string mark(word(check.outcome));
+  mark.resize(6, ' ');
+  std::string subject = check.subject;
+  subject.resize(std::max<std::size_t>(17, subject.size() + 1), ' ');
+  console::print(console::styledForOutput(style, mark) + subject + check.finding + "\n");
+  if (!check.remedy.empty()) console::print(std::string(23, ' ') + check.remedy + "\n");
+}
+
+nlohmann::ordered_json asJSON(const std::vector<Check>& checks) {
+  nlohmann::ordered_json list = nlohmann::ordered_json::array();
+  for (const Check& check : checks) {
+    nlohmann::ordered_json object{
+        {"outcome", word(check.outcome)}, {"subject", check.subject}, {"finding", check.finding}};
+    if (!check.remedy.empty()) object["remedy"] = check.remedy;
+    list.push_back(object);
+  }
+  return list;
+}
+
+}  // namespace
+
+CommandResult runDoctor(const Arguments& arguments) {
+  const std::vector<Check> checks = allChecks();
+  const bool isSound =
+      std::ranges::none_of(checks, [](const Check& c) { return c.outcome == bad; });
+  if (arguments.has(jsonOption.name)) {
+    console::printBody(
+        asJSON(checks).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+  } else {
+    for (const Check& check : checks) show(check);
+    console::print(isSound ? "\nText can be generated.\n"
+                           : "\nText cannot be generated until what is marked bad is put right.\n");
+  }
+  return isSound ? ExitStatus::done : ExitStatus::refused;
+}
+
+}  // namespace tessaloom

@@ -1,0 +1,23 @@
+# The executable on macOS: the XPC front end around the portable parts.
+add_executable(
+  tessaloom-helper
+  src/macos/DispatchTasks.mm
+  src/macos/HelperProcess.mm
+  src/macos/HelperService.mm
+  src/macos/InfoPropertyList.cpp
+  src/macos/LaunchAgent.mm
+  src/macos/ListenerDelegate.mm
+  src/macos/StandardError.cpp
+  src/macos/TemporaryDirectory.cpp
+  src/macos/main.mm)
+set_target_properties(tessaloom-helper PROPERTIES OUTPUT_NAME TessaloomHelper)
+target_include_directories(tessaloom-helper PRIVATE src/macos)
+target_link_libraries(tessaloom-helper PRIVATE tessaloom_settings TessaloomHelperParts
+                                               "-framework ServiceManagement")
+
+set(info_plist "${CMAKE_CURRENT_BINARY_DIR}/Info.plist")
+configure_file("${PROJECT_SOURCE_DIR}/packaging/macos/Info.plist.in" "${info_plist}" @ONLY)
+set_source_files_properties(
+  src/macos/InfoPropertyList.cpp
+  PROPERTIES COMPILE_DEFINITIONS "TESSALOOM_INFO_PLIST=\"${info_plist}\"" OBJECT_DEPENDS
+                                                                         "${info_plist}")

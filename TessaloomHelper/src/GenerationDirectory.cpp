@@ -1,0 +1,189 @@
+#include "GenerationDirectory.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace tessaloom {
+
+namespace {
+
+constexpr mode_t ownerOnly = S_IRWXU;
+constexpr int openDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+/// 0, also when something stands at the path already, or the error.
+int makeDirectories(const std::filesystem::path& path) {
+  int made = ::mkdir(path.c_str(), ownerOnly);
+  if (made != 0 && errno == ENOENT && path.has_parent_path()) {
+    if (const int error = makeDirectories(path.parent_path()); error != 0) return error;
+    made = ::mkdir(path.c_str(), ownerOnly);
+  }
+  if (made != 0) return errno == EEXIST ? 0 : errno;
+  // The umask took its part, and a parent's group bit may have come along.
+  return ::chmod(path.c_str(), ownerOnly) == 0 ? 0 : errno;
+}
+
+bool isPrivate(const FileDescriptor& directory) {
+  struct stat facts{};
+  return ::fstat(directory.get(), &facts) == 0 && facts.st_uid == ::geteuid() &&
+         (facts.st_mode & ~static_cast<mode_t>(S_IFMT)) == ownerOnly;
+}
+
+struct CloseDirectory {
+  void operator()(DIR* directory) const { ::closedir(directory); }
+};
+
+/// The entries of an open directory, read again from the start at each `rewind`.
+class DirectoryReader {
+ public:
+  explicit DirectoryReader(FileDescriptor directory) : stream_(::fdopendir(directory.get())) {
+    if (stream_) directory.release();
+  }
+
+  explicit operator bool() const { return stream_ != nullptr; }
+  int descriptor() const { return ::dirfd(stream_.get()); }
+  void rewind() { ::rewinddir(stream_.get()); }
+
+  /// The next name, valid until the next call; null at the end.
+  const char* next() {
+    while (const dirent* entry = ::readdir(stream_.get())) {
+      const std::string_view name(entry->d_name);
+      if (name != "." && name != "..") return entry->d_name;
+    }
+    return nullptr;
+  }
+
+ private:
+  std::unique_ptr<DIR, CloseDirectory> stream_;
+};
+
+/// Empties a directory tree by moving every nested directory up to its root, so that neither stack
+/// nor descriptors grow with the depth that an engine made.
+class TreeRemoval {
+ public:
+  explicit TreeRemoval(FileDescriptor root) : root_(std::move(root)) {}
+
+  void run() {
+    if (!root_) return;
+    // Someone may still be writing here, so this ends some time even while it gets on.
+    for (int passes = 0; passes < maximumPasses && removeEntries(); ++passes) root_.rewind();
+  }
+
+ private:
+  static constexpr int maximumPasses = 100'000;
+
+  /// Whether anything was removed or moved.
+  bool removeEntries() {
+    bool progress = false;
+    while (const char* name = root_.next()) {
+      progress |= removeFromRoot(name);
+    }
+    return progress;
+  }
+
+  bool removeFromRoot(const char* name) {
+    if (removeSimple(root_.descriptor(), name)) return true;
+    const bool progress = emptyIntoRoot(name);
+    return ::unlinkat(root_.descriptor(), name, AT_REMOVEDIR) == 0 || progress;
+  }
+
+  bool emptyIntoRoot(const char* name) {
+    makeAccessible(root_.descriptor(), name);
+    DirectoryReader nested(FileDescriptor(::openat(root_.descriptor(), name, openDirectoryFlags)));
+    bool progress = false;
+    while (const char* child = nested ? nested.next() : nullptr) {
+      progress |=
+          removeSimple(nested.descriptor(), child) || moveToRoot(nested.descriptor(), child);
+    }
+    return progress;
+  }
+
+  /// Anything but a directory that holds something.
+  static bool removeSimple(int parent, const char* name) {
+    return ::unlinkat(parent, name, 0) == 0 || ::unlinkat(parent, name, AT_REMOVEDIR) == 0;
+  }
+
+  bool moveToRoot(int parent, const char* name) {
+    makeAccessible(parent, name);  // Its entry for the parent changes with the move.
+    do {
+      const std::string moved = ".removed-" + std::to_string(moves_++);
+      if (::renameat(parent, name, root_.descriptor(), moved.c_str()) == 0) return true;
+    } while (errno == EEXIST || errno == ENOTEMPTY || errno == ENOTDIR);
+    return false;
+  }
+
+  static void makeAccessible(int parent, const char* name) {
+    ::fchmodat(parent, name, ownerOnly, AT_SYMLINK_NOFOLLOW);
+  }
+
+  DirectoryReader root_;
+  unsigned long moves_ = 0;
+};
+
+/// Removes whatever stands at the path.
+void removeAnything(const std::filesystem::path& path) {
+  if (::unlink(path.c_str()) == 0) return;
+  ::fchmodat(AT_FDCWD, path.c_str(), ownerOnly, AT_SYMLINK_NOFOLLOW);
+  TreeRemoval(FileDescriptor(::open(path.c_str(), openDirectoryFlags))).run();
+  ::rmdir(path.c_str());
+}
+
+bool writeAll(const FileDescriptor& file, std::string_view text) {
+  while (!text.empty()) {
+    const auto count = ::write(file.get(), text.data(), text.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return false;
+    text.remove_prefix(static_cast<std::size_t>(count));
+  }
+  return true;
+}
+
+}  // namespace
+
+std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::path& directory) {
+  if (const int error = makeDirectories(directory); error != 0) return std::unexpected(error);
+  FileDescriptor opened(::open(directory.c_str(), openDirectoryFlags));
+  if (!opened) return std::unexpected(errno);
+  if (!isPrivate(opened)) return std::unexpected(EACCES);
+  return opened;
+}
+
+std::expected<GenerationDirectory, int> GenerationDirectory::create(
+    const std::filesystem::path& temporaryDirectory, const UUID& requestID) {
+  const auto parent = openPrivateDirectory(temporaryDirectory);
+  if (!parent) return std::unexpected(parent.error());
+  auto path = temporaryDirectory / ("tessaloom-generation-" + requestID.string());
+  auto directory = openPrivateDirectory(path);
+  if (!directory) {
+    removeAnything(path);
+    return std::unexpected(directory.error());
+  }
+  return GenerationDirectory(std::move(path), std::move(*directory));
+}
+
+GenerationDirectory::~GenerationDirectory() {
+  if (!directory_) return;  // Moved from.
+  ::fchmod(directory_.get(), ownerOnly);
+  TreeRemoval(std::move(directory_)).run();
+  ::rmdir(path_.c_str());
+}
+
+std::optional<std::filesystem::path> GenerationDirectory::write(const std::string& name,
+                                                                std::string_view text) const {
+  constexpr mode_t ownerReadWrite = S_IRUSR | S_IWUSR;
+  const FileDescriptor file(::openat(directory_.get(), name.c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+                                     ownerReadWrite));
+  if (!file || ::fchmod(file.get(), ownerReadWrite) != 0 || !writeAll(file, text)) {
+    return std::nullopt;
+  }
+  return path_ / name;
+}
+
+}  // namespace tessaloom

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <expected>
+#include <filesystem>
+#include <optional>
+#include <string_view>
+
+#include "HelperCore/FileDescriptor.h"
+#include "HelperProtocol/UUID.h"
+
+namespace tessaloom {
+
+/// Makes sure that `directory` is a real directory of this user with mode 0700, making it and what
+/// is missing above it. Modes do not depend on the umask. Returns it open, or the error: whatever
+/// else stands there already is refused and left as it is. Safe from any thread.
+std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::path& directory);
+
+/// The directory of one generation, "tessaloom-generation-" and the request id, which goes with
+/// this object: with all that the engine left in it, directories without permissions too, and
+/// without following any link. What cannot be removed stays.
+class GenerationDirectory {
+ public:
+  /// Makes the directory in `temporaryDirectory`. Both must be, or become, private to this user; an
+  /// existing private one is taken over. On an errno value nothing stays under the directory's
+  /// name.
+  static std::expected<GenerationDirectory, int> create(
+      const std::filesystem::path& temporaryDirectory, const UUID& requestID);
+
+  GenerationDirectory(GenerationDirectory&&) = default;
+  GenerationDirectory& operator=(GenerationDirectory&&) = delete;
+  ~GenerationDirectory();
+
+  const std::filesystem::path& path() const { return path_; }
+
+  /// Writes a file and returns its path; nothing when not all of the text could be written.
+  std::optional<std::filesystem::path> write(const std::string& name, std::string_view text) const;
+
+ private:
+  GenerationDirectory(std::filesystem::path path, FileDescriptor directory)
+      : path_(std::move(path)), directory_(std::move(directory)) {}
+
+  std::filesystem::path path_;
+  FileDescriptor directory_;  ///< Kept open so that removal does not depend on getting one.
+};
+
+}  // namespace tessaloom

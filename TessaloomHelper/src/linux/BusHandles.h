@@ -1,0 +1,43 @@
+#pragma once
+
+#include <memory>
+
+#include <systemd/sd-bus.h>
+
+namespace tessaloom {
+
+/// Calls one of sd-bus's release functions on what it owns.
+template <auto Release>
+struct BusRelease {
+  template <class Object>
+  void operator()(Object* object) const {
+    Release(object);
+  }
+};
+
+// The owning types of sd-bus's objects. Neither the objects nor their reference counts are safe to
+// touch from two threads: all of them stay on the thread that owns the connection.
+using BusHandle = std::unique_ptr<sd_bus, BusRelease<sd_bus_flush_close_unref>>;
+using BusMessage = std::unique_ptr<sd_bus_message, BusRelease<sd_bus_message_unref>>;
+using BusSlot = std::unique_ptr<sd_bus_slot, BusRelease<sd_bus_slot_unref>>;
+
+/// The D-Bus error of a failed call, freed with it.
+class BusError {
+ public:
+  BusError() = default;
+  ~BusError() { sd_bus_error_free(&error_); }
+  BusError(const BusError&) = delete;
+  BusError& operator=(const BusError&) = delete;
+
+  sd_bus_error* get() { return &error_; }
+  const char* message() const { return error_.message; }
+
+ private:
+  sd_bus_error error_ = SD_BUS_ERROR_NULL;
+};
+
+inline BusMessage retain(sd_bus_message* message) {
+  return BusMessage(sd_bus_message_ref(message));
+}
+
+}  // namespace tessaloom

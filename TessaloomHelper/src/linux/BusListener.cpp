@@ -1,0 +1,320 @@
+#include "linux/BusListener.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+#include <systemd/sd-daemon.h>
+
+#include "HelperCore/SystemError.h"
+#include "HelperProtocol/HelperConstants.h"
+#include "linux/BusCallback.h"
+#include "linux/BusMethods.h"
+#include "linux/HelperLine.h"
+
+namespace tessaloom {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds stopTick{100};
+// A caller that keeps calling by the unique name could hold a leaving helper for ever.
+constexpr int maximumRoundTrips = 20;
+
+const std::string serviceName(HelperConstants::machServiceName);
+
+std::vector<sd_bus_vtable> methodTable(sd_bus_message_handler_t handler) {
+  std::vector<sd_bus_vtable> table;
+  table.push_back(SD_BUS_VTABLE_START(0));
+  for (const BusMethod& method : busMethods()) {
+    const char* request = method.hasRequest ? "ay" : "";
+    const char* names = method.hasRequest ? "request\0reply\0" : "reply\0";
+    sd_bus_vtable row =
+        SD_BUS_METHOD(method.name, request, method.result, handler, SD_BUS_VTABLE_UNPRIVILEGED);
+    row.x.method.names = names;
+    table.push_back(row);
+  }
+  table.push_back(SD_BUS_VTABLE_END);
+  return table;
+}
+
+const BusMethod* methodOf(sd_bus_message* call) {
+  const std::string_view name = sd_bus_message_get_member(call);
+  const auto found = std::ranges::find(busMethods(), name, &BusMethod::name);
+  return found == busMethods().end() ? nullptr : &*found;
+}
+
+// A view of the request's bytes, which the message owns.
+std::expected<std::string_view, int> requestOf(sd_bus_message* call, const BusMethod& method) {
+  if (!method.hasRequest) return std::string_view();
+  const void* bytes = nullptr;
+  std::size_t size = 0;
+  const int result = sd_bus_message_read_array(call, 'y', &bytes, &size);
+  if (result < 0) return std::unexpected(result);
+  return std::string_view(static_cast<const char*>(bytes), size);
+}
+
+timespec timespecOf(std::chrono::nanoseconds duration) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
+  return {.tv_sec = seconds.count(), .tv_nsec = (duration - seconds).count()};
+}
+
+}  // namespace
+
+class BusListener::AcceptedCall final : public BusCall {
+ public:
+  AcceptedCall(BusListener& listener, BusMessage call, std::string callSender, CallWeight load)
+      : BusCall(std::move(call), std::move(callSender), load), listener_(listener) {}
+
+  void open() override { listener_.finish(*this); }
+
+  std::list<AcceptedCall>::iterator position = {};
+
+ private:
+  BusListener& listener_;
+};
+
+class BusListener::LeaveLetter final : public BusMailbox::Letter {
+ public:
+  explicit LeaveLetter(BusListener& listener) : listener_(listener) {}
+  void open() override { listener_.beginLeaving(); }
+
+ private:
+  BusListener& listener_;
+};
+
+BusListener::BusListener(Environment environment)
+    : environment_(std::move(environment)),
+      callers_(environment_.bus, mailbox_, environment_.tasks, environment_.queueTasks,
+               environment_.context, environment_.requirement),
+      table_(methodTable(onMethod)),
+      leaveLetter_(std::make_unique<LeaveLetter>(*this)) {}
+
+BusListener::~BusListener() = default;
+
+std::expected<void, std::string> BusListener::start() {
+  sd_bus* bus = environment_.bus;
+  const auto failure = [](int result) { return std::unexpected(systemErrorText(-result)); };
+  // Filters see a call before the library answers what it knows by itself (introspection, pings):
+  // nobody who is not admitted gets past.
+  int result = sd_bus_add_filter(bus, nullptr, onCall, this);
+  if (result < 0) return failure(result);
+  result = sd_bus_add_object_vtable(bus, nullptr, objectPath, interfaceName, table_.data(), this);
+  if (result < 0) return failure(result);
+  result = sd_bus_request_name(bus, serviceName.c_str(), 0);
+  if (result == -EEXIST) return std::unexpected("another process has it");
+  if (result < 0) return failure(result);
+  sd_notify(0, "READY=1");
+  return {};
+}
+
+int BusListener::run() {
+  for (;;) {
+    mailbox_.openAll();
+    const int processed = sd_bus_process(environment_.bus, nullptr);
+    if (processed > 0) continue;
+    if (processed < 0 && processed != -ENOMEM) return endAfterLoss();
+    if (const auto status = advance()) return *status;
+    wait();
+  }
+}
+
+void BusListener::leave() noexcept {
+  if (!isLeaveRequested_.exchange(true)) mailbox_.post(*leaveLetter_);
+}
+
+// A call of an admitted caller, of a method with the right signature.
+int BusListener::accept(sd_bus_message* message) {
+  BusCaller* caller = callers_.find(sd_bus_message_get_sender(message));
+  const BusMethod* method = methodOf(message);
+  if (caller == nullptr || !caller->connection || method == nullptr) return -EINVAL;
+  if (phase_ == Phase::stopping) {
+    return sd_bus_reply_method_errorf(message, SD_BUS_ERROR_FAILED, "The helper is stopping.");
+  }
+  const auto request = requestOf(message, *method);
+  if (!request) return request.error();
+  const CallWeight weight{.kind = method->kind, .bytes = request->size()};
+  if (!caller->waiting.fits(weight)) {
+    return sd_bus_reply_method_errorf(message, SD_BUS_ERROR_LIMITS_EXCEEDED,
+                                      "Too many calls are waiting.");
+  }
+
+  const auto reply = std::make_shared<CallTicket>(mailbox_);
+  std::function<void()> job = [connection = caller->connection, method, body = Bytes(*request),
+                               reply]() mutable {
+    if (connection->isGone) return;
+    try {
+      method->call(connection->service, std::move(body), reply);
+    } catch (const std::exception&) {
+      // No memory to begin with: the ticket comes back without an answer.
+    }
+  };
+  calls_.emplace_back(*this, retain(message), caller->name, weight);
+  calls_.back().position = std::prev(calls_.end());
+  caller->waiting.add(weight);
+  reply->bind(calls_.back());
+  try {
+    caller->connection->queue.submit(std::move(job));
+  } catch (const std::exception&) {
+    // The same for a thread that cannot be had.
+  }
+  return 1;
+}
+
+void BusListener::finish(AcceptedCall& call) {
+  // The answer for a caller that has gone is dropped.
+  if (BusCaller* caller = callers_.find(call.sender)) {
+    caller->waiting.remove(call.weight);
+    sendReply(call.message.get(), call.outcome);
+  }
+  calls_.erase(call.position);
+}
+
+void BusListener::beginLeaving() {
+  if (phase_ != Phase::serving) return;
+  phase_ = Phase::leaving;
+  releaseName();
+}
+
+void BusListener::beginStopping() {
+  if (phase_ == Phase::stopping) return;
+  stopDeadline_ = Clock::now() + stopLimit;
+  if (std::exchange(phase_, Phase::stopping) == Phase::serving) releaseName();
+}
+
+// The service manager hears of it first: a start of the unit that the bus then asks for waits for
+// this process's end, where it would be taken as done already while the unit counts as running.
+void BusListener::releaseName() {
+  sd_notify(0, "STOPPING=1");
+  const int result =
+      sd_bus_release_name_async(environment_.bus, nullptr, serviceName.c_str(), onReleased, this);
+  isReleased_ = result < 0;
+}
+
+void BusListener::startRoundTrip() {
+  ++roundTrips_;
+  arrivalsWhenAsked_ = arrivals_;
+  const int result = sd_bus_call_method_async(environment_.bus, nullptr, "org.freedesktop.DBus",
+                                              "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                              "GetId", onRoundTrip, this, nullptr);
+  isAsking_ = result >= 0;
+  if (!isAsking_) arrivalsConfirmed_ = arrivals_;
+}
+
+// The library wants to write for as long as something is queued.
+bool BusListener::isSettled() const {
+  return isReleased_ && calls_.empty() && !callers_.hasHeldCalls() &&
+         (sd_bus_get_events(environment_.bus) & POLLOUT) == 0;
+}
+
+std::optional<int> BusListener::advance() {
+  switch (phase_) {
+    case Phase::serving:
+      return std::nullopt;
+    case Phase::leaving:
+      return advanceLeaving();
+    case Phase::stopping:
+      return advanceStopping();
+  }
+  return std::nullopt;
+}
+
+std::optional<int> BusListener::advanceLeaving() {
+  if (!isSettled() || isAsking_) return std::nullopt;
+  if (arrivalsConfirmed_ != arrivals_ && roundTrips_ < maximumRoundTrips) {
+    startRoundTrip();
+    return std::nullopt;
+  }
+  constexpr std::string_view line = ExitWhenIdle::exitLine;
+  [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
+  return 0;
+}
+
+std::optional<int> BusListener::advanceStopping() {
+  if (isSettled() || Clock::now() >= stopDeadline_) return 0;
+  environment_.endEngines();
+  return std::nullopt;
+}
+
+int BusListener::endAfterLoss() {
+  writeHelperLine("the session bus was lost");
+  const auto deadline = Clock::now() + stopLimit;
+  while (!calls_.empty() && Clock::now() < deadline) {
+    environment_.endEngines();
+    waitForMail();
+    mailbox_.openAll();
+  }
+  return 1;
+}
+
+void BusListener::wait() {
+  std::uint64_t wakeAt = UINT64_MAX;  // Microseconds of the monotonic clock.
+  sd_bus_get_timeout(environment_.bus, &wakeAt);
+  const auto now =
+      std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch());
+  auto limit = std::chrono::microseconds::max();
+  if (wakeAt != UINT64_MAX) {
+    const std::chrono::microseconds wake(static_cast<std::int64_t>(wakeAt));
+    limit = std::max(wake - now, std::chrono::microseconds(0));
+  }
+  if (phase_ == Phase::stopping) limit = std::min<std::chrono::microseconds>(limit, stopTick);
+
+  const int events = std::max(sd_bus_get_events(environment_.bus), 0);
+  std::array<pollfd, 3> watched{
+      pollfd{.fd = sd_bus_get_fd(environment_.bus),
+             .events = static_cast<short>(events),
+             .revents = 0},
+      pollfd{.fd = mailbox_.descriptor(), .events = POLLIN, .revents = 0},
+      pollfd{.fd = environment_.signals.get(), .events = POLLIN, .revents = 0}};
+  const timespec timeout = timespecOf(limit);
+  const bool isBounded = limit != std::chrono::microseconds::max();
+  if (::ppoll(watched.data(), watched.size(), isBounded ? &timeout : nullptr, nullptr) <= 0) return;
+  if (watched[2].revents != 0) readSignals();
+}
+
+void BusListener::waitForMail() {
+  pollfd mail{.fd = mailbox_.descriptor(), .events = POLLIN, .revents = 0};
+  ::poll(&mail, 1, static_cast<int>(stopTick.count()));
+}
+
+void BusListener::readSignals() {
+  signalfd_siginfo signal{};
+  while (::read(environment_.signals.get(), &signal, sizeof signal) == sizeof signal) {
+    beginStopping();
+  }
+}
+
+int BusListener::onCall(sd_bus_message* call, void* userdata, sd_bus_error*) {
+  std::uint8_t type = 0;
+  if (sd_bus_message_get_type(call, &type) < 0 || type != SD_BUS_MESSAGE_METHOD_CALL) return 0;
+  return withoutExceptions([&] {
+    auto& listener = *static_cast<BusListener*>(userdata);
+    ++listener.arrivals_;
+    return listener.callers_.vet(call);
+  });
+}
+
+int BusListener::onMethod(sd_bus_message* call, void* userdata, sd_bus_error*) {
+  return withoutExceptions([&] { return static_cast<BusListener*>(userdata)->accept(call); });
+}
+
+int BusListener::onReleased(sd_bus_message*, void* userdata, sd_bus_error*) {
+  static_cast<BusListener*>(userdata)->isReleased_ = true;
+  return 0;
+}
+
+int BusListener::onRoundTrip(sd_bus_message*, void* userdata, sd_bus_error*) {
+  auto& listener = *static_cast<BusListener*>(userdata);
+  listener.isAsking_ = false;
+  listener.arrivalsConfirmed_ = listener.arrivalsWhenAsked_;
+  return 0;
+}
+
+}  // namespace tessaloom

@@ -1,0 +1,116 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <expected>
+#include <functional>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <systemd/sd-bus-vtable.h>
+
+#include "HelperCore/FileDescriptor.h"
+#include "TessaloomHelper/HelperService.h"
+#include "TessaloomHelper/Tasks.h"
+#include "linux/BusCall.h"
+#include "linux/BusCallers.h"
+#include "linux/BusHandles.h"
+#include "linux/BusMailbox.h"
+#include "linux/PeerRequirement.h"
+
+namespace tessaloom {
+
+/// Serves the helper's interface on the session bus.
+///
+/// One thread, the one that calls run(), owns the connection: sd-bus is not thread-safe, reference
+/// counts included. Methods run on other threads and send their outcome back by mail.
+///
+/// How it ends: leave() gives the name up, answers every call that was routed to it before, however
+/// long an engine takes, and then goes. A termination signal and the loss of the bus end the
+/// engines first and wait for them no longer than `stopLimit`.
+class BusListener {
+ public:
+  static constexpr const char* objectPath = "/com/brindlemoor/Tessaloom/Helper";
+  static constexpr const char* interfaceName = "com.brindlemoor.Tessaloom.HelperServicing";
+
+  static constexpr std::chrono::seconds stopLimit{10};
+
+  /// What the listener works with; everything outlives it. `tasks` may be full of engines' work,
+  /// `queueTasks` runs only the callers' queues, which never wait for an engine. `signals` is a
+  /// signalfd. `endEngines` ends what runs and may be called repeatedly.
+  struct Environment {
+    sd_bus* bus;
+    const ServiceContext& context;
+    Tasks& tasks;
+    Tasks& queueTasks;
+    PeerRequirement requirement;
+    const FileDescriptor& signals;
+    std::function<void()> endEngines;
+  };
+
+  explicit BusListener(Environment environment);
+  ~BusListener();
+
+  /// Takes the name and tells the service manager. The text of what is wrong on failure.
+  std::expected<void, std::string> start();
+
+  /// Serves until the end; the process's exit status.
+  int run();
+
+  /// Asks for the orderly end. Any thread, any number of times.
+  void leave() noexcept;
+
+ private:
+  enum class Phase : std::uint8_t { serving, leaving, stopping };
+
+  class AcceptedCall;
+  class LeaveLetter;
+
+  int accept(sd_bus_message* message);
+  void finish(AcceptedCall& call);
+
+  void beginLeaving();
+  void beginStopping();
+  void releaseName();
+  void startRoundTrip();
+  bool isSettled() const;
+  std::optional<int> advance();
+  std::optional<int> advanceLeaving();
+  std::optional<int> advanceStopping();
+  int endAfterLoss();
+  void wait();
+  void waitForMail();
+  void readSignals();
+
+  static int onCall(sd_bus_message* call, void* userdata, sd_bus_error* error);
+  static int onMethod(sd_bus_message* call, void* userdata, sd_bus_error* error);
+  static int onReleased(sd_bus_message* reply, void* userdata, sd_bus_error* error);
+  static int onRoundTrip(sd_bus_message* reply, void* userdata, sd_bus_error* error);
+
+  Environment environment_;
+  BusMailbox mailbox_;
+  BusCallers callers_;
+  std::list<AcceptedCall> calls_;
+  std::vector<sd_bus_vtable> table_;  ///< The library keeps a pointer to it.
+
+  Phase phase_ = Phase::serving;
+  std::unique_ptr<LeaveLetter> leaveLetter_;
+  std::atomic<bool> isLeaveRequested_ = false;
+  bool isReleased_ = false;
+  std::chrono::steady_clock::time_point stopDeadline_;
+
+  // A round trip to the bus that begins when everything is answered and ends without another call
+  // proves that the answers were carried and that nothing is on its way by the name.
+  std::uint64_t arrivals_ = 0;  ///< Calls that were read.
+  bool isAsking_ = false;
+  std::uint64_t arrivalsWhenAsked_ = 0;
+  std::optional<std::uint64_t> arrivalsConfirmed_;
+  int roundTrips_ = 0;
+};
+
+}  // namespace tessaloom

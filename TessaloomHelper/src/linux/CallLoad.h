@@ -1,0 +1,55 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace tessaloom {
+
+enum class CallKind : std::uint8_t {
+  brief,         ///< Answered as soon as it was computed.
+  engine,        ///< May wait for as long as an engine runs.
+  cancellation,  ///< Has places of its own: never refused because of what it is to end.
+};
+
+struct CallWeight {
+  CallKind kind;
+  std::size_t bytes;  ///< Of the request.
+};
+
+/// How much one caller has waiting, and whether more may come. The limits stop accidents and
+/// floods: the service itself refuses a fourth generation, far below them.
+class CallLoad {
+ public:
+  static constexpr std::size_t maximumBytes = 16 * 1'048'576;  ///< Of each kind.
+  static constexpr std::array<std::size_t, 3> maximumCalls{64, 16, 16};
+
+  bool fits(CallWeight call) const {
+    const auto& [calls, bytes] = sums_[index(call.kind)];
+    return calls < maximumCalls[index(call.kind)] && call.bytes <= maximumBytes - bytes;
+  }
+
+  void add(CallWeight call) {
+    auto& [calls, bytes] = sums_[index(call.kind)];
+    ++calls;
+    bytes += call.bytes;
+  }
+
+  void remove(CallWeight call) {
+    auto& [calls, bytes] = sums_[index(call.kind)];
+    --calls;
+    bytes -= call.bytes;
+  }
+
+ private:
+  struct Sum {
+    std::size_t calls = 0;
+    std::size_t bytes = 0;
+  };
+
+  static constexpr std::size_t index(CallKind kind) { return static_cast<std::size_t>(kind); }
+
+  std::array<Sum, maximumCalls.size()> sums_{};
+};
+
+}  // namespace tessaloom

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <list>
+#include <thread>
+
+#include "TLFoundation/Mutex.h"
+#include "TessaloomHelper/Tasks.h"
+
+namespace tessaloom {
+
+/// A pool of threads that grows when a task finds none idle and shrinks when threads stay idle, and
+/// one more thread that keeps the time of delayed tasks. The quality of service makes no
+/// difference.
+///
+/// Up to `maximumThreads` tasks run at once; what comes on top waits in the order it came. When the
+/// system refuses a thread, tasks wait for the ones there are, of which one always exists. An idle
+/// pool sleeps: it wakes for a task or a delay that has passed, never on its own.
+///
+/// Destroying it starts no delayed task any more, runs every task that was accepted to its end
+/// and joins the threads. Tasks may hand in others meanwhile; delayed ones are then dropped.
+class ThreadTasks final : public Tasks {
+ public:
+  static constexpr std::size_t maximumThreads = 64;
+  static constexpr std::chrono::seconds idleTime{
+      2};  ///< A thread leaves after that, save the last.
+
+  /// Throws std::system_error when the system gives no thread to start with.
+  ThreadTasks();
+  ~ThreadTasks() override;
+  ThreadTasks(const ThreadTasks&) = delete;
+  ThreadTasks& operator=(const ThreadTasks&) = delete;
+
+  void runConcurrently(QualityOfService quality, std::function<void()> task) override
+      TL_EXCLUDES(lock_);
+  void runAfter(std::chrono::milliseconds delay, QualityOfService quality,
+                std::function<void()> task) override TL_EXCLUDES(lock_);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  using Threads = std::list<std::thread>;
+
+  struct Entry {
+    Clock::time_point due;
+    std::function<void()> task;
+  };
+  /// Entries move between lists by splicing, so a task once accepted needs no memory any more.
+  using Entries = std::list<Entry>;
+
+  void accept(Entries entry) TL_REQUIRES(lock_);
+  void startWorker() TL_REQUIRES(lock_);
+  bool awaitTask(MutexLock& locked) TL_REQUIRES(lock_);
+  void work(Threads::iterator self) TL_EXCLUDES(lock_);
+  void keepTime() TL_EXCLUDES(lock_);
+  void stop() TL_EXCLUDES(lock_);
+
+  Mutex lock_;
+  std::condition_variable_any taskAccepted_;
+  std::condition_variable_any timesChanged_;
+  Entries accepted_ TL_GUARDED_BY(lock_);
+  Entries delayed_ TL_GUARDED_BY(lock_);  ///< In the order in which they fall due.
+  Threads workers_ TL_GUARDED_BY(lock_);
+  Threads departed_ TL_GUARDED_BY(lock_);  ///< Idle ones that left and were not joined yet.
+  std::size_t idle_ TL_GUARDED_BY(lock_) = 0;
+  bool stopping_ TL_GUARDED_BY(lock_) = false;
+  std::thread timekeeper_;
+};
+
+}  // namespace tessaloom

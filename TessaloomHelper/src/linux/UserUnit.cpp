@@ -1,0 +1,75 @@
+#include "linux/UserUnit.h"
+
+#include <algorithm>
+#include <expected>
+#include <string>
+#include <string_view>
+
+#include "HelperCore/SystemError.h"
+#include "linux/BusHandles.h"
+#include "linux/HelperLine.h"
+
+namespace tessaloom {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* unit = "com.brindlemoor.Tessaloom.helper.service";
+
+// The manager's reply or the text of what went wrong. `append` adds the call's arguments.
+template <class Append>
+std::expected<BusMessage, std::string> callManager(sd_bus* bus, Clock::time_point deadline,
+                                                   const char* method, Append append) {
+  sd_bus_message* created = nullptr;
+  int result = sd_bus_message_new_method_call(bus, &created, "org.freedesktop.systemd1",
+                                              "/org/freedesktop/systemd1",
+                                              "org.freedesktop.systemd1.Manager", method);
+  const BusMessage call(created);
+  // Without a manager on this bus there is nothing to register with; starting one is not our part.
+  if (result >= 0) result = sd_bus_message_set_auto_start(call.get(), 0);
+  if (result >= 0) result = append(call.get());
+  if (result < 0) return std::unexpected(systemErrorText(-result));
+
+  // A limit of 0 would mean the library's own, which is long.
+  const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now());
+  const auto limit = static_cast<std::uint64_t>(std::max<std::int64_t>(left.count(), 1));
+  BusError error;
+  sd_bus_message* reply = nullptr;
+  result = sd_bus_call(bus, call.get(), limit, error.get(), &reply);
+  BusMessage owned(reply);
+  if (result >= 0) return owned;
+  return std::unexpected(error.message() != nullptr ? error.message() : systemErrorText(-result));
+}
+
+std::expected<bool, std::string> isEnabled(sd_bus* bus, Clock::time_point deadline) {
+  const auto reply = callManager(bus, deadline, "GetUnitFileState", [](sd_bus_message* call) {
+    return sd_bus_message_append(call, "s", unit);
+  });
+  if (!reply) return std::unexpected(reply.error());
+  const char* state = nullptr;
+  const int result = sd_bus_message_read(reply->get(), "s", &state);
+  if (result < 0) return std::unexpected(systemErrorText(-result));
+  return std::string_view(state).starts_with("enabled");  // or "enabled-runtime"
+}
+
+std::expected<bool, std::string> enable(sd_bus* bus, Clock::time_point deadline) {
+  const auto reply = callManager(bus, deadline, "EnableUnitFiles", [](sd_bus_message* call) {
+    constexpr int forThisBootOnly = 0;
+    constexpr int replacingLinks = 0;
+    return sd_bus_message_append(call, "asbb", 1, unit, forThisBootOnly, replacingLinks);
+  });
+  if (!reply) return std::unexpected(reply.error());
+  return true;
+}
+
+}  // namespace
+
+void registerUserUnit(sd_bus* bus, std::chrono::microseconds limit) {
+  const auto deadline = Clock::now() + limit;
+  auto enabled = isEnabled(bus, deadline);
+  if (enabled && !*enabled) enabled = enable(bus, deadline);
+  if (!enabled) writeHelperLine("systemd user unit register failed: " + enabled.error());
+}
+
+}  // namespace tessaloom

@@ -1,0 +1,131 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <system_error>
+
+#include "HelperCore/ExecutableIdentity.h"
+#include "HelperCore/FileDescriptor.h"
+#include "HelperCore/Kernel.h"
+#include "HelperCore/SystemError.h"
+#include "HelperProtocol/HelperConstants.h"
+#include "TessaloomHelper/CLIRunner.h"
+#include "TessaloomHelper/ExitWhenIdle.h"
+#include "TessaloomHelper/GenerationCoordinator.h"
+#include "TessaloomHelper/HelperService.h"
+#include "TessaloomHelper/PerUserTemporaryDirectory.h"
+#include "linux/BusHandles.h"
+#include "linux/BusListener.h"
+#include "linux/HelperLine.h"
+#include "linux/PeerRequirement.h"
+#include "linux/ThreadTasks.h"
+#include "linux/UserUnit.h"
+
+namespace tessaloom {
+
+namespace {
+
+constexpr std::chrono::seconds registrationLimit{2};
+constexpr std::size_t maximumReplyBytes = 32 * 1'048'576;
+
+// Whatever started the helper may have left descriptors open, which no engine shall inherit, or a
+// standard one closed, whose number the next descriptor would take and get our error lines.
+void secureDescriptors() {
+  for (int standard = STDIN_FILENO; standard <= STDERR_FILENO; ++standard) {
+    if (::fcntl(standard, F_GETFD) < 0) ::open("/dev/null", O_RDWR);
+  }
+  ::close_range(STDERR_FILENO + 1, UINT_MAX, CLOSE_RANGE_CLOEXEC);
+}
+
+// Termination signals arrive through the descriptor that this returns; the mask is inherited by the
+// threads that are made later.
+FileDescriptor prepareSignals() {
+  ::signal(SIGPIPE, SIG_IGN);
+  ::signal(SIGCHLD, SIG_DFL);
+  sigset_t termination;
+  ::sigemptyset(&termination);
+  ::sigaddset(&termination, SIGTERM);
+  ::sigaddset(&termination, SIGINT);
+  ::sigprocmask(SIG_SETMASK, &termination, nullptr);
+  FileDescriptor signals(::signalfd(-1, &termination, SFD_CLOEXEC | SFD_NONBLOCK));
+  if (!signals) throw std::system_error(errno, std::generic_category(), "signalfd");
+  return signals;
+}
+
+// The path that was executed, also when another file stands there by now.
+std::optional<std::filesystem::path> executablePath() {
+  std::string path(PATH_MAX, '\0');
+  const auto length = ::readlink("/proc/self/exe", path.data(), path.size());
+  if (length <= 0 || static_cast<std::size_t>(length) == path.size()) return std::nullopt;
+  path.resize(static_cast<std::size_t>(length));
+  constexpr std::string_view mark = " (deleted)";
+  if (path.ends_with(mark)) path.resize(path.size() - mark.size());
+  return path;
+}
+
+int serve() {
+  secureDescriptors();
+  const FileDescriptor signals = prepareSignals();
+  const auto executable = executablePath();
+
+  sd_bus* opened = nullptr;
+  const int result = sd_bus_open_user(&opened);
+  if (result < 0) {
+    writeHelperLine("could not connect to the session bus: " + systemErrorText(-result));
+    return 1;
+  }
+  const BusHandle bus(opened);
+  registerUserUnit(bus.get(), registrationLimit);
+  const auto identity = ExecutableIdentity::of("/proc/self/exe");
+
+  const std::unique_ptr<Kernel> kernel = makeSystemKernel();
+  ThreadTasks tasks;
+  ThreadTasks queueTasks;
+  CLIRunner runner;
+  const GenerationCoordinator coordinator(runner, perUserTemporaryDirectory());
+  std::optional<BusListener> listener;
+  ExitWhenIdle exitWhenIdle(executable, identity, runner, tasks,
+                            [&listener] { listener->leave(); });
+  const ServiceContext context{.coordinator = coordinator,
+                               .kernel = *kernel,
+                               .exitWhenIdle = exitWhenIdle,
+                               .tasks = tasks,
+                               .shortVersion = TESSALOOM_VERSION,
+                               .maximumReplyBytes = maximumReplyBytes};
+  listener.emplace(
+      BusListener::Environment{.bus = bus.get(),
+                               .context = context,
+                               .tasks = tasks,
+                               .queueTasks = queueTasks,
+                               .requirement = PeerRequirement(::geteuid(), executable.value_or("")),
+                               .signals = signals,
+                               .endEngines = [&runner] { runner.endAll(); }});
+  if (const auto started = listener->start(); !started) {
+    writeHelperLine("could not take the name " + std::string(HelperConstants::machServiceName) +
+                    ": " + started.error());
+    return 1;
+  }
+  // Threads may still be busy with what nobody waits for; the process ends under them.
+  std::exit(listener->run());
+}
+
+}  // namespace
+
+}  // namespace tessaloom
+
+int main() {
+  try {
+    return tessaloom::serve();
+  } catch (const std::exception& error) {
+    tessaloom::writeHelperLine(std::string("could not start: ") + error.what());
+    return 1;
+  }
+}

@@ -1,0 +1,122 @@
+# shellcheck shell=bash
+# A message bus of its own with the helper on it, and a home directory of its own where the practice engine stands in
+# for both engines. For scripts that source it:
+#
+#   . script/lib/private-bus.sh
+#   trap private_bus_stop EXIT
+#   private_bus_start BUILD_DIRECTORY/bin
+#
+# Afterwards the bus starts the helper with the first call, and these are set:
+#   PRIVATE_BUS_ROOT          a temporary directory of mode 0700, removed by private_bus_stop
+#   PRIVATE_BUS_HOME          the home directory that the helper sees, with .local/bin/claude and codex in it
+#   PRIVATE_BUS_LOG           what the bus and the helper wrote to standard error
+#   DBUS_SESSION_BUS_ADDRESS  exported
+#
+# The helper's executable is the unchanged one: the home directory comes from the user database, through nss_wrapper.
+
+private_bus_pid=
+
+# The process that owns the helper's name, or nothing.
+private_bus_helper_pid() {
+  dbus-send --session --print-reply=literal --dest=org.freedesktop.DBus / \
+    org.freedesktop.DBus.GetConnectionUnixProcessID string:group.com.brindlemoor.Tessaloom.helper \
+    2>/dev/null | awk '$1 == "uint32" { print $2 }'
+}
+
+private_bus_write_config() {
+  cat >"$PRIVATE_BUS_ROOT/bus.conf" <<CONFIG
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:path=$PRIVATE_BUS_ROOT/bus</listen>
+  <auth>EXTERNAL</auth>
+  <servicedir>$PRIVATE_BUS_ROOT/services</servicedir>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+  <!-- The limits of an ordinary session bus. -->
+  <limit name="max_incoming_bytes">1000000000</limit>
+  <limit name="max_outgoing_bytes">1000000000</limit>
+  <limit name="max_message_size">1000000000</limit>
+  <limit name="service_start_timeout">120000</limit>
+  <limit name="max_replies_per_connection">50000</limit>
+</busconfig>
+CONFIG
+}
+
+# private_bus_write_activation BIN [NAME=VALUE...]: how the bus starts BIN/tessaloom-helper.
+private_bus_write_activation() {
+  local bin=$1 wrapper
+  shift
+  wrapper=$(ldconfig -p | awk '$1 == "libnss_wrapper.so" { print $NF; exit }')
+  if [[ -z $wrapper ]]; then
+    echo "private-bus: libnss_wrapper.so is missing (package libnss-wrapper)" >&2
+    return 1
+  fi
+  local entry uid
+  uid=$(id -u)
+  entry="$(id -un):x:$uid:$(id -g)::$PRIVATE_BUS_HOME:/bin/sh"
+  printf '%s\n' "$entry" >"$PRIVATE_BUS_ROOT/passwd"
+  printf '%s\n' "$(id -gn):x:$(id -g):" >"$PRIVATE_BUS_ROOT/group"
+  mkdir "$PRIVATE_BUS_ROOT/services"
+  cat >"$PRIVATE_BUS_ROOT/services/helper.service" <<SERVICE
+[D-BUS Service]
+Name=group.com.brindlemoor.Tessaloom.helper
+Exec=/usr/bin/env LD_PRELOAD=$wrapper NSS_WRAPPER_PASSWD=$PRIVATE_BUS_ROOT/passwd NSS_WRAPPER_GROUP=$PRIVATE_BUS_ROOT/group $* $bin/tessaloom-helper
+SERVICE
+}
+
+# private_bus_start BIN [NAME=VALUE...]: BIN holds the executables and the practice engine; the variables are for the
+# helper's environment.
+private_bus_start() {
+  local bin=$1 attempts=0
+  PRIVATE_BUS_ROOT=$(mktemp -d "${TMPDIR:-/tmp}/tessaloom-bus-XXXXXX")
+  PRIVATE_BUS_HOME=$PRIVATE_BUS_ROOT/home
+  PRIVATE_BUS_LOG=$PRIVATE_BUS_ROOT/log
+  (
+    umask 022
+    mkdir -p "$PRIVATE_BUS_HOME/.local/bin"
+    install -m 0755 "$bin/practice-engine" "$PRIVATE_BUS_HOME/.local/bin/claude"
+    install -m 0755 "$bin/practice-engine" "$PRIVATE_BUS_HOME/.local/bin/codex"
+  )
+  private_bus_write_config
+  private_bus_write_activation "$@"
+  # A session of its own: what a person's Ctrl-C ends is the script, which then ends the bus in order.
+  setsid dbus-daemon --config-file="$PRIVATE_BUS_ROOT/bus.conf" --nofork --nopidfile --nosyslog \
+    >/dev/null 2>"$PRIVATE_BUS_LOG" </dev/null &
+  private_bus_pid=$!
+  export DBUS_SESSION_BUS_ADDRESS="unix:path=$PRIVATE_BUS_ROOT/bus"
+  until [[ -S $PRIVATE_BUS_ROOT/bus ]]; do
+    if ((++attempts > 200)) || ! kill -0 "$private_bus_pid" 2>/dev/null; then
+      cat "$PRIVATE_BUS_LOG" >&2
+      echo "private-bus: the bus did not start" >&2
+      return 1
+    fi
+    sleep 0.05
+  done
+}
+
+# Ends the helper and the bus, and removes everything. Safe to call twice, and before the start.
+private_bus_stop() {
+  local helper attempts=0
+  if [[ -n $private_bus_pid ]]; then
+    helper=$(private_bus_helper_pid)
+    kill "$private_bus_pid" 2>/dev/null
+    wait "$private_bus_pid" 2>/dev/null
+    private_bus_pid=
+    # A helper without a bus leaves by itself.
+    while [[ -n $helper ]] && kill -0 "$helper" 2>/dev/null; do
+      if ((++attempts > 60)); then
+        kill -KILL "$helper" 2>/dev/null
+        break
+      fi
+      sleep 0.05
+    done
+  fi
+  [[ -z ${PRIVATE_BUS_ROOT:-} ]] || rm -rf "$PRIVATE_BUS_ROOT"
+  PRIVATE_BUS_ROOT=
+  return 0
+}

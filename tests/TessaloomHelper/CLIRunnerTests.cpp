@@ -1,0 +1,333 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <future>
+#include <iterator>
+#include <limits>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "HelperCore/FileDescriptor.h"
+#include "TessaloomHelper/CLIRunner.h"
+#include "support/TemporaryDirectory.h"
+
+namespace tessaloom {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using Outcome = std::expected<RunResult, GenerationErrorPayload>;
+using Kind = GenerationFailureKind;
+
+constexpr auto engine = GenerationEngineID::codex;
+constexpr seconds ample{120};
+
+std::ptrdiff_t entriesOf(const std::filesystem::path& directory) {
+  return std::ranges::distance(std::filesystem::directory_iterator(directory));
+}
+
+/// This process's children, zombies included.
+std::vector<pid_t> children() {
+  std::vector<pid_t> result;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream list(task.path() / "children");
+    std::copy(std::istream_iterator<pid_t>(list), {}, std::back_inserter(result));
+  }
+  return result;
+}
+
+/// Waits for any child and tells how it ended; -1 when there is none.
+int endOfAnyChild() {
+  siginfo_t info{};
+  if (::waitid(P_ALL, 0, &info, WEXITED) != 0) return -1;
+  return info.si_status;
+}
+
+class CLIRunnerTest : public testing::Test {
+ protected:
+  CLIRunnerTest() { ::signal(SIGPIPE, SIG_IGN); }
+
+  static CLIInvocation practice(std::vector<std::string> words) {
+    words.insert(words.begin(), "practice");
+    return {PRACTICE_ENGINE, std::move(words), {}, std::nullopt, std::nullopt};
+  }
+
+  Outcome run(std::vector<std::string> words, std::optional<UUID> requestID = std::nullopt,
+              std::chrono::duration<double> timeout = ample) {
+    return runner.run(practice(std::move(words)), requestID, engine, timeout);
+  }
+
+  /// A run on another thread, whose child has carried out the words `before` when this returns.
+  std::future<Outcome> start(std::vector<std::string> before, const std::vector<std::string>& after,
+                             std::chrono::duration<double> timeout = ample) {
+    const std::string started = directory / ("started-" + std::to_string(++starts));
+    before.push_back("touch=" + started);
+    before.insert(before.end(), after.begin(), after.end());
+    auto outcome = std::async(std::launch::async,
+                              [this, before, timeout] { return run(before, id, timeout); });
+    EXPECT_TRUE(eventually([&] { return std::filesystem::exists(started); }));
+    return outcome;
+  }
+
+  /// What the words "wait-for=" and this path wait for.
+  void release() { std::ofstream(go).put('\n'); }
+
+  static void expectFailure(const Outcome& outcome, Kind kind,
+                            std::optional<std::string> detail = std::nullopt) {
+    ASSERT_FALSE(outcome);
+    EXPECT_EQ(outcome.error(), (GenerationErrorPayload{kind, engine, std::nullopt, detail}));
+  }
+
+  CLIRunner runner;
+  TemporaryDirectory directory;
+  const UUID id = UUID::random();
+  const std::string go = directory / "go";
+  int starts = 0;
+};
+
+TEST_F(CLIRunnerTest, ReportsStatusAndBothStreams) {
+  struct Row {
+    const char* name;
+    std::vector<std::string> words;
+    std::optional<std::string> input;
+    std::int32_t status;
+    std::string output;
+    std::string error;
+  };
+  const std::string large(1'000'000, 'x');
+  const Row rows[] = {
+      {"silent", {}, {}, 0, "", ""},
+      {"status", {"exit=7"}, {}, 7, "", ""},
+      {"largest status", {"exit=255"}, {}, 255, "", ""},
+      {"signal", {"signal=15"}, {}, SIGTERM, "", ""},
+      {"kill", {"signal=9"}, {}, SIGKILL, "", ""},
+      {"diagnostics", {"stderr=it_failed", "exit=1"}, {}, 1, "", "it failed\n"},
+      {"ill-formed", {"invalid-utf8"}, {}, 0, "a\uFFFD\uFFFDz\n", ""},
+      {"no input", {"echo-stdin"}, {}, 0, "", ""},
+      {"empty input", {"echo-stdin"}, "", 0, "", ""},
+      {"input", {"echo-stdin"}, "hello", 0, "hello", ""},
+      {"input fed while output is read", {"echo-stdin"}, large, 0, large, ""},
+      {"input never read", {"no-read", "exit=3"}, large, 3, "", ""},
+  };
+  for (const Row& row : rows) {
+    auto invocation = practice(row.words);
+    invocation.standardInput = row.input;
+    const auto outcome = runner.run(invocation, id, engine, ample);
+    ASSERT_TRUE(outcome) << row.name;
+    EXPECT_EQ(outcome->exitStatus, row.status) << row.name;
+    EXPECT_TRUE(outcome->standardOutput == row.output) << row.name;
+    EXPECT_EQ(outcome->standardError, row.error) << row.name;
+    EXPECT_EQ(runner.inFlightCount(), 0U) << row.name;
+  }
+}
+
+TEST_F(CLIRunnerTest, ChildHasNothingButWhatItIsGiven) {
+  const FileDescriptor inheritable(::open("/dev/null", O_RDONLY));
+  sigset_t blocked;
+  sigset_t before;
+  ::sigfillset(&blocked);
+  ::pthread_sigmask(SIG_SETMASK, &blocked, &before);
+  auto invocation = practice({"print-fds", "print-signals", "print-env", "print-cwd"});
+  invocation.environment = {{"B", "2=2"}, {"A", ""}};
+  invocation.workingDirectory = directory.path();
+  const auto outcome = runner.run(invocation, id, engine, ample);
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  ASSERT_TRUE(outcome);
+  EXPECT_EQ(outcome->standardOutput, "0\n1\n2\nA=\nB=2=2\n" + directory.path().string() + "\n");
+}
+
+TEST_F(CLIRunnerTest, WorksWithoutStandardDescriptors) {
+  std::vector<FileDescriptor> saved;
+  for (const int fd : {0, 1, 2}) saved.emplace_back(::fcntl(fd, F_DUPFD_CLOEXEC, 10));
+  for (const int fd : {0, 1, 2}) ::close(fd);
+  auto invocation = practice({"echo-stdin", "stderr=x", "print-fds"});
+  invocation.standardInput = "input ";
+  const auto outcome = runner.run(invocation, id, engine, ample);
+  for (const int fd : {0, 1, 2}) ::dup2(saved[static_cast<std::size_t>(fd)].get(), fd);
+  ASSERT_TRUE(outcome);
+  EXPECT_EQ(outcome->standardOutput, "input 0\n1\n2\n");
+  EXPECT_EQ(outcome->standardError, "x\n");
+}
+
+TEST_F(CLIRunnerTest, LaunchFailuresCarryTheSystemsText) {
+  std::ofstream(directory / "plain") << "text";
+  std::ofstream(directory / "text") << "text";
+  std::filesystem::permissions(directory / "text", std::filesystem::perms::owner_all);
+  struct Row {
+    std::string executable;
+    std::optional<std::string> workingDirectory;
+    const char* detail;
+  };
+  const Row rows[] = {
+      {directory / "missing", {}, "No such file or directory"},
+      {directory.path(), {}, "Permission denied"},
+      {directory / "plain", {}, "Permission denied"},
+      {directory / "text", {}, "Exec format error"},
+      {PRACTICE_ENGINE, directory / "missing", "No such file or directory"},
+      {PRACTICE_ENGINE, directory / "plain", "Not a directory"},
+  };
+  EXPECT_FALSE(runner.cancel(id));
+  for (const Row& row : rows) {
+    const CLIInvocation invocation{row.executable, {}, {}, row.workingDirectory, "input"};
+    expectFailure(runner.run(invocation, id, engine, ample), Kind::launchFailed, row.detail);
+    EXPECT_EQ(runner.inFlightCount(), 0U);
+    EXPECT_EQ(endOfAnyChild(), -1);
+  }
+  // None of them consumed the cancellation; one run does.
+  expectFailure(run({}, id), Kind::cancelled);
+  EXPECT_TRUE(run({}, id));
+}
+
+TEST_F(CLIRunnerTest, KeepsOutputUpToTheCap) {
+  for (const char* word : {"flood=4194314", "flood-err=4194314"}) {
+    const auto outcome = run({word});
+    ASSERT_TRUE(outcome);
+    const auto size = outcome->standardOutput.size() + outcome->standardError.size();
+    EXPECT_GT(size, CLIRunner::outputCap);
+    EXPECT_LE(size, CLIRunner::outputCap + CLIRunner::chunkSize);
+  }
+}
+
+TEST_F(CLIRunnerTest, FloodStallsUntilTheDeadline) {
+  expectFailure(run({"flood=5242880"}, id, milliseconds(1900)), Kind::timedOut,
+                "The command didn’t finish within 1 seconds.");
+  EXPECT_EQ(runner.inFlightCount(), 0U);
+  EXPECT_EQ(endOfAnyChild(), -1);
+}
+
+TEST_F(CLIRunnerTest, StreamHeldOpenContributesNothing) {
+  const auto outcome = run({"print-cwd", "stderr=lost", "grandchild=7000", "exit=4"});
+  ASSERT_TRUE(outcome);
+  EXPECT_EQ(outcome->exitStatus, 4);
+  EXPECT_EQ(outcome->standardOutput, "");
+  EXPECT_EQ(outcome->standardError, "");
+}
+
+TEST_F(CLIRunnerTest, CancellationAfterTheLeaderIsTooLateButReported) {
+  ::prctl(PR_SET_CHILD_SUBREAPER, 1);  // The grandchild becomes this process's when orphaned.
+  auto outcome = start({"grandchild=7000"}, {"wait-for=" + go});
+  const auto leaders = children();
+  release();
+  EXPECT_TRUE(eventually([&] { return children() != leaders; }));
+  EXPECT_FALSE(runner.cancel(id));
+  expectFailure(outcome.get(), Kind::cancelled);
+  EXPECT_EQ(endOfAnyChild(), 0) << "the group was signalled after its leader had gone";
+}
+
+TEST_F(CLIRunnerTest, DeadlineKillsTheWholeGroup) {
+  ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+  expectFailure(run({"ignore-term", "grandchild=600000", "hang"}, id, seconds(1)), Kind::timedOut,
+                "The command didn’t finish within 1 seconds.");
+  EXPECT_EQ(endOfAnyChild(), SIGKILL);
+}
+
+TEST_F(CLIRunnerTest, CancelEndsARun) {
+  auto outcome = start({}, {"hang"});
+  EXPECT_EQ(runner.inFlightCount(), 1U);
+  EXPECT_FALSE(runner.cancel(UUID::random()));
+  EXPECT_TRUE(runner.cancel(id));
+  expectFailure(outcome.get(), Kind::cancelled);
+  EXPECT_EQ(runner.inFlightCount(), 0U);
+  EXPECT_FALSE(runner.cancel(id));
+}
+
+TEST_F(CLIRunnerTest, CancelReturnsTrueAgainWhileTheChildResists) {
+  auto outcome = start({"ignore-term"}, {"hang"});
+  EXPECT_TRUE(runner.cancel(id));
+  EXPECT_TRUE(runner.cancel(id));
+  expectFailure(outcome.get(), Kind::cancelled);
+  EXPECT_TRUE(run({}, id)) << "reported twice";
+}
+
+TEST_F(CLIRunnerTest, CancelBeforeTheRunLetsTheChildFinish) {
+  EXPECT_FALSE(runner.cancel(id));
+  expectFailure(run({"sleep=50", "touch=" + go}, id), Kind::cancelled);
+  EXPECT_TRUE(std::filesystem::exists(go));
+  EXPECT_TRUE(run({})) << "a run without an id was cancelled";
+}
+
+TEST_F(CLIRunnerTest, DeadlineBeatsCancellation) {
+  EXPECT_FALSE(runner.cancel(id));
+  expectFailure(run({"hang"}, id, milliseconds(20)), Kind::timedOut,
+                "The command didn’t finish within 0 seconds.");
+  EXPECT_TRUE(run({}, id)) << "the cancellation was not consumed";
+}
+
+TEST_F(CLIRunnerTest, SameIDAgainTakesTheEntry) {
+  auto first = start({}, {"wait-for=" + go});
+  auto second = start({}, {"hang"}, seconds(2));
+  EXPECT_EQ(runner.inFlightCount(), 1U);
+  release();
+  EXPECT_TRUE(first.get());
+  EXPECT_EQ(runner.inFlightCount(), 0U);
+  EXPECT_FALSE(runner.cancel(id));
+  expectFailure(second.get(), Kind::timedOut, "The command didn’t finish within 2 seconds.");
+}
+
+TEST_F(CLIRunnerTest, EndAllEndsEveryRunAndEveryLaterOne) {
+  auto registered = start({}, {"hang"});
+  auto probe = std::async(std::launch::async, [&] { return run({"hang"}); });
+  EXPECT_TRUE(eventually([] { return children().size() == 2; }));
+  runner.endAll();
+  auto later = run({"hang"});
+  for (const auto& outcome : {registered.get(), probe.get(), later}) {
+    ASSERT_TRUE(outcome);
+    EXPECT_EQ(outcome->exitStatus, SIGTERM);
+  }
+}
+
+TEST_F(CLIRunnerTest, DescriptorExhaustionIsALaunchFailure) {
+  rlimit before{};
+  ::getrlimit(RLIMIT_NOFILE, &before);
+  const auto descriptors = entriesOf("/proc/self/fd");
+  const FileDescriptor next(::dup(STDIN_FILENO));
+  bool launched = false;
+  for (rlim_t more = 0; more <= 12; ++more) {
+    const rlimit tight{static_cast<rlim_t>(next.get()) + 1 + more, before.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &tight);
+    const auto outcome = run({"stderr=x"}, id);
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    if (outcome) {
+      launched = true;
+      EXPECT_EQ(outcome->standardError, "x\n") << more;
+    } else {
+      EXPECT_FALSE(launched) << more;
+      expectFailure(outcome, Kind::launchFailed, "Too many open files");
+    }
+    EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors + 1) << more;
+  }
+  EXPECT_TRUE(launched);
+}
+
+TEST_F(CLIRunnerTest, LeavesNothingBehind) {
+  EXPECT_TRUE(run({}, id));
+  const auto descriptors = entriesOf("/proc/self/fd");
+  const auto threads = entriesOf("/proc/self/task");
+  for (int i = 0; i < 200; ++i) {
+    EXPECT_TRUE(run({"stderr=x", i % 2 == 0 ? "signal=11" : "exit=1"}, UUID::random()));
+  }
+  EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors);
+  EXPECT_EQ(entriesOf("/proc/self/task"), threads);
+  EXPECT_EQ(endOfAnyChild(), -1);
+}
+
+TEST_F(CLIRunnerTest, TimeoutsThatAreNoNumberOfSecondsEndTheProcess) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  for (const double timeout : {std::numeric_limits<double>::infinity(), std::nan(""), 0x1p63}) {
+    EXPECT_DEATH(run({}, id, std::chrono::duration<double>(timeout)), "");
+  }
+  EXPECT_TRUE(run({}, id, std::chrono::duration<double>(0x1p62)));
+}
+
+}  // namespace
+}  // namespace tessaloom
