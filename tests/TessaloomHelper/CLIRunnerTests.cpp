@@ -67,14 +67,21 @@ class CLIRunnerTest : public testing::Test {
     return runner.run(practice(std::move(words)), requestID, engine, timeout);
   }
 
-  /// A run on another thread, whose child has carried out the words `before` when this returns.
-  std::future<Outcome> start(std::vector<std::string> before, const std::vector<std::string>& after,
+  /// A run on another thread, which is registered and whose child has carried out the words
+  /// `before` when this returns: the child gets its input from the registered run alone.
+  std::future<Outcome> start(const std::vector<std::string>& before,
+                             const std::vector<std::string>& after,
                              std::chrono::duration<double> timeout = ample) {
     const std::string started = directory / ("started-" + std::to_string(++starts));
-    before.push_back("touch=" + started);
-    before.insert(before.end(), after.begin(), after.end());
-    auto outcome = std::async(std::launch::async,
-                              [this, before, timeout] { return run(before, id, timeout); });
+    auto invocation = practice({"echo-stdin"});
+    invocation.standardInput = "input";
+    auto& words = invocation.arguments;
+    words.insert(words.end(), before.begin(), before.end());
+    words.push_back("touch=" + started);
+    words.insert(words.end(), after.begin(), after.end());
+    auto outcome = std::async(std::launch::async, [this, invocation, timeout] {
+      return runner.run(invocation, id, engine, timeout);
+    });
     EXPECT_TRUE(eventually([&] { return std::filesystem::exists(started); }));
     return outcome;
   }
@@ -291,11 +298,15 @@ TEST_F(CLIRunnerTest, DescriptorExhaustionIsALaunchFailure) {
   ::getrlimit(RLIMIT_NOFILE, &before);
   const auto descriptors = entriesOf("/proc/self/fd");
   const FileDescriptor next(::dup(STDIN_FILENO));
+  const auto invocation = practice({"stderr=x"});
+  // UndefinedBehaviorSanitizer needs a pipe to look at an object with virtual functions, as this
+  // is.
+  CLIRunner& local = runner;
   bool launched = false;
   for (rlim_t more = 0; more <= 12; ++more) {
     const rlimit tight{static_cast<rlim_t>(next.get()) + 1 + more, before.rlim_max};
     ::setrlimit(RLIMIT_NOFILE, &tight);
-    const auto outcome = run({"stderr=x"}, id);
+    const auto outcome = local.run(invocation, std::nullopt, engine, ample);
     ::setrlimit(RLIMIT_NOFILE, &before);
     if (outcome) {
       launched = true;

@@ -73,11 +73,11 @@ TEST(ThreadTasksTest, IdleThreadsLeave) {
   ThreadTasks tasks;
   const auto alone = threadCount();
   for (int round = 0; round < 2; ++round) {
-    std::latch together(16);
+    const auto together = std::make_shared<std::latch>(16);
     for (int i = 0; i < 16; ++i) {
-      tasks.runConcurrently(quality, [&together] { together.arrive_and_wait(); });
+      tasks.runConcurrently(quality, [together] { together->arrive_and_wait(); });
     }
-    together.wait();
+    together->wait();
     EXPECT_TRUE(eventually([&] { return threadCount() == alone; }));
   }
   EXPECT_EQ(alone, before + 2);
