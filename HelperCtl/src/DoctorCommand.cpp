@@ -114,45 +114,67 @@ std::string howToInstall(GenerationEngineID engine) {
          ", or put it into ~/.local/bin.";
 }
 
-Check checkEngine(Transport* transport, GenerationEngineID engine,
-                  const std::optional<CurrentUser>& user) {
+/// What the helper says about an engine; nothing when it cannot be asked.
+std::optional<CallReply> askAboutEngine(Transport* transport, GenerationEngineID engine) {
+  if (transport == nullptr) return std::nullopt;
+  const Bytes body = HelperCoding::makeEncoder().encode(EngineStatusRequest{engine});
+  return callAndWait(*transport, methods::generationEngineStatus, body);
+}
+
+/// An engine that is not there, and why, as this program sees it.
+Check checkMissingEngine(GenerationEngineID engine, const std::optional<CurrentUser>& user) {
   const std::string subject(wireValue(engine));
   const auto executable = resolveEngine(engine, user);
-  if (!executable) {
-    const std::string why = safeLine(executable.error().detail.value_or("not usable"));
-    std::string remedy = user ? refusedCandidates(executableName(engine), *user) : std::string();
-    if (remedy.empty()) remedy = howToInstall(engine);
-    return {notice, subject, why, safeLine(remedy)};
+  if (executable) {
+    return {notice, subject,
+            safeLine(executable->string()) + " is here, but the helper does not find it",
+            "The helper may run with another home directory or in a container."};
   }
-  Check check{good, subject, safeLine(executable->string())};
-  if (transport == nullptr) return check;
-  const Bytes body = HelperCoding::makeEncoder().encode(EngineStatusRequest{engine});
-  const CallReply reply = callAndWait(*transport, methods::generationEngineStatus, body);
-  if (!reply) return failedCall(subject, reply.error());
-  const auto status = decoded<EngineStatus>(reply);
-  if (!status) return unreadable(subject);
-  if (!status->binaryFound) {
-    return {notice, subject, check.finding + " is here, but the helper does not find it",
-            "The helper may run with another home directory or in another container."};
-  }
-  if (status->version && !status->version->empty()) {
-    check.finding += ", version " + safeLine(*status->version);
+  std::string remedy = user ? refusedCandidates(executableName(engine), *user) : std::string();
+  if (remedy.empty()) remedy = howToInstall(engine);
+  return {notice, subject, safeLine(executable.error().detail.value_or("not usable")),
+          safeLine(remedy)};
+}
+
+Check checkFoundEngine(GenerationEngineID engine, const std::optional<CurrentUser>& user,
+                       const std::optional<std::string>& version) {
+  const auto executable = resolveEngine(engine, user);
+  const std::string path = executable ? safeLine(executable->string()) : "found by the helper";
+  Check check{good, std::string(wireValue(engine)), path};
+  if (version && !version->empty()) {
+    check.finding += ", version " + safeLine(*version);
   } else {
     check.outcome = notice;
-    check.finding += " does not tell its version within 10 seconds";
+    check.finding += ", but it does not tell its version within 10 seconds";
     check.remedy =
-        "See how it answers by itself: " + check.finding.substr(0, check.finding.find(' ')) +
-        " --version";
+        "See how it answers by itself: " + std::string(executableName(engine)) + " --version";
   }
   return check;
+}
+
+Check checkEngine(Transport* transport, GenerationEngineID engine,
+                  const std::optional<CurrentUser>& user, bool& isAnyUsable) {
+  const std::string subject(wireValue(engine));
+  const std::optional<CallReply> reply = askAboutEngine(transport, engine);
+  if (!reply) {
+    const auto executable = resolveEngine(engine, user);
+    if (!executable) return checkMissingEngine(engine, user);
+    isAnyUsable = true;
+    return {good, subject, safeLine(executable->string())};
+  }
+  if (!*reply) return failedCall(subject, reply->error());
+  const auto status = decoded<EngineStatus>(*reply);
+  if (!status) return unreadable(subject);
+  if (!status->binaryFound) return checkMissingEngine(engine, user);
+  isAnyUsable = true;
+  return checkFoundEngine(engine, user, status->version);
 }
 
 std::vector<Check> checkEngines(Transport* transport, const std::optional<CurrentUser>& user) {
   std::vector<Check> checks;
   bool isAnyUsable = false;
   for (const GenerationEngineID engine : allGenerationEngineIDs) {
-    checks.push_back(checkEngine(transport, engine, user));
-    isAnyUsable |= resolveEngine(engine, user).has_value();
+    checks.push_back(checkEngine(transport, engine, user, isAnyUsable));
   }
   if (!isAnyUsable) {
     for (Check& check : checks) check.outcome = bad;

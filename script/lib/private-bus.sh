@@ -10,11 +10,13 @@
 #   PRIVATE_BUS_ROOT          a temporary directory of mode 0700, removed by private_bus_stop
 #   PRIVATE_BUS_HOME          the home directory that the helper sees, with .local/bin/claude and codex in it
 #   PRIVATE_BUS_LOG           what the bus and the helper wrote to standard error
+#   PRIVATE_BUS_USER          an array: as the first words of a command they give it the same home directory
 #   DBUS_SESSION_BUS_ADDRESS  exported
 #
 # The helper's executable is the unchanged one: the home directory comes from the user database, through nss_wrapper.
 
 private_bus_pid=
+PRIVATE_BUS_USER=()
 
 # The process that owns the helper's name, or nothing.
 private_bus_helper_pid() {
@@ -62,10 +64,12 @@ private_bus_write_activation() {
   printf '%s\n' "$entry" >"$PRIVATE_BUS_ROOT/passwd"
   printf '%s\n' "$(id -gn):x:$(id -g):" >"$PRIVATE_BUS_ROOT/group"
   mkdir "$PRIVATE_BUS_ROOT/services"
+  PRIVATE_BUS_USER=(/usr/bin/env "LD_PRELOAD=$wrapper" "NSS_WRAPPER_PASSWD=$PRIVATE_BUS_ROOT/passwd"
+    "NSS_WRAPPER_GROUP=$PRIVATE_BUS_ROOT/group" "$@")
   cat >"$PRIVATE_BUS_ROOT/services/helper.service" <<SERVICE
 [D-BUS Service]
 Name=group.com.brindlemoor.Tessaloom.helper
-Exec=/usr/bin/env LD_PRELOAD=$wrapper NSS_WRAPPER_PASSWD=$PRIVATE_BUS_ROOT/passwd NSS_WRAPPER_GROUP=$PRIVATE_BUS_ROOT/group $* $bin/tessaloom-helper
+Exec=${PRIVATE_BUS_USER[*]} $bin/tessaloom-helper
 SERVICE
 }
 

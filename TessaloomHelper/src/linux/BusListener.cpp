@@ -141,7 +141,8 @@ int BusListener::accept(sd_bus_message* message) {
   const auto request = requestOf(message, *method);
   if (!request) return request.error();
   const CallWeight weight{.kind = method->kind, .bytes = request->size()};
-  if (!caller->waiting.fits(weight)) {
+  const bool runsEngine = weight.kind == CallKind::engine;
+  if (!caller->waiting.fits(weight) || (runsEngine && engineCalls_ >= maximumEngineCalls)) {
     return sd_bus_reply_method_errorf(message, SD_BUS_ERROR_LIMITS_EXCEEDED,
                                       "Too many calls are waiting.");
   }
@@ -159,6 +160,7 @@ int BusListener::accept(sd_bus_message* message) {
   calls_.emplace_back(*this, retain(message), caller->name, weight);
   calls_.back().position = std::prev(calls_.end());
   caller->waiting.add(weight);
+  if (runsEngine) ++engineCalls_;
   reply->bind(calls_.back());
   try {
     caller->connection->queue.submit(std::move(job));
@@ -169,6 +171,7 @@ int BusListener::accept(sd_bus_message* message) {
 }
 
 void BusListener::finish(AcceptedCall& call) {
+  if (call.weight.kind == CallKind::engine) --engineCalls_;
   // The answer for a caller that has gone is dropped.
   if (BusCaller* caller = callers_.find(call.sender)) {
     caller->waiting.remove(call.weight);

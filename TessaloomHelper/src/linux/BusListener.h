@@ -38,6 +38,10 @@ class BusListener {
   static constexpr const char* objectPath = "/com/brindlemoor/Tessaloom/Helper";
   static constexpr const char* interfaceName = "com.brindlemoor.Tessaloom.HelperServicing";
 
+  /// Calls of all callers that may run an engine at once; each keeps a thread of `tasks`, of which
+  /// some must stay free.
+  static constexpr std::size_t maximumEngineCalls = 48;
+
   static constexpr std::chrono::seconds stopLimit{10};
 
   /// What the listener works with; everything outlives it. `tasks` may be full of engines' work,
@@ -97,6 +101,8 @@ class BusListener {
   BusCallers callers_;
   std::list<AcceptedCall> calls_;
   std::vector<sd_bus_vtable> table_;  ///< The library keeps a pointer to it.
+
+  std::size_t engineCalls_ = 0;
 
   Phase phase_ = Phase::serving;
   std::unique_ptr<LeaveLetter> leaveLetter_;

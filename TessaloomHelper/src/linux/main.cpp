@@ -22,10 +22,10 @@
 #include "TessaloomHelper/GenerationCoordinator.h"
 #include "TessaloomHelper/HelperService.h"
 #include "TessaloomHelper/PerUserTemporaryDirectory.h"
-#include "linux/BusHandles.h"
 #include "linux/BusListener.h"
 #include "linux/HelperLine.h"
 #include "linux/PeerRequirement.h"
+#include "linux/SessionBus.h"
 #include "linux/ThreadTasks.h"
 #include "linux/UserUnit.h"
 
@@ -76,14 +76,12 @@ int serve() {
   const FileDescriptor signals = prepareSignals();
   const auto executable = executablePath();
 
-  sd_bus* opened = nullptr;
-  const int result = sd_bus_open_user(&opened);
-  if (result < 0) {
-    writeHelperLine("could not connect to the session bus: " + systemErrorText(-result));
+  const auto bus = openSessionBus();
+  if (!bus) {
+    writeHelperLine("could not connect to the session bus: " + systemErrorText(bus.error()));
     return 1;
   }
-  const BusHandle bus(opened);
-  registerUserUnit(bus.get(), registrationLimit);
+  registerUserUnit(bus->get(), registrationLimit);
   const auto identity = ExecutableIdentity::of("/proc/self/exe");
 
   const std::unique_ptr<Kernel> kernel = makeSystemKernel();
@@ -101,7 +99,7 @@ int serve() {
                                .shortVersion = TESSALOOM_VERSION,
                                .maximumReplyBytes = maximumReplyBytes};
   listener.emplace(
-      BusListener::Environment{.bus = bus.get(),
+      BusListener::Environment{.bus = bus->get(),
                                .context = context,
                                .tasks = tasks,
                                .queueTasks = queueTasks,

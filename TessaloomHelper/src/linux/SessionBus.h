@@ -1,0 +1,14 @@
+#pragma once
+
+#include <expected>
+
+#include "linux/BusHandles.h"
+
+namespace tessaloom {
+
+/// A connection to the user's session bus that carries no file descriptors: no method takes any,
+/// and those that came with a waiting call would stay open as long as it waits. The errno on
+/// failure.
+std::expected<BusHandle, int> openSessionBus();
+
+}  // namespace tessaloom
