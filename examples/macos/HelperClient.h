@@ -1,0 +1,44 @@
+#pragma once
+
+#import <Foundation/Foundation.h>
+
+NS_ASSUME_NONNULL_BEGIN
+
+/// Why a call has no result, as far as an editor tells its cases apart.
+typedef NS_ENUM(NSInteger, HelperFailure) {
+  HelperFailureConnection,  ///< The helper is missing, refused the editor, or went away.
+  HelperFailureSignIn,      ///< The engine is not signed in.
+  HelperFailureCancelled,
+  HelperFailureOther,       ///< Show the description.
+};
+
+/// The editor's end of the connection to the helper: what an editor does to use it on macOS.
+///
+/// One for the whole editor, because the helper signals only processes that the same connection has
+/// listed. Blocks are called on a queue of XPC's, each exactly once.
+@interface HelperClient : NSObject
+
+/// Whether an engine's executable is there, and its version.
+- (void)statusOfEngine:(NSString*)engine reply:(void (^)(BOOL isFound, NSString* version))reply;
+
+/// Generates free text. The identifier is the request's, for cancelling.
+- (void)generateText:(NSString*)prompt
+              engine:(NSString*)engine
+          identifier:(NSString*)identifier
+               reply:(void (^)(NSString* _Nullable text, HelperFailure failure,
+                               NSString* description))reply;
+
+/// Whether an engine was running and is being stopped. Repeat it until it says so or the generation
+/// has replied: before the engine was launched there is nothing to stop.
+- (void)cancel:(NSString*)identifier reply:(void (^)(BOOL isSignalled))reply;
+
+/// Lists the processes and ends the given one. The message is for the user.
+- (void)stopProcess:(int)pid reply:(void (^)(BOOL isSignalled, NSString* message))reply;
+
+/// Once after the editor starts and after it was updated: a helper whose executable was replaced
+/// leaves as soon as no generation runs, and the next call starts the new one.
+- (void)afterUpdate;
+
+@end
+
+NS_ASSUME_NONNULL_END
