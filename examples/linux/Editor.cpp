@@ -278,7 +278,8 @@ int cancel(Helper& helper, std::string_view engine, std::string_view prompt) {
 int stopProgram(Helper& helper) {
   const char* words[] = {"sleep", "600", nullptr};
   g_autoptr(GError) error = nullptr;
-  g_autoptr(GSubprocess) program = g_subprocess_newv(words, G_SUBPROCESS_FLAGS_NONE, &error);
+  g_autoptr(GSubprocess) program =
+      g_subprocess_newv(words, G_SUBPROCESS_FLAGS_STDOUT_SILENCE, &error);
   if (program == nullptr) return complain({"", error->message, "", 0, ""});
   const std::int64_t pid = g_ascii_strtoll(g_subprocess_get_identifier(program), nullptr, 10);
 
