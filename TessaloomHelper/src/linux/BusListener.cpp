@@ -104,10 +104,13 @@ std::expected<void, std::string> BusListener::start() {
   const auto failure = [](int result) { return std::unexpected(systemErrorText(-result)); };
   // Filters see a call before the library answers what it knows by itself (introspection, pings):
   // nobody who is not admitted gets past.
-  int result = sd_bus_add_filter(bus, nullptr, onCall, this);
+  sd_bus_slot* slot = nullptr;
+  int result = sd_bus_add_filter(bus, &slot, onCall, this);
   if (result < 0) return failure(result);
-  result = sd_bus_add_object_vtable(bus, nullptr, objectPath, interfaceName, table_.data(), this);
+  filter_.reset(slot);
+  result = sd_bus_add_object_vtable(bus, &slot, objectPath, interfaceName, table_.data(), this);
   if (result < 0) return failure(result);
+  object_.reset(slot);
   result = sd_bus_request_name(bus, serviceName.c_str(), 0);
   if (result == -EEXIST) return std::unexpected("another process has it");
   if (result < 0) return failure(result);

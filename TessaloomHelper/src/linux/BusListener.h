@@ -100,7 +100,9 @@ class BusListener {
   BusMailbox mailbox_;
   BusCallers callers_;
   std::list<AcceptedCall> calls_;
-  std::vector<sd_bus_vtable> table_;  ///< The library keeps a pointer to it.
+  std::vector<sd_bus_vtable> table_;  ///< Must outlive `object_`, which points into it.
+  BusSlot filter_;
+  BusSlot object_;
 
   std::size_t engineCalls_ = 0;
 

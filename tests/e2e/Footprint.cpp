@@ -1,0 +1,71 @@
+#include <signal.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include "e2e/EndToEnd.h"
+
+namespace tessaloom {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct ProcessRow {
+  pid_t pid;
+  char state;
+  pid_t parent;
+  pid_t group;
+};
+
+std::vector<ProcessRow> allProcesses() {
+  std::vector<ProcessRow> rows;
+  std::error_code ignored;
+  for (const auto& entry : fs::directory_iterator("/proc", ignored)) {
+    const std::string name = entry.path().filename();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    const std::string stat = textOf(entry.path() / "stat");
+    const auto end = stat.rfind(')');
+    if (end == std::string::npos) continue;
+    ProcessRow row{.pid = std::stoi(name), .state = 0, .parent = 0, .group = 0};
+    std::istringstream(stat.substr(end + 1)) >> row.state >> row.parent >> row.group;
+    rows.push_back(row);
+  }
+  return rows;
+}
+
+std::size_t entriesOf(const fs::path& folder) {
+  std::error_code ignored;
+  return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder, ignored), {}));
+}
+
+}  // namespace
+
+ProcessFootprint footprintOf(pid_t process) {
+  const fs::path folder = "/proc/" + std::to_string(process);
+  return {.descriptors = entriesOf(folder / "fd"),
+          .threads = entriesOf(folder / "task"),
+          .children = childrenOf(process).size()};
+}
+
+std::vector<pid_t> childrenOf(pid_t process) {
+  std::vector<pid_t> children;
+  for (const ProcessRow& row : allProcesses()) {
+    if (row.parent == process) children.push_back(row.pid);
+  }
+  return children;
+}
+
+std::size_t livingInGroup(pid_t group) {
+  return static_cast<std::size_t>(std::ranges::count_if(allProcesses(), [&](const ProcessRow& row) {
+    return row.group == group && row.state != 'Z';
+  }));
+}
+
+bool isAlive(pid_t process) {
+  return ::kill(process, 0) == 0;
+}
+
+}  // namespace tessaloom

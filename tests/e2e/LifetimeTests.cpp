@@ -1,0 +1,217 @@
+// How a helper starts, registers, is replaced and ends.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "e2e/EndToEnd.h"
+
+namespace tessaloom {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::string_view exitLine =
+    "helper: executable replaced on disk; exiting so launchd starts the new build\n";
+
+std::size_t occurrences(std::string_view text, std::string_view part) {
+  std::size_t count = 0;
+  for (auto at = text.find(part); at != std::string_view::npos; at = text.find(part, at + 1))
+    ++count;
+  return count;
+}
+
+// Clients that call without a pause until they are stopped.
+class Callers {
+ public:
+  explicit Callers(const std::string& address) {
+    for (const char* method : {"ProtocolVersion", "HelperCapabilities", "GenerationEngineStatus"}) {
+      threads_.emplace_back([this, address, method] { callOnAndOn(address, method); });
+    }
+  }
+  ~Callers() { stop(); }
+
+  void stop() {
+    isStopped_ = true;
+    for (auto& thread : threads_) {
+      if (thread.joinable()) thread.join();
+    }
+  }
+
+  bool awaitMore(int calls) {
+    const int goal = answered_ + calls;
+    return eventually([&] { return answered_ >= goal || failed_ > 0; });
+  }
+  int failed() const { return failed_; }
+
+ private:
+  void callOnAndOn(const std::string& address, const std::string& method) {
+    BusClient client(address);
+    const bool asksForEngine = method == "GenerationEngineStatus";
+    while (!isStopped_) {
+      const BusReply reply = asksForEngine ? client.call(method.c_str(), R"({"engine":"codex"})")
+                                           : client.call(method.c_str());
+      if (reply.isError()) {
+        ADD_FAILURE() << method << ": " << reply.errorName << " " << reply.message;
+        ++failed_;
+        return;
+      }
+      ++answered_;
+    }
+  }
+
+  std::atomic<bool> isStopped_ = false;
+  std::atomic<int> answered_ = 0;
+  std::atomic<int> failed_ = 0;
+  std::vector<std::thread> threads_;
+};
+
+class Lifetime : public EndToEnd {
+ protected:
+  // The same file with a later time, or another one in its place.
+  void replaceHelper(bool byAnotherFile, int turn) {
+    if (byAnotherFile) {
+      const std::string copy = bus.helper().string() + ".new";
+      std::filesystem::copy_file(bus.helper(), copy);
+      std::filesystem::rename(copy, bus.helper());
+      return;
+    }
+    const timespec later{.tv_sec = ::time(nullptr) + 10 * (turn + 1), .tv_nsec = 0};
+    const timespec times[] = {later, later};
+    ASSERT_EQ(::utimensat(AT_FDCWD, bus.helper().c_str(), times, 0), 0);
+  }
+};
+
+TEST_F(Lifetime, ReplacedHelpersLeaveOnceIdleAndLoseNoCall) {
+  client.call("ProtocolVersion");
+  Callers callers(bus.address());
+  constexpr int turns = 6;
+  for (int turn = 0; turn < turns; ++turn) {
+    const pid_t old = client.helperProcess();
+    const std::string go = "go" + std::to_string(turn);
+    const std::string up = "up" + std::to_string(turn);
+    const Request request{.prompt = "Hold on" + touch(up) + waitFor(go)};
+    const auto generation = client.send("GenerateText", request.body());
+    ASSERT_TRUE(awaitFile(up));
+    replaceHelper(turn % 2 == 1, turn);
+    EXPECT_EQ(client.call("QuitIfOutdated").body, R"({"isOutdated":true,"willExit":true})");
+    ASSERT_TRUE(callers.awaitMore(100));
+    EXPECT_EQ(client.helperProcess(), old);
+
+    createFile(go);
+    EXPECT_FALSE(client.await(generation).isError());
+    ASSERT_TRUE(eventually([&] { return !isAlive(old); }));
+    ASSERT_TRUE(callers.awaitMore(50));
+    EXPECT_EQ(client.call("QuitIfOutdated").body, R"({"isOutdated":false,"willExit":false})");
+  }
+  callers.stop();
+  EXPECT_EQ(callers.failed(), 0);
+  EXPECT_EQ(occurrences(bus.log(), exitLine), static_cast<std::size_t>(turns));
+}
+
+TEST_F(Lifetime, StaysWhenItsExecutableIsGoneOrOlder) {
+  client.call("ProtocolVersion");
+  const timespec times[] = {{.tv_sec = 1, .tv_nsec = 0}, {.tv_sec = 1, .tv_nsec = 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, bus.helper().c_str(), times, 0), 0);
+  EXPECT_EQ(client.call("QuitIfOutdated").body, R"({"isOutdated":false,"willExit":false})");
+  std::filesystem::remove(bus.helper());
+  EXPECT_EQ(client.call("QuitIfOutdated").body, R"({"isOutdated":false,"willExit":false})");
+}
+
+TEST_F(Lifetime, EndsItsEnginesWhenItIsToldToStop) {
+  Child helper = bus.startHelper("helper-log");
+  ASSERT_TRUE(eventually([&] { return client.helperProcess() == helper.pid(); }));
+  const Request request{.prompt = "Resist practice:ignore-term" + touch("up") + " practice:hang"};
+  const auto generation = client.send("GenerateText", request.body());
+  ASSERT_TRUE(awaitFile("up"));
+  helper.signal(SIGTERM);
+  EXPECT_EQ(client.await(generation).errorName, "com.brindlemoor.Tessaloom.generation.nonZeroExit");
+  EXPECT_EQ(helper.wait(), 0);
+  EXPECT_FALSE(hasDirectory(request));
+}
+
+TEST_F(Lifetime, EndsWithItsBus) {
+  Child helper = bus.startHelper("helper-log");
+  ASSERT_TRUE(eventually([&] { return client.helperProcess() == helper.pid(); }));
+  const Request request{.prompt = "Wait" + touch("up") + " practice:hang"};
+  client.send("GenerateText", request.body());
+  ASSERT_TRUE(awaitFile("up"));
+  const auto engines = childrenOf(helper.pid());
+  bus.end();
+  EXPECT_EQ(helper.wait(), 1);
+  EXPECT_NE(textOf(bus.path("helper-log")).find("helper: the session bus was lost\n"),
+            std::string::npos);
+  EXPECT_FALSE(hasDirectory(request));
+  EXPECT_EQ(livingInGroup(engines.at(0)), 0U);
+}
+
+TEST_F(Lifetime, DoesNotStartWithoutItsName) {
+  client.call("ProtocolVersion");
+  Child second = bus.startHelper("second-log");
+  EXPECT_EQ(second.wait(), 1);
+  EXPECT_NE(textOf(bus.path("second-log")).find("helper: could not take the name "),
+            std::string::npos);
+  EXPECT_EQ(client.call("ProtocolVersion").number, 1);
+}
+
+// Stands in for the user's service manager.
+class Registration : public EndToEnd {
+ protected:
+  // The helper's first answer, and what it wrote, when the manager says `state`, or nothing.
+  std::string start(std::optional<std::string> state) {
+    BusClient manager(bus.address());
+    manager.serve("org.freedesktop.systemd1", [&](sd_bus_message* call) {
+      const std::string method = sd_bus_message_get_member(call);
+      calls_.push_back(method);
+      if (!state) return 1;
+      if (method == "GetUnitFileState")
+        return sd_bus_reply_method_return(call, "s", state->c_str());
+      if (method != "EnableUnitFiles") return 0;
+      const char* unit = nullptr;
+      int flags[2] = {-1, -1};
+      sd_bus_message_read(call, "asbb", 1, &unit, &flags[0], &flags[1]);
+      EXPECT_STREQ(unit, "com.brindlemoor.Tessaloom.helper.service");
+      EXPECT_EQ(flags[0] | flags[1], 0);
+      if (*state == "refusing") {
+        return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, "Not\ntoday");
+      }
+      return sd_bus_reply_method_return(call, "ba(sss)", 1, 0);
+    });
+    const auto version = client.send("ProtocolVersion");
+    EXPECT_TRUE(eventually([&] {
+      manager.process();
+      return client.hasAnswer(version);
+    }));
+    EXPECT_EQ(client.await(version).number, 1);
+    const std::string log = bus.log();
+    const auto line = log.find("helper: ");
+    return line == std::string::npos ? "" : log.substr(line, log.find('\n', line) - line);
+  }
+
+  std::vector<std::string> calls_;
+};
+
+TEST_F(Registration, AsksNothingMoreOfAManagerThatHasTheUnitEnabled) {
+  EXPECT_EQ(start("enabled"), "");
+  EXPECT_EQ(calls_, std::vector<std::string>{"GetUnitFileState"});
+}
+
+TEST_F(Registration, EnablesAUnitThatIsNot) {
+  EXPECT_EQ(start("disabled"), "");
+  EXPECT_EQ(calls_, (std::vector<std::string>{"GetUnitFileState", "EnableUnitFiles"}));
+}
+
+TEST_F(Registration, TellsARefusalAndGoesOn) {
+  EXPECT_EQ(start("refusing"), "helper: systemd user unit register failed: Nottoday");
+}
+
+TEST_F(Registration, DoesNotWaitForAManagerThatIsSilent) {
+  EXPECT_EQ(start(std::nullopt).substr(0, 43), "helper: systemd user unit register failed: ");
+}
+
+}  // namespace
+}  // namespace tessaloom
