@@ -33,17 +33,25 @@ void forEachCharacter(std::string_view text, Visit visit) {
   }
 }
 
+/// The position of the next slash that is a character of its own, from the boundary `start` on.
+std::size_t findSlash(std::string_view text, std::size_t start, bool plain) {
+  if (plain) return text.find('/', start);
+  while (start < text.size()) {
+    const std::size_t end = endOfCharacter(text, start);
+    if (text[start] == '/' && end == start + 1) return start;
+    start = end;
+  }
+  return std::string_view::npos;
+}
+
 /// The text split at every slash, empty pieces included.
 std::vector<std::string_view> pieces(std::string_view text, bool plain) {
   std::vector<std::string_view> result;
+  result.reserve(1 + static_cast<std::size_t>(std::ranges::count(text, '/')));
   std::size_t start = 0;
-  for (std::size_t position = 0; position < text.size();) {
-    const std::size_t end = plain ? position + 1 : endOfCharacter(text, position);
-    if (isOneOf(text.substr(position, end - position), "/")) {
-      result.push_back(text.substr(start, position - start));
-      start = end;
-    }
-    position = end;
+  for (std::size_t slash = 0; (slash = findSlash(text, start, plain)) != std::string_view::npos;) {
+    result.push_back(text.substr(start, slash - start));
+    start = slash + 1;
   }
   result.push_back(text.substr(start));
   return result;
@@ -127,8 +135,10 @@ bool matchesPieces(const std::vector<std::string>& segments, const std::vector<S
       std::fill(std::ranges::find(reached, true), reached.end(), true);
       continue;
     }
-    // From right to left, so that one row serves as the old and the new one.
-    for (std::size_t n = pieces.size(); n > 0; --n) {
+    // From right to left, so that one row serves as the old and the new one. Of the last segment
+    // only the last flag is asked for.
+    const std::size_t lowest = i + 1 < segments.size() ? 1 : pieces.size();
+    for (std::size_t n = pieces.size(); n >= lowest; --n) {
       reached[n] = reached[n - 1] && matchesSegment(texts[i], pieces[n - 1]);
     }
     reached[0] = false;

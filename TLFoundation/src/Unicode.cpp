@@ -43,6 +43,23 @@ std::size_t startOfLastScalar(std::string_view text, std::size_t end) {
   return start;
 }
 
+/// The first place from `position` on between two ASCII characters that are not CR LF, or the end.
+std::size_t certainBoundary(std::string_view text, std::size_t position) {
+  for (++position; position < text.size(); ++position) {
+    const bool isCRLF = text[position - 1] == '\r' && text[position] == '\n';
+    if (UTF8::isASCII(text[position - 1]) && UTF8::isASCII(text[position]) && !isCRLF) {
+      return position;
+    }
+  }
+  return text.size();
+}
+
+std::string_view afterCharacters(std::string_view text, std::size_t count) {
+  std::size_t position = 0;
+  for (; count > 0; --count) position = endOfCharacter(text, position);
+  return text.substr(position);
+}
+
 }  // namespace
 
 bool isValidUTF8(std::string_view bytes) {
@@ -98,14 +115,18 @@ std::size_t characterCount(std::string_view text) {
 }
 
 std::string_view lastCharacters(std::string_view text, std::size_t count) {
-  if (text.size() <= count) return text;
-  const std::size_t total = characterCount(text);
-  if (total <= count) return text;
-  std::size_t position = 0;
-  for (std::size_t skipped = 0; skipped < total - count; ++skipped) {
-    position = endOfCharacter(text, position);
+  // The end of a long text mostly decides alone; it starts where a boundary is certain.
+  for (std::size_t window = count; window < text.size() / 4;) {
+    window = 4 * window + 64;
+    if (window >= text.size()) break;
+    const auto start = certainBoundary(text, text.size() - window);
+    const auto tail = text.substr(start);
+    const auto total = characterCount(tail);
+    if (total >= count) return afterCharacters(tail, total - count);
   }
-  return text.substr(position);
+  if (text.size() <= count) return text;
+  const auto total = characterCount(text);
+  return total <= count ? text : afterCharacters(text, total - count);
 }
 
 std::string_view trimmed(std::string_view text) {
