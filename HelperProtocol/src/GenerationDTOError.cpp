@@ -11,7 +11,7 @@ namespace {
 constexpr std::int64_t quotedLimit = 64;
 
 std::string quoted(const std::string& text) {
-  return "\"" + DisplayString::singleLine(text, quotedLimit) + "\"";
+  return '"' + DisplayString::singleLine(text, quotedLimit) + '"';
 }
 
 }  // namespace

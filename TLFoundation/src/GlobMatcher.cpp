@@ -1,6 +1,8 @@
 #include "TLFoundation/GlobMatcher.h"
 
 #include <algorithm>
+#include <array>
+#include <span>
 #include <utility>
 
 #include "CanonicalForm.h"
@@ -12,6 +14,8 @@ namespace tessaloom {
 namespace {
 
 using Case = GlobPatternError::Case;
+
+using Characters = std::vector<std::string>;
 
 constexpr std::string_view doubleStar = "**";
 
@@ -44,21 +48,37 @@ std::size_t findSlash(std::string_view text, std::size_t start, bool plain) {
   return std::string_view::npos;
 }
 
-/// The text split at every slash, empty pieces included.
-std::vector<std::string_view> pieces(std::string_view text, bool plain) {
-  std::vector<std::string_view> result;
-  result.reserve(1 + static_cast<std::size_t>(std::ranges::count(text, '/')));
+/// Visits the pieces between the slashes in order, empty ones included.
+template <class Visit>
+void forEachPiece(std::string_view text, bool plain, Visit visit) {
   std::size_t start = 0;
   for (std::size_t slash = 0; (slash = findSlash(text, start, plain)) != std::string_view::npos;) {
-    result.push_back(text.substr(start, slash - start));
+    visit(text.substr(start, slash - start));
     start = slash + 1;
   }
-  result.push_back(text.substr(start));
-  return result;
+  visit(text.substr(start));
 }
 
-std::vector<std::string> canonicalCharacters(std::string_view text) {
-  std::vector<std::string> characters;
+/// At least the number of pieces: a slash that carries a mark separates none.
+std::size_t boundOfPieces(std::string_view text) {
+  return 1 + static_cast<std::size_t>(std::ranges::count(text, '/'));
+}
+
+/// A row of values, cleared at first: on the stack for a path of ordinary depth, on the heap for a
+/// deeper one. Two allocations would cost as much as most matches.
+template <class Value>
+class Row {
+ public:
+  explicit Row(std::size_t size) : deep_(size > shallow_.size() ? size : 0) {}
+  Value* data() { return deep_.empty() ? shallow_.data() : deep_.data(); }
+
+ private:
+  std::array<Value, 16> shallow_{};
+  std::vector<Value> deep_;
+};
+
+Characters canonicalCharacters(std::string_view text) {
+  Characters characters;
   forEachCharacter(
       text, [&](std::string_view character) { characters.push_back(canonicalForm(character)); });
   return characters;
@@ -126,24 +146,25 @@ bool matchesSegment(const Segment& segment, const Piece& piece) {
 /// `texts` are the segments in the form in which they are compared with the pieces.
 template <class Segment, class Piece>
 bool matchesPieces(const std::vector<std::string>& segments, const std::vector<Segment>& texts,
-                   const std::vector<Piece>& pieces) {
+                   std::span<const Piece> pieces) {
   // Flag i says that the segments so far match exactly the first i pieces.
-  std::vector<bool> reached(pieces.size() + 1);
-  reached[0] = true;
+  Row<char> row(pieces.size() + 1);
+  const std::span reached(row.data(), pieces.size() + 1);
+  reached.front() = 1;
   for (std::size_t i = 0; i < segments.size(); ++i) {
     if (segments[i] == doubleStar) {
-      std::fill(std::ranges::find(reached, true), reached.end(), true);
+      std::fill(std::ranges::find(reached, 1), reached.end(), 1);
       continue;
     }
     // From right to left, so that one row serves as the old and the new one. Of the last segment
     // only the last flag is asked for.
     const std::size_t lowest = i + 1 < segments.size() ? 1 : pieces.size();
     for (std::size_t n = pieces.size(); n >= lowest; --n) {
-      reached[n] = reached[n - 1] && matchesSegment(texts[i], pieces[n - 1]);
+      reached[n] = reached[n - 1] != 0 && matchesSegment(texts[i], pieces[n - 1]) ? 1 : 0;
     }
-    reached[0] = false;
+    reached.front() = 0;
   }
-  return reached.back();
+  return reached.back() != 0;
 }
 
 }  // namespace
@@ -168,7 +189,8 @@ const char* GlobPatternError::what() const noexcept {
 
 void GlobMatcher::validate(std::string_view pattern) {
   if (pattern.empty()) throw GlobPatternError(Case::emptyPattern);
-  const auto segments = pieces(pattern, isPlain(pattern));
+  std::vector<std::string_view> segments;
+  forEachPiece(pattern, isPlain(pattern), [&](auto segment) { segments.push_back(segment); });
   if (segments.front().empty()) throw GlobPatternError(Case::leadingSlash);
   if (segments.back().empty()) throw GlobPatternError(Case::trailingSlash);
   forEachCharacter(pattern, [](std::string_view character) {
@@ -183,11 +205,11 @@ GlobMatcher::GlobMatcher(std::string pattern, bool caseInsensitive)
     : pattern_(std::move(pattern)), caseInsensitive_(caseInsensitive), plain_(isPlain(pattern_)) {
   validate(pattern_);
   const auto text = caseInsensitive ? Unicode::lowercased(pattern_) : pattern_;
-  for (const auto segment : pieces(text, plain_)) {
-    if (segment == doubleStar && !segments_.empty() && segments_.back() == doubleStar) continue;
+  forEachPiece(text, plain_, [&](std::string_view segment) {
+    if (segment == doubleStar && !segments_.empty() && segments_.back() == doubleStar) return;
     segments_.emplace_back(segment);
     characters_.push_back(canonicalCharacters(segment));
-  }
+  });
 }
 
 bool GlobMatcher::matches(std::string_view path) const {
@@ -195,14 +217,22 @@ bool GlobMatcher::matches(std::string_view path) const {
   std::string lower;
   if (caseInsensitive_) path = lower = Unicode::lowercased(path);
   const bool plain = isPlain(path);
-  const auto parts = pieces(path, plain);
-  if (std::ranges::any_of(parts, &std::string_view::empty)) return false;
-  if (plain && plain_) return matchesPieces(segments_, segments_, parts);
 
-  std::vector<std::vector<std::string>> characters;
-  characters.reserve(parts.size());
-  for (const auto part : parts) characters.push_back(canonicalCharacters(part));
-  return matchesPieces(segments_, characters_, characters);
+  Row<std::string_view> row(boundOfPieces(path));
+  std::size_t count = 0;
+  bool hasEmptyPiece = false;
+  forEachPiece(path, plain, [&](std::string_view piece) {
+    row.data()[count++] = piece;
+    hasEmptyPiece = hasEmptyPiece || piece.empty();
+  });
+  if (hasEmptyPiece) return false;
+  const std::span<const std::string_view> pieces(row.data(), count);
+  if (plain && plain_) return matchesPieces(segments_, segments_, pieces);
+
+  std::vector<Characters> characters;
+  characters.reserve(count);
+  for (const auto piece : pieces) characters.push_back(canonicalCharacters(piece));
+  return matchesPieces(segments_, characters_, std::span<const Characters>(characters));
 }
 
 bool operator==(const GlobMatcher& a, const GlobMatcher& b) {
