@@ -7,11 +7,9 @@ add_executable(
   src/macos/InfoPropertyList.cpp
   src/macos/LaunchAgent.mm
   src/macos/ListenerDelegate.mm
-  src/macos/StandardError.cpp
-  src/macos/TemporaryDirectory.cpp
   src/macos/main.mm)
 set_target_properties(tessaloom-helper PROPERTIES OUTPUT_NAME TessaloomHelper)
-target_include_directories(tessaloom-helper PRIVATE src/macos)
+target_include_directories(tessaloom-helper PRIVATE src src/macos)
 target_link_libraries(tessaloom-helper PRIVATE tessaloom_settings TessaloomHelperParts
                                                "-framework ServiceManagement")
 

@@ -114,7 +114,8 @@ TEST(KernelLists, SizesAListAndThenFillsIt) {
     });
     EXPECT_EQ(room, row.room);
     ASSERT_EQ(list.size(), row.records);
-    if (!list.empty()) EXPECT_EQ(list.back(), static_cast<std::int32_t>(row.records));
+    const std::int32_t last = list.empty() ? 0 : list.back();
+    EXPECT_EQ(last, static_cast<std::int32_t>(row.records));
   }
 }
 

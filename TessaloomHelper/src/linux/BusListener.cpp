@@ -13,10 +13,10 @@
 #include <systemd/sd-daemon.h>
 
 #include "HelperCore/SystemError.h"
+#include "HelperLine.h"
 #include "HelperProtocol/HelperConstants.h"
 #include "linux/BusCallback.h"
 #include "linux/BusMethods.h"
-#include "linux/HelperLine.h"
 
 namespace tessaloom {
 

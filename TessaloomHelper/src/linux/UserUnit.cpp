@@ -6,8 +6,8 @@
 #include <string_view>
 
 #include "HelperCore/SystemError.h"
+#include "HelperLine.h"
 #include "linux/BusHandles.h"
-#include "linux/HelperLine.h"
 
 namespace tessaloom {
 

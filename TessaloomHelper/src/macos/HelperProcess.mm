@@ -2,15 +2,17 @@
 
 #import <Foundation/Foundation.h>
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <limits>
 #include <optional>
 #include <utility>
 
 #import "DispatchTasks.h"
+#include "HelperCore/Kernel.h"
+#include "HelperCore/PerUserTemporaryDirectory.h"
 #import "HelperProtocol/macos/FoundationValues.h"
-#include "StandardError.h"
-#include "TemporaryDirectory.h"
 
 namespace tessaloom {
 
@@ -32,7 +34,8 @@ std::string shortVersion() {
 }
 
 [[noreturn]] void leave() {
-  writeToStandardError(ExitWhenIdle::exitLine);
+  constexpr std::string_view line = ExitWhenIdle::exitLine;
+  [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
   std::exit(0);
 }
 
@@ -41,9 +44,10 @@ class HelperProcess {
  public:
   HelperProcess()
       : executable_(executablePath()),
-        coordinator_(runner_, userTemporaryDirectory()),
+        coordinator_(runner_, perUserTemporaryDirectory()),
         exitWhenIdle_(executable_, identityOf(executable_), runner_, tasks_, leave),
         context_{.coordinator = coordinator_,
+                 .kernel = *kernel_,
                  .exitWhenIdle = exitWhenIdle_,
                  .tasks = tasks_,
                  .shortVersion = shortVersion(),
@@ -53,6 +57,7 @@ class HelperProcess {
 
  private:
   std::optional<std::filesystem::path> executable_;
+  std::unique_ptr<Kernel> kernel_ = makeSystemKernel();
   DispatchTasks tasks_;
   CLIRunner runner_;
   GenerationCoordinator coordinator_;

@@ -4,18 +4,14 @@
 
 #include <string>
 
+#include "HelperLine.h"
 #import "HelperProtocol/macos/FoundationValues.h"
-#include "StandardError.h"
-#include "TLFoundation/DisplayString.h"
 
 namespace tessaloom {
 
 namespace {
 
 NSString* const propertyListName = @"com.brindlemoor.Tessaloom.helper.plist";
-
-/// An error's description may quote others over several lines.
-constexpr std::int64_t descriptionLimit = 4'096;
 
 }  // namespace
 
@@ -25,9 +21,7 @@ void registerLaunchAgent() {
 
   NSError* error = nil;
   if ([agent registerAndReturnError:&error]) return;
-  const std::string description =
-      DisplayString::singleLine(textFromString(error.description), descriptionLimit);
-  writeToStandardError("helper: SMAppService.agent register failed: " + description + "\n");
+  writeHelperLine("SMAppService.agent register failed: " + textFromString(error.description));
 }
 
 }  // namespace tessaloom

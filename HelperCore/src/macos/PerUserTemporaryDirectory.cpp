@@ -1,4 +1,4 @@
-#include "TessaloomHelper/PerUserTemporaryDirectory.h"
+#include "HelperCore/PerUserTemporaryDirectory.h"
 
 #include <limits.h>
 #include <unistd.h>

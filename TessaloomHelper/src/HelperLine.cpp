@@ -1,4 +1,4 @@
-#include "linux/HelperLine.h"
+#include "HelperLine.h"
 
 #include <unistd.h>
 

@@ -1,0 +1,16 @@
+#include "Checks.h"
+#include "HelperCore/PerUserTemporaryDirectory.h"
+
+namespace tessaloom {
+
+std::vector<Check> checkWayToHelper() {
+  // There is nothing to ask before the first call: launchd tells whether it knows the helper, and
+  // the helper whether it admits this program, only by how that call ends.
+  return {};
+}
+
+std::filesystem::path temporaryDirectory() {
+  return perUserTemporaryDirectory();
+}
+
+}  // namespace tessaloom
