@@ -20,9 +20,11 @@ PRIVATE_BUS_USER=()
 
 # The process that owns the helper's name, or nothing.
 private_bus_helper_pid() {
-  dbus-send --session --print-reply=literal --dest=org.freedesktop.DBus / \
-    org.freedesktop.DBus.GetConnectionUnixProcessID string:group.com.brindlemoor.Tessaloom.helper \
-    2>/dev/null | awk '$1 == "uint32" { print $2 }'
+  {
+    dbus-send --session --print-reply=literal --dest=org.freedesktop.DBus / \
+      org.freedesktop.DBus.GetConnectionUnixProcessID string:group.com.brindlemoor.Tessaloom.helper \
+      2>/dev/null || true
+  } | awk '$1 == "uint32" { print $2 }'
 }
 
 private_bus_write_config() {
@@ -76,7 +78,13 @@ SERVICE
 # private_bus_start BIN [NAME=VALUE...]: BIN holds the executables and the practice engine; the variables are for the
 # helper's environment.
 private_bus_start() {
-  local bin=$1 attempts=0
+  local bin=$1 attempts=0 program
+  for program in tessaloom-helper practice-engine; do
+    if [[ ! -x $bin/$program ]]; then
+      echo "private-bus: $bin/$program is not built" >&2
+      return 1
+    fi
+  done
   PRIVATE_BUS_ROOT=$(mktemp -d "${TMPDIR:-/tmp}/tessaloom-bus-XXXXXX")
   PRIVATE_BUS_HOME=$PRIVATE_BUS_ROOT/home
   PRIVATE_BUS_LOG=$PRIVATE_BUS_ROOT/log
