@@ -1,0 +1,286 @@
+// Measures the helper as the editor meets it, on the bus that DBUS_SESSION_BUS_ADDRESS names. It
+// must be installed as `tessaloom` beside the helper, which admits no other; script/bench does
+// that.
+//
+//   tessaloom calls             round trip, cold start and idle memory, beside the echo service
+//   tessaloom generations HOME  one generation, beside its engine run by hand; HOME is the home
+//   directory
+//                               that the helper sees
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <systemd/sd-bus.h>
+
+#include "BusNames.h"
+#include "HelperCore/CLIInvocationBuilder.h"
+#include "HelperCore/FileDescriptor.h"
+#include "HelperProtocol/GenerationRequest.h"
+#include "HelperProtocol/HelperCoding.h"
+#include "linux/BusHandles.h"
+
+extern char** environ;
+
+namespace tessaloom {
+namespace {
+
+namespace fs = std::filesystem;
+using Microseconds = std::chrono::duration<double, std::micro>;
+using namespace std::chrono_literals;
+
+constexpr int roundTrips = 2'000;
+constexpr int coldStarts = 20;
+constexpr int generations = 50;
+constexpr std::uint64_t callTimeout = 60'000'000;  // Microseconds.
+
+void require(int result, const char* what) {
+  if (result < 0) throw std::system_error(-result, std::generic_category(), what);
+}
+
+Microseconds timed(const std::function<void()>& work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::steady_clock::now() - start;
+}
+
+Microseconds median(std::vector<Microseconds> times) {
+  const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
+  std::nth_element(times.begin(), middle, times.end());
+  return *middle;
+}
+
+/// One line of the report: what was measured, what stands beside it, and how they compare.
+void report(const char* name, const char* unit, double value, double beside) {
+  std::printf("  %-44s %9.1f %-3s %9.1f %-3s  %+9.1f %-3s  x%.2f\n", name, value, unit, beside,
+              unit, value - beside, unit, value / beside);
+}
+
+/// Measures both in turn, so that a change of the machine's mood meets both.
+void compare(const char* name, const char* unit, double unitsPerMicrosecond, int rounds,
+             const std::function<Microseconds()>& measured,
+             const std::function<Microseconds()>& beside) {
+  std::vector<Microseconds> ours;
+  std::vector<Microseconds> theirs;
+  for (int round = 0; round < rounds; ++round) {
+    ours.push_back(measured());
+    theirs.push_back(beside());
+  }
+  report(name, unit, median(ours).count() * unitsPerMicrosecond,
+         median(theirs).count() * unitsPerMicrosecond);
+}
+
+// The bus
+
+BusHandle openBus() {
+  sd_bus* bus = nullptr;
+  require(sd_bus_open_user(&bus), "connecting to the bus");
+  return BusHandle(bus);
+}
+
+BusMessage call(sd_bus* bus, const char* service, const char* method,
+                const std::string* body = nullptr) {
+  sd_bus_message* made = nullptr;
+  require(sd_bus_message_new_method_call(bus, &made, service, objectPath, interfaceName, method),
+          method);
+  const BusMessage message(made);
+  if (body != nullptr)
+    require(sd_bus_message_append_array(made, 'y', body->data(), body->size()), method);
+  BusError error;
+  sd_bus_message* reply = nullptr;
+  const int result = sd_bus_call(bus, made, callTimeout, error.get(), &reply);
+  if (result < 0)
+    throw std::runtime_error(std::string(method) + " of " + service + ": " +
+                             (error.message() != nullptr ? error.message() : "no reply"));
+  return BusMessage(reply);
+}
+
+pid_t processOf(sd_bus* bus, const char* service) {
+  sd_bus_creds* creds = nullptr;
+  if (sd_bus_get_name_creds(bus, service, SD_BUS_CREDS_PID, &creds) < 0) return 0;
+  pid_t pid = 0;
+  sd_bus_creds_get_pid(creds, &pid);
+  sd_bus_creds_unref(creds);
+  return pid;
+}
+
+/// Ends the service. Its process may stay a zombie for as long as whoever reaps it likes, so the
+/// end is that of the name, with a moment for what follows it.
+void stop(sd_bus* bus, const char* service) {
+  const pid_t pid = processOf(bus, service);
+  if (pid <= 0) return;
+  ::kill(pid, SIGTERM);
+  while (processOf(bus, service) != 0) std::this_thread::sleep_for(1ms);
+  std::this_thread::sleep_for(10ms);
+}
+
+/// A field of /proc/PID/smaps_rollup, in KiB.
+double memory(pid_t pid, const std::string& field) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/smaps_rollup");
+  for (std::string name; file >> name;)
+    if (double value = 0; name == field && file >> value) return value;
+  throw std::runtime_error("no " + field + " of process " + std::to_string(pid));
+}
+
+void measureCalls() {
+  const BusHandle bus = openBus();
+  const auto timedCall = [&bus](const char* service) {
+    return timed([&] { call(bus.get(), service, "ProtocolVersion"); });
+  };
+  const auto coldStart = [&](const char* service) {
+    stop(bus.get(), service);
+    return timedCall(service);
+  };
+
+  std::printf("  %-44s %13s %13s\n", "", "helper", "echo service");
+  compare(
+      "cold start to first reply, by activation", "ms", 1e-3, coldStarts,
+      [&] { return coldStart(helperName); }, [&] { return coldStart(echoName); });
+  const pid_t helper = processOf(bus.get(), helperName);
+  const pid_t echo = processOf(bus.get(), echoName);
+  report("idle memory, proportional set size", "KiB", memory(helper, "Pss:"), memory(echo, "Pss:"));
+  report("idle memory, resident set size", "KiB", memory(helper, "Rss:"), memory(echo, "Rss:"));
+  compare(
+      "ProtocolVersion, round trip", "us", 1, roundTrips, [&] { return timedCall(helperName); },
+      [&] { return timedCall(echoName); });
+}
+
+// Processes
+
+struct Pipe {
+  FileDescriptor read, write;
+  Pipe() {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) require(-errno, "pipe2");
+    read = FileDescriptor(ends[0]);
+    write = FileDescriptor(ends[1]);
+  }
+};
+
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+  std::vector<char*> result;
+  for (std::string& text : texts) result.push_back(text.data());
+  result.push_back(nullptr);
+  return result;
+}
+
+/// Runs a command as the shell would: input in, output out, status 0. The input is smaller than a
+/// pipe.
+void runByHand(const CLIInvocation& invocation) {
+  std::vector<std::string> arguments{invocation.executable};
+  arguments.insert(arguments.end(), invocation.arguments.begin(), invocation.arguments.end());
+  std::vector<std::string> variables;
+  for (const auto& [name, value] : invocation.environment) variables.push_back(name + "=" + value);
+
+  Pipe input;
+  Pipe output;
+  posix_spawn_file_actions_t actions;
+  ::posix_spawn_file_actions_init(&actions);
+  ::posix_spawn_file_actions_adddup2(&actions, input.read.get(), STDIN_FILENO);
+  ::posix_spawn_file_actions_adddup2(&actions, output.write.get(), STDOUT_FILENO);
+  if (invocation.workingDirectory)
+    ::posix_spawn_file_actions_addchdir_np(&actions, invocation.workingDirectory->c_str());
+  pid_t child = 0;
+  const int spawned = ::posix_spawn(&child, invocation.executable.c_str(), &actions, nullptr,
+                                    pointers(arguments).data(), pointers(variables).data());
+  ::posix_spawn_file_actions_destroy(&actions);
+  require(-spawned, invocation.executable.c_str());
+
+  input.read.reset();
+  output.write.reset();
+  const std::string text = invocation.standardInput.value_or("");
+  if (::write(input.write.get(), text.data(), text.size()) != std::ssize(text))
+    require(-errno, "write");
+  input.write.reset();
+  char chunk[4096];
+  while (::read(output.read.get(), chunk, sizeof chunk) > 0) {
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  if (status != 0) throw std::runtime_error(invocation.executable.string() + " failed");
+}
+
+Environment ownEnvironment() {
+  Environment environment;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string text = *entry;
+    const std::size_t equals = text.find('=');
+    environment.emplace(text.substr(0, equals), text.substr(equals + 1));
+  }
+  return environment;
+}
+
+void measureGenerations(const fs::path& home) {
+  const std::string prompt = "Describe how a river shapes its valley.\n" + std::string(2'000, '.');
+  const UUID id = UUID::random();
+  const fs::path directory = "/tmp/tessaloom-generation-" + id.string();
+  fs::create_directory(directory);
+  fs::permissions(directory, fs::perms::owner_all);
+
+  const CLIInvocation engine{
+      .executable = home / ".local/bin/claude",
+      .arguments = CLIInvocationBuilder::claudeArguments(GenerationShape::freeText),
+      .environment = CLIInvocationBuilder::environment(home, "bench", directory),
+      .workingDirectory = directory,
+      .standardInput = CLIInvocationBuilder::prompt("", prompt)};
+  const CLIInvocation client{
+      .executable = fs::read_symlink("/proc/self/exe").parent_path() / "tessaloom-helperctl",
+      .arguments = {"generate", "--engine", "claudeCode", prompt},
+      .environment = ownEnvironment(),
+      .workingDirectory = {},
+      .standardInput = {}};
+  const BusHandle bus = openBus();
+  const auto timedCall = [&] {
+    const std::string body = HelperCoding::makeEncoder().encode(
+        GenerationRequest(UUID::random(), GenerationEngineID::claudeCode, GenerationShape::freeText,
+                          "", prompt, GenerationTimeout()));
+    return timed([&] { call(bus.get(), helperName, "GenerateText", &body); });
+  };
+  const auto byHand = [&] { return timed([&] { runByHand(engine); }); };
+
+  std::printf("  %-44s %13s %13s\n", "", "helper", "engine by hand");
+  compare("generation, on an open connection", "ms", 1e-3, generations, timedCall, byHand);
+  compare(
+      "generation, tessaloom-helperctl generate", "ms", 1e-3, generations,
+      [&] { return timed([&] { runByHand(client); }); }, byHand);
+  fs::remove_all(directory);
+}
+
+int run(std::span<char*> arguments) {
+  const std::string command = arguments.size() > 1 ? arguments[1] : "";
+  if (command == "calls" && arguments.size() == 2)
+    measureCalls();
+  else if (command == "generations" && arguments.size() == 3)
+    measureGenerations(arguments[2]);
+  else
+    throw std::invalid_argument("usage: tessaloom calls | generations HOME");
+  return EXIT_SUCCESS;
+}
+
+}  // namespace
+}  // namespace tessaloom
+
+int main(int argc, char** argv) {
+  try {
+    return tessaloom::run({argv, static_cast<std::size_t>(argc)});
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "benchmark: %s\n", error.what());
+    return EXIT_FAILURE;
+  }
+}
