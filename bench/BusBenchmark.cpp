@@ -245,6 +245,8 @@ void measureGenerations(const fs::path& home) {
       .environment = ownEnvironment(),
       .workingDirectory = {},
       .standardInput = {}};
+  CLIInvocation idleClient = client;
+  idleClient.arguments = {"--help"};
   const BusHandle bus = openBus();
   const auto timedCall = [&] {
     const std::string body = HelperCoding::makeEncoder().encode(
@@ -259,6 +261,9 @@ void measureGenerations(const fs::path& home) {
   compare(
       "generation, tessaloom-helperctl generate", "ms", 1e-3, generations,
       [&] { return timed([&] { runByHand(client); }); }, byHand);
+  compare(
+      "of which the client's start and end (--help)", "ms", 1e-3, generations,
+      [&] { return timed([&] { runByHand(idleClient); }); }, byHand);
   fs::remove_all(directory);
 }
 

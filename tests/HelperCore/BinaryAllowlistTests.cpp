@@ -12,6 +12,7 @@
 #include "HelperCore/BinaryAllowlist.h"
 #include "HelperCore/ExecutableIdentity.h"
 #include "HelperCore/FileDescriptor.h"
+#include "support/TemporaryDirectory.h"
 
 namespace tessaloom {
 namespace {
@@ -105,26 +106,22 @@ TEST(BinaryAllowlist, ExplainsEveryRejection) {
             "codex wasn’t found in any of the usual install locations.");
 }
 
-/// A home directory with an empty .local/bin, removed at the end.
+/// A home directory with an empty .local/bin.
 class RealFiles : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = fs::temp_directory_path() / "allowlist-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    home_ = pattern;
-    bin_ = home_ / ".local/bin";
+  RealFiles() : home_(directory_.path()), bin_(home_ / ".local/bin") {
     fs::create_directories(bin_);
   }
-  void TearDown() override { fs::remove_all(home_); }
 
-  fs::path create(const fs::path& path, mode_t mode) {
+  static fs::path create(const fs::path& path, mode_t mode) {
     const FileDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     EXPECT_TRUE(fd);
     EXPECT_EQ(::fchmod(fd.get(), mode), 0);
     return path;
   }
 
-  fs::path home_, bin_;
+  const TemporaryDirectory directory_;
+  const fs::path home_, bin_;
 };
 
 TEST_F(RealFiles, AreJudgedByWhatTheLinkLeadsTo) {
