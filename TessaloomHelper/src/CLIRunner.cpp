@@ -1,8 +1,10 @@
 #include "TessaloomHelper/CLIRunner.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,6 +34,11 @@ Clock::time_point deadlineAfter(std::chrono::duration<double> timeout) {
          std::chrono::duration_cast<Clock::duration>(std::clamp(timeout, -longest, longest));
 }
 
+GenerationErrorPayload launchFailure(GenerationEngineID engine, int error) {
+  return GenerationErrorPayload::withDetail(GenerationFailureKind::launchFailed, engine,
+                                            systemErrorText(error));
+}
+
 }  // namespace
 
 /// A child's place in the registry, given up with this object at the latest.
@@ -39,7 +46,9 @@ class CLIRunner::Registration {
  public:
   Registration(CLIRunner& runner, const std::optional<UUID>& requestID,
                std::shared_ptr<ChildProcess> child)
-      : runner_(runner), requestID_(requestID), child_(std::move(child)) {
+      : Registration(runner, requestID) {
+    // The object counts as made from here on, so a failure in between is cleaned up too.
+    child_ = std::move(child);
     const MutexLock locked(runner_.lock_);
     runner_.running_.insert(child_);
     if (requestID_) runner_.inFlight_.insert_or_assign(*requestID_, child_);
@@ -58,20 +67,20 @@ class CLIRunner::Registration {
   }
 
  private:
+  Registration(CLIRunner& runner, const std::optional<UUID>& requestID)
+      : runner_(runner), requestID_(requestID) {}
+
   CLIRunner& runner_;
   const std::optional<UUID> requestID_;
-  const std::shared_ptr<ChildProcess> child_;
+  std::shared_ptr<ChildProcess> child_;
 };
 
 std::expected<RunResult, GenerationErrorPayload> CLIRunner::run(
     const CLIInvocation& invocation, const std::optional<UUID>& requestID,
-    GenerationEngineID engine, std::chrono::duration<double> timeout) {
+    GenerationEngineID engine, std::chrono::duration<double> timeout) try {
   const std::int64_t seconds = wholeSeconds(timeout);
   auto session = ChildSession::launch(invocation);
-  if (!session) {
-    return std::unexpected(GenerationErrorPayload::withDetail(
-        GenerationFailureKind::launchFailed, engine, systemErrorText(session.error())));
-  }
+  if (!session) return std::unexpected(launchFailure(engine, session.error()));
   const std::shared_ptr<ChildProcess>& child = session->child();
   Registration registration(*this, requestID, child);
   if (isEnding()) child->terminate();
@@ -93,6 +102,8 @@ std::expected<RunResult, GenerationErrorPayload> CLIRunner::run(
     return std::unexpected(GenerationErrorPayload{GenerationFailureKind::cancelled, engine});
   }
   return session->result();
+} catch (const std::bad_alloc&) {
+  return std::unexpected(launchFailure(engine, ENOMEM));
 }
 
 bool CLIRunner::cancel(const UUID& requestID) {
@@ -116,7 +127,7 @@ void CLIRunner::endAll() {
   std::vector<std::shared_ptr<ChildProcess>> children;
   {
     const MutexLock locked(lock_);
-    ending_ = true;
+    if (std::exchange(ending_, true)) return;  // Ended, or ends itself once it is registered.
     children.assign(running_.begin(), running_.end());
   }
   for (const auto& child : children) child->terminate();

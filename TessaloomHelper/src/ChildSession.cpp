@@ -8,7 +8,6 @@
 #include <array>
 #include <cerrno>
 #include <limits>
-#include <new>
 #include <system_error>
 #include <utility>
 
@@ -78,8 +77,6 @@ std::expected<ChildSession, int> ChildSession::launch(const CLIInvocation& invoc
                         text);
   } catch (const std::system_error& failure) {
     return std::unexpected(failure.code().value());
-  } catch (const std::bad_alloc&) {
-    return std::unexpected(ENOMEM);
   }
 }
 

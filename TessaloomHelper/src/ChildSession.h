@@ -20,8 +20,8 @@ class ChildSession {
  public:
   using Clock = ChildProcess::Clock;
 
-  /// Fails with an errno value: no descriptor, no process, no memory, or nothing that could be
-  /// executed. The invocation must outlive the session.
+  /// Fails with an errno value: no descriptor, no process, or nothing that could be executed. The
+  /// invocation must outlive the session.
   static std::expected<ChildSession, int> launch(const CLIInvocation& invocation);
 
   ChildSession(ChildSession&&) = default;
