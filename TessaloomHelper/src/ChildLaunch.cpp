@@ -92,7 +92,9 @@ std::vector<std::string> argumentVector(const CLIInvocation& invocation) {
 std::vector<std::string> environmentVector(const Environment& environment) {
   std::vector<std::string> result;
   result.reserve(environment.size());
-  for (const auto& [name, value] : environment) result.push_back(name + "=" + value);
+  for (const auto& [name, value] : environment) {
+    result.emplace_back(name).append("=").append(value);
+  }
   return result;
 }
 

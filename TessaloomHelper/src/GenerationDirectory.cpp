@@ -18,6 +18,7 @@ constexpr mode_t ownerOnly = S_IRWXU;
 constexpr int openDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 /// 0, also when something stands at the path already, or the error.
+// NOLINTNEXTLINE(misc-no-recursion): no deeper than the path is long.
 int makeDirectories(const std::filesystem::path& path) {
   int made = ::mkdir(path.c_str(), ownerOnly);
   if (made != 0 && errno == ENOENT && path.has_parent_path()) {
@@ -52,6 +53,7 @@ class DirectoryReader {
 
   /// The next name, valid until the next call; null at the end.
   const char* next() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): a stream of one thread's own, where readdir is safe.
     while (const dirent* entry = ::readdir(stream_.get())) {
       const std::string_view name(entry->d_name);
       if (name != "." && name != "..") return entry->d_name;

@@ -1,21 +1,21 @@
 #include "linux/ThreadTasks.h"
 
 #include <algorithm>
-#include <exception>
-#include <iterator>
+#include <new>
 #include <utility>
 
 namespace tessaloom {
 
 ThreadTasks::ThreadTasks() {
   timekeeper_ = std::thread([this] { keepTime(); });
-  try {
+  std::error_code error;
+  {
     const MutexLock locked(lock_);
-    startWorker();
-  } catch (...) {
-    stop();
-    throw;
+    error = startWorker();
   }
+  if (!error) return;
+  stop();
+  throw std::system_error(error);
 }
 
 ThreadTasks::~ThreadTasks() {
@@ -42,23 +42,22 @@ void ThreadTasks::runAfter(std::chrono::milliseconds delay, QualityOfService /*q
 void ThreadTasks::accept(Entries entry) {
   accepted_.splice(accepted_.end(), entry);
   if (accepted_.size() > idle_ && workers_.size() < maximumThreads && !stopping_) {
-    try {
-      startWorker();
-    } catch (const std::exception&) {
-      // No thread or no memory for one: a worker that exists takes the task when it is free.
-    }
+    // When there is none to be had, a worker that exists takes the task once it is free.
+    [[maybe_unused]] const auto error = startWorker();
   }
   taskAccepted_.notify_one();
 }
 
-void ThreadTasks::startWorker() {
-  const auto self = workers_.emplace(workers_.end());
-  try {
-    *self = std::thread([this, self] { work(self); });
-  } catch (...) {
-    workers_.erase(self);
-    throw;
-  }
+std::error_code ThreadTasks::startWorker() try {
+  Threads fresh(1);
+  const auto self = fresh.begin();
+  *self = std::thread([this, self] { work(self); });
+  workers_.splice(workers_.end(), fresh);
+  return {};
+} catch (const std::system_error& error) {
+  return error.code();
+} catch (const std::bad_alloc&) {
+  return std::make_error_code(std::errc::not_enough_memory);
 }
 
 /// Whether there is a task to take; otherwise the worker is to leave.

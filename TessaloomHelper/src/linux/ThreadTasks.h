@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <functional>
 #include <list>
+#include <system_error>
 #include <thread>
 
 #include "TLFoundation/Mutex.h"
@@ -51,7 +52,7 @@ class ThreadTasks final : public Tasks {
   using Entries = std::list<Entry>;
 
   void accept(Entries entry) TL_REQUIRES(lock_);
-  void startWorker() TL_REQUIRES(lock_);
+  std::error_code startWorker() TL_REQUIRES(lock_);
   bool awaitTask(MutexLock& locked) TL_REQUIRES(lock_);
   void work(Threads::iterator self) TL_EXCLUDES(lock_);
   void keepTime() TL_EXCLUDES(lock_);
