@@ -27,6 +27,13 @@ private_bus_helper_pid() {
   } | awk '$1 == "uint32" { print $2 }'
 }
 
+# Whether a process runs; one that has ended and waits for its parent, whoever that is by now, does not.
+private_bus_runs() {
+  local state
+  state=$(ps -o stat= -p "$1")
+  [[ -n $state && $state != Z* ]]
+}
+
 private_bus_write_config() {
   cat >"$PRIVATE_BUS_ROOT/bus.conf" <<CONFIG
 <!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
@@ -120,7 +127,7 @@ private_bus_stop() {
     wait "$private_bus_pid" 2>/dev/null
     private_bus_pid=
     # A helper without a bus leaves by itself.
-    while [[ -n $helper ]] && kill -0 "$helper" 2>/dev/null; do
+    while [[ -n $helper ]] && private_bus_runs "$helper"; do
       if ((++attempts > 60)); then
         kill -KILL "$helper" 2>/dev/null
         break
