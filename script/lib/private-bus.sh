@@ -105,10 +105,11 @@ private_bus_start() {
   private_bus_write_activation "$@"
   # A session of its own: what a person's Ctrl-C ends is the script, which then ends the bus in order.
   setsid dbus-daemon --config-file="$PRIVATE_BUS_ROOT/bus.conf" --nofork --nopidfile --nosyslog \
-    >/dev/null 2>"$PRIVATE_BUS_LOG" </dev/null &
+    --print-address >"$PRIVATE_BUS_ROOT/address" 2>"$PRIVATE_BUS_LOG" </dev/null &
   private_bus_pid=$!
   export DBUS_SESSION_BUS_ADDRESS="unix:path=$PRIVATE_BUS_ROOT/bus"
-  until [[ -S $PRIVATE_BUS_ROOT/bus ]]; do
+  # It prints its address once it listens; its socket is there before.
+  until [[ -s $PRIVATE_BUS_ROOT/address ]]; do
     if ((++attempts > 200)) || ! kill -0 "$private_bus_pid" 2>/dev/null; then
       cat "$PRIVATE_BUS_LOG" >&2
       echo "private-bus: the bus did not start" >&2

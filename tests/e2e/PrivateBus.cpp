@@ -75,7 +75,7 @@ void describeBus(const fs::path& root, const fs::path& helper) {
 std::vector<std::string> preparedBus(const fs::path& root, const fs::path& helper) {
   installEngines(root / "home");
   describeBus(root, helper);
-  return {"/usr/bin/dbus-daemon", "--nofork", "--nosyslog",
+  return {"/usr/bin/dbus-daemon", "--nofork", "--nosyslog", "--print-address",
           "--config-file=" + (root / "bus.conf").string()};
 }
 
@@ -121,7 +121,8 @@ PrivateBus::PrivateBus()
     : helper_(installHelper()),
       address_("unix:path=" + (root_ / "bus")),
       bus_(preparedBus(root_.path(), helper_), {}, path("log")) {
-  if (!eventually([this] { return fs::exists(path("bus")); })) {
+  // It prints its address once it listens; its socket is there before.
+  if (!eventually([this] { return log().contains(address_); })) {
     throw std::runtime_error("the bus did not start: " + log());
   }
 }
