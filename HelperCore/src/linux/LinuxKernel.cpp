@@ -20,7 +20,7 @@ namespace {
 /// process in it that lets itself be asked.
 void addForeignNamespaces(const FileDescriptor& procDirectory,
                           const std::vector<std::shared_ptr<const HeldSockets>>& holders,
-                          SocketsByInode& sockets) {
+                          DumpedSockets& sockets) {
   struct stat own{};
   if (fstatat(procDirectory.get(), "self/ns/net", &own, 0) != 0) return;
   std::set<std::uint64_t> done{0, own.st_ino};
@@ -34,8 +34,8 @@ void addForeignNamespaces(const FileDescriptor& procDirectory,
 
 }  // namespace
 
-LinuxKernel::LinuxKernel(const char* procPath)
-    : procDirectory_(openAt(AT_FDCWD, procPath, O_DIRECTORY)) {}
+LinuxKernel::LinuxKernel(std::chrono::nanoseconds settled)
+    : procDirectory_(openAt(AT_FDCWD, "/proc", O_DIRECTORY)), holders_(procDirectory_, settled) {}
 
 std::uint32_t LinuxKernel::userID() const {
   return getuid();
@@ -55,19 +55,21 @@ std::unique_ptr<HeldProcess> LinuxKernel::holdProcess(std::int32_t pid) {
 }
 
 std::unique_ptr<SocketTable> LinuxKernel::openSocketTable() {
-  SocketsByInode sockets = dumpSockets(procDirectory_);
-  auto holders = listHolders();
-  addForeignNamespaces(procDirectory_, holders, sockets);
-  return std::make_unique<LinuxSocketTable>(std::move(holders), std::move(sockets));
-}
-
-std::vector<std::shared_ptr<const HeldSockets>> LinuxKernel::listHolders() {
-  auto listing = holders_.read(userID(), true);
+  SocketListing listing = readSockets(true);
   if (listing.ranOutOfDescriptors) {
     closeKeptFiles();
-    listing = holders_.read(userID(), false);
+    listing = readSockets(false);
   }
-  return std::move(listing.holders);
+  return std::move(listing.table);
+}
+
+LinuxKernel::SocketListing LinuxKernel::readSockets(bool remember) {
+  DumpedSockets sockets = dumpSockets(procDirectory_);
+  auto listing = holders_.read(userID(), remember);
+  addForeignNamespaces(procDirectory_, listing.holders, sockets);
+  return {.table = std::make_unique<LinuxSocketTable>(std::move(listing.holders),
+                                                      std::move(sockets.byInode)),
+          .ranOutOfDescriptors = sockets.ranOutOfDescriptors || listing.ranOutOfDescriptors};
 }
 
 void LinuxKernel::closeKeptFiles() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -15,8 +16,8 @@ namespace tessaloom::linux_kernel {
 /// Linux, through /proc, pidfds and sock_diag.
 class LinuxKernel final : public Kernel {
  public:
-  /// `procPath`: where the process file system is mounted.
-  explicit LinuxKernel(const char* procPath = "/proc");
+  /// `settled`: see SocketHolders.
+  explicit LinuxKernel(std::chrono::nanoseconds settled = SocketHolders::longestTick);
 
   std::uint32_t userID() const override;
   std::vector<ProcessRecord> fetchAllProcessRecords(std::uint32_t owner) override;
@@ -24,13 +25,18 @@ class LinuxKernel final : public Kernel {
   std::unique_ptr<SocketTable> openSocketTable() override;
 
  private:
+  struct SocketListing {
+    std::unique_ptr<SocketTable> table;
+    bool ranOutOfDescriptors;
+  };
+
+  SocketListing readSockets(bool remember);
   void closeKeptFiles();
-  std::vector<std::shared_ptr<const HeldSockets>> listHolders();
 
   const FileDescriptor procDirectory_;
   const StartClock clock_;
   ProcessTable processes_{procDirectory_, clock_};
-  SocketHolders holders_{procDirectory_};
+  SocketHolders holders_;
 };
 
 }  // namespace tessaloom::linux_kernel

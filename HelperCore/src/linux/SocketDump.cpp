@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "linux/DescriptorBudget.h"
 #include "linux/ProcFiles.h"
 
 namespace tessaloom::linux_kernel {
@@ -56,9 +57,13 @@ std::optional<std::string> readAll(int directory, const char* path) {
 }
 
 bool addTableOfProcess(const FileDescriptor& procDirectory, std::int32_t pid, const Table& table,
-                       SocketsByInode& sockets) {
+                       DumpedSockets& sockets) {
   auto text = readAll(procDirectory.get(), ProcPath{pid, table.file}.c_str());
-  if (text) addSocketsOfText(*text, table.transport, sockets);
+  if (text) {
+    addSocketsOfText(*text, table.transport, sockets.byInode);
+  } else {
+    sockets.ranOutOfDescriptors |= outOfDescriptors();
+  }
   return text.has_value();
 }
 
@@ -108,19 +113,19 @@ DumpOutcome dumpOnce(int netlink, const Table& table, SocketsByInode& sockets) {
   }
 }
 
-bool dumpTable(const Table& table, SocketsByInode& sockets) {
+bool dumpTable(const Table& table, DumpedSockets& sockets) {
   FileDescriptor netlink{socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG)};
   if (!netlink) return false;
-  DumpOutcome outcome = dumpOnce(netlink.get(), table, sockets);
+  DumpOutcome outcome = dumpOnce(netlink.get(), table, sockets.byInode);
   // What one walk skipped, a second one right after it finds.
-  if (outcome.mayLack) dumpOnce(netlink.get(), table, sockets);
+  if (outcome.mayLack) dumpOnce(netlink.get(), table, sockets.byInode);
   return outcome.usable;
 }
 
 }  // namespace
 
-SocketsByInode dumpSockets(const FileDescriptor& procDirectory) {
-  SocketsByInode sockets;
+DumpedSockets dumpSockets(const FileDescriptor& procDirectory) {
+  DumpedSockets sockets;
   for (const Table& table : tables) {
     if (!dumpTable(table, sockets)) addTableOfProcess(procDirectory, getpid(), table, sockets);
   }
@@ -128,7 +133,7 @@ SocketsByInode dumpSockets(const FileDescriptor& procDirectory) {
 }
 
 bool addSocketsOfProcess(const FileDescriptor& procDirectory, std::int32_t pid,
-                         SocketsByInode& sockets) {
+                         DumpedSockets& sockets) {
   bool any = false;
   for (const Table& table : tables) {
     any |= addTableOfProcess(procDirectory, pid, table, sockets);

@@ -58,8 +58,9 @@ std::optional<std::uint64_t> readSocketLink(int directory, std::int32_t descript
 /// One listing: the state that its parts on several threads share.
 class SocketHolders::Pass {
  public:
-  Pass(int procDirectory, std::uint32_t owner, std::vector<KnownProcess>* known)
-      : procDirectory_(procDirectory),
+  Pass(const SocketHolders& holders, std::uint32_t owner, std::vector<KnownProcess>* known)
+      : procDirectory_(holders.procDirectory_.get()),
+        settled_(holders.settled_),
         owner_(owner),
         startedAt_(std::chrono::steady_clock::now()),
         known_(known),
@@ -82,6 +83,7 @@ class SocketHolders::Pass {
   void remember();
 
   const int procDirectory_;
+  const std::chrono::nanoseconds settled_;
   const std::uint32_t owner_;
   const SteadyTime startedAt_;
   std::vector<KnownProcess>* const known_;
@@ -135,7 +137,7 @@ bool SocketHolders::Pass::isUnchanged(KnownProcess& known) const {
     known = {};
     return false;
   }
-  return startedAt_ - known.scannedAt >= settled;
+  return startedAt_ - known.scannedAt >= settled_;
 }
 
 void SocketHolders::Pass::scan(std::int32_t pid, Slot& slot) {
@@ -192,9 +194,9 @@ void SocketHolders::Pass::remember() {
 }
 
 SocketHolders::Listing SocketHolders::read(std::uint32_t owner, bool remember) {
-  if (!remember) return Pass{procDirectory_.get(), owner, nullptr}.run();
+  if (!remember) return Pass{*this, owner, nullptr}.run();
   auto known = known_.tryTake();
-  return Pass{procDirectory_.get(), owner, known.get()}.run();
+  return Pass{*this, owner, known.get()}.run();
 }
 
 void SocketHolders::forget() {

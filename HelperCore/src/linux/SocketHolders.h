@@ -38,13 +38,15 @@ struct HeldSockets {
 /// Safe from any thread; a listing that finds the knowledge in use does without it.
 class SocketHolders {
  public:
-  /// The longest time that a CPU runs a process without a tick is a second (nohz_full).
-  static constexpr std::chrono::seconds settled{2};
+  /// More than the second at most that a CPU runs a process without a tick (nohz_full).
+  static constexpr std::chrono::seconds longestTick{2};
   /// Beyond this many sockets, processes are not remembered.
   static constexpr std::size_t mostSocketsKnown = 100'000;
 
-  /// Outlives this object.
-  explicit SocketHolders(const FileDescriptor& procDirectory) : procDirectory_(procDirectory) {}
+  /// `procDirectory` outlives this object. `settled`: the age at which knowledge counts.
+  explicit SocketHolders(const FileDescriptor& procDirectory,
+                         std::chrono::nanoseconds settled = longestTick)
+      : procDirectory_(procDirectory), settled_(settled) {}
 
   struct Listing {
     /// All processes of the user, by pid; empty when /proc cannot be read.
@@ -73,6 +75,7 @@ class SocketHolders {
   class Pass;
 
   const FileDescriptor& procDirectory_;
+  const std::chrono::nanoseconds settled_;
   OneUser<std::vector<KnownProcess>> known_;  ///< By pid.
 };
 
