@@ -31,7 +31,8 @@ target_compile_options(
             $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wnull-dereference>
             $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>
             $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety-beta>
-            $<$<COMPILE_LANGUAGE:OBJCXX>:-fobjc-arc>)
+            $<$<COMPILE_LANGUAGE:OBJCXX>:-fobjc-arc>
+            $<$<COMPILE_LANGUAGE:OBJCXX>:-Wmethod-signatures>)
 target_link_libraries(tessaloom_settings INTERFACE Threads::Threads)
 
 # tessaloom_module(NAME SOURCES ... [LINKS ...] [PRIVATE_LINKS ...])

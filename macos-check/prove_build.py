@@ -27,7 +27,7 @@ ALTERATIONS = [
         "the reply block of a method",
         SERVICE,
         "protocolVersionWithReply:(void (^)(std::int64_t version))",
-        "protocolVersionWithReply:(void (^)(std::int32_t version))",
+        "protocolVersionWithReply:(void (^)(long version))",
     ),
     (
         "the request type of a method",
@@ -38,7 +38,7 @@ ALTERATIONS = [
     ("a selector of the system", DELEGATE, "setCodeSigningRequirement:", "setSigningRequirement:"),
     ("an argument of the system", AGENT, "registerAndReturnError:&error", "registerAndReturnError:1"),
     ("an initialiser", MAIN, "initWithMachServiceName:", "initWithServiceName:"),
-    ("the size of a kernel record", KERNEL, "PROC_PIDTASKINFO, 0, &task", "PROC_PIDTASKINFO, &task"),
+    ("the arguments of a system call", KERNEL, "PROC_PIDTASKINFO, 0, &task", "PROC_PIDTASKINFO, &task"),
 ]
 UNDEFINED = 'extern "C" void missingFromEveryLibrary();\nint main() { missingFromEveryLibrary(); }\n'
 
