@@ -88,6 +88,16 @@ const std::string* usableContent(const json* answer) {
   return content != nullptr && !Unicode::trimmed(*content).empty() ? content : nullptr;
 }
 
+std::optional<GeneratedFields> decodedFields(const std::string& text) {
+  try {
+    return HelperCoding::makeDecoder().decode<GeneratedFields>(text);
+  } catch (const DecodingError&) {
+    return std::nullopt;
+  } catch (const GenerationDTOError&) {
+    return std::nullopt;
+  }
+}
+
 // Codex events
 
 /// What a stream of events amounts to; of each kind the last one counts.
@@ -197,12 +207,10 @@ std::expected<GeneratedFields, GenerationErrorPayload> GenerationOutputParser::d
     const json& value, GenerationEngineID engine) {
   const std::optional<std::string> text = StrictJSON::serialise(value);
   if (!text) return malformed(engine, "The command's structured output could not be read.");
-  try {
-    return HelperCoding::makeDecoder().decode<GeneratedFields>(*text);
-  } catch (const DecodingError&) {
-  } catch (const GenerationDTOError&) {
-  }
-  return malformed(engine, "The command's structured output didn't match the expected fields.");
+  std::optional<GeneratedFields> fields = decodedFields(*text);
+  if (!fields)
+    return malformed(engine, "The command's structured output didn't match the expected fields.");
+  return *std::move(fields);
 }
 
 GenerationOutputParser::Result GenerationOutputParser::parseClaude(std::string_view output,
