@@ -69,6 +69,10 @@ std::expected<ChildSession, int> ChildSession::launch(const CLIInvocation& invoc
     }
     const ChildEnds ends{input.readEnd.get(), output.writeEnd.get(), error.writeEnd.get()};
     auto child = std::make_shared<ChildProcess>(invocation, ends, std::move(wake.writeEnd));
+    // The child has its ends now; what they free is enough for the descriptor of its exit.
+    for (FileDescriptor* theirs : {&input.readEnd, &output.writeEnd, &error.writeEnd}) {
+      theirs->reset();
+    }
     const std::string_view text =
         invocation.standardInput ? std::string_view(*invocation.standardInput) : std::string_view();
     return ChildSession(std::move(child),

@@ -1,12 +1,18 @@
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstddef>
+#include <cstdlib>
 #include <fstream>
 #include <future>
 #include <iterator>
@@ -51,6 +57,19 @@ int endOfAnyChild() {
   siginfo_t info{};
   if (::waitid(P_ALL, 0, &info, WEXITED) != 0) return -1;
   return info.si_status;
+}
+
+/// From here on this process is on a system that has no descriptor for a child's exit.
+bool forbidExitDescriptors() {
+  sock_filter rules[] = {
+      {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
+      {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, SYS_pidfd_open},
+      {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | ENOSYS},
+      {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
+  };
+  const sock_fprog program{std::size(rules), rules};
+  return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
 class CLIRunnerTest : public testing::Test {
@@ -318,6 +337,18 @@ TEST_F(CLIRunnerTest, DescriptorExhaustionIsALaunchFailure) {
     EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors + 1) << more;
   }
   EXPECT_TRUE(launched);
+}
+
+TEST_F(CLIRunnerTest, AsksForTheExitWhereNoDescriptorTells) {
+  const auto runThere = [this] {
+    if (!forbidExitDescriptors()) std::_Exit(77);
+    const auto finished = run({"stderr=x", "exit=3"}, id);
+    const auto late = run({"grandchild=600000", "hang"}, id, milliseconds(100));
+    const bool right = finished && finished->exitStatus == 3 && finished->standardError == "x\n" &&
+                       !late && late.error().kind == Kind::timedOut;
+    std::_Exit(right && endOfAnyChild() == -1 ? 0 : 1);
+  };
+  EXPECT_EXIT(runThere(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(CLIRunnerTest, LeavesNothingBehind) {
