@@ -36,7 +36,7 @@ GenerationRequest::GenerationRequest(UUID requestID, GenerationEngineID engine,
       prompt_(std::move(prompt), promptLimit),
       timeout_(timeout) {}
 
-GeneratedFields::GeneratedFields(std::string itemDescription, std::vector<std::string> tags,
+GeneratedFields::GeneratedFields(std::string_view itemDescription, std::vector<std::string> tags,
                                  std::vector<std::string> globs, bool alwaysApply)
     : tags_(std::move(tags)), globs_(std::move(globs)), alwaysApply_(alwaysApply) {
   checkCount(tags_, maximumTags);

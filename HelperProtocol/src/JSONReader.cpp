@@ -1,6 +1,7 @@
 #include "JSONReader.h"
 
 #include <cmath>
+#include <ranges>
 #include <vector>
 
 namespace tessaloom {
@@ -53,13 +54,12 @@ std::string JSONReader::path() const {
     way.push_back(reader);
   }
   std::string path;
-  for (auto reader = way.rbegin(); reader != way.rend(); ++reader) {
-    const std::string_view key = (*reader)->key_;
-    if (key.empty()) {
-      path += '[' + std::to_string((*reader)->index_) + ']';
+  for (const auto* reader : std::views::reverse(way)) {
+    if (reader->key_.empty()) {
+      path += '[' + std::to_string(reader->index_) + ']';
     } else {
       if (!path.empty()) path += '.';
-      path += key;
+      path += reader->key_;
     }
   }
   return path;

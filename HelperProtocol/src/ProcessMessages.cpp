@@ -36,9 +36,9 @@ ProcessID::ProcessID(std::int32_t value) : value_(value) {
 }
 
 ProcessSample::ProcessSample(std::int32_t pid, std::int32_t parentPID,
-                             std::optional<std::string> tty, Instant startedAt,
+                             const std::optional<std::string>& tty, Instant startedAt,
                              std::int64_t elapsedSeconds, std::int64_t residentBytes,
-                             std::string command)
+                             std::string_view command)
     : pid_(pid),
       parentPID_(parentPID),
       tty_(cleaned(tty, ttyLimit)),
@@ -47,8 +47,8 @@ ProcessSample::ProcessSample(std::int32_t pid, std::int32_t parentPID,
       residentBytes_(residentBytes),
       command_(DisplayString::singleLine(command, commandLimit)) {}
 
-PortSample::PortSample(std::int64_t port, std::string transport, std::int32_t pid,
-                       std::string processName, std::string address)
+PortSample::PortSample(std::int64_t port, std::string_view transport, std::int32_t pid,
+                       std::string_view processName, std::string_view address)
     : port_(port),
       transport_(DisplayString::singleLine(transport, transportLimit)),
       pid_(pid),

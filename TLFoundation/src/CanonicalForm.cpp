@@ -23,8 +23,7 @@ std::u32string decomposed(std::string_view text) {
     int boundClass = UTF8PROC_BOUNDCLASS_START;
     const auto count = utf8proc_decompose_char(
         static_cast<utf8proc_int32_t>(next.scalar), parts.data(),
-        static_cast<utf8proc_ssize_t>(parts.size()),
-        static_cast<utf8proc_option_t>(UTF8PROC_DECOMPOSE | UTF8PROC_STABLE), &boundClass);
+        static_cast<utf8proc_ssize_t>(parts.size()), UTF8PROC_DECOMPOSE, &boundClass);
     scalars.append(parts.begin(), parts.begin() + std::max<utf8proc_ssize_t>(count, 0));
     position += next.length;
   }

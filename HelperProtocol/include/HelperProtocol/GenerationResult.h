@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "HelperProtocol/GenerationEnums.h"
@@ -22,7 +23,7 @@ class GeneratedFields {
   /// Throws GenerationDTOError::tooManyItems, for the tags before the globs. The texts are cleaned
   /// to one line and cut to their limits, never refused; entries are not dropped, changed in case
   /// or de-duplicated.
-  GeneratedFields(std::string itemDescription, std::vector<std::string> tags,
+  GeneratedFields(std::string_view itemDescription, std::vector<std::string> tags,
                   std::vector<std::string> globs, bool alwaysApply);
 
   const std::string& itemDescription() const { return itemDescription_; }

@@ -8,6 +8,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace tessaloom {
 
@@ -54,9 +55,9 @@ class ProcessSample {
   static constexpr std::int64_t ttyLimit = 32;       ///< Unicode scalars.
   static constexpr std::int64_t commandLimit = 256;  ///< Unicode scalars.
 
-  ProcessSample(std::int32_t pid, std::int32_t parentPID, std::optional<std::string> tty,
+  ProcessSample(std::int32_t pid, std::int32_t parentPID, const std::optional<std::string>& tty,
                 Instant startedAt, std::int64_t elapsedSeconds, std::int64_t residentBytes,
-                std::string command);
+                std::string_view command);
 
   std::int32_t pid() const { return pid_; }
   std::int32_t parentPID() const { return parentPID_; }
@@ -85,8 +86,8 @@ class PortSample {
   static constexpr std::int64_t processNameLimit = 256;  ///< Unicode scalars.
   static constexpr std::int64_t addressLimit = 64;       ///< Unicode scalars.
 
-  PortSample(std::int64_t port, std::string transport, std::int32_t pid, std::string processName,
-             std::string address);
+  PortSample(std::int64_t port, std::string_view transport, std::int32_t pid,
+             std::string_view processName, std::string_view address);
 
   std::int64_t port() const { return port_; }
   const std::string& transport() const { return transport_; }
