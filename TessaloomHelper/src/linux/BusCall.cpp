@@ -55,8 +55,9 @@ struct ReplyMessage {
 
   int operator()(const ReplyError& error) {
     const std::string name = errorName(error);
-    const sd_bus_error described =
-        SD_BUS_ERROR_MAKE_CONST(name.c_str(), error.localizedDescription.c_str());
+    sd_bus_error described{};
+    described.name = name.c_str();
+    described.message = error.localizedDescription.c_str();
     const int result = sd_bus_message_new_method_error(call, out(), &described);
     return result < 0 ? result : appendDetails(reply.get(), error);
   }
