@@ -61,8 +61,12 @@ class EndToEnd : public testing::Test {
                                    "/tessaloom-generation-" + request.id);
   }
 
+  /// Ends the helper in order, so that a sanitizer's last words are heard.
+  void TearDown() override;
+
   PrivateBus bus;
   BusClient client{bus.address()};
+  bool isBusLost = false;
 };
 
 /// What a process has of the system, as /proc tells.
@@ -78,6 +82,7 @@ ProcessFootprint footprintOf(pid_t process);
 std::vector<pid_t> childrenOf(pid_t process);
 /// How many processes that have not exited are in this process group.
 std::size_t livingInGroup(pid_t group);
+/// False for one that has exited and was not waited for yet.
 bool isAlive(pid_t process);
 
 }  // namespace tessaloom

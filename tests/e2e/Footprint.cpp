@@ -1,5 +1,3 @@
-#include <signal.h>
-
 #include <algorithm>
 #include <fstream>
 #include <iterator>
@@ -65,7 +63,9 @@ std::size_t livingInGroup(pid_t group) {
 }
 
 bool isAlive(pid_t process) {
-  return ::kill(process, 0) == 0;
+  return std::ranges::any_of(allProcesses(), [&](const ProcessRow& row) {
+    return row.pid == process && row.state != 'Z';
+  });
 }
 
 }  // namespace tessaloom

@@ -123,7 +123,7 @@ TEST_F(Lifetime, StaysWhenItsExecutableIsGoneOrOlder) {
 }
 
 TEST_F(Lifetime, EndsItsEnginesWhenItIsToldToStop) {
-  Child helper = bus.startHelper("helper-log");
+  Child helper = bus.startHelper();
   ASSERT_TRUE(eventually([&] { return client.helperProcess() == helper.pid(); }));
   const Request request{.prompt = "Resist practice:ignore-term" + touch("up") + " practice:hang"};
   const auto generation = client.send("GenerateText", request.body());
@@ -135,26 +135,25 @@ TEST_F(Lifetime, EndsItsEnginesWhenItIsToldToStop) {
 }
 
 TEST_F(Lifetime, EndsWithItsBus) {
-  Child helper = bus.startHelper("helper-log");
+  Child helper = bus.startHelper();
   ASSERT_TRUE(eventually([&] { return client.helperProcess() == helper.pid(); }));
   const Request request{.prompt = "Wait" + touch("up") + " practice:hang"};
   client.send("GenerateText", request.body());
   ASSERT_TRUE(awaitFile("up"));
   const auto engines = childrenOf(helper.pid());
   bus.end();
+  isBusLost = true;
   EXPECT_EQ(helper.wait(), 1);
-  EXPECT_NE(textOf(bus.path("helper-log")).find("helper: the session bus was lost\n"),
-            std::string::npos);
+  EXPECT_NE(bus.helperLog().find("helper: the session bus was lost\n"), std::string::npos);
   EXPECT_FALSE(hasDirectory(request));
   EXPECT_EQ(livingInGroup(engines.at(0)), 0U);
 }
 
 TEST_F(Lifetime, DoesNotStartWithoutItsName) {
   client.call("ProtocolVersion");
-  Child second = bus.startHelper("second-log");
+  Child second = bus.startHelper();
   EXPECT_EQ(second.wait(), 1);
-  EXPECT_NE(textOf(bus.path("second-log")).find("helper: could not take the name "),
-            std::string::npos);
+  EXPECT_NE(bus.helperLog().find("helper: could not take the name "), std::string::npos);
   EXPECT_EQ(client.call("ProtocolVersion").number, 1);
 }
 

@@ -136,10 +136,14 @@ std::string PrivateBus::log() const {
   return textOf(path("log"));
 }
 
-Child PrivateBus::startHelper(const std::string& output) const {
+std::string PrivateBus::helperLog() const {
+  return textOf(path("helper-log"));
+}
+
+Child PrivateBus::startHelper() const {
   auto environment = helperEnvironment(root_.path());
   environment.push_back("DBUS_SESSION_BUS_ADDRESS=" + address_);
-  return {{helper_.string()}, environment, path(output)};
+  return {{helper_.string()}, environment, path("helper-log")};
 }
 
 std::string textOf(const fs::path& file) {

@@ -47,7 +47,9 @@ class PrivateBus {
   std::string log() const;
 
   /// Starts a helper that is not the bus's child.
-  Child startHelper(const std::string& output) const;
+  Child startHelper() const;
+  /// What it wrote.
+  std::string helperLog() const;
 
   void end() { bus_.signal(SIGKILL); }
 

@@ -61,6 +61,16 @@ std::expected<std::string_view, int> requestOf(sd_bus_message* call, const BusMe
   return std::string_view(static_cast<const char*>(bytes), size);
 }
 
+// How long the library wants to wait at most; nothing when for ever.
+std::optional<std::chrono::microseconds> waitLimit(sd_bus* bus) {
+  std::uint64_t wakeAt = UINT64_MAX;  // Microseconds of the monotonic clock.
+  if (sd_bus_get_timeout(bus, &wakeAt) < 0 || wakeAt == UINT64_MAX) return std::nullopt;
+  const auto now =
+      std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch());
+  const auto left = std::chrono::microseconds(static_cast<std::int64_t>(wakeAt)) - now;
+  return std::max(left, std::chrono::microseconds(0));
+}
+
 timespec timespecOf(std::chrono::nanoseconds duration) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
   return {.tv_sec = seconds.count(), .tv_nsec = (duration - seconds).count()};
@@ -261,17 +271,11 @@ int BusListener::endAfterLoss() {
 }
 
 void BusListener::wait() {
-  std::uint64_t wakeAt = UINT64_MAX;  // Microseconds of the monotonic clock.
-  sd_bus_get_timeout(environment_.bus, &wakeAt);
-  const auto now =
-      std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch());
-  auto limit = std::chrono::microseconds::max();
-  if (wakeAt != UINT64_MAX) {
-    const std::chrono::microseconds wake(static_cast<std::int64_t>(wakeAt));
-    limit = std::max(wake - now, std::chrono::microseconds(0));
+  auto limit = waitLimit(environment_.bus);
+  if (phase_ == Phase::stopping) {
+    limit = std::min<std::chrono::microseconds>(limit.value_or(stopTick), stopTick);
   }
-  if (phase_ == Phase::stopping) limit = std::min<std::chrono::microseconds>(limit, stopTick);
-
+  const timespec timeout = timespecOf(limit.value_or(std::chrono::microseconds(0)));
   const int events = std::max(sd_bus_get_events(environment_.bus), 0);
   std::array<pollfd, 3> watched{
       pollfd{.fd = sd_bus_get_fd(environment_.bus),
@@ -279,9 +283,7 @@ void BusListener::wait() {
              .revents = 0},
       pollfd{.fd = mailbox_.descriptor(), .events = POLLIN, .revents = 0},
       pollfd{.fd = environment_.signals.get(), .events = POLLIN, .revents = 0}};
-  const timespec timeout = timespecOf(limit);
-  const bool isBounded = limit != std::chrono::microseconds::max();
-  if (::ppoll(watched.data(), watched.size(), isBounded ? &timeout : nullptr, nullptr) <= 0) return;
+  if (::ppoll(watched.data(), watched.size(), limit ? &timeout : nullptr, nullptr) <= 0) return;
   if (watched[2].revents != 0) readSignals();
 }
 
