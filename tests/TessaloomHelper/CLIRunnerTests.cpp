@@ -364,7 +364,6 @@ TEST_F(CLIRunnerTest, LeavesNothingBehind) {
 }
 
 TEST_F(CLIRunnerTest, TimeoutsThatAreNoNumberOfSecondsEndTheProcess) {
-  testing::GTEST_FLAG(death_test_style) = "threadsafe";
   for (const double timeout : {std::numeric_limits<double>::infinity(), std::nan(""), 0x1p63}) {
     EXPECT_DEATH(run({}, id, std::chrono::duration<double>(timeout)), "");
   }
