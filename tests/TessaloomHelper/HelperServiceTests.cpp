@@ -1,0 +1,160 @@
+#include <fstream>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "HelperCore/ScriptedKernel.h"
+#include "TLFoundation/Unicode.h"
+#include "TessaloomHelper/HelperService.h"
+#include "TessaloomHelper/ManualTasks.h"
+#include "support/TemporaryDirectory.h"
+
+namespace tessaloom {
+namespace {
+
+using namespace std::chrono_literals;
+using Replies = std::vector<std::expected<Bytes, ReplyError>>;
+
+class HelperServiceTest : public testing::Test {
+ protected:
+  // Takes every reply, so that a second one to the same call is seen.
+  DataReply reply() {
+    return
+        [this](std::expected<Bytes, ReplyError> outcome) { replies.push_back(std::move(outcome)); };
+  }
+
+  // The only reply, which must be an error.
+  ReplyError error() {
+    EXPECT_EQ(replies.size(), 1U);
+    if (replies.size() != 1 || replies.front()) return {};
+    return replies.front().error();
+  }
+
+  TemporaryDirectory temporary;
+  CLIRunner runner;
+  ManualTasks tasks;
+  ScriptedKernel kernel;
+  GenerationLookups lookups{
+      .currentUser = [] { return CurrentUser{"/nonexistent", "nobody"}; },
+      .engine = [this](GenerationEngineID engine, const std::optional<CurrentUser>&)
+          -> std::expected<std::filesystem::path, GenerationErrorPayload> {
+        return std::unexpected(GenerationErrorPayload{failure, engine, std::nullopt, detail});
+      }};
+  GenerationFailureKind failure = GenerationFailureKind::binaryNotFound;
+  std::optional<std::string> detail;
+  GenerationCoordinator coordinator{runner, temporary.path(), lookups};
+  std::filesystem::path executable = temporary / "helper";
+  std::optional<ExecutableIdentity> start;
+  ExitWhenIdle exit{executable, ExecutableIdentity{1, 2, {}}, runner, tasks, [] {}};
+  ServiceContext context{.coordinator = coordinator,
+                         .kernel = kernel,
+                         .exitWhenIdle = exit,
+                         .tasks = tasks,
+                         .shortVersion = "1.0.0",
+                         .maximumReplyBytes = 1'000};
+  HelperService service{context};
+  Replies replies;
+};
+
+const std::string request =
+    R"({"requestID":"6D1B1C5E-3C7A-4F52-9B0E-5B1F1E6C7A10","engine":"codex","shape":"freeText",)"
+    R"("instructions":"","prompt":"x","timeout":5})";
+
+TEST_F(HelperServiceTest, CleansAndCutsTheVersion) {
+  context.shortVersion = "1.2\n\x1b\u200b" + std::string(40, 'x');
+  service.helperCapabilities(reply());
+  ASSERT_TRUE(replies.at(0));
+  EXPECT_EQ(*replies[0], R"({"names":["textGeneration.v1"],"helperVersion":"1.2)" +
+                             std::string(29, 'x') + "\"}");
+}
+
+TEST_F(HelperServiceTest, DecodesBeforeItMovesTheWork) {
+  service.generateText("{}", reply());
+  EXPECT_EQ(error().category, ReplyError::Category::decoding);
+  EXPECT_TRUE(tasks.entries.empty());
+
+  replies.clear();
+  service.generateText(request, reply());
+  service.generationEngineStatus(R"({"engine":"codex"})", reply());
+  EXPECT_TRUE(replies.empty());
+  ASSERT_EQ(tasks.entries.size(), 2U);
+  EXPECT_EQ(tasks.entries[0].quality, QualityOfService::userInitiated);
+  tasks.run();
+  EXPECT_EQ(replies.size(), 2U);
+}
+
+TEST_F(HelperServiceTest, DescribesAFailedGeneration) {
+  const struct {
+    std::optional<std::string> detail;
+    std::string description;
+  } rows[] = {{std::nullopt, "launchFailed"}, {"No room.", "No room."}, {"", ""}};
+  failure = GenerationFailureKind::launchFailed;
+  for (const auto& row : rows) {
+    replies.clear();
+    detail = row.detail;
+    service.generateText(request, reply());
+    tasks.run();
+    EXPECT_EQ(error(),
+              (ReplyError{ReplyError::Category::generation, "com.brindlemoor.Tessaloom.generation",
+                          1, row.description, "launchFailed"}));
+  }
+}
+
+TEST_F(HelperServiceTest, DescribesErrorsInOneBoundedLine) {
+  service.generationEngineStatus(R"({"engine":")" + std::string(5'000, 'e') + R"(\n\u0085\u202e"})",
+                                 reply());
+  const ReplyError found = error();
+  EXPECT_EQ(found.domain, "com.brindlemoor.Tessaloom.helper");
+  EXPECT_LE(Unicode::scalarCount(found.localizedDescription), 500U);
+  EXPECT_EQ(found.localizedDescription.find('\n'), std::string::npos);
+}
+
+TEST_F(HelperServiceTest, RefusesToSendAReplyThatIsTooLargeAndForgetsItsListing) {
+  const ProcessStartTime began{.startSec = 1, .startUSec = 0};
+  for (std::int32_t pid = 10; pid < 30; ++pid) {
+    ProcessRecord& record = kernel.table.emplace_back();
+    record.pid = pid;
+    record.owner = ScriptedKernel::user;
+    record.start = began;
+    kernel.startTimes[pid] = began;
+  }
+  const auto kill = [&] {
+    replies.clear();
+    service.killProcess(R"({"pid":10,"signal":15})", reply());
+    return replies.at(0).value().starts_with(R"({"succeeded":true)");
+  };
+  service.listProcesses(reply());
+  EXPECT_EQ(error().category, ReplyError::Category::encoding);
+  EXPECT_EQ(error().code, 2);
+  EXPECT_FALSE(kill());
+  context.maximumReplyBytes = 100'000;
+  service.listProcesses(reply());
+  EXPECT_TRUE(kill());
+}
+
+TEST_F(HelperServiceTest, AnswersOnceWhenTheSystemHasNothingLeft) {
+  tasks.isExhausted = true;
+  service.generateText(request, reply());
+  EXPECT_EQ(error().localizedDescription, "The helper is out of memory.");
+}
+
+TEST_F(HelperServiceTest, LeavesOnlyAfterItHasSaidSo) {
+  service.quitIfOutdated(reply());
+  ASSERT_TRUE(replies.at(0));
+  EXPECT_EQ(*replies[0], R"({"isOutdated":false,"willExit":false})");
+  EXPECT_TRUE(tasks.entries.empty());
+
+  std::ofstream(executable).put('x');
+  std::size_t scheduledBefore = 99;
+  service.quitIfOutdated([&](std::expected<Bytes, ReplyError> outcome) {
+    replies.push_back(std::move(outcome));
+    scheduledBefore = tasks.entries.size();
+  });
+  EXPECT_EQ(*replies.at(1), R"({"isOutdated":true,"willExit":true})");
+  EXPECT_EQ(scheduledBefore, 0U);
+  ASSERT_EQ(tasks.entries.size(), 1U);
+  EXPECT_EQ(tasks.entries[0].delay, 200ms);
+}
+
+}  // namespace
+}  // namespace tessaloom
