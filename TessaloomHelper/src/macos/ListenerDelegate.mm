@@ -5,7 +5,7 @@
 
 namespace {
 
-/// The editor's identifier, signed by the App Store, by TestFlight or by the maker's team.
+/// The editor's identifier, signed by the App Store, by TestFlight or with the maker's certificate.
 NSString* const peerRequirement =
     @"identifier \"com.brindlemoor.Tessaloom\" and anchor apple generic and (certificate "
     @"leaf[field.1.2.840.113635.100.6.1.9] or certificate leaf[field.1.2.840.113635.100.6.1.25.1] "
