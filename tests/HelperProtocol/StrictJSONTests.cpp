@@ -129,11 +129,11 @@ TEST(StrictJSONTests, BoundsTheDepthAtAnySize) {
 }
 
 TEST(StrictJSONTests, ReadsLargeTexts) {
-  const std::string letters(16 << 20, 'x');
+  const std::string letters(4 << 20, 'x');
   EXPECT_EQ(StrictJSON::parse("\"" + letters + "\"").value(), letters);
   EXPECT_FALSE(StrictJSON::parse("\"" + letters));
   EXPECT_EQ(StrictJSON::parse("1" + std::string(1 << 20, '0') + "e-1048576").value(), 1U);
-  EXPECT_EQ(StrictJSON::parse("[0" + repeated(",[0]", 300'000) + "]").value().size(), 300'001U);
+  EXPECT_EQ(StrictJSON::parse("[0" + repeated(",[0]", 100'000) + "]").value().size(), 100'001U);
 }
 
 TEST(StrictJSONTests, SerialisesObjectsAndArraysOnly) {

@@ -128,6 +128,21 @@ TEST(UnicodeTests, LastCharactersAreWholeOnes) {
   EXPECT_EQ(Unicode::lastCharacters("\U0001F1E9\U0001F1EA\U0001F1EB", 1), "\U0001F1EB");
 }
 
+TEST(UnicodeTests, LastCharactersOfALongTextAreCountedFromItsEnd) {
+  const std::string family = "\U0001F468\u200D\U0001F469\u200D\U0001F467";
+  std::string text;
+  for (int i = 0; i < 40; ++i) text += family + "\r\n";
+  for (int ending = 0; ending < 30; ++ending) {
+    const auto total = Unicode::characterCount(text);
+    for (std::size_t count = 0; count <= total; ++count) {
+      const auto last = Unicode::lastCharacters(text, count);
+      ASSERT_TRUE(text.ends_with(last));
+      ASSERT_EQ(Unicode::characterCount(text.substr(0, text.size() - last.size())), total - count);
+    }
+    text += 'x';
+  }
+}
+
 TEST(UnicodeTests, TrimsTheWhiteSpaceProperty) {
   // Unicode 15, PropList.txt, White_Space.
   const std::set<char32_t> whiteSpace{0x09,   0x0A,   0x0B,   0x0C,   0x0D,   0x20,   0x85,
