@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -24,8 +23,5 @@ struct Check {
 /// The way to the helper on this platform: whether there is a bus (or its like), whether it knows
 /// the helper, and whether the running helper admits this program. Ends with the first bad finding.
 std::vector<Check> checkWayToHelper();
-
-/// Where the helper puts a generation's directory.
-std::filesystem::path temporaryDirectory();
 
 }  // namespace tessaloom

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <optional>
 #include <string>
@@ -15,6 +16,7 @@
 #include "GenerationAdvice.h"
 #include "HelperCore/BinaryAllowlist.h"
 #include "HelperCore/CurrentUser.h"
+#include "HelperCore/PerUserTemporaryDirectory.h"
 #include "HelperCore/SystemError.h"
 #include "HelperProtocol/EngineStatus.h"
 #include "HelperProtocol/HelperCapabilities.h"
@@ -78,7 +80,7 @@ Check checkUser(const std::optional<CurrentUser>& user) {
 
 /// Whether a directory that only this user can enter can be made there, as every generation does.
 Check checkTemporaryDirectory() {
-  const std::string place = temporaryDirectory().string();
+  const std::string place = perUserTemporaryDirectory().string();
   std::string probe = place + "/tessaloom-doctor-XXXXXX";
   if (mkdtemp(probe.data()) == nullptr) {
     return {bad, "temporary files", place + ": " + systemErrorText(errno),

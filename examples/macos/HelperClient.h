@@ -9,7 +9,7 @@ typedef NS_ENUM(NSInteger, HelperFailure) {
   HelperFailureConnection,  ///< The helper is missing, refused the editor, or went away.
   HelperFailureSignIn,      ///< The engine is not signed in.
   HelperFailureCancelled,
-  HelperFailureOther,       ///< Show the description.
+  HelperFailureOther,  ///< Show the description.
 };
 
 /// The editor's end of the connection to the helper: what an editor does to use it on macOS.

@@ -38,7 +38,7 @@ HelperFailure failureOf(NSError* error) {
   const id kind = error.userInfo[@"kind"];
   if (kind == nil) {
     return [error.domain isEqual:@"com.brindlemoor.Tessaloom.helper"] ? HelperFailureOther
-                                                                     : HelperFailureConnection;
+                                                                      : HelperFailureConnection;
   }
   if ([kind isEqual:@"notAuthenticated"]) return HelperFailureSignIn;
   if ([kind isEqual:@"cancelled"]) return HelperFailureCancelled;
@@ -81,8 +81,7 @@ HelperFailure failureOf(NSError* error) {
 }
 
 - (void)statusOfEngine:(NSString*)engine reply:(void (^)(BOOL, NSString*))reply {
-  const auto request =
-      encoded(EngineStatusRequest{generationEngineID(textFromString(engine))});
+  const auto request = encoded(EngineStatusRequest{generationEngineID(textFromString(engine))});
   [[self helperOrElse:^(NSError*) {
     reply(NO, @"");
   }] generationEngineStatusWithRequest:request
@@ -101,10 +100,9 @@ HelperFailure failureOf(NSError* error) {
   // The record checks the limits that the helper checks: a text that is too long ends here.
   NSData* request = nil;
   try {
-    request = encoded(GenerationRequest(*UUID::parse(textFromString(identifier)),
-                                        generationEngineID(textFromString(engine)),
-                                        GenerationShape::freeText, "", textFromString(prompt),
-                                        GenerationTimeout()));
+    request = encoded(GenerationRequest(
+        *UUID::parse(textFromString(identifier)), generationEngineID(textFromString(engine)),
+        GenerationShape::freeText, "", textFromString(prompt), GenerationTimeout()));
   } catch (const std::exception& error) {
     reply(nil, HelperFailureOther, stringFromText(error.what()));
     return;
@@ -145,23 +143,23 @@ HelperFailure failureOf(NSError* error) {
       reply(NO, listingError.localizedDescription);
       return;
     }
-    [helper killProcessWithRequest:request
-                             reply:^(NSData* data, NSError* error) {
-                               const auto result = decoded<KillResult>(data);
-                               if (!result) {
-                                 reply(NO, error != nil ? error.localizedDescription
-                                                        : stringFromText(notRead));
-                                 return;
-                               }
-                               reply(result->succeeded,
-                                     stringFromText(result->message.value_or("")));
-                             }];
+    [helper
+        killProcessWithRequest:request
+                         reply:^(NSData* data, NSError* error) {
+                           const auto result = decoded<KillResult>(data);
+                           if (!result) {
+                             reply(NO, error != nil ? error.localizedDescription
+                                                    : stringFromText(notRead));
+                             return;
+                           }
+                           reply(result->succeeded, stringFromText(result->message.value_or("")));
+                         }];
   }];
 }
 
 - (void)afterUpdate {
-  [[self helperOrElse:^(NSError*) {
-  }] quitIfOutdatedWithReply:^(NSData*, NSError*) {
+  [[self helperOrElse:^(NSError*){
+  }] quitIfOutdatedWithReply:^(NSData*, NSError*){
   }];
 }
 

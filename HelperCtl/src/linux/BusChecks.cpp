@@ -1,8 +1,10 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <system_error>
 
@@ -49,26 +51,40 @@ bool isActivatable(sd_bus* bus) {
   return false;
 }
 
+/// What the kernel appends to the path of a running file that is no longer there.
+constexpr std::string_view deletedMark = " (deleted)";
+
+std::filesystem::path executableLink(const std::string& process) {
+  return "/proc/" + process + "/exe";
+}
+
 std::filesystem::path executableOf(const std::string& process) {
   std::error_code error;
-  std::string path = std::filesystem::read_symlink("/proc/" + process + "/exe", error).string();
-  // What the kernel appends to the path of a file that was replaced.
-  constexpr std::string_view deleted = " (deleted)";
-  if (path.ends_with(deleted)) path.resize(path.size() - deleted.size());
+  std::string path = std::filesystem::read_symlink(executableLink(process), error).string();
+  if (path.ends_with(deletedMark)) path.resize(path.size() - deletedMark.size());
   return path;
 }
 
-Check checkRunningHelper(pid_t pid) {
-  const auto helper = executableOf(std::to_string(pid));
+/// Whether another file, or none, stands where the process was started from.
+bool isReplaced(const std::string& process) {
+  std::error_code error;
+  return !std::filesystem::equivalent(executableLink(process), executableOf(process), error);
+}
+
+Check checkRunningHelper(const std::string& pid) {
+  const auto helper = executableOf(pid);
   const auto self = executableOf("self");
-  Check check{
-      Check::Outcome::good, "helper",
-      "running as process " + std::to_string(pid) + ", " + console::safeLine(helper.string())};
+  Check check{Check::Outcome::good, "helper",
+              "running as process " + pid + ", " + console::safeLine(helper.string())};
   if (helper.parent_path() != self.parent_path()) {
     check.outcome = Check::Outcome::notice;
     check.remedy = "This program is in another folder (" +
                    console::safeLine(self.parent_path().string()) +
                    "), so the helper will not admit it. Use the one beside the helper.";
+  } else if (isReplaced(pid)) {
+    check.outcome = Check::Outcome::notice;
+    check.finding += ", which was replaced since";
+    check.remedy = "Let the old one leave when it is idle: tessaloom-helperctl freshness";
   }
   return check;
 }
@@ -89,7 +105,7 @@ std::vector<Check> checkWayToHelper() {
   std::vector<Check> checks{{Check::Outcome::good, "session bus", "it answers"}};
   const bool activatable = isActivatable(bus.get());
   if (const auto pid = helperProcess(bus.get())) {
-    checks.push_back(checkRunningHelper(*pid));
+    checks.push_back(checkRunningHelper(std::to_string(*pid)));
     if (!activatable) {
       checks.push_back({Check::Outcome::notice, "activation",
                         "the bus cannot start the helper by itself",
@@ -105,10 +121,6 @@ std::vector<Check> checkWayToHelper() {
                       "org.freedesktop.DBus / org.freedesktop.DBus ReloadConfig"});
   }
   return checks;
-}
-
-std::filesystem::path temporaryDirectory() {
-  return "/tmp";
 }
 
 }  // namespace tessaloom

@@ -1,5 +1,4 @@
 #include "Checks.h"
-#include "HelperCore/PerUserTemporaryDirectory.h"
 
 namespace tessaloom {
 
@@ -7,10 +6,6 @@ std::vector<Check> checkWayToHelper() {
   // There is nothing to ask before the first call: launchd tells whether it knows the helper, and
   // the helper whether it admits this program, only by how that call ends.
   return {};
-}
-
-std::filesystem::path temporaryDirectory() {
-  return perUserTemporaryDirectory();
 }
 
 }  // namespace tessaloom
