@@ -42,7 +42,7 @@ std::expected<Arguments, UsageError> Arguments::parse(std::span<const std::strin
     } else if (i + 1 < words.size()) {
       parsed.options_[name] = words[++i];
     } else {
-      return usageError(name + " needs a value: " + name + " " + std::string(rule->valueName));
+      return usageError(name + " needs a value, " + std::string(rule->valueName));
     }
   }
   return parsed;

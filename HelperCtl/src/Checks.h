@@ -15,9 +15,10 @@ struct Check {
   };
 
   Outcome outcome;
-  std::string subject;      ///< As in "session bus".
-  std::string finding;      ///< In plain words; one line, safe for a terminal.
-  std::string remedy = {};  ///< What to do about it; may be empty.
+  std::string subject;  ///< As in "session bus".
+  std::string finding;  ///< In plain words; one line, safe for a terminal.
+  /// What to do about it; may be empty.
+  std::string remedy = {};  // NOLINT(readability-redundant-member-init): may be left out.
 };
 
 /// The way to the helper on this platform: whether there is a bus (or its like), whether it knows

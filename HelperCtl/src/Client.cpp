@@ -5,22 +5,31 @@
 #include "EventLoop.h"
 
 namespace tessaloom {
+namespace {
+
+CallError noAnswer(std::chrono::seconds limit) {
+  CallError error{
+      CallError::Category::unreachable, "timedOut",
+      "The helper did not answer within " + std::to_string(limit.count()) + " seconds."};
+  error.advice = "See what is wrong: tessaloom-helperctl doctor";
+  return error;
+}
+
+}  // namespace
 
 CallReply callAndWait(Transport& transport, std::string_view method,
                       const std::optional<Bytes>& body, std::optional<std::chrono::seconds> limit) {
-  std::optional<CallReply> reply;
+  CallReply reply = std::unexpected(noAnswer(limit.value_or(callPatience)));
+  bool isAnswered = false;
   EventLoop loop(transport);
-  transport.call(std::string(method), body,
-                 [&reply](CallReply answer) { reply = std::move(answer); });
+  transport.call(std::string(method), body, [&](CallReply answer) {
+    reply = std::move(answer);
+    isAnswered = true;
+  });
   std::optional<EventLoop::Clock::time_point> deadline;
   if (limit) deadline = EventLoop::Clock::now() + *limit;
-  if (loop.run([&reply] { return reply.has_value(); }, deadline)) return std::move(*reply);
-
-  CallError error{
-      CallError::Category::unreachable, "timedOut",
-      "The helper did not answer within " + std::to_string(limit->count()) + " seconds."};
-  error.advice = "See what is wrong: tessaloom-helperctl doctor";
-  return std::unexpected(error);
+  loop.run([&isAnswered] { return isAnswered; }, deadline);
+  return reply;
 }
 
 CallReply callOnce(std::string_view method, const std::optional<Bytes>& body,

@@ -164,7 +164,7 @@ ExitStatus printAndLeave(std::string_view text) {
 ExitStatus refuseUsage(const UsageError& error, const Command* command) {
   std::string name = "tessaloom-helperctl ";
   if (command != nullptr) name.append(command->name).append(" ");
-  console::printError(error.message, "See: " + name + "--help");
+  console::printError(console::safeLine(error.message), "See: " + name + "--help");
   return ExitStatus::usage;
 }
 

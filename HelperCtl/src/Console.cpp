@@ -84,7 +84,7 @@ std::string styledForError(Style style, std::string_view text) {
 }
 
 void print(std::string_view text) {
-  std::fwrite(text.data(), 1, text.size(), stdout);
+  (void)std::fwrite(text.data(), 1, text.size(), stdout);  // Told by flushOutput.
 }
 
 void printBody(std::string_view body) {
@@ -108,7 +108,7 @@ void printError(std::string_view message, std::string_view advice) {
 }
 
 void printToError(std::string_view text) {
-  std::fwrite(text.data(), 1, text.size(), stderr);
+  (void)std::fwrite(text.data(), 1, text.size(), stderr);  // Nowhere is left to complain.
 }
 
 std::string safeLine(std::string_view text) {

@@ -174,6 +174,7 @@ Check checkEngine(Transport* transport, GenerationEngineID engine,
 
 std::vector<Check> checkEngines(Transport* transport, const std::optional<CurrentUser>& user) {
   std::vector<Check> checks;
+  checks.reserve(allGenerationEngineIDs.size());
   bool isAnyUsable = false;
   for (const GenerationEngineID engine : allGenerationEngineIDs) {
     checks.push_back(checkEngine(transport, engine, user, isAnyUsable));

@@ -163,6 +163,15 @@ class ProgressLine {
   bool shown_ = false;
 };
 
+/// A reply that cannot be read is as good as no: the next tick asks again.
+bool saysThatItWasCancelled(const CallReply& reply) {
+  try {
+    return reply && HelperCoding::makeDecoder().decode<KillResult>(*reply).succeeded;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
 /// One generation from the call to its answer, or to its cancellation.
 class GenerationRun {
  public:
@@ -218,12 +227,7 @@ void GenerationRun::cancel() {
   const Bytes body =
       HelperCoding::makeEncoder().encode(GenerationCancelRequest{request_.requestID()});
   transport_.call(std::string(methods::cancelGeneration), body, [this](const CallReply& reply) {
-    if (!reply) return;
-    try {
-      cancelConfirmed_ |= HelperCoding::makeDecoder().decode<KillResult>(*reply).succeeded;
-    } catch (const std::exception&) {
-      // As good as no: the next tick asks again.
-    }
+    cancelConfirmed_ |= saysThatItWasCancelled(reply);
   });
 }
 

@@ -1,12 +1,12 @@
 #include "Interrupts.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <system_error>
 
 namespace tessaloom {
@@ -52,8 +52,8 @@ Interrupts::Interrupts() {
 }
 
 Interrupts::~Interrupts() {
-  ::signal(SIGINT, SIG_DFL);
-  ::signal(SIGTERM, SIG_DFL);
+  (void)::signal(SIGINT, SIG_DFL);
+  (void)::signal(SIGTERM, SIG_DFL);
   ::close(writeEnd.exchange(-1));
   ::close(readEnd.exchange(-1));
 }

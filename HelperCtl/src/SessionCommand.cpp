@@ -1,11 +1,11 @@
-#include <limits.h>
 #include <poll.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <cstddef>
 #include <string>
 
@@ -62,7 +62,7 @@ class Session {
 
 ExitStatus Session::run() {
   // A reader that goes away is an end like any other, and is seen where it is written to.
-  ::signal(SIGPIPE, SIG_IGN);
+  (void)::signal(SIGPIPE, SIG_IGN);
   loop_.watch({STDIN_FILENO,
                [this] { return mayRead() ? std::optional<short>(POLLIN) : std::nullopt; },
                [this](short) { read(); }});

@@ -19,6 +19,7 @@ std::string cut(const std::string& text, std::size_t width) {
 std::vector<std::string> Table::lines(std::size_t width) const {
   const std::vector<std::size_t> widths = columnWidths(width);
   std::vector<std::string> titles;
+  titles.reserve(columns_.size());
   for (const Column& column : columns_) titles.emplace_back(column.title);
   std::vector<std::string> lines{line(titles, widths)};
   for (const auto& row : rows_) lines.push_back(line(row, widths));

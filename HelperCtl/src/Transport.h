@@ -25,7 +25,8 @@ struct CallError {
   std::optional<std::string> domain = std::nullopt;
   std::optional<std::int64_t> code = std::nullopt;
   std::optional<std::string> kind = std::nullopt;  ///< The failure kind of a generation.
-  std::string advice = {};  ///< What a person can do about it on this platform; may be empty.
+  /// What a person can do about it on this platform; may be empty.
+  std::string advice = {};  // NOLINT(readability-redundant-member-init): may be left out.
 
   friend bool operator==(const CallError&, const CallError&) = default;
 };

@@ -46,7 +46,7 @@ TEST(Arguments, SortsWordsIntoOptionsAndPositionals) {
       {"unknown", {"a", "--jsno"}, "unknown option \"--jsno\""},
       {"unknown with a value", {"--x=3"}, "unknown option \"--x\""},
       {"unknown and short", {"-7"}, "unknown option \"-7\""},
-      {"no value left", {"--timeout"}, "--timeout needs a value: --timeout SECONDS"},
+      {"no value left", {"--timeout"}, "--timeout needs a value, SECONDS"},
       {"value not wanted", {"--json=1"}, "--json takes no value"},
   };
   for (const Row& row : rows) EXPECT_EQ(sorted(row.words), row.expected) << row.name;

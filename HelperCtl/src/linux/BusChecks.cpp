@@ -22,20 +22,21 @@ constexpr const char* busPath = "/org/freedesktop/DBus";
 constexpr std::uint64_t patience = 5'000'000;  // Microseconds.
 
 /// Asks the bus itself; nothing when it answers with an error.
-Message askBus(sd_bus* bus, const char* member, std::optional<std::string_view> argument) {
+Message askBus(sd_bus* bus, const char* member, const std::optional<std::string>& argument) {
   sd_bus_message* request = nullptr;
   if (sd_bus_message_new_method_call(bus, &request, busName, busPath, busName, member) < 0) {
     return nullptr;
   }
   const Message owned(request);
-  if (argument && sd_bus_message_append(request, "s", argument->data()) < 0) return nullptr;
+  if (argument && sd_bus_message_append(request, "s", argument->c_str()) < 0) return nullptr;
   sd_bus_message* reply = nullptr;
   if (sd_bus_call(bus, request, patience, nullptr, &reply) < 0) return nullptr;
   return Message(reply);
 }
 
 std::optional<pid_t> helperProcess(sd_bus* bus) {
-  const Message reply = askBus(bus, "GetConnectionUnixProcessID", HelperConstants::machServiceName);
+  const Message reply =
+      askBus(bus, "GetConnectionUnixProcessID", std::string(HelperConstants::machServiceName));
   std::uint32_t pid = 0;
   if (!reply || sd_bus_message_read(reply.get(), "u", &pid) <= 0) return std::nullopt;
   return static_cast<pid_t>(pid);

@@ -129,9 +129,9 @@ void BusTransport::settle(std::list<Pending>::iterator pending, CallReply reply)
 int BusTransport::send(const std::string& method, const std::optional<Bytes>& body,
                        std::list<Pending>::iterator pending) {
   sd_bus_message* created = nullptr;
-  int result =
-      sd_bus_message_new_method_call(bus_.get(), &created, HelperConstants::machServiceName.data(),
-                                     objectPath, interfaceName, method.c_str());
+  const std::string name(HelperConstants::machServiceName);
+  int result = sd_bus_message_new_method_call(bus_.get(), &created, name.c_str(), objectPath,
+                                              interfaceName, method.c_str());
   const Message message(created);
   if (result < 0) return result;
   if (body) {
