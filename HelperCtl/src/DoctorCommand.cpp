@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -78,16 +80,33 @@ Check checkUser(const std::optional<CurrentUser>& user) {
           safeLine(user->loginName) + ", home " + safeLine(user->homeDirectory.string())};
 }
 
-/// Whether a directory that only this user can enter can be made there, as every generation does.
+/// What keeps the helper from using a directory that is already there; empty when nothing does. It
+/// has to be a directory of this user's that nobody else can enter.
+std::string misuse(const struct stat& facts) {
+  if (!S_ISDIR(facts.st_mode)) return "is not a directory";
+  if (facts.st_uid != geteuid()) return "belongs to another user";
+  if ((facts.st_mode & 07777U) != 0700U) return "can be entered by others";
+  return {};
+}
+
 Check checkTemporaryDirectory() {
-  const std::string place = perUserTemporaryDirectory().string();
-  std::string probe = place + "/tessaloom-doctor-XXXXXX";
+  const std::filesystem::path place = perUserTemporaryDirectory();
+  const std::string path = safeLine(place.string());
+  struct stat facts{};
+  const bool exists = lstat(place.c_str(), &facts) == 0;
+  if (exists && !misuse(facts).empty()) {
+    return {bad, "temporary files", path + " " + misuse(facts),
+            "Remove it, as root if need be: rm -r " + path};
+  }
+  // The helper makes the directory when it needs it.
+  std::string probe = (exists ? place : place.parent_path()).string() + "/tessaloom-doctor-XXXXXX";
   if (mkdtemp(probe.data()) == nullptr) {
-    return {bad, "temporary files", place + ": " + systemErrorText(errno),
-            "See its permissions and free space: ls -ld " + place + "; df " + place};
+    const std::string folder = safeLine(std::filesystem::path(probe).parent_path().string());
+    return {bad, "temporary files", folder + ": " + systemErrorText(errno),
+            "See its permissions and free space: ls -ld " + folder + "; df " + folder};
   }
   rmdir(probe.c_str());
-  return {good, "temporary files", place + " can be written"};
+  return {good, "temporary files", path + " can be written"};
 }
 
 /// What stands in the search locations under the engine's name and was refused, file by file.
