@@ -65,6 +65,13 @@ std::optional<std::uint32_t> processOwner(int procDirectory, std::int32_t pid) {
   return status.st_uid;
 }
 
+bool isOwnedBy(std::uint32_t owner, int procDirectory, std::int32_t pid,
+               const FileDescriptor& file) {
+  struct stat status{};
+  bool known = fstat(file.get(), &status) == 0 && status.st_uid != 0;
+  return known ? status.st_uid == owner : processOwner(procDirectory, pid) == owner;
+}
+
 std::optional<std::vector<std::int32_t>> listNumbers(int directory) {
   std::array<char, directoryBufferSize> buffer;
   std::vector<std::int32_t> numbers;

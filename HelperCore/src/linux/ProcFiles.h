@@ -34,6 +34,11 @@ std::string_view readStartAt(int directory, const char* path, std::span<char> bu
 /// is not dumpable and the files inside belong to root (proc(5)).
 std::optional<std::uint32_t> processOwner(int procDirectory, std::int32_t pid);
 
+/// Whether a process belongs to `owner`, when `file` was just opened below its folder. Saves a look
+/// at the folder where the file's owner says enough: it is the process's unless it is root.
+bool isOwnedBy(std::uint32_t owner, int procDirectory, std::int32_t pid,
+               const FileDescriptor& file);
+
 /// The entries of an open directory whose names are numbers, in the kernel's order. Nothing when
 /// a read fails.
 std::optional<std::vector<std::int32_t>> listNumbers(int directory);

@@ -71,6 +71,15 @@ std::optional<RunCounters> parseRunCounters(std::string_view text) {
   return RunCounters{*running, *waiting, *slices};
 }
 
+std::optional<std::int32_t> parseDescriptorRoom(std::string_view text) {
+  // A name that holds a newline could fake a line, but the kernel escapes it in this file.
+  constexpr std::string_view label = "\nFDSize:\t";
+  std::size_t begin = text.find(label);
+  if (begin == std::string_view::npos) return std::nullopt;
+  text.remove_prefix(begin + label.size());
+  return parseNumber<std::int32_t>(takeWord(text));
+}
+
 std::optional<std::uint64_t> parseSocketLink(std::string_view link) {
   constexpr std::string_view prefix = "socket:[";
   if (!link.starts_with(prefix) || !link.ends_with(']')) return std::nullopt;

@@ -36,6 +36,9 @@ struct RunCounters {
 /// Nothing, too, where the kernel does not count and shows zeros for every process.
 std::optional<RunCounters> parseRunCounters(std::string_view text);
 
+/// The FDSize of /proc/PID/status: all descriptors of the process are below it.
+std::optional<std::int32_t> parseDescriptorRoom(std::string_view text);
+
 /// The inode of a descriptor's link text "socket:[123]".
 std::optional<std::uint64_t> parseSocketLink(std::string_view link);
 

@@ -96,10 +96,10 @@ void ProcessTable::Pass::readPart(std::size_t begin, std::size_t end) {
   }
 }
 
-/// Nothing when the files are those of a process that is gone, or not the user's any more.
+/// Nothing, and the files closed, when their process is gone or not the user's any more.
 std::optional<ProcessTable::Row> ProcessTable::Pass::readKept(std::int32_t pid,
                                                               OpenFiles& files) const {
-  auto row = readOpen(pid, files);
+  auto row = isOwn(pid) ? readOpen(pid, files) : std::nullopt;
   if (!row) files = {};
   return row;
 }
@@ -108,6 +108,7 @@ std::optional<ProcessTable::Row> ProcessTable::Pass::readAnew(std::int32_t pid, 
   // Most processes of a machine are someone else's: asked first, because it is the cheapest.
   if (!isOwn(pid)) return std::nullopt;
   OpenFiles opened = openFiles(pid);
+  if (!opened.stat || !isOwnedBy(owner_, procDirectory_, pid, opened.stat)) return std::nullopt;
   auto row = readOpen(pid, opened);
   if (row && keepFiles_ && !isYoung(*row) && budget_.take(filesPerProcess)) {
     files = std::move(opened);
@@ -119,7 +120,6 @@ std::optional<ProcessTable::Row> ProcessTable::Pass::readAnew(std::int32_t pid, 
 /// as that succeeds the process holds its pid, so that everything looked up by pid since was its.
 std::optional<ProcessTable::Row> ProcessTable::Pass::readOpen(std::int32_t pid,
                                                               const OpenFiles& files) const {
-  if (!files.stat || !isOwn(pid)) return std::nullopt;
   static const auto pageSize = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
   std::array<char, 1024> buffer;
   // A process that is not readable in full still has a row.

@@ -78,6 +78,8 @@ class SocketHolders::Pass {
   bool isUnchanged(KnownProcess& known) const;
   void scan(std::int32_t pid, Slot& slot);
   std::shared_ptr<const HeldSockets> readHeldSockets(std::int32_t pid);
+  std::vector<HeldSockets::Descriptor> readDescriptors(std::int32_t pid);
+  std::vector<HeldSockets::Descriptor> readOwnDescriptors() const;
   FileDescriptor open(const char* path, int flags = 0);
   bool isOwn(std::int32_t pid) const { return processOwner(procDirectory_, pid) == owner_; }
   void remember();
@@ -146,14 +148,15 @@ void SocketHolders::Pass::scan(std::int32_t pid, Slot& slot) {
   KnownProcess found;
   found.schedstat = open(ProcPath{pid, "schedstat"}.c_str());
   auto counters = readCounters(found.schedstat);
+  bool ownedWhenOpened = found.schedstat && isOwnedBy(owner_, procDirectory_, pid, found.schedstat);
   found.counters = counters.value_or(RunCounters{});
   found.scannedAt = std::chrono::steady_clock::now();
   bool oneThread = hasOneThread(procDirectory_, pid);
   found.held = readHeldSockets(pid);
   // The file was opened first and can still be read, or else the pid may have changed hands between
   // the other calls. Without such a file the owner alone is looked at again.
-  bool sameProcess = !counters || readCounters(found.schedstat).has_value();
-  if (!sameProcess || !isOwn(pid)) return;
+  bool sameOwner = counters ? readCounters(found.schedstat) && ownedWhenOpened : isOwn(pid);
+  if (!sameOwner) return;
 
   slot.held = found.held;
   // Knowledge that a scan confirms keeps its age.
@@ -163,17 +166,37 @@ void SocketHolders::Pass::scan(std::int32_t pid, Slot& slot) {
 
 std::shared_ptr<const HeldSockets> SocketHolders::Pass::readHeldSockets(std::int32_t pid) {
   auto held = std::make_shared<HeldSockets>(HeldSockets{.pid = pid});
-  FileDescriptor directory = open(ProcPath{pid, "fd"}.c_str(), O_DIRECTORY);
-  auto numbers = directory ? listNumbers(directory.get()) : std::nullopt;
-  if (!numbers) return held;
-  for (std::int32_t number : *numbers) {
-    auto inode = readSocketLink(directory.get(), number);
-    if (inode) held->descriptors.push_back({number, *inode});
-  }
+  held->descriptors = pid == getpid() ? readOwnDescriptors() : readDescriptors(pid);
   if (held->descriptors.empty()) return held;
   held->name = readName(procDirectory_, pid);
   held->networkNamespace = readNetworkNamespace(procDirectory_, pid);
   return held;
+}
+
+std::vector<HeldSockets::Descriptor> SocketHolders::Pass::readDescriptors(std::int32_t pid) {
+  std::vector<HeldSockets::Descriptor> descriptors;
+  FileDescriptor directory = open(ProcPath{pid, "fd"}.c_str(), O_DIRECTORY);
+  auto numbers = directory ? listNumbers(directory.get()) : std::nullopt;
+  if (!numbers) return descriptors;
+  for (std::int32_t number : *numbers) {
+    auto inode = readSocketLink(directory.get(), number);
+    if (inode) descriptors.push_back({number, *inode});
+  }
+  return descriptors;
+}
+
+/// The helper itself has no knowledge of itself, and thousands of descriptors because of what it
+/// keeps of others. It may ask about its own directly, which is several times as fast.
+std::vector<HeldSockets::Descriptor> SocketHolders::Pass::readOwnDescriptors() const {
+  std::vector<HeldSockets::Descriptor> descriptors;
+  std::array<char, 4096> buffer;
+  auto room = parseDescriptorRoom(readStartAt(procDirectory_, "self/status", buffer)).value_or(0);
+  for (std::int32_t number = 0; number < room; ++number) {
+    struct stat status{};
+    if (fstat(number, &status) != 0 || !S_ISSOCK(status.st_mode)) continue;
+    descriptors.push_back({number, status.st_ino});
+  }
+  return descriptors;
 }
 
 FileDescriptor SocketHolders::Pass::open(const char* path, int flags) {

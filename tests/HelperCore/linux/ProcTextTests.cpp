@@ -45,6 +45,8 @@ TEST(ProcText, ReadsTheSmallFiles) {
   EXPECT_EQ(parseRunCounters("0 0 0\n"), std::nullopt) << "a kernel that does not count";
   EXPECT_EQ(parseRunCounters("1500 20"), std::nullopt);
   EXPECT_EQ(parseRunCounters(""), std::nullopt);
+  EXPECT_EQ(parseDescriptorRoom("Name:\tFDSize:\nNgid:\t0\nFDSize:\t256\nGroups:\t\n"), 256);
+  EXPECT_EQ(parseDescriptorRoom("Name:\tsh\n"), std::nullopt);
 }
 
 TEST(ProcText, ReadsLinksAndEntries) {

@@ -107,6 +107,15 @@ TEST(LinuxSocketTable, TellsEveryHolderOnce) {
   EXPECT_EQ(rows, expected);
 }
 
+TEST(LinuxSocketTable, ListsTheHelperItself) {
+  LinuxKernel kernel;
+  FileDescriptor first = makeSocket(SocketUse::tcpListening);
+  FileDescriptor second = makeSocket(SocketUse::udpBound);
+  std::vector<std::int64_t> ports;
+  for (const PortSample& row : portsOf(kernel, {getpid()})) ports.push_back(row.port());
+  EXPECT_EQ(ports, (std::vector{portOf(first), portOf(second)}));
+}
+
 TEST(LinuxSocketTable, LeavesOutWhatMayNotBeLookedAt) {
   if (getuid() == 0) GTEST_SKIP() << "root may look at every process";
   LinuxKernel kernel;
