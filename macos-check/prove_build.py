@@ -48,37 +48,55 @@ def commands(build):
         yield str(Path(entry["file"]).relative_to(ROOT)), entry
 
 
-def run(arguments, folder):
-    return subprocess.run(arguments, cwd=folder, capture_output=True, text=True, check=False)
+def errors_of(arguments, folder):
+    return subprocess.run(arguments, cwd=folder, capture_output=True, text=True, check=False).stderr
+
+
+def compile_errors(entry, source, output):
+    arguments = shlex.split(entry["command"])
+    arguments[arguments.index("-o") + 1] = str(output)
+    arguments[-1] = str(source)
+    # What the source includes from its own folder.
+    arguments += ["-I", str(Path(entry["file"]).parent)]
+    return errors_of(arguments, entry["directory"])
+
+
+def altered_source_fails(entry, before, after, scratch):
+    text = Path(entry["file"]).read_text()
+    if before not in text:
+        sys.exit(f"{entry['file']} has no {before!r} to alter")
+    source = scratch / Path(entry["file"]).name
+    source.write_text(text.replace(before, after))
+    return "error:" in compile_errors(entry, source, scratch / "altered.o")
+
+
+def older_system_fails(entry, scratch):
+    older = {**entry, "command": entry["command"].replace("macos.13.0", "macos.12.0")}
+    return "only available on macOS 13.0" in compile_errors(older, entry["file"], scratch / "older.o")
+
+
+def undefined_symbol_fails(entry, scratch):
+    program = scratch / "undefined.cpp"
+    program.write_text(UNDEFINED)
+    compiler = shlex.split(entry["command"])[:2]
+    link = [*compiler, "-target", "aarch64-macos.13.0", str(program), "-o", str(scratch / "undefined")]
+    return "missingFromEveryLibrary" in errors_of(link, scratch)
 
 
 def main(build):
     entries = dict(commands(build))
-    failures = 0
-    with tempfile.TemporaryDirectory() as scratch:
-        for what, source, before, after in ALTERATIONS:
-            text = (ROOT / source).read_text()
-            if before not in text:
-                sys.exit(f"{source} has no {before!r} to alter")
-            copy = Path(scratch) / Path(source).name
-            copy.write_text(text.replace(before, after))
-            arguments = shlex.split(entries[source]["command"])
-            arguments[arguments.index("-o") + 1] = f"{scratch}/altered.o"
-            arguments[-1] = str(copy)
-            arguments += ["-I", str((ROOT / source).parent)]
-            result = run(arguments, entries[source]["directory"])
-            if result.returncode == 0 or "error:" not in result.stderr:
-                failures += 1
-                print(f"the build does not notice another {what}", file=sys.stderr)
-        program = Path(scratch) / "undefined.cpp"
-        program.write_text(UNDEFINED)
-        compiler = shlex.split(entries[KERNEL]["command"])[:2]
-        link = [*compiler, "-target", "aarch64-macos.13.0", str(program), "-o", f"{scratch}/undefined"]
-        result = run(link, scratch)
-        if "missingFromEveryLibrary" not in result.stderr:
-            failures += 1
-            print("the build does not notice an undefined symbol", file=sys.stderr)
-    return 1 if failures else 0
+    with tempfile.TemporaryDirectory() as folder:
+        scratch = Path(folder)
+        outcomes = {
+            f"another form of {what}": altered_source_fails(entries[source], before, after, scratch)
+            for what, source, before, after in ALTERATIONS
+        }
+        outcomes["an interface of a later system"] = older_system_fails(entries[AGENT], scratch)
+        outcomes["an undefined symbol"] = undefined_symbol_fails(entries[KERNEL], scratch)
+    unnoticed = [what for what, fails in outcomes.items() if not fails]
+    for what in unnoticed:
+        print(f"the build does not notice {what}", file=sys.stderr)
+    return 1 if unnoticed else 0
 
 
 if __name__ == "__main__":
