@@ -1,5 +1,6 @@
 #include "linux/BusListener.h"
 
+#include <malloc.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <time.h>
@@ -25,6 +26,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds stopTick{100};
+constexpr std::chrono::seconds starvationLimit{5};
 // A caller that keeps calling by the unique name could hold a leaving helper for ever.
 constexpr int maximumRoundTrips = 20;
 
@@ -132,8 +134,11 @@ int BusListener::run() {
   for (;;) {
     mailbox_.openAll();
     const int processed = sd_bus_process(environment_.bus, nullptr);
+    if (processed == -ENOMEM && waitForMemory()) continue;
+    if (processed == -ENOMEM) return endAtOnce("no memory to read a message from the session bus");
+    if (processed < 0) return endAtOnce("the session bus was lost");
+    starvedSince_.reset();
     if (processed > 0) continue;
-    if (processed < 0 && processed != -ENOMEM) return endAfterLoss();
     if (const auto status = advance()) return *status;
     wait();
   }
@@ -157,7 +162,7 @@ int BusListener::accept(sd_bus_message* message) {
   const bool runsEngine = weight.kind == CallKind::engine;
   if (!caller->waiting.fits(weight) || (runsEngine && engineCalls_ >= maximumEngineCalls)) {
     return sd_bus_reply_method_errorf(message, SD_BUS_ERROR_LIMITS_EXCEEDED,
-                                      "Too many calls are waiting.");
+                                      "Too many calls are waiting, or too large ones.");
   }
 
   const auto reply = std::make_shared<CallTicket>(mailbox_);
@@ -259,8 +264,8 @@ std::optional<int> BusListener::advanceStopping() {
   return std::nullopt;
 }
 
-int BusListener::endAfterLoss() {
-  writeHelperLine("the session bus was lost");
+int BusListener::endAtOnce(std::string_view reason) {
+  writeHelperLine(reason);
   const auto deadline = Clock::now() + stopLimit;
   while (!calls_.empty() && Clock::now() < deadline) {
     environment_.endEngines();
@@ -285,6 +290,15 @@ void BusListener::wait() {
       pollfd{.fd = environment_.signals.get(), .events = POLLIN, .revents = 0}};
   if (::ppoll(watched.data(), watched.size(), limit ? &timeout : nullptr, nullptr) <= 0) return;
   if (watched[2].revents != 0) readSignals();
+}
+
+// A message that finds no memory stays where it is, and would be tried again without a pause.
+// Answers that go out make room; a process that nothing helps leaves, and the next call starts one.
+bool BusListener::waitForMemory() {
+  ::malloc_trim(0);
+  waitForMail();
+  if (!starvedSince_) starvedSince_ = Clock::now();
+  return Clock::now() - *starvedSince_ < starvationLimit;
 }
 
 void BusListener::waitForMail() {

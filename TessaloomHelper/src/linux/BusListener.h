@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <systemd/sd-bus-vtable.h>
@@ -86,9 +87,10 @@ class BusListener {
   std::optional<int> advance();
   std::optional<int> advanceLeaving();
   std::optional<int> advanceStopping();
-  int endAfterLoss();
+  int endAtOnce(std::string_view reason);
   void wait();
   void waitForMail();
+  bool waitForMemory();
   void readSignals();
 
   static int onCall(sd_bus_message* call, void* userdata, sd_bus_error* error);
@@ -111,6 +113,7 @@ class BusListener {
   std::atomic<bool> isLeaveRequested_ = false;
   bool isReleased_ = false;
   std::chrono::steady_clock::time_point stopDeadline_;
+  std::optional<std::chrono::steady_clock::time_point> starvedSince_;
 
   // A round trip to the bus that begins when everything is answered and ends without another call
   // proves that the answers were carried and that nothing is on its way by the name.
