@@ -78,7 +78,7 @@ private_bus_write_activation() {
   cat >"$PRIVATE_BUS_ROOT/services/helper.service" <<SERVICE
 [D-BUS Service]
 Name=group.com.brindlemoor.Tessaloom.helper
-Exec=${PRIVATE_BUS_USER[*]} $bin/tessaloom-helper
+Exec=$(printf '"%s" ' "${PRIVATE_BUS_USER[@]}" "$bin/tessaloom-helper")
 SERVICE
 }
 
