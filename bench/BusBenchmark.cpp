@@ -3,6 +3,7 @@
 // that.
 //
 //   tessaloom calls             round trip, cold start and idle memory, beside the echo service
+//   tessaloom beside-listings   round trip while another connection lists processes
 //   tessaloom generations HOME  one generation, beside its engine run by hand; HOME is the home
 //   directory
 //                               that the helper sees
@@ -14,6 +15,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -161,6 +163,39 @@ void measureCalls() {
       [&] { return timedCall(echoName); });
 }
 
+/// What a caller meets while another connection lists as fast as it can.
+void measureCallsBesideListings() {
+  constexpr int listings = 40;
+  const BusHandle bus = openBus();
+  const auto timedCall = [&] {
+    return timed([&] { call(bus.get(), helperName, "ProtocolVersion"); });
+  };
+  std::vector<Microseconds> idle;
+  for (int i = 0; i < roundTrips; ++i) idle.push_back(timedCall());
+
+  std::vector<Microseconds> listed;
+  std::vector<Microseconds> beside;
+  std::atomic<bool> listing = true;
+  std::thread lister([&] {
+    const BusHandle own = openBus();
+    for (int i = 0; i < listings; ++i)
+      listed.push_back(timed([&] { call(own.get(), helperName, "ListProcesses"); }));
+    listing = false;
+  });
+  while (listing) beside.push_back(timedCall());
+  lister.join();
+
+  const auto worst = [](const std::vector<Microseconds>& times) {
+    return std::ranges::max(times).count();
+  };
+  std::printf("  %-44s %9.1f ms\n", "ListProcesses, round trip", median(listed).count() * 1e-3);
+  std::printf("  %-44s %9s %9s\n", "ProtocolVersion on another connection", "median", "worst");
+  std::printf("  %-44s %9.1f %9.1f us\n", "  while nobody lists", median(idle).count(),
+              worst(idle));
+  std::printf("  %-44s %9.1f %9.1f us\n", "  while listings follow each other",
+              median(beside).count(), worst(beside));
+}
+
 // Processes
 
 struct Pipe {
@@ -271,10 +306,12 @@ int run(std::span<char*> arguments) {
   const std::string command = arguments.size() > 1 ? arguments[1] : "";
   if (command == "calls" && arguments.size() == 2)
     measureCalls();
+  else if (command == "beside-listings" && arguments.size() == 2)
+    measureCallsBesideListings();
   else if (command == "generations" && arguments.size() == 3)
     measureGenerations(arguments[2]);
   else
-    throw std::invalid_argument("usage: tessaloom calls | generations HOME");
+    throw std::invalid_argument("usage: tessaloom calls | beside-listings | generations HOME");
   return EXIT_SUCCESS;
 }
 

@@ -132,6 +132,89 @@ TEST_F(HelperServiceTest, RefusesToSendAReplyThatIsTooLargeAndForgetsItsListing)
   EXPECT_TRUE(kill());
 }
 
+/// A kernel with process 42, and a clock that a test sets.
+class ProcessMethodsTest : public HelperServiceTest {
+ protected:
+  ProcessMethodsTest() {
+    kernel.table = {ownRecord(42)};
+    kernel.startTimes[42] = kernel.table[0].start;
+    context.clock = [this] { return Instant{Instant::duration{now++}}; };
+  }
+
+  Bytes list(HelperService& asked) {
+    replies.clear();
+    asked.listProcesses(reply());
+    return replies.at(0).value();
+  }
+  bool kill(HelperService& asked, const Bytes& body = R"({"pid":42,"signal":15})") {
+    replies.clear();
+    kernel.signals.clear();
+    asked.killProcess(body, reply());
+    const bool succeeded = replies.at(0) && *replies[0] == R"({"succeeded":true})";
+    EXPECT_EQ(kernel.signals.size(), succeeded ? 1U : 0U);
+    return succeeded;
+  }
+
+  static constexpr double listedAt = 1'700'000'100;
+  double now = listedAt;
+};
+
+TEST_F(ProcessMethodsTest, ListsAsOfOneMomentAndRecordsAsOfTheNext) {
+  kernel.table.push_back(ownRecord(43));
+  const std::string row =
+      R"(,"parentPID":1,"startedAt":"2023-11-14T22:13:20Z","elapsedSeconds":99,)"
+      R"("residentBytes":4096,"command":"program"})";
+  EXPECT_EQ(list(service), R"([{"pid":42)" + row + R"(,{"pid":43)" + row + "]");
+  EXPECT_EQ(now, listedAt + 2) << "the clock is read once for the rows and once to record them";
+  now = listedAt + 61;
+  EXPECT_TRUE(kill(service));
+  now = listedAt + 61.5;
+  EXPECT_FALSE(kill(service));
+}
+
+TEST_F(ProcessMethodsTest, SignalsOnlyWhatItsOwnConnectionListedLast) {
+  HelperService other{context};
+  EXPECT_FALSE(kill(service));
+  list(service);
+  EXPECT_TRUE(kill(service));
+  EXPECT_FALSE(kill(other));
+  other.listListeningPorts(reply());
+  EXPECT_FALSE(kill(other));
+  // A table that cannot be read is a listing too.
+  kernel.table.clear();
+  EXPECT_EQ(list(service), "[]");
+  EXPECT_FALSE(kill(service));
+}
+
+TEST_F(ProcessMethodsTest, KeepsTheLastListingWhenTheNextCannotBeSent) {
+  list(service);
+  context.maximumReplyBytes = 10;
+  kernel.table.clear();
+  kernel.table.resize(1, ownRecord(99));
+  replies.clear();
+  service.listProcesses(reply());
+  EXPECT_EQ(error().category, ReplyError::Category::encoding);
+  context.maximumReplyBytes = 1'000;
+  EXPECT_TRUE(kill(service));
+}
+
+TEST_F(ProcessMethodsTest, RefusesRequestsThatAreNotKills) {
+  list(service);
+  for (const char* body : {"", "{}", R"({"pid":0,"signal":15})", R"({"pid":42,"signal":3})"}) {
+    SCOPED_TRACE(body);
+    EXPECT_FALSE(kill(service, body));
+    EXPECT_EQ(error().category, ReplyError::Category::decoding);
+  }
+}
+
+TEST_F(ProcessMethodsTest, ListsPorts) {
+  kernel.holders = {{42, "server", {{3, tcpListener(0x901f)}}}};
+  service.listListeningPorts(reply());
+  EXPECT_EQ(replies.at(0).value(),
+            R"([{"port":8080,"transport":"tcp","pid":42,"processName":"server",)"
+            R"("address":"127.0.0.1"}])");
+}
+
 TEST_F(HelperServiceTest, AnswersOnceWhenTheSystemHasNothingLeft) {
   tasks.isExhausted = true;
   service.generateText(request, reply());

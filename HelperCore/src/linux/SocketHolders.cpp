@@ -192,9 +192,10 @@ std::vector<HeldSockets::Descriptor> SocketHolders::Pass::readOwnDescriptors() c
   std::array<char, 4096> buffer;
   auto room = parseDescriptorRoom(readStartAt(procDirectory_, "self/status", buffer)).value_or(0);
   for (std::int32_t number = 0; number < room; ++number) {
-    struct stat status{};
-    if (fstat(number, &status) != 0 || !S_ISSOCK(status.st_mode)) continue;
-    descriptors.push_back({number, status.st_ino});
+    struct statx status{};
+    // Other threads open and close descriptors meanwhile, as they do in any other process.
+    if (statx(number, "", AT_EMPTY_PATH, STATX_TYPE | STATX_INO, &status) != 0) continue;
+    if (S_ISSOCK(status.stx_mode)) descriptors.push_back({number, status.stx_ino});
   }
   return descriptors;
 }
