@@ -62,7 +62,7 @@ CONFIG
 private_bus_write_activation() {
   local bin=$1 wrapper
   shift
-  wrapper=$(ldconfig -p | awk '$1 == "libnss_wrapper.so" { print $NF; exit }')
+  wrapper=$(/sbin/ldconfig -p | awk '$1 == "libnss_wrapper.so" { print $NF; exit }')
   if [[ -z $wrapper ]]; then
     echo "private-bus: libnss_wrapper.so is missing (package libnss-wrapper)" >&2
     return 1
