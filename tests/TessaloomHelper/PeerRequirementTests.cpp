@@ -52,6 +52,7 @@ TEST(PeerRequirement, AdmitsTheEditorAndTheClientOnly) {
   };
   for (const auto& row : rows) EXPECT_EQ(requirement.admits(row.peer), row.isAdmitted) << row.name;
   EXPECT_TRUE(PeerRequirement(user, "/tessaloom-helper").admits(native("/tessaloom")));
+  EXPECT_FALSE(PeerRequirement(user, "").admits(native("/tessaloom")));
 }
 
 TEST(PeerRequirement, ReadsTheApplicationNameOfAKeyFile) {

@@ -17,7 +17,7 @@ std::string_view withoutBlanks(std::string_view text) {
 
 PeerRequirement::PeerRequirement(uid_t user, const std::filesystem::path& helperExecutable)
     : user_(user), directory_(helperExecutable.parent_path()) {
-  if (!directory_.ends_with('/')) directory_ += '/';
+  if (!directory_.empty() && !directory_.ends_with('/')) directory_ += '/';
 }
 
 bool PeerRequirement::admits(const PeerFacts& peer) const {
@@ -27,7 +27,7 @@ bool PeerRequirement::admits(const PeerFacts& peer) const {
 }
 
 bool PeerRequirement::isNeighbour(std::string_view executable) const {
-  if (!executable.starts_with(directory_)) return false;
+  if (directory_.empty() || !executable.starts_with(directory_)) return false;
   executable.remove_prefix(directory_.size());
   return std::ranges::find(neighbours, executable) != neighbours.end();
 }
