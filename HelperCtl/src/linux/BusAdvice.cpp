@@ -72,7 +72,8 @@ std::string busAdvice(const CallError& error) {
   const std::string_view name = error.name;
   if (name.starts_with("org.freedesktop.DBus.Error.Spawn.") ||
       name.starts_with("org.freedesktop.systemd1.")) {
-    return "The helper could not be started. See `systemctl --user status tessaloom-helper` or "
+    return "The helper could not be started. See `systemctl --user status "
+           "com.brindlemoor.Tessaloom.helper` or "
            "`journalctl --user`, or " +
            startByHand();
   }
