@@ -87,7 +87,7 @@ constexpr std::array commands{
             "",
             "many calls over one connection",
             "Each line of standard input, METHOD BODY, is sent as soon as it is read. Each\n"
-            "reply is a line: N ok BODY, or N error NAME MESSAGE, where N is the number of its\n"
+            "reply is a line, N ok BODY or N error NAME MESSAGE, where N is the number of its\n"
             "call's line. Ends at end of input once all replies are in, with exit status 0\n"
             "whatever they say, or 3 when a call did not reach the helper.\n",
             {},

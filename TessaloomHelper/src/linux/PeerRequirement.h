@@ -28,8 +28,8 @@ class PeerRequirement {
   static constexpr std::string_view flatpakApplication = "com.brindlemoor.Tessaloom";
   static constexpr std::array<std::string_view, 2> neighbours{"tessaloom", "tessaloom-helperctl"};
 
-  /// `helperExecutable` is the helper's own path as the kernel tells it; when that is empty, nothing
-  /// stands beside it.
+  /// `helperExecutable` is the helper's own path as the kernel tells it; when that is empty,
+  /// nothing stands beside it.
   PeerRequirement(uid_t user, const std::filesystem::path& helperExecutable);
 
   bool admits(const PeerFacts& peer) const;
