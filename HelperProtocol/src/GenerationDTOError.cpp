@@ -24,6 +24,10 @@ GenerationDTOError::GenerationDTOError(Case errorCase, std::int64_t limit, std::
       actual_(actual),
       offending_(std::move(offending)) {}
 
+GenerationDTOError GenerationDTOError::at(const std::string& path) const {
+  return {case_, limit_, actual_, offending_, path.empty() ? what() : path + ": " + what()};
+}
+
 GenerationDTOError GenerationDTOError::textTooLong(std::int64_t limit, std::int64_t actual) {
   return {Case::textTooLong,
           limit,

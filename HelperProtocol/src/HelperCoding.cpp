@@ -13,10 +13,12 @@
 
 #include "HelperProtocol/CodingError.h"
 #include "HelperProtocol/EngineStatus.h"
+#include "HelperProtocol/GenerationDTOError.h"
 #include "HelperProtocol/GenerationErrorPayload.h"
 #include "HelperProtocol/GenerationRequest.h"
 #include "HelperProtocol/GenerationResult.h"
 #include "HelperProtocol/HelperCapabilities.h"
+#include "HelperProtocol/HelperDTOError.h"
 #include "HelperProtocol/HelperFreshness.h"
 #include "HelperProtocol/ProcessMessages.h"
 #include "HelperProtocol/StrictJSON.h"
@@ -243,6 +245,18 @@ void write(JSONWriter& writer, const KeyedRecord auto& record) {
 template <class Value>
 struct Reading;
 
+/// What `make` gives for the value of `reader`; a limit that it breaks is reported with its place.
+template <class Make>
+auto checkedAt(const JSONReader& reader, Make make) {
+  try {
+    return make();
+  } catch (const GenerationDTOError& error) {
+    throw error.at(reader.path());
+  } catch (const HelperDTOError& error) {
+    throw error.at(reader.path());
+  }
+}
+
 template <class Value>
 Value readMember(const JSONReader& reader, std::string_view key) {
   if constexpr (isOptional<Value>) {
@@ -335,19 +349,21 @@ struct Reading<GenerationFailureKind> {
 template <>
 struct Reading<GenerationTimeout> {
   static GenerationTimeout from(const JSONReader& reader) {
-    return GenerationTimeout(reader.integer<std::int64_t>());
+    return checkedAt(reader, [&] { return GenerationTimeout(reader.integer<std::int64_t>()); });
   }
 };
 
 template <>
 struct Reading<BoundedText> {
-  static BoundedText from(const JSONReader& reader) { return BoundedText(reader.string()); }
+  static BoundedText from(const JSONReader& reader) {
+    return checkedAt(reader, [&] { return BoundedText(reader.string()); });
+  }
 };
 
 template <>
 struct Reading<ProcessID> {
   static ProcessID from(const JSONReader& reader) {
-    return ProcessID(reader.integer<std::int32_t>());
+    return checkedAt(reader, [&] { return ProcessID(reader.integer<std::int32_t>()); });
   }
 };
 
@@ -392,7 +408,9 @@ struct Reading<GenerationRequest> {
     const auto instructions = readMember<BoundedText>(reader, "instructions");
     const auto prompt = readMember<BoundedText>(reader, "prompt");
     // The prompt's own limit is the one that every bounded text has.
-    const BoundedText checked(instructions.value(), GenerationRequest::instructionsLimit);
+    const auto checked = checkedAt(reader.required("instructions"), [&] {
+      return BoundedText(instructions.value(), GenerationRequest::instructionsLimit);
+    });
     const auto requestID = readMember<UUID>(reader, "requestID");
     const auto engine = readMember<GenerationEngineID>(reader, "engine");
     const auto shape = readMember<GenerationShape>(reader, "shape");

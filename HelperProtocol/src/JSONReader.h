@@ -45,6 +45,9 @@ class JSONReader {
     throw DecodingError(kind, path(), problem);
   }
 
+  /// The way from the body to this value, as in `fields.tags[3]`; empty for the body itself.
+  std::string path() const;
+
  private:
   JSONReader(const nlohmann::json& value, const JSONReader& parent, std::string_view key)
       : value_(&value), parent_(&parent), key_(key) {}
@@ -56,7 +59,6 @@ class JSONReader {
     if (!hasType) fail(DecodingError::Kind::typeMismatch, problem);
   }
   [[noreturn]] void failAsInteger() const;
-  std::string path() const;
 
   const nlohmann::json* value_;
   const JSONReader* parent_ = nullptr;

@@ -24,11 +24,15 @@ std::size_t hashOf(const Fields&... fields) {
 
 }  // namespace
 
-HelperDTOError::HelperDTOError(std::int32_t value)
-    : std::runtime_error(std::to_string(value) + " is no process identifier."), value_(value) {}
+HelperDTOError::HelperDTOError(std::int32_t value, const std::string& message)
+    : std::runtime_error(message), value_(value) {}
 
 HelperDTOError HelperDTOError::invalidPID(std::int32_t value) {
-  return HelperDTOError(value);
+  return {value, std::to_string(value) + " is no process identifier."};
+}
+
+HelperDTOError HelperDTOError::at(const std::string& path) const {
+  return {value_, path.empty() ? what() : path + ": " + what()};
 }
 
 ProcessID::ProcessID(std::int32_t value) : value_(value) {

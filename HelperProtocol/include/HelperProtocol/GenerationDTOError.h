@@ -8,8 +8,8 @@ namespace tessaloom {
 
 /// A generation record that would break one of its limits.
 ///
-/// Two errors are equal when their case and all associated values are. The numeric value of a case
-/// is the code that a reply's error carries.
+/// Two errors are equal when their case and all associated values are, wherever they came up. The
+/// numeric value of a case is the code that a reply's error carries.
 class GenerationDTOError : public std::runtime_error {
  public:
   enum class Case : std::int64_t {
@@ -27,12 +27,15 @@ class GenerationDTOError : public std::runtime_error {
   static GenerationDTOError timeoutOutOfRange(std::int64_t seconds);
   /// A list has `actual` entries, more than `limit`.
   static GenerationDTOError tooManyItems(std::int64_t limit, std::int64_t actual);
-  /// A free string names no engine; for callers that convert free strings themselves.
+  /// A string that did not come in a message body names no engine.
   static GenerationDTOError unknownEngine(std::string offending);
-  /// A free string names no shape; for callers that convert free strings themselves.
+  /// A string that did not come in a message body names no shape.
   static GenerationDTOError unknownShape(std::string offending);
   /// A bounded text holds a forbidden control character.
   static GenerationDTOError controlCharacters();
+
+  /// The same error, whose what() begins with the key path of the member that it is about.
+  GenerationDTOError at(const std::string& path) const;
 
   Case errorCase() const { return case_; }
   /// The limit of textTooLong and tooManyItems; 0 for the others.

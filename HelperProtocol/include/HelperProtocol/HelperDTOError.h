@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <stdexcept>
+#include <string>
 
 namespace tessaloom {
 
@@ -14,6 +15,9 @@ class HelperDTOError : public std::runtime_error {
   /// A process identifier is 0 or negative.
   static HelperDTOError invalidPID(std::int32_t value);
 
+  /// The same error, whose what() begins with the key path of the member that it is about.
+  HelperDTOError at(const std::string& path) const;
+
   Case errorCase() const { return Case::invalidPID; }
   std::int32_t value() const { return value_; }
 
@@ -22,7 +26,7 @@ class HelperDTOError : public std::runtime_error {
   }
 
  private:
-  explicit HelperDTOError(std::int32_t value);
+  HelperDTOError(std::int32_t value, const std::string& message);
 
   std::int32_t value_;
 };
