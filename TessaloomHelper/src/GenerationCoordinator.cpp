@@ -44,10 +44,6 @@ GenerationOutputParser::Result parseOutput(const RunResult& run, const Generatio
              : GenerationOutputParser::parseClaude(run.standardOutput, request.shape(), engine);
 }
 
-std::int64_t millisecondsSince(Clock::time_point start) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
-
 }  // namespace
 
 GenerationCoordinator::GenerationCoordinator(CLIRunner& runner,
@@ -90,13 +86,16 @@ std::expected<GenerationResult, GenerationErrorPayload> GenerationCoordinator::g
   if (!run) return std::unexpected(run.error());
 
   auto parsed = parseOutput(*run, request);
+  const auto end = Clock::now();  // Cleaning the text is the helper's own time.
   if (!parsed) return std::unexpected(std::move(parsed.error()));
-  return GenerationResult{.requestID = request.requestID(),
-                          .engine = engine,
-                          .text = DisplayString::multiLine(parsed->text, generatedTextLimit),
-                          .fields = std::move(parsed->fields),
-                          .tokens = parsed->tokens,
-                          .durationMilliseconds = millisecondsSince(start)};
+  return GenerationResult{
+      .requestID = request.requestID(),
+      .engine = engine,
+      .text = DisplayString::multiLine(parsed->text, generatedTextLimit),
+      .fields = std::move(parsed->fields),
+      .tokens = parsed->tokens,
+      .durationMilliseconds =
+          std::chrono::duration_cast<std::chrono::milliseconds>(end - start).count()};
 }
 
 bool GenerationCoordinator::cancel(const GenerationCancelRequest& request) const {
