@@ -11,7 +11,7 @@
 namespace tessaloom {
 
 /// Makes sure that `directory` is a real directory of this user with mode 0700, making it and what
-/// is missing above it. Modes do not depend on the umask. Returns it open, or the error: whatever
+/// is missing above it. The umask does not matter. Returns it open, or the error: whatever
 /// else stands there already is refused and left as it is. Safe from any thread.
 std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::path& directory);
 

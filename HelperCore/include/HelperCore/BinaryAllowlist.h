@@ -55,9 +55,9 @@ using BinaryRejection =
 /// Reads one candidate; nothing when it is absent or unreadable.
 using FactsReader = std::function<std::optional<FileFacts>(const std::filesystem::path&)>;
 
-/// Where engines are looked for, and what is refused: an executable that another user could have
-/// planted or altered. Pure functions of their arguments and the file system; nothing is remembered
-/// between calls. Safe from any thread.
+/// Where engines are looked for, and which executables are refused because someone other than the
+/// user and root may have had a hand in them. Pure functions of their arguments and the file
+/// system; nothing is remembered between calls. Safe from any thread.
 struct BinaryAllowlist {
   BinaryAllowlist() = delete;
 

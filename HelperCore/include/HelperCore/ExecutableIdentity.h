@@ -12,7 +12,7 @@ namespace tessaloom {
 struct ExecutableIdentity {
   std::int32_t device;
   std::uint64_t inode;
-  Instant modified;  ///< Seconds since 1970 plus nanoseconds divided by 1e9.
+  Instant modified;  ///< With the nanoseconds that a double can hold.
 
   /// From stat(2) of the path, symbolic links followed; nothing when that fails.
   static std::optional<ExecutableIdentity> of(const std::filesystem::path& path);

@@ -17,7 +17,7 @@ namespace tessaloom {
 struct ParsedGeneration {
   std::string text;
   std::optional<GeneratedFields> fields;   ///< For the shape `itemFields` only.
-  std::optional<GenerationTokens> tokens;  ///< Absent when the output carried no usage record.
+  std::optional<GenerationTokens> tokens;  ///< Nothing when the engine told no usage.
 
   friend bool operator==(const ParsedGeneration&, const ParsedGeneration&) = default;
 };

@@ -8,7 +8,7 @@ namespace tessaloom {
 /// Writes one record as the UTF-8 JSON text of a message body.
 ///
 /// Keys are the field names in declared order, without white space; an absent optional has no key.
-/// Dates are written to the second, rounded down, as 2026-11-21T10:00:00Z; UUIDs in upper case.
+/// A date is the second that holds it, as in 2026-11-21T10:00:00Z; a UUID is in upper case.
 /// Holds no state: make one for each message.
 class JSONEncoder {
  public:
@@ -20,9 +20,10 @@ class JSONEncoder {
 
 /// Reads one record from a message body.
 ///
-/// Strict: see StrictJSON. Integers: a number with an integral value within range (5, 5.0), never a
-/// boolean. Booleans: only true and false. null for an optional field is absence; unknown keys are
-/// ignored. Dates as the encoder writes them, without a fraction. Holds no state: make one for each
+/// Strict: see StrictJSON. What counts for an integer is its value, not how it is written (5.0 is
+/// one), and no boolean stands for a number or the other way round. An optional field may be null,
+/// which is the same as no key; keys that the record does not have do no harm. Dates have to be as
+/// the encoder writes them. Holds no state: make one for each
 /// message.
 class JSONDecoder {
  public:

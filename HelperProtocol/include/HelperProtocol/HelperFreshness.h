@@ -5,8 +5,7 @@ namespace tessaloom {
 /// Whether the executable on disk is still the one that runs. Both keys are required when read.
 class HelperFreshness {
  public:
-  /// A helper that is not outdated never says that it will exit: `willExit` is stored as
-  /// `isOutdated && willExit`.
+  /// Only an outdated helper exits, so `willExit` becomes `isOutdated && willExit`.
   HelperFreshness(bool isOutdated, bool willExit)
       : isOutdated_(isOutdated), willExit_(isOutdated && willExit) {}
 

@@ -16,8 +16,8 @@ namespace tessaloom {
 /// is always valid UTF-8. Lengths are counted in Unicode scalars. A cut leaves no mark and may fall
 /// between a letter and its combining accent.
 ///
-/// Pure functions, safe from any thread, one pass over the text. They fail for no text; a negative
-/// limit is a programming error and ends the process.
+/// Pure functions, safe from any thread, one pass over the text. They fail for no text; the
+/// caller's mistake of a negative limit ends the process.
 struct DisplayString {
   DisplayString() = delete;
 

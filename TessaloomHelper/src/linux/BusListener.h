@@ -28,8 +28,9 @@ namespace tessaloom {
 
 /// Serves the helper's interface on the session bus.
 ///
-/// One thread, the one that calls run(), owns the connection: sd-bus is not thread-safe, reference
-/// counts included. Methods run on other threads and send their outcome back by mail.
+/// One thread, the one that calls run(), owns the connection, because not even the reference counts
+/// of sd-bus's objects are atomic. Methods run on other threads and send their outcome back by
+/// mail.
 ///
 /// How it ends: leave() gives the name up, answers every call that was routed to it before, however
 /// long an engine takes, and then goes. A termination signal and the loss of the bus end the

@@ -21,8 +21,9 @@ struct PeerFacts {
 /// Who may call the helper: processes of the same user that are either the editor as a Flatpak
 /// application, or one of the executables installed beside the helper.
 ///
-/// It keeps out other sandboxes and accidents. It is no code signing: code that runs unsandboxed as
-/// the same user can pass itself off as an admitted program. Pure; safe from any thread.
+/// This is weaker than code signing: it is meant against other sandboxes and against accidents, and
+/// a program of the same user outside any sandbox can pass itself off as an admitted one. Pure;
+/// safe from any thread.
 class PeerRequirement {
  public:
   static constexpr std::string_view flatpakApplication = "com.brindlemoor.Tessaloom";
