@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include "HelperCore/BinaryAllowlist.h"
-#include "HelperCore/ExecutableIdentity.h"
 #include "HelperCore/FileDescriptor.h"
 #include "support/TemporaryDirectory.h"
 
@@ -165,26 +164,6 @@ TEST_F(RealFiles, DecideAboutAnEngine) {
             (GenerationErrorPayload{.kind = GenerationFailureKind::launchFailed,
                                     .engine = GenerationEngineID::claudeCode,
                                     .detail = "Could not determine the current user."}));
-}
-
-TEST_F(RealFiles, HaveAnIdentity) {
-  const fs::path path = create(home_ / "executable", 0755);
-  const auto before = ExecutableIdentity::of(path);
-  ASSERT_TRUE(before);
-  fs::create_symlink(path, home_ / "link");
-  EXPECT_EQ(ExecutableIdentity::of(home_ / "link"), before);
-
-  const timespec times[2] = {{0, UTIME_OMIT}, {1'700'000'000, 500'000'000}};
-  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-  const auto touched = ExecutableIdentity::of(path);
-  ASSERT_TRUE(touched);
-  EXPECT_EQ(touched->inode, before->inode);
-  EXPECT_EQ(touched->device, before->device);
-  EXPECT_EQ(touched->modified.time_since_epoch().count(), 1'700'000'000.5);
-
-  fs::rename(create(home_ / "other", 0755), path);
-  EXPECT_NE(ExecutableIdentity::of(path)->inode, before->inode);
-  EXPECT_EQ(ExecutableIdentity::of(home_ / "absent"), std::nullopt);
 }
 
 }  // namespace

@@ -5,11 +5,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "HelperCore/CLIInvocationBuilder.h"
 #include "HelperCore/CurrentUser.h"
-#include "HelperCore/GenerationSchema.h"
 #include "HelperCore/SystemError.h"
 #include "TLFoundation/Unicode.h"
 
@@ -34,61 +32,14 @@ TEST(CLIInvocationBuilder, ComposesTheInput) {
     EXPECT_EQ(CLIInvocationBuilder::prompt(row.instructions, row.prompt), rules + row.rest);
 }
 
-TEST(CLIInvocationBuilder, ListsTheArguments) {
-  using enum GenerationEngineID;
-  using enum GenerationShape;
-  for (const GenerationShape shape : allGenerationShapes) {
-    const auto claude = CLIInvocationBuilder::arguments(claudeCode, shape, "/ignored");
-    ASSERT_EQ(claude.size(), 14U);
-    EXPECT_EQ(claude[7], "");
-    EXPECT_EQ(claude[11], CLIInvocationBuilder::systemText());
-    EXPECT_EQ(claude[13], GenerationSchema::text(shape));
-  }
-  const auto with = CLIInvocationBuilder::arguments(codex, freeText, "/t/schema.json");
-  ASSERT_EQ(with.size(), 13U);
-  EXPECT_EQ(with[11], "/t/schema.json");
-  auto without = with;
-  without.erase(without.begin() + 10, without.begin() + 12);
-  EXPECT_EQ(CLIInvocationBuilder::arguments(codex, itemFields, std::nullopt), without);
-  EXPECT_EQ(without.back(), "-");
-}
-
-TEST(CLIInvocationBuilder, SetsTheEnvironment) {
-  EXPECT_EQ(CLIInvocationBuilder::environment("/home/u/", "me", "/tmp/x/"),
-            (Environment{{"HOME", "/home/u"},
-                         {"USER", "me"},
-                         {"LOGNAME", "me"},
-                         {"PATH",
-                          "/home/u/.local/bin:/home/u/.claude/local:/opt/homebrew/bin:"
-                          "/usr/local/bin:/usr/bin:/bin:/home/u/.bun/bin:/home/u/.npm-global/bin:"
-                          "/home/u/.cargo/bin"},
-                         {"TMPDIR", "/tmp/x"},
-                         {"SHELL", "/bin/zsh"},
-                         {"TERM", "dumb"},
-                         {"LANG", "en_US.UTF-8"},
-                         {"LC_ALL", "en_US.UTF-8"}}));
-  EXPECT_EQ(CLIInvocationBuilder::environment("/", "me", "/tmp").at("HOME"), "/");
-}
-
-TEST(GenerationSchema, IsCompactAndClosed) {
-  struct Case {
-    GenerationShape shape;
-    std::size_t length;
-    std::vector<std::string> keys;
-  };
-  for (const Case& row : {Case{GenerationShape::freeText, 267, {"content"}},
-                          Case{GenerationShape::itemFields,
-                               642,
-                               {"itemDescription", "tags", "globs", "alwaysApply"}}}) {
-    const std::string text(GenerationSchema::text(row.shape));
-    EXPECT_EQ(Unicode::characterCount(text), row.length);
-    const auto schema = nlohmann::ordered_json::parse(text);
-    EXPECT_EQ(schema.dump(), text);
-    std::vector<std::string> keys;
-    for (const auto& [key, value] : schema.at("properties").items()) keys.push_back(key);
-    EXPECT_EQ(keys, row.keys);
-    EXPECT_EQ(schema.at("required"), row.keys);
-  }
+TEST(CLIInvocationBuilder, SetsPathsWithoutTrailingSlashes) {
+  const auto environment = CLIInvocationBuilder::environment("/home/u/", "me", "/tmp/x/");
+  EXPECT_EQ(environment.at("HOME"), "/home/u");
+  EXPECT_EQ(environment.at("TMPDIR"), "/tmp/x");
+  EXPECT_TRUE(environment.at("PATH").starts_with("/home/u/.local/bin:/home/u/.claude/local:"));
+  const auto ofRoot = CLIInvocationBuilder::environment("/", "me", "/tmp");
+  EXPECT_EQ(ofRoot.at("HOME"), "/");
+  EXPECT_TRUE(ofRoot.at("PATH").starts_with("/.local/bin:"));
 }
 
 TEST(CurrentUser, ComesFromTheUserDatabase) {

@@ -52,17 +52,16 @@ void expectWire(const Record& record, const std::string& body) {
   EXPECT_EQ(decode<Record>(body), record) << body;
 }
 
+// The examples of the protocol's documentation are held against the coding too; these are what they
+// do not show.
 TEST(HelperCodingTests, WritesMembersInDeclaredOrderAndReadsThemBack) {
   using enum GenerationEngineID;
-  expectWire(HelperCapabilities{.names = {"textGeneration.v1"}, .helperVersion = "1.0.0"},
-             R"({"names":["textGeneration.v1"],"helperVersion":"1.0.0"})");
   expectWire(HelperFreshness(false, true), R"({"isOutdated":false,"willExit":false})");
   expectWire(GenerationRequest(someUUID(), claudeCode, GenerationShape::itemFields, "a\"\\/",
                                "\u00E9\n\r\t\U0001F600", GenerationTimeout(5)),
              R"({"requestID":")" + upperUUID +
                  R"(","engine":"claudeCode","shape":"itemFields","instructions":"a\"\\/",)"
                  "\"prompt\":\"\u00E9\\n\\r\\t\U0001F600\",\"timeout\":5}");
-  expectWire(GenerationCancelRequest{someUUID()}, R"({"requestID":")" + upperUUID + R"("})");
   expectWire(
       GenerationResult{.requestID = someUUID(),
                        .engine = codex,
@@ -91,19 +90,12 @@ TEST(HelperCodingTests, WritesMembersInDeclaredOrderAndReadsThemBack) {
                                     .exitCode = -1,
                                     .detail = "no"},
              R"({"kind":"nonZeroExit","engine":"codex","exitCode":-1,"detail":"no"})");
-  expectWire(EngineStatusRequest{codex}, R"({"engine":"codex"})");
-  expectWire(EngineStatus{.engine = codex,
-                          .binaryFound = false,
-                          .authenticated = std::nullopt,
-                          .version = std::nullopt},
-             R"({"engine":"codex","binaryFound":false})");
   expectWire(
       EngineStatus{
           .engine = codex, .binaryFound = true, .authenticated = false, .version = "0.169.0"},
       R"({"engine":"codex","binaryFound":true,"authenticated":false,"version":"0.169.0"})");
   expectWire(KillRequest{.pid = ProcessID(2'147'483'647), .signal = Signal::kill},
              R"({"pid":2147483647,"signal":9})");
-  expectWire(KillResult{.succeeded = true}, R"({"succeeded":true})");
   expectWire(KillResult{.succeeded = false, .message = ""}, R"({"succeeded":false,"message":""})");
   expectWire(std::vector<ProcessSample>{}, "[]");
   expectWire(std::vector<ProcessSample>{{-1, 0, std::nullopt, instant(0), -5, 4096, "sh"},
@@ -112,9 +104,6 @@ TEST(HelperCodingTests, WritesMembersInDeclaredOrderAndReadsThemBack) {
              R"("residentBytes":4096,"command":"sh"},{"pid":2,"parentPID":1,"tty":"pts/0",)"
              R"("startedAt":"2026-11-21T10:00:00Z","elapsedSeconds":1,"residentBytes":0,)"
              R"("command":""}])");
-  expectWire(std::vector<PortSample>{{8080, "tcp", 4242, "server", "127.0.0.1"}},
-             R"([{"port":8080,"transport":"tcp","pid":4242,"processName":"server",)"
-             R"("address":"127.0.0.1"}])");
 }
 
 TEST(HelperCodingTests, EscapesEveryControl) {
@@ -168,21 +157,16 @@ struct RefusedBody {
 TEST(HelperCodingTests, RefusesKillRequestsByName) {
   const std::vector<RefusedBody> rows{
       {"", Refusal{Kind::dataCorrupted, ""}},
-      {"{\"pid\":1,\"signal\":2}\0"s, Refusal{Kind::dataCorrupted, ""}},
       {"[]", Refusal{Kind::typeMismatch, ""}},
       {"null", Refusal{Kind::typeMismatch, ""}},
       {R"({"signal":9})", Refusal{Kind::keyNotFound, "pid"}},
       {R"({"pid":null,"signal":9})", Refusal{Kind::keyNotFound, "pid"}},
       {R"({"pid":true,"signal":9})", Refusal{Kind::typeMismatch, "pid"}},
-      {R"({"pid":"1","signal":9})", Refusal{Kind::typeMismatch, "pid"}},
       {R"({"pid":5.7,"signal":9})", Refusal{Kind::typeMismatch, "pid"}},
-      {R"({"pid":4.9999999999999999999,"signal":9})", Refusal{Kind::typeMismatch, "pid"}},
       {R"({"pid":2147483648,"signal":9})", Refusal{Kind::numberDoesNotFit, "pid"}},
       {R"({"pid":4294967297,"signal":9})", Refusal{Kind::numberDoesNotFit, "pid"}},
       {R"({"pid":-2147483649,"signal":9})", Refusal{Kind::numberDoesNotFit, "pid"}},
       {R"({"pid":18446744073709551617,"signal":9})", Refusal{Kind::numberDoesNotFit, "pid"}},
-      {R"({"pid":-1e300,"signal":9})", Refusal{Kind::numberDoesNotFit, "pid"}},
-      {R"({"pid":1e999,"signal":9})", Refusal{Kind::dataCorrupted, ""}},
       {R"({"pid":0,"signal":3})", HelperDTOError::invalidPID(0)},
       {R"({"pid":-2147483648,"signal":9})", HelperDTOError::invalidPID(INT32_MIN)},
       {R"({"pid":1,"signal":3})", Refusal{Kind::dataCorrupted, "signal"}},
@@ -232,6 +216,13 @@ TEST(HelperCodingTests, ReadsAGenerationRequestInItsOwnOrder) {
     body.append(R"(","prompt":")").append(row.prompt);
     body.append(R"(","instructions":")").append(row.instructions).append("\"}");
     EXPECT_EQ(outcomeOf<GenerationRequest>(body), row.expected) << body.substr(0, 120);
+  }
+  try {
+    decode<GenerationRequest>(R"({"prompt":"","instructions":")" + letters(8'001) + "\"}");
+    FAIL();
+  } catch (const GenerationDTOError& error) {
+    EXPECT_STREQ(error.what(),
+                 "instructions: The text has 8001 characters, more than the 8000 allowed.");
   }
 }
 
@@ -328,21 +319,6 @@ TEST(HelperCodingTests, WritesNothingThatIsNotUTF8) {
     EXPECT_EQ(error.kind(), EncodingError::Kind::invalidValue);
     EXPECT_STREQ(error.what(), "message is not valid UTF-8");
   }
-}
-
-TEST(HelperCodingTests, ReadsLargeBodiesAndRefusesDeepOnes) {
-  const std::vector<ProcessSample> rows(
-      5'000, ProcessSample(1, 0, "pts/0", instant(0), 1, 1, std::string(256, 'x')));
-  EXPECT_EQ(decode<std::vector<ProcessSample>>(HelperCoding::makeEncoder().encode(rows)), rows);
-
-  const std::string start = R"({"engine":"codex","x":)";
-  EXPECT_EQ(outcomeOf<EngineStatusRequest>(start + std::string(200'000, '[')),
-            Outcome(Refusal{Kind::dataCorrupted, ""}));
-  EXPECT_EQ(outcomeOf<EngineStatusRequest>(start + std::string(200'000, '[') +
-                                           std::string(200'000, ']') + "}"),
-            Outcome(Refusal{Kind::dataCorrupted, ""}));
-  EXPECT_EQ(outcomeOf<EngineStatusRequest>(start + '"' + std::string(2 << 20, 'x') + "\"}"),
-            Outcome());
 }
 
 TEST(UUIDTests, ReadsExactlyTheTextForm) {

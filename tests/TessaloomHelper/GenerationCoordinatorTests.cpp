@@ -1,7 +1,6 @@
 #include <signal.h>
 
 #include <fstream>
-#include <future>
 #include <string>
 #include <vector>
 
@@ -105,31 +104,6 @@ TEST_F(GenerationCoordinatorTest, FailuresComeAsTheEngineLeftThem) {
   EXPECT_TRUE(fs::is_empty(temporary.path()));
 }
 
-TEST_F(GenerationCoordinatorTest, FourthIsRefusedBeforeAnythingIsLookedUp) {
-  const std::string go = home / "go";
-  std::vector<std::future<Outcome>> running;
-  for (int i = 0; i < 3; ++i) {
-    running.push_back(std::async(
-        std::launch::async, [&] { return generate(Engine::codex, "practice:wait-for=" + go); }));
-  }
-  ASSERT_TRUE(eventually([&] { return runner.inFlightCount() == 3; }));
-  EXPECT_EQ(coordinator().engineStatus({Engine::claudeCode}).version, "2.1.329 (Claude Code)");
-  const auto directories = std::distance(fs::directory_iterator(temporary.path()), {});
-  const auto current = lookups.currentUser;
-  lookups.currentUser = [] {
-    ADD_FAILURE() << "looked up";
-    return std::optional<CurrentUser>();
-  };
-  expectRefusal(generate(Engine::codex, "one more"),
-                {Kind::engineRefused, Engine::codex, std::nullopt,
-                 "Too many generations are already running."});
-  lookups.currentUser = current;
-  EXPECT_EQ(std::distance(fs::directory_iterator(temporary.path()), {}), directories);
-  std::ofstream(go).put('\n');
-  for (auto& outcome : running) EXPECT_TRUE(outcome.get());
-  EXPECT_TRUE(fs::is_empty(temporary.path()));
-}
-
 TEST_F(GenerationCoordinatorTest, FailsToLaunchWithoutWhatItNeeds) {
   const auto codex = [](Kind kind, const char* detail) {
     return GenerationErrorPayload{kind, Engine::codex, std::nullopt, detail};
@@ -164,17 +138,6 @@ TEST_F(GenerationCoordinatorTest, SchemaThatCannotBeWrittenIsLeftOut) {
   EXPECT_TRUE(fs::is_empty(temporary.path()));
 }
 
-TEST_F(GenerationCoordinatorTest, CancelEndsTheGeneration) {
-  const std::string started = home / "started";
-  const auto asked = request(Engine::claudeCode, "practice:touch=" + started + " practice:hang");
-  auto outcome = std::async(std::launch::async, [&] { return coordinator().generate(asked); });
-  ASSERT_TRUE(eventually([&] { return fs::exists(started); }));
-  EXPECT_TRUE(coordinator().cancel({asked.requestID()}));
-  expectRefusal(outcome.get(), {Kind::cancelled, Engine::claudeCode});
-  EXPECT_FALSE(coordinator().cancel({asked.requestID()}));
-  EXPECT_TRUE(fs::is_empty(temporary.path()));
-}
-
 TEST_F(GenerationCoordinatorTest, StatusTellsWhatTheProbePrints) {
   struct Row {
     const char* words;
@@ -204,12 +167,6 @@ TEST_F(GenerationCoordinatorTest, StatusWithoutAUserProbesInAnEmptyEnvironment) 
   // What the shell sets by itself.
   EXPECT_EQ(version->find("HOME="), std::string::npos) << *version;
   EXPECT_EQ(version->find("PATH="), std::string::npos) << *version;
-}
-
-TEST_F(GenerationCoordinatorTest, StatusOfAMissingEngine) {
-  fs::remove(home.path() / ".local/bin/claude");
-  EXPECT_EQ(coordinator().engineStatus({Engine::claudeCode}),
-            (EngineStatus{Engine::claudeCode, false, std::nullopt, std::nullopt}));
 }
 
 TEST_F(GenerationCoordinatorTest, StatusOfAHangingEngineHasNoVersion) {

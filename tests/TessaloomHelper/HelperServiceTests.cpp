@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "HelperCore/ScriptedKernel.h"
-#include "TLFoundation/Unicode.h"
 #include "TessaloomHelper/HelperService.h"
 #include "TessaloomHelper/ManualTasks.h"
 #include "support/TemporaryDirectory.h"
@@ -98,15 +97,6 @@ TEST_F(HelperServiceTest, DescribesAFailedGeneration) {
               (ReplyError{ReplyError::Category::generation, "com.brindlemoor.Tessaloom.generation",
                           1, row.description, "launchFailed"}));
   }
-}
-
-TEST_F(HelperServiceTest, DescribesErrorsInOneBoundedLine) {
-  service.generationEngineStatus(R"({"engine":")" + std::string(5'000, 'e') + R"(\n\u0085\u202e"})",
-                                 reply());
-  const ReplyError found = error();
-  EXPECT_EQ(found.domain, "com.brindlemoor.Tessaloom.helper");
-  EXPECT_LE(Unicode::scalarCount(found.localizedDescription), 500U);
-  EXPECT_EQ(found.localizedDescription.find('\n'), std::string::npos);
 }
 
 TEST_F(HelperServiceTest, RefusesToSendAReplyThatIsTooLargeAndForgetsItsListing) {

@@ -39,7 +39,6 @@
 //   print-fds      the open descriptors, one a line
 //   print-signals  "blocked N", "ignored N", "handled N" lines
 //   print-cwd      the working directory
-//   print-pgid     "pid N" and "pgid N" lines
 
 #include <fcntl.h>
 #include <signal.h>
@@ -322,10 +321,6 @@ constexpr Word words[] = {
     {"print-fds", true, [](Session&, std::string_view) { printDescriptors(); }},
     {"print-signals", true, [](Session&, std::string_view) { printSignals(); }},
     {"print-cwd", true, [](Session&, std::string_view) { print(workingDirectory() + "\n"); }},
-    {"print-pgid", true,
-     [](Session&, std::string_view) {
-       print("pid " + std::to_string(::getpid()) + "\npgid " + std::to_string(::getpgrp()) + "\n");
-     }},
 };
 
 void carryOut(Session& session, std::string_view text) {
