@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -35,6 +36,17 @@ TEST(Documents, LinksLeadToFiles) {
     }
   }
   EXPECT_GE(count, 20U);
+}
+
+TEST(Documents, TheIndexHasEveryDecision) {
+  const fs::path decisions = fs::path(TESSALOOM_DOCS) / "decisions";
+  std::ifstream file(decisions / "README.md");
+  std::ostringstream index;
+  index << file.rdbuf();
+  for (const auto& entry : fs::directory_iterator(decisions)) {
+    const std::string name = entry.path().filename().string();
+    EXPECT_TRUE(name == "README.md" || index.str().contains("](" + name + ")")) << name;
+  }
 }
 
 }  // namespace
