@@ -34,9 +34,12 @@ set(CMAKE_OSX_ARCHITECTURES "" CACHE STRING "" FORCE)
 set(CMAKE_OSX_SYSROOT "" CACHE STRING "" FORCE)
 set(CMAKE_OSX_DEPLOYMENT_TARGET "" CACHE STRING "" FORCE)
 
+# Without the definition that the compiler comes with, the C++ library refuses what it has only on later
+# systems, as it does on a Mac. Debug information would hold the paths of headers.
+set(markup "-U_LIBCPP_HAS_NO_VENDOR_AVAILABILITY_ANNOTATIONS")
 foreach(language C CXX OBJCXX)
   set(CMAKE_${language}_FLAGS_INIT
-      "-target aarch64-macos.13.0 -g0 -iframework ${stubs}/Frameworks -Wno-unused-command-line-argument")
+      "-target aarch64-macos.13.0 -g0 ${markup} -iframework ${stubs}/Frameworks -Wno-unused-command-line-argument")
 endforeach()
 set(CMAKE_EXE_LINKER_FLAGS_INIT
     "-F${stubs}/Frameworks -L${stubs}/lib -framework CoreFoundation -lobjc")

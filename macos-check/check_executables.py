@@ -157,6 +157,10 @@ class Expectations:
         if expected not in container:
             self.fail(f"{what}: {expected!r} is missing")
 
+    def lacks(self, what, container, unexpected):
+        if unexpected in container:
+            self.fail(f"{what}: {unexpected!r} must not be there")
+
     def executable(self, file, libraries):
         self.equal(f"{file.name}: magic number", file.magic, Executable.MAGIC_64)
         self.equal(f"{file.name}: architecture", file.cpu, Executable.ARM64)
@@ -167,6 +171,8 @@ class Expectations:
         self.equal(f"{file.name}: libraries", file.libraries, libraries)
         self.equal(f"{file.name}: protocol", file.protocol_methods("HelperServicing"), METHODS)
         self.contains(f"{file.name}: texts", file.strings(), SERVICE.encode())
+        # std::pmr, which the C++ library has since macOS 14, and does not mark so.
+        self.lacks(f"{file.name}: symbols", file.bytes, b"NSt3__13pmr")
 
 
 def project_version(build):
@@ -211,6 +217,7 @@ def prove(build, version):
         "property list": (b"<string>13.0</string>", b"<string>12.0</string>"),
         "delegate": (b"shouldAcceptNewConnection:", b"shouldAcceptOldConnection:"),
         "library": (b"ServiceManagement.framework", b"ServiceManagemend.framework"),
+        "memory resource": (b"__ZNSt3__112basic_string", b"__ZNSt3__13pmrasic_string"),
         "architecture": (b"\xcf\xfa\xed\xfe\x0c\0\0\1", b"\xcf\xfa\xed\xfe\x07\0\0\1"),
     }
     for what, (before, after) in changes.items():

@@ -41,6 +41,10 @@ ALTERATIONS = [
     ("the arguments of a system call", KERNEL, "PROC_PIDTASKINFO, 0, &task", "PROC_PIDTASKINFO, &task"),
 ]
 UNDEFINED = 'extern "C" void missingFromEveryLibrary();\nint main() { missingFromEveryLibrary(); }\n'
+LATER = (
+    "#include <charconv>\n"
+    "int main() { char text[64]; return std::to_chars(text, text + 64, 1.5).ptr == text; }\n"
+)
 
 
 def commands(build):
@@ -75,6 +79,12 @@ def older_system_fails(entry, scratch):
     return "only available on macOS 13.0" in compile_errors(older, entry["file"], scratch / "older.o")
 
 
+def later_library_fails(entry, scratch):
+    program = scratch / "later.cpp"
+    program.write_text(LATER)
+    return "introduced in macOS 13.3" in compile_errors(entry, program, scratch / "later.o")
+
+
 def undefined_symbol_fails(entry, scratch):
     program = scratch / "undefined.cpp"
     program.write_text(UNDEFINED)
@@ -92,6 +102,7 @@ def main(build):
             for what, source, before, after in ALTERATIONS
         }
         outcomes["an interface of a later system"] = older_system_fails(entries[AGENT], scratch)
+        outcomes["a function of a later C++ library"] = later_library_fails(entries[KERNEL], scratch)
         outcomes["an undefined symbol"] = undefined_symbol_fails(entries[KERNEL], scratch)
     unnoticed = [what for what, fails in outcomes.items() if not fails]
     for what in unnoticed:
