@@ -15,7 +15,7 @@ namespace {
 /// The row that a socket gives, if it gives one.
 std::optional<PortSample> makePortSample(const SocketInfo& info, std::int32_t pid,
                                          const std::string& processName) {
-  SocketKind kind = PortDecoding::classify(info);
+  const SocketKind kind = PortDecoding::classify(info);
   if (kind == SocketKind::other) return std::nullopt;
   return PortSample{PortDecoding::port(info), std::string{transportText(kind)}, pid, processName,
                     addressText(info)};
@@ -27,11 +27,11 @@ std::vector<PortSample> listListeningPorts(Kernel& kernel) {
   std::vector<PortSample> rows;
   std::unordered_set<PortSample> emitted;
   auto table = kernel.openSocketTable();
-  for (std::int32_t pid : table->listOwnPIDs()) {
+  for (const std::int32_t pid : table->listOwnPIDs()) {
     auto descriptors = table->socketDescriptors(pid);
     if (descriptors.empty()) continue;
-    std::string processName = commandName(table->readProcessName(pid));
-    for (std::int32_t descriptor : descriptors) {
+    const std::string processName = commandName(table->readProcessName(pid));
+    for (const std::int32_t descriptor : descriptors) {
       auto info = table->socketInfo(pid, descriptor);
       if (!info) continue;
       auto row = makePortSample(*info, pid, processName);

@@ -30,14 +30,14 @@ std::int32_t signalNumber(Signal signal) {
 
 KillResult killProcess(const KillRequest& request, Kernel& kernel,
                        const ProvenanceCache& provenance, const WallClock& clock) {
-  std::int32_t pid = request.pid.value();
+  const std::int32_t pid = request.pid.value();
   auto process = kernel.holdProcess(pid);
   auto current = process->startTime();
   if (!current) return refusal();
   if (!provenance.isAuthorized(pid, current->startSec, current->startUSec, clock())) {
     return refusal();
   }
-  int error = process->signal(signalNumber(request.signal));
+  const int error = process->signal(signalNumber(request.signal));
   if (error == 0) return {.succeeded = true};
   return {.succeeded = false, .message = systemErrorText(error)};
 }

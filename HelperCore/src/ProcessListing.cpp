@@ -26,7 +26,7 @@ RawProcess makeRawProcess(ProcessRecord&& record) {
 /// Truncated toward zero, raised to 0, and at most what the field holds.
 std::int64_t wholeSecondsBetween(Instant start, Instant now) {
   constexpr double limit = 9.2e18;
-  double seconds = (now - start).count();
+  const double seconds = (now - start).count();
   if (!(seconds > 0)) return 0;
   return seconds < limit ? static_cast<std::int64_t>(seconds)
                          : std::numeric_limits<std::int64_t>::max();
@@ -35,7 +35,7 @@ std::int64_t wholeSecondsBetween(Instant start, Instant now) {
 }  // namespace
 
 std::vector<RawProcess> listRawProcesses(Kernel& kernel) {
-  std::uint32_t user = kernel.userID();
+  const std::uint32_t user = kernel.userID();
   std::vector<RawProcess> rows;
   for (ProcessRecord& record : kernel.fetchAllProcessRecords(user)) {
     if (record.owner != user || record.pid < 1) continue;
@@ -45,8 +45,8 @@ std::vector<RawProcess> listRawProcesses(Kernel& kernel) {
 }
 
 ProcessSample makeProcessSample(const RawProcess& raw, Instant now) {
-  double fraction = static_cast<double>(raw.startUSec) / 1e6;
-  Instant startedAt{Instant::duration{static_cast<double>(raw.startSec) + fraction}};
+  const double fraction = static_cast<double>(raw.startUSec) / 1e6;
+  const Instant startedAt{Instant::duration{static_cast<double>(raw.startSec) + fraction}};
   return {raw.pid,
           raw.parentPID,
           raw.tty,

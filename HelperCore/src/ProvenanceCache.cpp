@@ -5,7 +5,7 @@
 namespace tessaloom {
 
 void ProvenanceCache::record(std::span<const ProcessIdentity> identities, Instant now) {
-  MutexLock lock(lock_);
+  const MutexLock lock(lock_);
   std::unordered_map<std::int32_t, ProcessStartTime> fresh;
   fresh.reserve(identities.size());
   for (const ProcessIdentity& identity : identities) {
@@ -17,9 +17,9 @@ void ProvenanceCache::record(std::span<const ProcessIdentity> identities, Instan
 
 bool ProvenanceCache::isAuthorized(std::int32_t pid, std::int64_t startSec, std::int32_t startUSec,
                                    Instant now) const {
-  MutexLock lock(lock_);
+  const MutexLock lock(lock_);
   if (!listedAt_) return false;
-  Seconds age = now - *listedAt_;
+  const Seconds age = now - *listedAt_;
   if (age < Seconds::zero() || age > ttl_) return false;
   auto found = listed_.find(pid);
   return found != listed_.end() && found->second == ProcessStartTime{startSec, startUSec};

@@ -1,11 +1,11 @@
 #include "linux/LinuxHeldProcess.h"
 
-#include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 
 #include "linux/ProcFiles.h"
 #include "linux/ProcText.h"
@@ -38,7 +38,7 @@ LinuxHeldProcess::LinuxHeldProcess(const FileDescriptor& procDirectory, const St
 std::optional<ProcessStartTime> LinuxHeldProcess::startTime() {
   if (absent_) return std::nullopt;
   std::array<char, 1024> buffer;
-  auto text = readStartAt(procDirectory_.get(), ProcPath{pid_, "stat"}.c_str(), buffer);
+  auto text = readStartAt(procDirectory_.get(), ProcPath{pid_, "stat"}.text(), buffer);
   auto stat = parseProcessStat(text);
   if (!stat) return std::nullopt;
   // What was read by pid was this process only if it still holds the pid now. A signal that may not

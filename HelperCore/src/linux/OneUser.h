@@ -19,7 +19,7 @@ class OneUser {
 
   /// Empty while another caller has the value.
   Loan tryTake() {
-    bool taken = inUse_.exchange(true, std::memory_order_acquire);
+    const bool taken = inUse_.exchange(true, std::memory_order_acquire);
     return {taken ? nullptr : &value_, GiveBack{&inUse_}};
   }
 

@@ -15,8 +15,8 @@ template <class Work>
 void forEachPart(std::size_t count, const Work& work) {
   constexpr std::size_t worthAThread = 100;
   constexpr std::size_t mostThreads = 4;
-  std::size_t processors = std::max(1U, std::thread::hardware_concurrency());
-  std::size_t parts =
+  const std::size_t processors = std::max(1U, std::thread::hardware_concurrency());
+  const std::size_t parts =
       std::clamp<std::size_t>(count / worthAThread, 1, std::min(processors, mostThreads));
   auto bound = [&](std::size_t part) { return count * part / parts; };
 

@@ -39,7 +39,7 @@ ProcPath::ProcPath(std::int32_t pid, std::string_view file) {
   char* end = std::to_chars(text_, text_ + 11, pid).ptr;
   if (!file.empty()) {
     *end++ = '/';
-    end = std::copy_n(file.data(), std::min(file.size(), std::size_t{18}), end);
+    end = std::ranges::copy(file.substr(0, 18), end).out;
   }
   *end = '\0';
 }
@@ -49,26 +49,26 @@ FileDescriptor openAt(int directory, const char* path, int flags) {
 }
 
 std::string_view readStart(int file, std::span<char> buffer) {
-  ssize_t length = pread(file, buffer.data(), buffer.size(), 0);
+  const ssize_t length = pread(file, buffer.data(), buffer.size(), 0);
   if (length <= 0) return {};
   return {buffer.data(), static_cast<std::size_t>(length)};
 }
 
 std::string_view readStartAt(int directory, const char* path, std::span<char> buffer) {
-  FileDescriptor file = openAt(directory, path);
+  const FileDescriptor file = openAt(directory, path);
   return file ? readStart(file.get(), buffer) : std::string_view{};
 }
 
 std::optional<std::uint32_t> processOwner(int procDirectory, std::int32_t pid) {
   struct stat status{};
-  if (fstatat(procDirectory, ProcPath{pid, ""}.c_str(), &status, 0) != 0) return std::nullopt;
+  if (fstatat(procDirectory, ProcPath{pid, ""}.text(), &status, 0) != 0) return std::nullopt;
   return status.st_uid;
 }
 
 bool isOwnedBy(std::uint32_t owner, int procDirectory, std::int32_t pid,
                const FileDescriptor& file) {
   struct stat status{};
-  bool known = fstat(file.get(), &status) == 0 && status.st_uid != 0;
+  const bool known = fstat(file.get(), &status) == 0 && status.st_uid != 0;
   return known ? status.st_uid == owner : processOwner(procDirectory, pid) == owner;
 }
 
@@ -76,7 +76,7 @@ std::optional<std::vector<std::int32_t>> listNumbers(int directory) {
   std::array<char, directoryBufferSize> buffer;
   std::vector<std::int32_t> numbers;
   for (;;) {
-    ssize_t length = getdents64(directory, buffer.data(), buffer.size());
+    const ssize_t length = getdents64(directory, buffer.data(), buffer.size());
     if (length < 0) return std::nullopt;
     if (length == 0) return numbers;
     appendNumbers({buffer.data(), static_cast<std::size_t>(length)}, numbers);

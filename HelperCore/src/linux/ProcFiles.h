@@ -15,7 +15,7 @@ namespace tessaloom::linux_kernel {
 class ProcPath {
  public:
   ProcPath(std::int32_t pid, std::string_view file);
-  const char* c_str() const { return text_; }
+  const char* text() const { return text_; }
 
  private:
   char text_[32];

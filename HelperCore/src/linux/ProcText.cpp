@@ -1,6 +1,7 @@
 #include "linux/ProcText.h"
 
 #include <charconv>
+#include <memory>
 #include <system_error>
 
 namespace tessaloom::linux_kernel {
@@ -8,8 +9,9 @@ namespace tessaloom::linux_kernel {
 template <class Number>
 std::optional<Number> parseNumber(std::string_view text, int base) {
   Number number{};
-  const char* end = text.data() + text.size();
-  auto [stop, error] = std::from_chars(text.data(), end, number, base);
+  const char* begin = std::to_address(text.begin());
+  const char* end = std::to_address(text.end());
+  auto [stop, error] = std::from_chars(begin, end, number, base);
   if (error != std::errc{} || stop != end) return std::nullopt;
   return number;
 }
@@ -20,10 +22,10 @@ template std::optional<std::uint32_t> parseNumber(std::string_view, int);
 template std::optional<std::uint64_t> parseNumber(std::string_view, int);
 
 std::string_view takeWord(std::string_view& text) {
-  std::size_t begin = text.find_first_not_of(" \n");
+  const std::size_t begin = text.find_first_not_of(" \n");
   if (begin == std::string_view::npos) return text = {};
-  std::size_t end = text.find_first_of(" \n", begin);
-  std::string_view word = text.substr(begin, end - begin);
+  const std::size_t end = text.find_first_of(" \n", begin);
+  const std::string_view word = text.substr(begin, end - begin);
   text = end == std::string_view::npos ? std::string_view{} : text.substr(end);
   return word;
 }
@@ -37,8 +39,8 @@ void skipWords(std::string_view& text, int count) {
 }  // namespace
 
 std::optional<ProcessStat> parseProcessStat(std::string_view text) {
-  std::size_t open = text.find('(');
-  std::size_t close = text.rfind(')');
+  const std::size_t open = text.find('(');
+  const std::size_t close = text.rfind(')');
   if (open == std::string_view::npos || close == std::string_view::npos || close < open) {
     return std::nullopt;
   }
@@ -74,7 +76,7 @@ std::optional<RunCounters> parseRunCounters(std::string_view text) {
 std::optional<std::int32_t> parseDescriptorRoom(std::string_view text) {
   // A name that holds a newline could fake a line, but the kernel escapes it in this file.
   constexpr std::string_view label = "\nFDSize:\t";
-  std::size_t begin = text.find(label);
+  const std::size_t begin = text.find(label);
   if (begin == std::string_view::npos) return std::nullopt;
   text.remove_prefix(begin + label.size());
   return parseNumber<std::int32_t>(takeWord(text));

@@ -63,7 +63,7 @@ class ProcessTable::Pass {
 };
 
 ProcessTable::Listing ProcessTable::Pass::run() {
-  FileDescriptor directory = openAt(procDirectory_, ".", O_DIRECTORY);
+  const FileDescriptor directory = openAt(procDirectory_, ".", O_DIRECTORY);
   if (!directory) return {.records = {}, .ranOutOfDescriptors = outOfDescriptors()};
   auto pids = listNumbers(directory.get());
   if (!pids) return {};
@@ -85,7 +85,7 @@ void ProcessTable::Pass::readPart(std::size_t begin, std::size_t end) {
   std::vector<KeptProcess>& kept = kept_ != nullptr ? *kept_ : none;
   auto next = std::ranges::lower_bound(kept, pids_[begin], {}, &KeptProcess::pid);
   for (std::size_t i = begin; i < end; ++i) {
-    std::int32_t pid = pids_[i];
+    const std::int32_t pid = pids_[i];
     Slot& slot = slots_[i];
     while (next != kept.end() && next->pid < pid) ++next;
     if (next != kept.end() && next->pid == pid) {
@@ -139,8 +139,8 @@ std::optional<ProcessTable::Row> ProcessTable::Pass::readOpen(std::int32_t pid,
 
 ProcessTable::OpenFiles ProcessTable::Pass::openFiles(std::int32_t pid) {
   OpenFiles files;
-  files.stat = openAt(procDirectory_, ProcPath{pid, "stat"}.c_str());
-  if (files.stat) files.statm = openAt(procDirectory_, ProcPath{pid, "statm"}.c_str());
+  files.stat = openAt(procDirectory_, ProcPath{pid, "stat"}.text());
+  if (files.stat) files.statm = openAt(procDirectory_, ProcPath{pid, "statm"}.text());
   if ((!files.stat || !files.statm) && outOfDescriptors()) ranOut_ = true;
   return files;
 }
@@ -159,7 +159,7 @@ void ProcessTable::Pass::settleYoungRows() {
     auto settled = readAnew(pids_[i], none);
     // Another start: the process that was found has ended, and the new one came after the listing
     // began.
-    bool same = settled && settled->startTicks == row->startTicks;
+    const bool same = settled && settled->startTicks == row->startTicks;
     row = same ? std::move(settled) : std::nullopt;
   }
 }

@@ -43,14 +43,14 @@ constexpr std::array<Table, 4> tables{{
 
 /// The whole of a file that has no size of its own; nothing when it cannot be opened.
 std::optional<std::string> readAll(int directory, const char* path) {
-  FileDescriptor file = openAt(directory, path);
+  const FileDescriptor file = openAt(directory, path);
   if (!file) return std::nullopt;
   constexpr std::size_t step = std::size_t{64} * 1024;
   std::string text;
   for (;;) {
-    std::size_t size = text.size();
+    const std::size_t size = text.size();
     text.resize(size + step);
-    ssize_t length = read(file.get(), text.data() + size, step);
+    const ssize_t length = read(file.get(), text.data() + size, step);
     text.resize(size + static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
     if (length <= 0) return text;
   }
@@ -58,7 +58,7 @@ std::optional<std::string> readAll(int directory, const char* path) {
 
 bool addTableOfProcess(const FileDescriptor& procDirectory, std::int32_t pid, const Table& table,
                        DumpedSockets& sockets) {
-  auto text = readAll(procDirectory.get(), ProcPath{pid, table.file}.c_str());
+  auto text = readAll(procDirectory.get(), ProcPath{pid, table.file}.text());
   if (text) {
     addSocketsOfText(*text, table.transport, sockets.byInode);
   } else {
@@ -94,7 +94,7 @@ DumpOutcome dumpOnce(int netlink, const Table& table, SocketsByInode& sockets) {
   std::array<std::byte, 32768> buffer;
   if (!requestDump(netlink, table)) return {};
   for (int datagrams = 1;; ++datagrams) {
-    ssize_t length = recv(netlink, buffer.data(), buffer.size(), 0);
+    const ssize_t length = recv(netlink, buffer.data(), buffer.size(), 0);
     if (length < 0 && errno == EINTR) continue;
     if (length <= 0) return {};
     switch (addSocketsOfDump({buffer.data(), static_cast<std::size_t>(length)}, table.transport,
@@ -114,9 +114,9 @@ DumpOutcome dumpOnce(int netlink, const Table& table, SocketsByInode& sockets) {
 }
 
 bool dumpTable(const Table& table, DumpedSockets& sockets) {
-  FileDescriptor netlink{socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG)};
+  const FileDescriptor netlink{socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG)};
   if (!netlink) return false;
-  DumpOutcome outcome = dumpOnce(netlink.get(), table, sockets.byInode);
+  const DumpOutcome outcome = dumpOnce(netlink.get(), table, sockets.byInode);
   // What one walk skipped, a second one right after it finds.
   if (outcome.mayLack) dumpOnce(netlink.get(), table, sockets.byInode);
   return outcome.usable;

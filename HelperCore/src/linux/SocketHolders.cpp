@@ -27,28 +27,28 @@ std::optional<RunCounters> readCounters(const FileDescriptor& schedstat) {
 
 std::string readName(int procDirectory, std::int32_t pid) {
   std::array<char, 256> buffer;
-  auto text = readStartAt(procDirectory, ProcPath{pid, "comm"}.c_str(), buffer);
+  auto text = readStartAt(procDirectory, ProcPath{pid, "comm"}.text(), buffer);
   if (text.ends_with('\n')) text.remove_suffix(1);
   return std::string{text};
 }
 
 std::uint64_t readNetworkNamespace(int procDirectory, std::int32_t pid) {
   struct stat status{};
-  bool known = fstatat(procDirectory, ProcPath{pid, "ns/net"}.c_str(), &status, 0) == 0;
+  const bool known = fstatat(procDirectory, ProcPath{pid, "ns/net"}.text(), &status, 0) == 0;
   return known ? status.st_ino : 0;
 }
 
 bool hasOneThread(int procDirectory, std::int32_t pid) {
   struct stat status{};
   // Beside its own two links, the folder counts one for each thread.
-  return fstatat(procDirectory, ProcPath{pid, "task"}.c_str(), &status, 0) == 0 &&
+  return fstatat(procDirectory, ProcPath{pid, "task"}.text(), &status, 0) == 0 &&
          status.st_nlink == 3;
 }
 
 std::optional<std::uint64_t> readSocketLink(int directory, std::int32_t descriptor) {
   std::array<char, 64> target;
-  ssize_t length =
-      readlinkat(directory, ProcPath{descriptor, ""}.c_str(), target.data(), target.size());
+  const ssize_t length =
+      readlinkat(directory, ProcPath{descriptor, ""}.text(), target.data(), target.size());
   if (length <= 0) return std::nullopt;
   return parseSocketLink({target.data(), static_cast<std::size_t>(length)});
 }
@@ -96,7 +96,7 @@ class SocketHolders::Pass {
 };
 
 SocketHolders::Listing SocketHolders::Pass::run() {
-  FileDescriptor directory = open(".", O_DIRECTORY);
+  const FileDescriptor directory = open(".", O_DIRECTORY);
   auto pids = directory ? listNumbers(directory.get()) : std::nullopt;
   if (!pids) return {.holders = {}, .ranOutOfDescriptors = ranOut_};
   pids_ = *std::move(pids);
@@ -116,7 +116,7 @@ void SocketHolders::Pass::readPart(std::size_t begin, std::size_t end) {
   std::vector<KnownProcess>& known = known_ != nullptr ? *known_ : none;
   auto next = std::ranges::lower_bound(known, pids_[begin], {}, &KnownProcess::pid);
   for (std::size_t i = begin; i < end; ++i) {
-    std::int32_t pid = pids_[i];
+    const std::int32_t pid = pids_[i];
     Slot& slot = slots_[i];
     while (next != known.end() && next->pid() < pid) ++next;
     if (next != known.end() && next->pid() == pid) {
@@ -146,16 +146,17 @@ void SocketHolders::Pass::scan(std::int32_t pid, Slot& slot) {
   // Most processes of a machine are someone else's: asked first, because it is the cheapest.
   if (!isOwn(pid)) return;
   KnownProcess found;
-  found.schedstat = open(ProcPath{pid, "schedstat"}.c_str());
+  found.schedstat = open(ProcPath{pid, "schedstat"}.text());
   auto counters = readCounters(found.schedstat);
-  bool ownedWhenOpened = found.schedstat && isOwnedBy(owner_, procDirectory_, pid, found.schedstat);
+  const bool ownedWhenOpened =
+      found.schedstat && isOwnedBy(owner_, procDirectory_, pid, found.schedstat);
   found.counters = counters.value_or(RunCounters{});
   found.scannedAt = std::chrono::steady_clock::now();
-  bool oneThread = hasOneThread(procDirectory_, pid);
+  const bool oneThread = hasOneThread(procDirectory_, pid);
   found.held = readHeldSockets(pid);
   // The file was opened first and can still be read, or else the pid may have changed hands between
   // the other calls. Without such a file the owner alone is looked at again.
-  bool sameOwner = counters ? readCounters(found.schedstat) && ownedWhenOpened : isOwn(pid);
+  const bool sameOwner = counters ? readCounters(found.schedstat) && ownedWhenOpened : isOwn(pid);
   if (!sameOwner) return;
 
   slot.held = found.held;
@@ -165,7 +166,8 @@ void SocketHolders::Pass::scan(std::int32_t pid, Slot& slot) {
 }
 
 std::shared_ptr<const HeldSockets> SocketHolders::Pass::readHeldSockets(std::int32_t pid) {
-  auto held = std::make_shared<HeldSockets>(HeldSockets{.pid = pid});
+  auto held = std::make_shared<HeldSockets>();
+  held->pid = pid;
   held->descriptors = pid == getpid() ? readOwnDescriptors() : readDescriptors(pid);
   if (held->descriptors.empty()) return held;
   held->name = readName(procDirectory_, pid);
@@ -175,10 +177,10 @@ std::shared_ptr<const HeldSockets> SocketHolders::Pass::readHeldSockets(std::int
 
 std::vector<HeldSockets::Descriptor> SocketHolders::Pass::readDescriptors(std::int32_t pid) {
   std::vector<HeldSockets::Descriptor> descriptors;
-  FileDescriptor directory = open(ProcPath{pid, "fd"}.c_str(), O_DIRECTORY);
+  const FileDescriptor directory = open(ProcPath{pid, "fd"}.text(), O_DIRECTORY);
   auto numbers = directory ? listNumbers(directory.get()) : std::nullopt;
   if (!numbers) return descriptors;
-  for (std::int32_t number : *numbers) {
+  for (const std::int32_t number : *numbers) {
     auto inode = readSocketLink(directory.get(), number);
     if (inode) descriptors.push_back({number, *inode});
   }

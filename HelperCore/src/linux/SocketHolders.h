@@ -20,9 +20,9 @@ struct HeldSockets {
   };
 
   std::int32_t pid = 0;
-  std::vector<Descriptor> descriptors{};  ///< In the kernel's order.
-  std::string name{};                     ///< Empty when unknown, or without descriptors.
-  std::uint64_t networkNamespace = 0;     ///< An inode of nsfs; 0 likewise.
+  std::vector<Descriptor> descriptors;  ///< In the kernel's order.
+  std::string name;                     ///< Empty when unknown, or without descriptors.
+  std::uint64_t networkNamespace = 0;   ///< An inode of nsfs; 0 likewise.
 };
 
 /// Finds out which processes of a user hold which sockets, from the links in /proc/PID/fd. That is

@@ -20,7 +20,7 @@ namespace {
 
 SocketInfo makeSocketInfo(InternetTransport transport, std::uint8_t state) {
   SocketInfo info;
-  bool tcp = transport == InternetTransport::tcp;
+  const bool tcp = transport == InternetTransport::tcp;
   info.kind = tcp ? SocketInfo::Kind::tcp : SocketInfo::Kind::internet;
   info.protocol = tcp ? IPPROTO_TCP : IPPROTO_UDP;
   if (state == TCP_LISTEN) info.tcpState = SocketInfo::TCPState::listening;
@@ -39,7 +39,7 @@ bool givesNoRow(const SocketInfo& info) {
 /// "0100007F:1F90": 32-bit words of the address as the machine holds them, the port in host order.
 bool readLocalAddress(std::string_view text, SocketInfo& info) {
   constexpr std::size_t digits = 8;
-  std::size_t colon = text.find(':');
+  const std::size_t colon = text.find(':');
   if (colon != digits && colon != 4 * digits) return false;
   std::array<std::uint8_t, 16> address{};
   for (std::size_t i = 0; i < colon / digits; ++i) {
@@ -58,7 +58,7 @@ bool readLocalAddress(std::string_view text, SocketInfo& info) {
 /// retransmissions, user, timeout, inode.
 void addSocketOfLine(std::string_view line, InternetTransport transport, SocketsByInode& sockets) {
   takeWord(line);
-  std::string_view local = takeWord(line);
+  const std::string_view local = takeWord(line);
   takeWord(line);
   auto state = parseNumber<std::uint16_t>(takeWord(line), 16);
   for (int column = 0; column < 5; ++column) takeWord(line);
@@ -88,7 +88,7 @@ void addSocketOfMessage(std::span<const std::byte> body, InternetTransport trans
 
 void addSocketsOfText(std::string_view text, InternetTransport transport, SocketsByInode& sockets) {
   while (!text.empty()) {
-    std::size_t end = std::min(text.find('\n'), text.size() - 1);
+    const std::size_t end = std::min(text.find('\n'), text.size() - 1);
     addSocketOfLine(text.substr(0, end + 1), transport, sockets);
     text.remove_prefix(end + 1);
   }
@@ -108,7 +108,7 @@ DumpState addSocketsOfDump(std::span<const std::byte> datagram, InternetTranspor
     }
     addSocketOfMessage(datagram.subspan(sizeof header, header.nlmsg_len - sizeof header), transport,
                        sockets);
-    std::size_t aligned = NLMSG_ALIGN(header.nlmsg_len);
+    const std::size_t aligned = NLMSG_ALIGN(header.nlmsg_len);
     datagram = datagram.subspan(std::min(aligned, datagram.size()));
   }
   return DumpState::more;

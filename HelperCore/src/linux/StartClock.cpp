@@ -1,9 +1,9 @@
 #include "linux/StartClock.h"
 
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <ctime>
 #include <thread>
 
 namespace tessaloom::linux_kernel {
@@ -16,7 +16,7 @@ constexpr nanoseconds second = std::chrono::seconds{1};
 
 nanoseconds read(clockid_t clock) {
   timespec now{};
-  clock_gettime(clock, &now);
+  if (clock_gettime(clock, &now) != 0) return {};
   return std::chrono::seconds{now.tv_sec} + nanoseconds{now.tv_nsec};
 }
 
@@ -37,8 +37,8 @@ StartClock::StartClock(nanoseconds bootTime, std::int64_t ticksPerSecond)
     : ticksPerSecond_(ticksPerSecond), bootTick_(bootTime / (second / ticksPerSecond)) {}
 
 ProcessStartTime StartClock::startTime(std::uint64_t ticks) const {
-  std::int64_t tick = bootTick_ + static_cast<std::int64_t>(ticks);
-  std::int64_t microseconds = tick % ticksPerSecond_ * 1'000'000 / ticksPerSecond_;
+  const std::int64_t tick = bootTick_ + static_cast<std::int64_t>(ticks);
+  const std::int64_t microseconds = tick % ticksPerSecond_ * 1'000'000 / ticksPerSecond_;
   return {.startSec = tick / ticksPerSecond_, .startUSec = static_cast<std::int32_t>(microseconds)};
 }
 
@@ -47,8 +47,8 @@ std::uint64_t StartClock::currentTick() const {
 }
 
 void StartClock::sleepPast(std::uint64_t tick) const {
-  nanoseconds tickLength = second / ticksPerSecond_;
-  nanoseconds remaining = static_cast<std::int64_t>(tick + 1) * tickLength - sinceBoot();
+  const nanoseconds tickLength = second / ticksPerSecond_;
+  const nanoseconds remaining = static_cast<std::int64_t>(tick + 1) * tickLength - sinceBoot();
   if (remaining > nanoseconds::zero()) {
     std::this_thread::sleep_for(std::min(remaining, 2 * tickLength));
   }

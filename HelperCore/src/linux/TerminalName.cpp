@@ -12,12 +12,12 @@ namespace {
 /// The base name of the link /sys/dev/char/MAJOR:MINOR, which the kernel keeps for every character
 /// device.
 std::string registeredName(DeviceNumber device) {
-  std::string path =
+  const std::string path =
       "/sys/dev/char/" + std::to_string(device.major) + ":" + std::to_string(device.minor);
   std::array<char, 512> target{};
-  ssize_t length = readlink(path.c_str(), target.data(), target.size());
+  const ssize_t length = readlink(path.c_str(), target.data(), target.size());
   if (length <= 0) return {};
-  std::string_view link{target.data(), static_cast<std::size_t>(length)};
+  const std::string_view link{target.data(), static_cast<std::size_t>(length)};
   return std::string{link.substr(link.rfind('/') + 1)};
 }
 
@@ -42,7 +42,7 @@ std::optional<std::string> wellKnownTerminalName(DeviceNumber device) {
 
 std::string terminalName(std::uint32_t encoded) {
   if (encoded == 0) return {};
-  DeviceNumber device = deviceNumber(encoded);
+  const DeviceNumber device = deviceNumber(encoded);
   auto name = wellKnownTerminalName(device);
   return name ? *name : registeredName(device);
 }

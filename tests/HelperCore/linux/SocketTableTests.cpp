@@ -188,11 +188,15 @@ class SocketHoldersTest : public testing::Test {
     }
     return nullptr;
   }
-  /// Two listings far enough apart for the second to use what the first found.
+  /// An entry that a later listing used again; null when that never happens. On a busy machine it
+  /// takes a while until a process that has answered is off its processor.
   std::shared_ptr<const HeldSockets> findSettled(const ObedientChild& child) {
-    find(child);
-    std::this_thread::sleep_for(settled * 2);
-    return find(child);
+    for (int attempt = 0; attempt < 10; ++attempt) {
+      auto known = find(child);
+      std::this_thread::sleep_for(settled * 2);
+      if (find(child) == known) return known;
+    }
+    return nullptr;
   }
 
   const FileDescriptor procDirectory = openAt(AT_FDCWD, "/proc", O_DIRECTORY);
@@ -203,8 +207,7 @@ TEST_F(SocketHoldersTest, LooksAgainOnlyAtProcessesThatRan) {
   ObedientChild child;
   std::int32_t number = child.give(makeSocket(SocketUse::tcpListening));
   auto known = findSettled(child);
-  ASSERT_NE(known, nullptr);
-  if (find(child) != known) GTEST_SKIP() << "this kernel does not count how often a process runs";
+  if (!known) GTEST_SKIP() << "this kernel does not count how often a process runs";
   // The number of descriptors stays what it was.
   std::int32_t other = child.give(makeSocket(SocketUse::udpBound));
   child.ask(Command::close, number);
@@ -221,7 +224,8 @@ TEST_F(SocketHoldersTest, LooksAgainOnlyAtProcessesThatRan) {
 TEST_F(SocketHoldersTest, NeverTrustsAProcessWithThreads) {
   ObedientChild child;
   child.ask(Command::startThread);
-  auto known = findSettled(child);
+  auto known = find(child);
+  std::this_thread::sleep_for(settled * 2);
   EXPECT_NE(find(child), known);
 }
 
