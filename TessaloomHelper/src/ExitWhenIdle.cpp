@@ -29,7 +29,7 @@ void ExitWhenIdle::scheduleExitWhenIdle(std::chrono::milliseconds delay) noexcep
       leave_();
     });
   } catch (const std::exception&) {
-    // Neither memory nor a thread to be had: the helper stays until it is asked again.
+    return;  // Neither memory nor a thread to be had: the helper stays until it is asked again.
   }
 }
 

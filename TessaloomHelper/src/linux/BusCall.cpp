@@ -8,7 +8,7 @@ namespace {
 
 std::string errorName(const ReplyError& error) {
   using enum ReplyError::Category;
-  const std::string helper(HelperConstants::errorDomain);
+  std::string helper(HelperConstants::errorDomain);
   switch (error.category) {
     case decoding:
       return helper + ".DecodingError";
@@ -34,8 +34,10 @@ int appendDetails(sd_bus_message* reply, const ReplyError& error) {
 
 // Each makes the message of one kind of outcome.
 struct ReplyMessage {
+  explicit ReplyMessage(sd_bus_message* answered) : call(answered) {}
+
   sd_bus_message* call;
-  BusMessage reply = {};
+  BusMessage reply;
 
   int operator()(std::monostate) {
     return sd_bus_message_new_method_errorf(call, out(), SD_BUS_ERROR_NO_MEMORY,
@@ -80,7 +82,7 @@ struct ReplyMessage {
 }  // namespace
 
 int sendReply(sd_bus_message* call, const CallOutcome& outcome) {
-  ReplyMessage message{call};
+  ReplyMessage message(call);
   int result = std::visit(message, outcome);
   if (result >= 0) result = sd_bus_send(nullptr, message.reply.get(), nullptr);
   return result >= 0 ? result : sd_bus_reply_method_errno(call, result, nullptr);

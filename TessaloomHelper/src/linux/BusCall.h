@@ -22,7 +22,7 @@ class BusCall : public BusMailbox::Letter {
   BusMessage message;
   std::string sender;
   CallWeight weight;
-  CallOutcome outcome = {};  ///< Written by the worker, before it posts the letter.
+  CallOutcome outcome;  ///< Written by the worker, before it posts the letter.
 
  protected:
   BusCall(BusMessage callMessage, std::string callSender, CallWeight callWeight)

@@ -125,7 +125,7 @@ bool BusCallers::hasHeldCalls() const {
 // credentials, so that a sender that vanishes in between is noticed by one of the two.
 BusCaller* BusCallers::meet(const char* name) {
   if (!makeRoom()) return nullptr;
-  auto caller = std::unique_ptr<BusCaller>(new BusCaller{.callers = *this, .name = name});
+  auto caller = std::make_unique<BusCaller>(*this, name);
   const std::string match =
       "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
       "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg2='',arg0='" +

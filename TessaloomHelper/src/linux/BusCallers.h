@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "TessaloomHelper/HelperService.h"
@@ -36,14 +37,17 @@ class BusCallers;
 struct BusCaller {
   enum class Standing : std::uint8_t { undecided, admitted, refused };
 
+  BusCaller(BusCallers& owner, std::string uniqueName)
+      : callers(owner), name(std::move(uniqueName)) {}
+
   BusCallers& callers;
   std::string name;
   Standing standing = Standing::undecided;
-  BusSlot departure = {};
-  BusSlot credentials = {};
-  std::vector<BusMessage> held = {};                  ///< Calls that came while undecided.
-  std::shared_ptr<CallerConnection> connection = {};  ///< Of an admitted caller.
-  CallLoad waiting = {};                              ///< Accepted and not answered yet.
+  BusSlot departure;
+  BusSlot credentials;
+  std::vector<BusMessage> held;                  ///< Calls that came while undecided.
+  std::shared_ptr<CallerConnection> connection;  ///< Of an admitted caller.
+  CallLoad waiting;                              ///< Accepted and not answered yet.
 };
 
 /// Who may call: meets every sender, has it vetted once, and forgets it when it leaves the bus.

@@ -3,12 +3,12 @@
 #include <malloc.h>
 #include <poll.h>
 #include <sys/signalfd.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <ctime>
 #include <utility>
 
 #include <systemd/sd-daemon.h>
@@ -87,7 +87,7 @@ class BusListener::AcceptedCall final : public BusCall {
 
   void open() override { listener_.finish(*this); }
 
-  std::list<AcceptedCall>::iterator position = {};
+  std::list<AcceptedCall>::iterator position;
 
  private:
   BusListener& listener_;
@@ -172,7 +172,7 @@ int BusListener::accept(sd_bus_message* message) {
     try {
       method->call(connection->service, std::move(body), reply);
     } catch (const std::exception&) {
-      // No memory to begin with: the ticket comes back without an answer.
+      reply->answer(CallOutcome());  // No memory to begin with.
     }
   };
   calls_.emplace_back(*this, retain(message), caller->name, weight);
@@ -183,7 +183,7 @@ int BusListener::accept(sd_bus_message* message) {
   try {
     caller->connection->queue.submit(std::move(job));
   } catch (const std::exception&) {
-    // The same for a thread that cannot be had.
+    reply->answer(CallOutcome());  // Nor for a place in the queue.
   }
   return 1;
 }
@@ -295,7 +295,7 @@ void BusListener::wait() {
 // A message that finds no memory stays where it is, and would be tried again without a pause.
 // Answers that go out make room; a process that nothing helps leaves, and the next call starts one.
 bool BusListener::waitForMemory() {
-  ::malloc_trim(0);
+  static_cast<void>(::malloc_trim(0));
   waitForMail();
   if (!starvedSince_) starvedSince_ = Clock::now();
   return Clock::now() - *starvedSince_ < starvationLimit;

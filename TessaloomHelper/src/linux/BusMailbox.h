@@ -35,6 +35,8 @@ class BusMailbox {
   int descriptor() const { return wake_.get(); }
 
  private:
+  bool isEmpty() TL_EXCLUDES(lock_);
+
   FileDescriptor wake_;
   Mutex lock_;
   Letter* first_ TL_GUARDED_BY(lock_) = nullptr;

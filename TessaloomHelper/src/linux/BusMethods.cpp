@@ -19,16 +19,16 @@ DataReply dataReply(const CallReply& reply) {
 }
 
 template <void (HelperServicing::*method)(DataReply)>
-void withoutRequest(HelperServicing& service, Bytes, const CallReply& reply) {
+void withoutRequest(HelperServicing& service, Bytes&& /*request*/, const CallReply& reply) {
   (service.*method)(dataReply(reply));
 }
 
 template <void (HelperServicing::*method)(Bytes, DataReply)>
-void withRequest(HelperServicing& service, Bytes request, const CallReply& reply) {
+void withRequest(HelperServicing& service, Bytes&& request, const CallReply& reply) {
   (service.*method)(std::move(request), dataReply(reply));
 }
 
-void protocolVersion(HelperServicing& service, Bytes, const CallReply& reply) {
+void protocolVersion(HelperServicing& service, Bytes&& /*request*/, const CallReply& reply) {
   service.protocolVersion([reply](std::int64_t version) { reply->answer(version); });
 }
 

@@ -14,7 +14,7 @@ struct BusMethod {
   bool hasRequest;
   const char* result;  ///< D-Bus signature of the return value.
   CallKind kind;
-  void (*call)(HelperServicing& service, Bytes request, const CallReply& reply);
+  void (*call)(HelperServicing& service, Bytes&& request, const CallReply& reply);
 };
 
 std::span<const BusMethod> busMethods();

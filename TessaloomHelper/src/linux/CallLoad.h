@@ -21,7 +21,7 @@ struct CallWeight {
 /// floods: the service itself refuses a fourth generation, far below them.
 class CallLoad {
  public:
-  static constexpr std::size_t maximumBytes = 16 * 1'048'576;  ///< Of each kind.
+  static constexpr std::size_t maximumBytes = 16UL * 1'048'576;  ///< Of each kind.
   static constexpr std::array<std::size_t, 3> maximumCalls{64, 16, 16};
 
   bool fits(CallWeight call) const {

@@ -1,8 +1,8 @@
 #include "linux/SessionBus.h"
 
-#include <stdlib.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 
 namespace tessaloom {

@@ -1,9 +1,9 @@
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -34,7 +34,7 @@ namespace tessaloom {
 namespace {
 
 constexpr std::chrono::seconds registrationLimit{2};
-constexpr std::size_t maximumReplyBytes = 32 * 1'048'576;
+constexpr std::size_t maximumReplyBytes = 32UL * 1'048'576;
 
 // Whatever started the helper may have left descriptors open, which no engine shall inherit, or a
 // standard one closed, whose number the next descriptor would take and get our error lines.
@@ -48,13 +48,13 @@ void secureDescriptors() {
 // Termination signals arrive through the descriptor that this returns; the mask is inherited by the
 // threads that are made later.
 FileDescriptor prepareSignals() {
-  ::signal(SIGPIPE, SIG_IGN);
-  ::signal(SIGCHLD, SIG_DFL);
+  static_cast<void>(::signal(SIGPIPE, SIG_IGN));
+  static_cast<void>(::signal(SIGCHLD, SIG_DFL));
   sigset_t termination;
   ::sigemptyset(&termination);
   ::sigaddset(&termination, SIGTERM);
   ::sigaddset(&termination, SIGINT);
-  ::sigprocmask(SIG_SETMASK, &termination, nullptr);
+  ::pthread_sigmask(SIG_SETMASK, &termination, nullptr);
   FileDescriptor signals(::signalfd(-1, &termination, SFD_CLOEXEC | SFD_NONBLOCK));
   if (!signals) throw std::system_error(errno, std::generic_category(), "signalfd");
   return signals;
@@ -112,7 +112,7 @@ int serve() {
     return 1;
   }
   // Threads may still be busy with what nobody waits for; the process ends under them.
-  std::exit(listener->run());
+  std::exit(listener->run());  // NOLINT(concurrency-mt-unsafe): nobody else exits
 }
 
 }  // namespace
