@@ -27,6 +27,7 @@ class TL_CAPABILITY("mutex") Mutex {
  public:
   void lock() TL_ACQUIRE() { mutex_.lock(); }
   void unlock() TL_RELEASE() { mutex_.unlock(); }
+  // NOLINTNEXTLINE(readability-identifier-naming): the name that the standard gives it.
   bool try_lock() TL_TRY_ACQUIRE(true) { return mutex_.try_lock(); }
 
  private:
