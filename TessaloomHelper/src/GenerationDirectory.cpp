@@ -173,7 +173,8 @@ GenerationDirectory::~GenerationDirectory() {
   if (!directory_) return;  // Moved from.
   ::fchmod(directory_.get(), ownerOnly);
   TreeRemoval(std::move(directory_)).run();
-  ::rmdir(path_.c_str());
+  // The engine may have put something else in its place.
+  if (::rmdir(path_.c_str()) != 0) ::unlink(path_.c_str());
 }
 
 std::optional<std::filesystem::path> GenerationDirectory::write(const std::string& name,

@@ -139,6 +139,9 @@ TEST(GenerationDirectoryTest, RemovesWhateverAnEngineLeft) {
         deep = FileDescriptor(::openat(deep.get(), "deeper", O_RDONLY | O_DIRECTORY));
       }
       ::chmod(root.c_str(), 0500);
+      const auto replaced = GenerationDirectory::create(perUser.path(), UUID::random());
+      if (!replaced || !fs::remove(replaced->path())) std::_Exit(4);
+      fs::create_directory_symlink(elsewhere.path(), replaced->path());
     }
     std::_Exit(fs::is_empty(perUser.path()) ? 0 : 3);
   };
