@@ -29,6 +29,7 @@ constexpr std::chrono::milliseconds stopTick{100};
 constexpr std::chrono::seconds starvationLimit{5};
 // A caller that keeps calling by the unique name could hold a leaving helper for ever.
 constexpr int maximumRoundTrips = 20;
+constexpr std::uint64_t maximumQueuedReplies = 64;
 
 const std::string serviceName(HelperConstants::machServiceName);
 
@@ -133,6 +134,7 @@ std::expected<void, std::string> BusListener::start() {
 int BusListener::run() {
   for (;;) {
     mailbox_.openAll();
+    sendBacklog();
     const int processed = sd_bus_process(environment_.bus, nullptr);
     if (processed == -ENOMEM && waitForMemory()) continue;
     if (processed == -ENOMEM) return endAtOnce("no memory to read a message from the session bus");
@@ -273,6 +275,15 @@ int BusListener::endAtOnce(std::string_view reason) {
     mailbox_.openAll();
   }
   return 1;
+}
+
+// The bus reads every connection by small turns. Callers that ask faster than it takes the answers
+// would otherwise fill this process with them: while these are written, nothing more is read, and
+// finished calls keep counting against their callers' limits.
+void BusListener::sendBacklog() {
+  std::uint64_t queued = 0;
+  if (sd_bus_get_n_queued_write(environment_.bus, &queued) < 0) return;
+  if (queued > maximumQueuedReplies) sd_bus_flush(environment_.bus);
 }
 
 void BusListener::wait() {

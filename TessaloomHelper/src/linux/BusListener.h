@@ -89,6 +89,7 @@ class BusListener {
   std::optional<int> advanceLeaving();
   std::optional<int> advanceStopping();
   int endAtOnce(std::string_view reason);
+  void sendBacklog();
   void wait();
   void waitForMail();
   bool waitForMemory();
