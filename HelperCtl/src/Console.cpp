@@ -94,10 +94,12 @@ void printBody(std::string_view body) {
 
 bool flushOutput() {
   const bool flushed = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
-  if (!flushed) {
-    printError("the output could not be written: " + std::generic_category().message(errno));
-  }
+  if (!flushed) printError(outputErrorText(errno));
   return flushed;
+}
+
+std::string outputErrorText(int error) {
+  return "the output could not be written: " + std::generic_category().message(error);
 }
 
 void printError(std::string_view message, std::string_view advice) {

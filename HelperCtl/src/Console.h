@@ -43,6 +43,8 @@ void print(std::string_view text);
 void printBody(std::string_view body);
 /// Whether everything that was printed has been written; says so on standard error when it has not.
 bool flushOutput();
+/// What to say when writing to standard output failed with this errno.
+std::string outputErrorText(int error);
 
 /// One message on standard error, after the program's name; `advice`, if any, on a line of its own.
 void printError(std::string_view message, std::string_view advice = {});

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "CallCommands.h"
+#include "Console.h"
 #include "EventLoop.h"
 #include "SessionLine.h"
 
@@ -58,6 +59,7 @@ class Session {
   std::size_t written_ = 0;
   bool outputClosed_ = false;
   bool unreachable_ = false;
+  int outputError_ = 0;  ///< Of output that could not be written although it has a reader.
 };
 
 ExitStatus Session::run() {
@@ -73,6 +75,10 @@ ExitStatus Session::run() {
     sendLines();
     return isOver();
   });
+  if (outputError_ != 0) {
+    console::printError(console::outputErrorText(outputError_));
+    return ExitStatus::refused;
+  }
   return unreachable_ ? ExitStatus::unreachable : ExitStatus::done;
 }
 
@@ -126,7 +132,10 @@ void Session::write(short events) {
   if ((events & POLLOUT) != 0 && !output_.empty()) {
     const std::size_t size = std::min(output_.size() - written_, writeSize);
     const ssize_t count = ::write(STDOUT_FILENO, output_.data() + written_, size);
-    if (count < 0) outputClosed_ = errno != EINTR && errno != EAGAIN;
+    if (count < 0 && errno != EINTR && errno != EAGAIN) {
+      outputClosed_ = true;
+      if (errno != EPIPE) outputError_ = errno;
+    }
     if (count > 0) written_ += static_cast<std::size_t>(count);
     if (written_ == output_.size()) {
       output_.clear();
