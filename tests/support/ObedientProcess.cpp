@@ -29,6 +29,15 @@ std::int32_t forkTwin() {
   return 0;
 }
 
+std::int32_t forkHeir() {
+  pid_t heir = fork();
+  if (heir != 0) return heir;
+  alarm(60);
+  close(channel);
+  waitForever();
+  return 0;
+}
+
 std::int32_t takeTerminal(const char* path) {
   if (setsid() < 0) return -1;
   int terminal = open(path, O_RDWR | O_CLOEXEC);
@@ -61,6 +70,8 @@ std::int32_t obey(const Request& request, int received, char** arguments) {
       return 0;
     case Command::forkTwin:
       return forkTwin();
+    case Command::forkHeir:
+      return forkHeir();
     case Command::forkZombie: {
       pid_t zombie = fork();
       if (zombie == 0) _exit(0);

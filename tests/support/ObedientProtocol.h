@@ -25,7 +25,8 @@ enum class Command : std::int32_t {
   becomeUser,      ///< `first`.
   takeTerminal,    ///< Leads a session whose terminal is `text`.
   startThread,     ///< One that sleeps.
-  forkTwin,        ///< Tells its pid.
+  forkTwin,        ///< Tells its pid; it ends with its parent.
+  forkHeir,        ///< Tells its pid; it outlives its parent, for a minute at most.
   forkZombie,      ///< Tells its pid; it is never reaped.
   execAgain,       ///< Executes the same program; the answer comes from the new one.
 };

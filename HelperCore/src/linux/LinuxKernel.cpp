@@ -35,7 +35,9 @@ void addForeignNamespaces(const FileDescriptor& procDirectory,
 }  // namespace
 
 LinuxKernel::LinuxKernel(std::chrono::nanoseconds settled)
-    : procDirectory_(openAt(AT_FDCWD, "/proc", O_DIRECTORY)), holders_(procDirectory_, settled) {}
+    : procDirectory_(openAt(AT_FDCWD, "/proc", O_DIRECTORY)),
+      processes_(procDirectory_, clock_, settled),
+      holders_(procDirectory_, settled) {}
 
 std::uint32_t LinuxKernel::userID() const {
   return getuid();

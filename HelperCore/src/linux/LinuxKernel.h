@@ -16,8 +16,8 @@ namespace tessaloom::linux_kernel {
 /// Linux, through /proc, pidfds and sock_diag.
 class LinuxKernel final : public Kernel {
  public:
-  /// `settled`: see SocketHolders.
-  explicit LinuxKernel(std::chrono::nanoseconds settled = SocketHolders::longestTick);
+  /// `settled`: the age at which a witness of a process's rest counts.
+  explicit LinuxKernel(std::chrono::nanoseconds settled = RestWitness::longestTick);
 
   std::uint32_t userID() const override;
   std::vector<ProcessRecord> fetchAllProcessRecords(std::uint32_t owner) override;
@@ -35,7 +35,7 @@ class LinuxKernel final : public Kernel {
 
   const FileDescriptor procDirectory_;
   const StartClock clock_;
-  ProcessTable processes_{procDirectory_, clock_};
+  ProcessTable processes_;
   SocketHolders holders_;
 };
 

@@ -46,17 +46,21 @@ std::optional<ProcessStat> parseProcessStat(std::string_view text) {
   }
   // Fields are numbered as in proc_pid_stat(5); the third, the state, follows the name.
   std::string_view rest = text.substr(close + 1);
-  skipWords(rest, 1);
+  const std::string_view state = takeWord(rest);
   auto parentPID = parseNumber<std::int32_t>(takeWord(rest));
   skipWords(rest, 2);
   // Shown as a signed number, though its bits are a device number.
   auto terminal = parseNumber<std::int32_t>(takeWord(rest));
-  skipWords(rest, 14);
+  skipWords(rest, 12);
+  auto threads = parseNumber<std::uint32_t>(takeWord(rest));
+  skipWords(rest, 1);
   auto startTicks = parseNumber<std::uint64_t>(takeWord(rest));
-  if (!parentPID || !terminal || !startTicks) return std::nullopt;
+  if (state.empty() || !parentPID || !terminal || !threads || !startTicks) return std::nullopt;
   return ProcessStat{.name = text.substr(open + 1, close - open - 1),
+                     .state = state.front(),
                      .parentPID = *parentPID,
                      .terminal = static_cast<std::uint32_t>(*terminal),
+                     .threads = *threads,
                      .startTicks = *startTicks};
 }
 

@@ -11,8 +11,10 @@ namespace tessaloom::linux_kernel {
 /// The fields of /proc/PID/stat that the listings use.
 struct ProcessStat {
   std::string_view name;  ///< Any bytes; points into the text that was parsed.
+  char state = 0;         ///< R, S, Z and others.
   std::int32_t parentPID = 0;
-  std::uint32_t terminal = 0;    ///< tty_nr, 0 for none.
+  std::uint32_t terminal = 0;  ///< tty_nr, 0 for none.
+  std::uint32_t threads = 0;
   std::uint64_t startTicks = 0;  ///< Clock ticks after the boot.
 
   friend bool operator==(const ProcessStat&, const ProcessStat&) = default;

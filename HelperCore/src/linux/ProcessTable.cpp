@@ -24,6 +24,8 @@ class ProcessTable::Pass {
        bool keepFiles)
       : procDirectory_(table.procDirectory_.get()),
         clock_(table.clock_),
+        settled_(table.settled_),
+        startedAt_(RestWitness::Clock::now()),
         owner_(owner),
         firstTick_(clock_.currentTick()),
         kept_(kept),
@@ -33,25 +35,34 @@ class ProcessTable::Pass {
   Listing run();
 
  private:
-  static constexpr std::size_t filesPerProcess = 2;
+  static constexpr std::size_t filesPerProcess = 3;
 
   struct Slot {
     std::optional<Row> row;
+    bool isRemembered = false;  ///< The row is an earlier one, with the resident size of now.
     OpenFiles files;
   };
 
   void readPart(std::size_t begin, std::size_t end);
+  std::optional<Row> remember(const OpenFiles& files) const;
   std::optional<Row> readKept(std::int32_t pid, OpenFiles& files) const;
   std::optional<Row> readAnew(std::int32_t pid, OpenFiles& files);
   std::optional<Row> readOpen(std::int32_t pid, const OpenFiles& files) const;
   OpenFiles openFiles(std::int32_t pid);
   bool isOwn(std::int32_t pid) const { return processOwner(procDirectory_, pid) == owner_; }
   bool isYoung(const Row& row) const { return row.startTicks >= firstTick_; }
+  std::uint64_t readResidentBytes(const OpenFiles& files) const;
+  const Row* findRow(std::int32_t pid) const;
+  bool isParentStillThere(const Slot& slot) const;
+  void readOrphansAgain();
   void settleYoungRows();
   void keepOpenFiles();
+  void keepRow(Slot& slot) const;
 
   const int procDirectory_;
   const StartClock& clock_;
+  const std::chrono::nanoseconds settled_;
+  const RestWitness::Clock::time_point startedAt_;
   const std::uint32_t owner_;
   const std::uint64_t firstTick_;
   std::vector<KeptProcess>* const kept_;
@@ -70,13 +81,14 @@ ProcessTable::Listing ProcessTable::Pass::run() {
   pids_ = *std::move(pids);
   slots_.resize(pids_.size());
   forEachPart(pids_.size(), [&](std::size_t begin, std::size_t end) { readPart(begin, end); });
+  readOrphansAgain();
   settleYoungRows();
+  if (kept_ != nullptr) keepOpenFiles();
 
   Listing listing{.records = {}, .ranOutOfDescriptors = ranOut_};
   for (Slot& slot : slots_) {
     if (slot.row) listing.records.push_back(std::move(slot.row->record));
   }
-  keepOpenFiles();
   return listing;
 }
 
@@ -90,15 +102,34 @@ void ProcessTable::Pass::readPart(std::size_t begin, std::size_t end) {
     while (next != kept.end() && next->pid < pid) ++next;
     if (next != kept.end() && next->pid == pid) {
       slot.files = std::move(next->files);
-      slot.row = readKept(pid, slot.files);
+      slot.row = remember(slot.files);
+      slot.isRemembered = slot.row.has_value();
+      if (!slot.row) slot.row = readKept(pid, slot.files);
     }
     if (!slot.row) slot.row = readAnew(pid, slot.files);
   }
 }
 
+/// Nothing when the process may have changed.
+std::optional<ProcessTable::Row> ProcessTable::Pass::remember(const OpenFiles& files) const {
+  if (!files.row || files.row->record.owner != owner_) return std::nullopt;
+  if (!files.witness.isSettled(startedAt_, settled_)) return std::nullopt;
+  const std::uint64_t residentBytes = readResidentBytes(files);
+  if (!files.witness.findsNothing()) return std::nullopt;
+  std::optional<Row> row = files.row;
+  row->record.residentBytes = residentBytes;
+  return row;
+}
+
 /// Nothing, and the files closed, when their process is gone or not the user's any more.
 std::optional<ProcessTable::Row> ProcessTable::Pass::readKept(std::int32_t pid,
                                                               OpenFiles& files) const {
+  // A process that is read a second time is worth a witness; one that has run needs another moment.
+  if (!files.witness.file()) {
+    files.witness = RestWitness(procDirectory_, pid);
+  } else if (!files.witness.findsNothing()) {
+    files.witness.startAgain();
+  }
   auto row = isOwn(pid) ? readOpen(pid, files) : std::nullopt;
   if (!row) files = {};
   return row;
@@ -120,11 +151,8 @@ std::optional<ProcessTable::Row> ProcessTable::Pass::readAnew(std::int32_t pid, 
 /// as that succeeds the process holds its pid, so that everything looked up by pid since was its.
 std::optional<ProcessTable::Row> ProcessTable::Pass::readOpen(std::int32_t pid,
                                                               const OpenFiles& files) const {
-  static const auto pageSize = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
   std::array<char, 1024> buffer;
-  // A process that is not readable in full still has a row.
-  std::uint64_t pages = 0;
-  if (files.statm) pages = parseResidentPages(readStart(files.statm.get(), buffer)).value_or(0);
+  const std::uint64_t residentBytes = readResidentBytes(files);
   auto stat = parseProcessStat(readStart(files.stat.get(), buffer));
   if (!stat) return std::nullopt;
   return Row{.record = {.pid = pid,
@@ -132,9 +160,19 @@ std::optional<ProcessTable::Row> ProcessTable::Pass::readOpen(std::int32_t pid,
                         .owner = owner_,
                         .start = clock_.startTime(stat->startTicks),
                         .terminal = terminalName(stat->terminal),
-                        .residentBytes = pages * pageSize,
+                        .residentBytes = residentBytes,
                         .name = std::string{stat->name}},
-             .startTicks = stat->startTicks};
+             .startTicks = stat->startTicks,
+             .isAlive = stat->state != 'Z' && stat->state != 'X',
+             .hasOneThread = stat->threads == 1};
+}
+
+/// 0 for what cannot be read: a process that is not readable in full still has a row.
+std::uint64_t ProcessTable::Pass::readResidentBytes(const OpenFiles& files) const {
+  static const auto pageSize = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+  if (!files.statm) return 0;
+  std::array<char, 256> buffer;
+  return parseResidentPages(readStart(files.statm.get(), buffer)).value_or(0) * pageSize;
 }
 
 ProcessTable::OpenFiles ProcessTable::Pass::openFiles(std::int32_t pid) {
@@ -164,12 +202,58 @@ void ProcessTable::Pass::settleYoungRows() {
   }
 }
 
+const ProcessTable::Row* ProcessTable::Pass::findRow(std::int32_t pid) const {
+  auto found = std::ranges::lower_bound(pids_, pid);
+  if (found == pids_.end() || *found != pid) return nullptr;
+  const auto& row = slots_[static_cast<std::size_t>(found - pids_.begin())].row;
+  return row ? &*row : nullptr;
+}
+
+/// The first process of the system cannot end. Another parent is known to live when this listing
+/// has it, as the process that it was; a parent that is younger than its child got the pid of the
+/// real one, or took the child over from it.
+bool ProcessTable::Pass::isParentStillThere(const Slot& slot) const {
+  constexpr std::int32_t firstProcess = 1;
+  if (slot.row->record.parentPID == firstProcess) return true;
+  const Row* parent = findRow(slot.row->record.parentPID);
+  return parent != nullptr && parent->isAlive &&
+         parent->startTicks == slot.files.parentStartTicks &&
+         parent->startTicks <= slot.row->startTicks;
+}
+
+void ProcessTable::Pass::readOrphansAgain() {
+  std::vector<std::size_t> orphans;
+  for (std::size_t i = 0; i < slots_.size(); ++i) {
+    if (slots_[i].isRemembered && !isParentStillThere(slots_[i])) orphans.push_back(i);
+  }
+  forEachPart(orphans.size(), [&](std::size_t begin, std::size_t end) {
+    for (std::size_t i = begin; i < end; ++i) {
+      Slot& slot = slots_[orphans[i]];
+      slot.row = readKept(pids_[orphans[i]], slot.files);
+    }
+  });
+}
+
 void ProcessTable::Pass::keepOpenFiles() {
-  if (kept_ == nullptr) return;
   kept_->clear();
   for (std::size_t i = 0; i < slots_.size(); ++i) {
-    if (slots_[i].files.stat) kept_->push_back({pids_[i], std::move(slots_[i].files)});
+    Slot& slot = slots_[i];
+    if (!slot.files.stat) continue;
+    keepRow(slot);
+    kept_->push_back({pids_[i], std::move(slot.files)});
   }
+}
+
+/// Remembers a row that was read while a witness watched, if nothing can change it but its process
+/// and the end of its parent.
+void ProcessTable::Pass::keepRow(Slot& slot) const {
+  slot.files.row.reset();
+  if (!slot.row || !slot.files.witness.file()) return;
+  const Row& row = *slot.row;
+  if (!row.isAlive || !row.hasOneThread || !row.record.terminal.empty()) return;
+  const Row* parent = findRow(row.record.parentPID);
+  slot.files.parentStartTicks = parent != nullptr ? parent->startTicks : 0;
+  slot.files.row = row;
 }
 
 ProcessTable::Listing ProcessTable::read(std::uint32_t owner, bool keepFiles) {

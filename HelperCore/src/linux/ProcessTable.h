@@ -1,6 +1,6 @@
 #pragma once
 
-#include <cstddef>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -8,6 +8,7 @@
 #include "HelperCore/FileDescriptor.h"
 #include "HelperCore/Kernel.h"
 #include "linux/OneUser.h"
+#include "linux/RestWitness.h"
 #include "linux/StartClock.h"
 
 namespace tessaloom::linux_kernel {
@@ -20,14 +21,19 @@ namespace tessaloom::linux_kernel {
 /// in its start from everyone who can get the pid later.
 ///
 /// Between listings the files of known processes stay open, because opening costs more than
-/// reading. An open file names its process and no other, however pids are reused. Every value is
-/// read again each time. Safe from any thread; a listing that finds the open files in use does
-/// without them.
+/// reading. An open file names its process and no other, however pids are reused. Resident sizes
+/// are read again each time; the rest is, too, unless the process is of one thread and provably did
+/// nothing since (RestWitness). Two things happen to a process without its doing: it loses its
+/// terminal, so that with one it is always read, and its parent ends, so that it is read unless
+/// that is known to be alive.
+///
+/// Safe from any thread; a listing that finds the open files in use does without them.
 class ProcessTable {
  public:
-  /// Both outlive this object.
-  ProcessTable(const FileDescriptor& procDirectory, const StartClock& clock)
-      : procDirectory_(procDirectory), clock_(clock) {}
+  /// `procDirectory` and `clock` outlive this object. `settled`: the age at which a witness counts.
+  ProcessTable(const FileDescriptor& procDirectory, const StartClock& clock,
+               std::chrono::nanoseconds settled = RestWitness::longestTick)
+      : procDirectory_(procDirectory), clock_(clock), settled_(settled) {}
 
   struct Listing {
     std::vector<ProcessRecord> records;  ///< By pid; empty when /proc cannot be read.
@@ -42,23 +48,29 @@ class ProcessTable {
   void closeKeptFiles();
 
  private:
-  /// The files of one process, opened in this order.
+  struct Row {
+    ProcessRecord record;
+    std::uint64_t startTicks;
+    bool isAlive;  ///< Not a zombie, so that its children are still its own.
+    bool hasOneThread;
+  };
+  /// What is kept of one process; the files were opened in this order.
   struct OpenFiles {
     FileDescriptor stat;
     FileDescriptor statm;
+    RestWitness witness;     ///< Comes with the second listing.
+    std::optional<Row> row;  ///< From after the witness; absent when no witness can vouch for it.
+    std::uint64_t parentStartTicks = 0;  ///< Of the row's parent, then.
   };
   struct KeptProcess {
     std::int32_t pid;
     OpenFiles files;
   };
-  struct Row {
-    ProcessRecord record;
-    std::uint64_t startTicks;
-  };
   class Pass;
 
   const FileDescriptor& procDirectory_;
   const StartClock& clock_;
+  const std::chrono::nanoseconds settled_;
   OneUser<std::vector<KeptProcess>> kept_;  ///< By pid.
 };
 

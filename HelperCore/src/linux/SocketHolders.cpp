@@ -20,11 +20,6 @@ namespace tessaloom::linux_kernel {
 
 namespace {
 
-std::optional<RunCounters> readCounters(const FileDescriptor& schedstat) {
-  std::array<char, 128> buffer;
-  return schedstat ? parseRunCounters(readStart(schedstat.get(), buffer)) : std::nullopt;
-}
-
 std::string readName(int procDirectory, std::int32_t pid) {
   std::array<char, 256> buffer;
   auto text = readStartAt(procDirectory, ProcPath{pid, "comm"}.text(), buffer);
@@ -62,7 +57,7 @@ class SocketHolders::Pass {
       : procDirectory_(holders.procDirectory_.get()),
         settled_(holders.settled_),
         owner_(owner),
-        startedAt_(std::chrono::steady_clock::now()),
+        startedAt_(RestWitness::Clock::now()),
         known_(known),
         budget_(known != nullptr ? known->size() : 0) {}
 
@@ -87,7 +82,7 @@ class SocketHolders::Pass {
   const int procDirectory_;
   const std::chrono::nanoseconds settled_;
   const std::uint32_t owner_;
-  const SteadyTime startedAt_;
+  const RestWitness::Clock::time_point startedAt_;
   std::vector<KnownProcess>* const known_;
   DescriptorBudget budget_;
   std::atomic<bool> ranOut_ = false;
@@ -120,8 +115,8 @@ void SocketHolders::Pass::readPart(std::size_t begin, std::size_t end) {
     Slot& slot = slots_[i];
     while (next != known.end() && next->pid() < pid) ++next;
     if (next != known.end() && next->pid() == pid) {
-      // The pid of the entry stays readable: only the descriptor leaves it.
-      slot.known = {std::move(next->schedstat), next->counters, next->scannedAt, next->held};
+      // Other threads may look for their place by the pid of this entry, which stays readable.
+      slot.known = {.witness = std::move(next->witness), .held = next->held};
     }
     if (isUnchanged(slot.known)) {
       slot.held = slot.known.held;
@@ -134,35 +129,32 @@ void SocketHolders::Pass::readPart(std::size_t begin, std::size_t end) {
 /// Clears an entry that cannot become true again.
 bool SocketHolders::Pass::isUnchanged(KnownProcess& known) const {
   if (!known.held) return false;
-  auto counters = readCounters(known.schedstat);
-  if (counters != known.counters) {
+  if (!known.witness.findsNothing()) {
     known = {};
     return false;
   }
-  return startedAt_ - known.scannedAt >= settled_;
+  return known.witness.isSettled(startedAt_, settled_);
 }
 
 void SocketHolders::Pass::scan(std::int32_t pid, Slot& slot) {
   // Most processes of a machine are someone else's: asked first, because it is the cheapest.
   if (!isOwn(pid)) return;
-  KnownProcess found;
-  found.schedstat = open(ProcPath{pid, "schedstat"}.text());
-  auto counters = readCounters(found.schedstat);
+  RestWitness witness(procDirectory_, pid);
+  if (!witness.file() && outOfDescriptors()) ranOut_ = true;
+  const bool isWitnessed = witness.sees();
   const bool ownedWhenOpened =
-      found.schedstat && isOwnedBy(owner_, procDirectory_, pid, found.schedstat);
-  found.counters = counters.value_or(RunCounters{});
-  found.scannedAt = std::chrono::steady_clock::now();
+      isWitnessed && isOwnedBy(owner_, procDirectory_, pid, witness.file());
   const bool oneThread = hasOneThread(procDirectory_, pid);
-  found.held = readHeldSockets(pid);
-  // The file was opened first and can still be read, or else the pid may have changed hands between
-  // the other calls. Without such a file the owner alone is looked at again.
-  const bool sameOwner = counters ? readCounters(found.schedstat) && ownedWhenOpened : isOwn(pid);
+  auto held = readHeldSockets(pid);
+  // The witness was there first and still sees its process, or else the pid may have changed hands
+  // between the other calls. Without a witness the owner alone is looked at again.
+  const bool sameOwner = isWitnessed ? ownedWhenOpened && witness.sees() : isOwn(pid);
   if (!sameOwner) return;
 
-  slot.held = found.held;
+  slot.held = held;
   // Knowledge that a scan confirms keeps its age.
-  if (slot.known.held || !counters || !oneThread || known_ == nullptr) return;
-  if (budget_.take(1)) slot.known = std::move(found);
+  if (slot.known.held || !isWitnessed || !oneThread || known_ == nullptr) return;
+  if (budget_.take(1)) slot.known = {.witness = std::move(witness), .held = std::move(held)};
 }
 
 std::shared_ptr<const HeldSockets> SocketHolders::Pass::readHeldSockets(std::int32_t pid) {

@@ -8,7 +8,7 @@
 
 #include "HelperCore/FileDescriptor.h"
 #include "linux/OneUser.h"
-#include "linux/ProcText.h"
+#include "linux/RestWitness.h"
 
 namespace tessaloom::linux_kernel {
 
@@ -28,24 +28,19 @@ struct HeldSockets {
 /// Finds out which processes of a user hold which sockets, from the links in /proc/PID/fd. That is
 /// the dear part of a port listing: a call of the kernel for each open file of each process.
 ///
-/// What it found stays known, and is found again without looking, for a process that provably did
-/// nothing since: it had one thread then, and no counter of its scheduling has moved. A thread is
-/// counted before it runs and its time is settled when it stops or at a tick, so equal counters say
-/// that it either slept all the while or ran all the while without a tick; the latter is ruled out
-/// by letting no knowledge count that is younger than the longest time between two ticks.
-/// Descriptors, name and namespace of a process change by its own doing alone.
+/// What it found stays known, and is found again without looking, for a process of one thread that
+/// provably did nothing since (RestWitness): descriptors, name and namespace of a process change by
+/// its own doing alone.
 ///
 /// Safe from any thread; a listing that finds the knowledge in use does without it.
 class SocketHolders {
  public:
-  /// More than the second at most that a CPU runs a process without a tick (nohz_full).
-  static constexpr std::chrono::seconds longestTick{2};
   /// Beyond this many sockets, processes are not remembered.
   static constexpr std::size_t mostSocketsKnown = 100'000;
 
   /// `procDirectory` outlives this object. `settled`: the age at which knowledge counts.
   explicit SocketHolders(const FileDescriptor& procDirectory,
-                         std::chrono::nanoseconds settled = longestTick)
+                         std::chrono::nanoseconds settled = RestWitness::longestTick)
       : procDirectory_(procDirectory), settled_(settled) {}
 
   struct Listing {
@@ -62,12 +57,8 @@ class SocketHolders {
   void forget();
 
  private:
-  using SteadyTime = std::chrono::steady_clock::time_point;
-
   struct KnownProcess {
-    FileDescriptor schedstat;  ///< Names the process as long as it can be read.
-    RunCounters counters;      ///< Read before `held` was.
-    SteadyTime scannedAt;      ///< Between the two.
+    RestWitness witness;  ///< From before `held` was read.
     std::shared_ptr<const HeldSockets> held;
 
     std::int32_t pid() const { return held->pid; }

@@ -24,7 +24,9 @@ TEST(ProcText, ReadsTheStatLineWhateverTheName) {
     std::string line = statLine(name);
     auto stat = parseProcessStat(line);
     ASSERT_TRUE(stat);
-    EXPECT_EQ(*stat, (ProcessStat{.name = name, .parentPID = 7, .startTicks = 123456}));
+    EXPECT_EQ(*stat,
+              (ProcessStat{
+                  .name = name, .state = 'S', .parentPID = 7, .threads = 1, .startTicks = 123456}));
   }
   EXPECT_EQ(parseProcessStat(statLine("sh", "-2147483648"))->terminal, 0x80000000U);
 }

@@ -80,6 +80,24 @@ TEST(LinuxProcessTable, ListsInOrderOfPidsWhateverStateTheyAreIn) {
   }
 }
 
+TEST(LinuxProcessTable, NoticesWhenAParentEndsWhileItsChildRests) {
+  constexpr std::chrono::milliseconds settled{100};
+  LinuxKernel kernel{settled};
+  ObedientChild parent;
+  const pid_t heir = parent.ask(Command::forkHeir);
+  // Long enough for the heir's row to be remembered, which takes three listings.
+  for (int listing = 0; listing < 4; ++listing) {
+    EXPECT_EQ(processesOf(kernel, {heir}).at(0).parentPID, parent.pid());
+    std::this_thread::sleep_for(settled * 3 / 2);
+  }
+  kill(parent.pid(), SIGKILL);
+  siginfo_t ended{};
+  waitid(P_PID, static_cast<id_t>(parent.pid()), &ended, WEXITED | WNOWAIT);
+  EXPECT_NE(processesOf(kernel, {heir}).at(0).parentPID, parent.pid()) << "it is a zombie now";
+  EXPECT_EQ(processesOf(kernel, {parent.pid()}).size(), 1U);
+  kill(heir, SIGKILL);
+}
+
 TEST(LinuxProcessTable, ListsOnlyTheUsersProcesses) {
   LinuxKernel kernel;
   if (getuid() != 0) {
