@@ -1,11 +1,11 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include <utf8proc.h>
@@ -31,18 +31,15 @@ inline std::string decomposed(std::string_view character) {
 
 inline std::vector<std::string> characters(const std::string& text) {
   std::vector<std::string> clusters;
-  utf8proc_int32_t state = 0;
-  utf8proc_int32_t previous = -1;
-  for (std::size_t position = 0; position < text.size();) {
-    utf8proc_int32_t scalar = 0;
-    const auto length =
-        utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(text.data()) + position,
-                         static_cast<utf8proc_ssize_t>(text.size() - position), &scalar);
+  utf8proc_int32_t state = 0, previous = -1, scalar = 0;
+  for (std::size_t start = 0, length = 0; start < text.size(); start += length) {
+    const auto* rest = reinterpret_cast<const utf8proc_uint8_t*>(text.data()) + start;
+    length = static_cast<std::size_t>(
+        utf8proc_iterate(rest, static_cast<utf8proc_ssize_t>(text.size() - start), &scalar));
     if (previous < 0 || utf8proc_grapheme_break_stateful(previous, scalar, &state)) {
       clusters.emplace_back();
     }
-    clusters.back().append(text, position, static_cast<std::size_t>(length));
-    position += static_cast<std::size_t>(length);
+    clusters.back().append(text, start, length);
     previous = scalar;
   }
   for (auto& cluster : clusters) cluster = decomposed(cluster);
@@ -52,11 +49,11 @@ inline std::vector<std::string> characters(const std::string& text) {
 /// The pieces of a valid text between its slashes.
 inline std::vector<Piece> pieces(const std::string& text) {
   std::vector<Piece> result(1);
-  for (auto& character : characters(text)) {
+  for (const auto& character : characters(text)) {
     if (character == "/") {
       result.emplace_back();
     } else {
-      result.back().push_back(std::move(character));
+      result.back().push_back(character);
     }
   }
   return result;
@@ -68,30 +65,32 @@ inline std::optional<GlobPatternError::Case> failure(const std::string& pattern)
   if (all.empty()) return emptyPattern;
   if (all.front() == "/") return leadingSlash;
   if (all.back() == "/") return trailingSlash;
-  for (const auto& one : all) {
-    if (one == "\\" || one == "[" || one == "]") return unsupportedCharacter;
+  for (const auto* one : {"\\", "[", "]"}) {
+    if (std::ranges::count(all, one) > 0) return unsupportedCharacter;
   }
   for (const auto& segment : pieces(pattern)) {
     if (segment.empty()) return emptySegment;
-    for (std::size_t i = 1; segment.size() > 2 && i < segment.size(); ++i) {
-      if (segment[i - 1] == "*" && segment[i] == "*") return doubleStarWithinSegment;
-    }
+    const auto doubleStar = std::ranges::search(segment, Piece{"*", "*"});
+    if (segment.size() > 2 && !doubleStar.empty()) return doubleStarWithinSegment;
   }
   return std::nullopt;
 }
 
-inline bool matchesSegment(const Piece& segment, const Piece& piece) {
-  // possible[p][s]: the rest of the segment from p matches the rest of the piece from s.
-  std::vector<std::vector<bool>> possible(segment.size() + 1, std::vector<bool>(piece.size() + 1));
-  for (std::size_t p = segment.size() + 1; p-- > 0;) {
-    for (std::size_t s = piece.size() + 1; s-- > 0;) {
-      if (p == segment.size()) {
-        possible[p][s] = s == piece.size();
-      } else if (s < piece.size() && (segment[p] == "?" || segment[p] == piece[s])) {
-        possible[p][s] = possible[p + 1][s + 1];  // a literal, even if it is a star
-      } else if (segment[p] == "*") {
-        for (std::size_t end = s; end <= piece.size(); ++end) {
-          if (possible[p + 1][end]) possible[p][s] = true;
+/// Whether the pattern matches the whole text, when `isOne` tells what stands for one element of it
+/// and `isStar` what stands for any number of them. What can be one element is not also a star.
+template <class Element, class IsOne, class IsStar>
+bool matchesAll(const std::vector<Element>& pattern, const std::vector<Element>& text, IsOne isOne,
+                IsStar isStar) {
+  // possible[p][t]: the rest of the pattern from p matches the rest of the text from t.
+  std::vector<std::vector<bool>> possible(pattern.size() + 1, std::vector<bool>(text.size() + 1));
+  possible.back().back() = true;
+  for (std::size_t p = pattern.size(); p-- > 0;) {
+    for (std::size_t t = text.size() + 1; t-- > 0;) {
+      if (t < text.size() && isOne(pattern[p], text[t])) {
+        possible[p][t] = possible[p + 1][t + 1];
+      } else if (isStar(pattern[p])) {
+        for (std::size_t end = t; end <= text.size(); ++end) {
+          if (possible[p + 1][end]) possible[p][t] = true;
         }
       }
     }
@@ -100,29 +99,20 @@ inline bool matchesSegment(const Piece& segment, const Piece& piece) {
 }
 
 inline bool matches(const std::vector<Piece>& pattern, const std::vector<Piece>& path) {
-  // possible[i][n]: the segments from i match the pieces from n.
-  std::vector<std::vector<bool>> possible(pattern.size() + 1, std::vector<bool>(path.size() + 1));
-  for (std::size_t i = pattern.size() + 1; i-- > 0;) {
-    for (std::size_t n = path.size() + 1; n-- > 0;) {
-      const bool hasPiece = n < path.size();
-      if (i == pattern.size()) {
-        possible[i][n] = !hasPiece;
-      } else if (pattern[i] == Piece{"*", "*"}) {
-        possible[i][n] = possible[i + 1][n] || (hasPiece && possible[i][n + 1]);
-      } else {
-        possible[i][n] = hasPiece && possible[i + 1][n + 1] && matchesSegment(pattern[i], path[n]);
-      }
-    }
-  }
-  return possible[0][0];
+  const auto isDoubleStar = [](const Piece& segment) { return segment == Piece{"*", "*"}; };
+  const auto isCharacter = [](const std::string& one, const std::string& character) {
+    return one == "?" || one == character;  // a literal, even if it is a star
+  };
+  const auto matchesPiece = [&](const Piece& segment, const Piece& piece) {
+    return !isDoubleStar(segment) && matchesAll(segment, piece, isCharacter,
+                                                [](const std::string& one) { return one == "*"; });
+  };
+  return matchesAll(pattern, path, matchesPiece, isDoubleStar);
 }
 
 /// Whether a path of these pieces can match anything at all.
 inline bool isPath(const std::vector<Piece>& path) {
-  for (const auto& piece : path) {
-    if (piece.empty()) return false;
-  }
-  return true;
+  return std::ranges::none_of(path, &Piece::empty);
 }
 
 }  // namespace tessaloom::naive
