@@ -1,6 +1,5 @@
 #include "e2e/BusClient.h"
 
-#include <chrono>
 #include <stdexcept>
 
 namespace tessaloom {
@@ -48,21 +47,15 @@ BusReply readReply(sd_bus_message* message) {
   }
   const std::string_view signature = sd_bus_message_get_signature(message, 1);
   const void* bytes = nullptr;
-  const char* text = nullptr;
+  const char* text = "";
   std::size_t size = 0;
   std::uint32_t small = 0;
-  if (signature == "ay") {
-    check(sd_bus_message_read_array(message, 'y', &bytes, &size), "body");
-    reply.body.assign(static_cast<const char*>(bytes), size);
-  } else if (signature == "x") {
-    check(sd_bus_message_read(message, "x", &reply.number), "number");
-  } else if (signature == "u") {
-    check(sd_bus_message_read(message, "u", &small), "number");
-    reply.number = small;
-  } else if (signature == "s") {
-    check(sd_bus_message_read(message, "s", &text), "text");
-    reply.body = text;
-  }
+  if (signature == "ay") check(sd_bus_message_read_array(message, 'y', &bytes, &size), "body");
+  if (signature == "x") check(sd_bus_message_read(message, "x", &reply.number), "number");
+  if (signature == "u") check(sd_bus_message_read(message, "u", &small), "number");
+  if (signature == "s") check(sd_bus_message_read(message, "s", &text), "text");
+  reply.body = bytes != nullptr ? std::string(static_cast<const char*>(bytes), size) : text;
+  if (small != 0) reply.number = small;
   return reply;
 }
 
@@ -89,8 +82,8 @@ BusClient::BusClient(const std::string& address) {
   check(sd_bus_set_address(bus_, address.c_str()), "address");
   check(sd_bus_set_bus_client(bus_, 1), "client");
   check(sd_bus_start(bus_), "start");
-  const char* name =
-      nullptr;  // Known once the bus has answered: calls are sent at once from here on.
+  // Known once the bus has answered: calls are sent at once from here on.
+  const char* name = nullptr;
   check(sd_bus_get_unique_name(bus_, &name), "connect");
 }
 

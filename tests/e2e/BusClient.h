@@ -52,11 +52,7 @@ class BusClient {
   /// Handles what has arrived, without waiting.
   void process();
 
-  sd_bus* bus() { return bus_; }
-
  private:
-  BusReply await(sd_bus_message* call);
-
   sd_bus* bus_ = nullptr;
   std::function<int(sd_bus_message*)> answer_;
 };

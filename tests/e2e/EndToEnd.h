@@ -39,8 +39,10 @@ class EndToEnd : public testing::Test {
     }
   };
 
-  static std::string idBody(const std::string& id) {
-    return nlohmann::json{{"requestID", id}}.dump();
+  /// Whether a cancellation found the generation running.
+  bool cancel(const Request& request) {
+    return client.call("CancelGeneration", nlohmann::json{{"requestID", request.id}}.dump()).body ==
+           R"({"succeeded":true})";
   }
 
   /// A word that makes the practice engine create a file.
@@ -74,15 +76,13 @@ struct ProcessFootprint {
   std::size_t descriptors = 0;
   std::size_t threads = 0;
   std::size_t children = 0;
-
-  friend bool operator==(const ProcessFootprint&, const ProcessFootprint&) = default;
+  bool operator==(const ProcessFootprint&) const = default;
 };
 
 ProcessFootprint footprintOf(pid_t process);
 std::vector<pid_t> childrenOf(pid_t process);
-/// How many processes that have not exited are in this process group.
-std::size_t livingInGroup(pid_t group);
-/// False for one that has exited and was not waited for yet.
+/// One that has exited and was not waited for yet is not alive.
+bool isGroupAlive(pid_t group);
 bool isAlive(pid_t process);
 
 }  // namespace tessaloom

@@ -1,6 +1,5 @@
 #include <algorithm>
-#include <fstream>
-#include <iterator>
+#include <cctype>
 #include <sstream>
 
 #include "e2e/EndToEnd.h"
@@ -12,22 +11,20 @@ namespace {
 namespace fs = std::filesystem;
 
 struct ProcessRow {
-  pid_t pid;
-  char state;
-  pid_t parent;
-  pid_t group;
+  pid_t pid = 0;
+  char state = 0;
+  pid_t parent = 0;
+  pid_t group = 0;
 };
 
 std::vector<ProcessRow> allProcesses() {
   std::vector<ProcessRow> rows;
   std::error_code ignored;
   for (const auto& entry : fs::directory_iterator("/proc", ignored)) {
-    const std::string name = entry.path().filename();
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
     const std::string stat = textOf(entry.path() / "stat");
     const auto end = stat.rfind(')');
-    if (end == std::string::npos) continue;
-    ProcessRow row{.pid = std::stoi(name), .state = 0, .parent = 0, .group = 0};
+    if (end == std::string::npos || std::isdigit(stat.front()) == 0) continue;
+    ProcessRow row{.pid = std::stoi(stat)};
     std::istringstream(stat.substr(end + 1)) >> row.state >> row.parent >> row.group;
     rows.push_back(row);
   }
@@ -56,10 +53,10 @@ std::vector<pid_t> childrenOf(pid_t process) {
   return children;
 }
 
-std::size_t livingInGroup(pid_t group) {
-  return static_cast<std::size_t>(std::ranges::count_if(allProcesses(), [&](const ProcessRow& row) {
+bool isGroupAlive(pid_t group) {
+  return std::ranges::any_of(allProcesses(), [&](const ProcessRow& row) {
     return row.group == group && row.state != 'Z';
-  }));
+  });
 }
 
 bool isAlive(pid_t process) {

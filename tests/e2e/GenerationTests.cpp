@@ -9,8 +9,6 @@
 namespace tessaloom {
 namespace {
 
-using nlohmann::json;
-
 class Generation : public EndToEnd {
  protected:
   void expectKind(const BusReply& reply, const std::string& kind) {
@@ -37,9 +35,8 @@ TEST_F(Generation, RefusesAFourthWhileThreeAreLaunched) {
 }
 
 TEST_F(Generation, IsCancelledBeforeWhileAndAfterItRuns) {
-  const std::string no = R"({"succeeded":false})";
   const Request before{.prompt = "Too late" + touch("ran")};
-  EXPECT_EQ(client.call("CancelGeneration", idBody(before.id)).body, no);
+  EXPECT_FALSE(cancel(before));
   expectKind(client.call("GenerateText", before.body()), "cancelled");
   EXPECT_TRUE(awaitFile("ran"));  // A cancellation that came first never signals the engine.
   EXPECT_FALSE(client.call("GenerateText", before.body()).isError());  // And counts once.
@@ -48,35 +45,33 @@ TEST_F(Generation, IsCancelledBeforeWhileAndAfterItRuns) {
   const auto reply = client.send("GenerateText", running.body());
   ASSERT_TRUE(awaitFile("running"));
   EXPECT_TRUE(hasDirectory(running));
-  EXPECT_EQ(client.call("CancelGeneration", idBody(running.id)).body, R"({"succeeded":true})");
+  EXPECT_TRUE(cancel(running));
   expectKind(client.await(reply), "cancelled");
   EXPECT_FALSE(hasDirectory(running));
-  EXPECT_EQ(client.call("CancelGeneration", idBody(running.id)).body, no);
+  EXPECT_FALSE(cancel(running));
 }
 
 TEST_F(Generation, PastItsDeadlineIsEndedWithWhatItStarted) {
-  const Request request{.prompt = "Resist practice:ignore-term practice:grandchild=600000" +
-                                  touch("up") + " practice:hang",
-                        .timeout = 5};
-  const auto pending = client.send("GenerateText", request.body());
-  ASSERT_TRUE(awaitFile("up"));
-  const auto engines = childrenOf(client.helperProcess());
-  ASSERT_EQ(engines.size(), 1U);
-  const BusReply reply = client.await(pending);
-  expectKind(reply, "timedOut");
-  EXPECT_EQ(reply.message, "The command didn’t finish within 5 seconds.");
-  EXPECT_TRUE(eventually([&] { return livingInGroup(engines.front()) == 0; }));
-  EXPECT_FALSE(hasDirectory(request));
-}
-
-TEST_F(Generation, SurvivesFiveMebibytesOfOutput) {
-  for (const char* stream : {"flood", "flood-err"}) {
-    // Reading ends at the cap, and the engine then blocks until its deadline.
-    const Request request{.prompt = std::string("Shout practice:") + stream + "=5242880",
-                          .timeout = 5};
-    expectKind(client.call("GenerateText", request.body()), "timedOut");
-    EXPECT_FALSE(hasDirectory(request));
+  // Reading ends at the cap, and an engine that goes on writing blocks.
+  const std::vector<Request> requests{
+      {.prompt = "Resist practice:ignore-term practice:grandchild=600000 practice:hang",
+       .timeout = 5},
+      {.prompt = "Shout practice:flood=5242880", .timeout = 5},
+      {.prompt = "Complain practice:flood-err=5242880", .timeout = 5}};
+  client.call("ProtocolVersion");
+  const pid_t helper = client.helperProcess();
+  std::vector<std::shared_ptr<BusClient::Pending>> replies;
+  for (const auto& request : requests)
+    replies.push_back(client.send("GenerateText", request.body()));
+  std::vector<pid_t> engines;
+  EXPECT_TRUE(eventually([&] { return (engines = childrenOf(helper)).size() == 3; }));
+  for (const auto& pending : replies) {
+    const BusReply reply = client.await(pending);
+    expectKind(reply, "timedOut");
+    EXPECT_EQ(reply.message, "The command didn’t finish within 5 seconds.");
   }
+  for (const pid_t engine : engines) EXPECT_TRUE(eventually([&] { return !isGroupAlive(engine); }));
+  for (const auto& request : requests) EXPECT_FALSE(hasDirectory(request));
 }
 
 TEST_F(Generation, EndsNormallyWhenItsClientVanishes) {
@@ -100,14 +95,10 @@ TEST_F(Generation, EndsNormallyWhenItsClientVanishes) {
 TEST_F(Generation, ManyLeaveTheHelperAsItWas) {
   const char* wanted = std::getenv("TESSALOOM_GENERATIONS");
   const int count = wanted != nullptr ? std::atoi(wanted) : 25;
-  const std::vector<std::string> prompts{"Plain",
-                                         "Fail practice:exit=3",
-                                         "Die practice:signal=9",
-                                         "Shout practice:flood=200000",
-                                         "Lie practice:garbage",
-                                         "Complain practice:flood-err=200000"};
+  const std::string words[] = {"exit=0",       "exit=3",  "signal=9",
+                               "flood=200000", "garbage", "flood-err=200000"};
   const auto generate = [&](int turn) {
-    const Request request{.prompt = prompts[static_cast<std::size_t>(turn) % prompts.size()],
+    const Request request{.prompt = "Do practice:" + words[turn % std::ssize(words)],
                           .engine = turn % 2 == 0 ? "codex" : "claudeCode"};
     client.call("GenerateText", request.body());
     EXPECT_FALSE(hasDirectory(request));
@@ -123,9 +114,7 @@ TEST_F(Generation, ManyLeaveTheHelperAsItWas) {
     const ProcessFootprint now = footprintOf(helper);
     return now.descriptors == settled.descriptors && now.threads <= settled.threads &&
            now.children == 0;
-  })) << footprintOf(helper).descriptors
-      << " descriptors instead of " << settled.descriptors << ", " << footprintOf(helper).threads
-      << " threads instead of " << settled.threads;
+  }));
   EXPECT_EQ(client.helperProcess(), helper);
 }
 

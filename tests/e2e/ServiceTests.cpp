@@ -11,21 +11,18 @@ class Service : public EndToEnd {};
 
 TEST_F(Service, AnswersWhatItIs) {
   EXPECT_EQ(client.call("ProtocolVersion").number, 1);
-  const json capabilities = json::parse(client.call("HelperCapabilities").body);
-  EXPECT_EQ(capabilities,
-            (json{{"names", {"textGeneration.v1"}}, {"helperVersion", TESSALOOM_VERSION}}));
+  EXPECT_EQ(client.call("HelperCapabilities").body,
+            R"({"names":["textGeneration.v1"],"helperVersion":")" TESSALOOM_VERSION "\"}");
   EXPECT_EQ(client.call("QuitIfOutdated").body, R"({"isOutdated":false,"willExit":false})");
-  EXPECT_EQ(client.call("CancelGeneration", idBody(Request{}.id)).body, R"({"succeeded":false})");
+  EXPECT_FALSE(cancel({}));
 }
 
 TEST_F(Service, TellsWhichEnginesThereAre) {
   std::filesystem::remove(bus.home() / ".local/bin/codex");
-  const json claude =
-      json::parse(client.call("GenerationEngineStatus", R"({"engine":"claudeCode"})").body);
-  EXPECT_EQ(claude["binaryFound"], true);
-  EXPECT_FALSE(claude["version"].get<std::string>().empty());
   EXPECT_EQ(client.call("GenerationEngineStatus", R"({"engine":"codex"})").body,
             R"({"engine":"codex","binaryFound":false})");
+  EXPECT_TRUE(client.call("GenerationEngineStatus", R"({"engine":"claudeCode"})")
+                  .body.starts_with(R"({"engine":"claudeCode","binaryFound":true,"version":"2.)"));
 }
 
 TEST_F(Service, GeneratesEachShapeWithEachEngine) {
@@ -38,6 +35,9 @@ TEST_F(Service, GeneratesEachShapeWithEachEngine) {
       EXPECT_EQ(result["requestID"], request.id);
       EXPECT_EQ(result["engine"], engine);
       EXPECT_EQ(result.contains("fields"), std::string(shape) == "itemFields");
+      EXPECT_NE(result["text"].get<std::string>().find("Name a colour"), std::string::npos);
+      EXPECT_TRUE(result.contains("tokens"));
+      EXPECT_LT(result["durationMilliseconds"].get<unsigned>(), 60'000U);
       EXPECT_FALSE(hasDirectory(request));
     }
   }
@@ -57,21 +57,16 @@ TEST_F(Service, AnswersEachWrongCallWithItsError) {
     std::string code;
     std::string kind;
   } rows[] = {
-      {"GenerateText", "", helper + ".DecodingError", "", "1", ""},
       {"GenerateText", R"({"instructions":"","prompt":7})", helper + ".DecodingError", "prompt",
        "2", ""},
       {"GenerateText", Request{.timeout = 4}.body(), helper + ".DecodingError", "4", "102", ""},
       {"GenerationEngineStatus", R"({"engine":"other"})", helper + ".DecodingError", "engine", "1",
        ""},
-      {"CancelGeneration", R"({"requestID":"\ud800"})", helper + ".DecodingError", "", "1", ""},
       {"CancelGeneration", std::string(100'000, '['), helper + ".DecodingError", "", "1", ""},
       {"GenerateText", generate("not-signed-in"), generation + ".nonZeroExit", "", "1",
        "nonZeroExit"},
       {"GenerateText", generate("garbage"), generation + ".malformedOutput", "", "1",
        "malformedOutput"},
-      {"GenerateText", generate("signal=6"), generation + ".nonZeroExit", "", "1", "nonZeroExit"},
-      {"GenerateText", generate("long-stderr=10000 practice:exit=3"), generation + ".nonZeroExit",
-       "", "1", "nonZeroExit"},
       {"ProtocolVersion", "{}", "org.freedesktop.DBus.Error.InvalidArgs", "", "", ""},
       {"GenerateText", std::nullopt, "org.freedesktop.DBus.Error.InvalidArgs", "", "", ""},
       {"Generate", "{}", "org.freedesktop.DBus.Error.UnknownMethod", "", "", ""},
@@ -89,13 +84,10 @@ TEST_F(Service, AnswersEachWrongCallWithItsError) {
 }
 
 TEST_F(Service, DescribesItself) {
+  const char* peer[] = {"group.com.brindlemoor.Tessaloom.helper",
+                        "/com/brindlemoor/Tessaloom/Helper"};
   const std::string text =
-      client
-          .callOther("group.com.brindlemoor.Tessaloom.helper", "/com/brindlemoor/Tessaloom/Helper",
-                     "org.freedesktop.DBus.Introspectable", "Introspect")
-          .body;
-  EXPECT_NE(text.find(R"(<interface name="com.brindlemoor.Tessaloom.HelperServicing">)"),
-            std::string::npos);
+      client.callOther(peer[0], peer[1], "org.freedesktop.DBus.Introspectable", "Introspect").body;
   EXPECT_NE(text.find(R"(<method name="GenerateText">)"), std::string::npos);
 }
 
@@ -110,9 +102,8 @@ TEST_F(Service, RefusesAPeerThatIsNotInstalledBesideIt) {
     return textOf(bus.path(output));
   };
   const std::string elsewhere = session(bus.path("tessaloom-helperctl"), "refused");
-  for (int line = 1; line <= 3; ++line) {
-    EXPECT_NE(elsewhere.find(std::to_string(line) + " error " + name), std::string::npos)
-        << elsewhere;
+  for (const char* line : {"1 error ", "2 error ", "3 error "}) {
+    EXPECT_NE(elsewhere.find(line + name), std::string::npos) << elsewhere;
   }
   const std::string beside =
       session(bus.helper().parent_path() / "tessaloom-helperctl", "admitted");
@@ -125,7 +116,7 @@ TEST_F(Service, BoundsWhatOneCallerHasWaitingAndStillCancels) {
   for (int i = 0; i < 40; ++i) {
     probes.push_back(client.send("GenerationEngineStatus", R"({"engine":"codex"})"));
   }
-  EXPECT_EQ(client.call("CancelGeneration", idBody(Request{}.id)).body, R"({"succeeded":false})");
+  EXPECT_FALSE(cancel({}));
   createFile("go");
   std::size_t refused = 0;
   for (const auto& probe : probes) {
@@ -143,10 +134,8 @@ TEST_F(Service, AnswersEveryCallOfAFlood) {
   std::vector<std::shared_ptr<BusClient::Pending>> flood;
   for (int i = 0; i < 10'000; ++i) flood.push_back(client.send("HelperCapabilities"));
   for (const auto& call : flood) {
-    const BusReply reply = client.await(call);
-    if (reply.isError()) {
-      ASSERT_EQ(reply.errorName, "org.freedesktop.DBus.Error.LimitsExceeded");
-    }
+    const std::string error = client.await(call).errorName;
+    ASSERT_TRUE(error.empty() || error == "org.freedesktop.DBus.Error.LimitsExceeded") << error;
   }
   EXPECT_FALSE(client.call("HelperCapabilities").isError());
 }
