@@ -89,55 +89,29 @@ TEST(BinaryAllowlist, ExplainsEveryRejection) {
     EXPECT_EQ(BinaryAllowlist::message(rejection, "codex"), "codex " + text);
 }
 
-/// A home directory with an empty .local/bin.
-class RealFiles : public testing::Test {
- protected:
-  RealFiles() : home_(directory_.path()), bin_(home_ / ".local/bin") {
-    fs::create_directories(bin_);
-  }
-
-  static fs::path create(const fs::path& path, mode_t mode) {
+// What becomes of a refused one, the client's tests show with a real service.
+TEST(BinaryAllowlist, JudgesWhatALinkLeadsTo) {
+  const TemporaryDirectory directory;
+  const fs::path& home = directory.path();
+  const fs::path bin = home / ".local/bin";
+  const auto create = [](const fs::path& path, mode_t mode) {
     std::ofstream{path};
     fs::permissions(path, fs::perms(mode));
-    return path;
-  }
+  };
+  fs::create_directories(bin);
+  create(home / "store", 04755);
+  create(home / "plain", 0644);
+  fs::create_symlink("../../store", bin / "codex");
+  fs::create_symlink("nowhere", bin / "dangling");
+  fs::create_symlink("loop", bin / "loop");
 
-  const TemporaryDirectory directory_;
-  const fs::path home_, bin_;
-};
-
-TEST_F(RealFiles, AreJudgedByWhatTheLinkLeadsTo) {
-  create(home_ / "store", 04775);
-  fs::create_symlink("../../store", bin_ / "codex");
-  EXPECT_EQ(BinaryAllowlist::readFacts(bin_ / "codex"), file(::getuid(), 04775));
-  fs::create_symlink("nowhere", bin_ / "dangling");
-  fs::create_symlink("loop", bin_ / "loop");
+  EXPECT_EQ(BinaryAllowlist::readFacts(bin / "codex"), file(::getuid(), 04755));
+  EXPECT_FALSE(BinaryAllowlist::readFacts(bin)->isRegularFile);
+  EXPECT_FALSE(BinaryAllowlist::readFacts(home / "plain")->isExecutable);
   for (const char* path : {".local/bin/dangling", ".local/bin/loop", "store/below"})
-    EXPECT_EQ(BinaryAllowlist::readFacts(home_ / path), std::nullopt) << path;
-  EXPECT_FALSE(BinaryAllowlist::readFacts(bin_)->isRegularFile);
-  EXPECT_FALSE(BinaryAllowlist::readFacts(create(bin_ / "plain", 0644))->isExecutable);
-}
-
-TEST_F(RealFiles, DecideAboutAnEngine) {
-  const CurrentUser user{.homeDirectory = home_, .loginName = "u"};
-  const fs::path store = create(home_ / "store", 0755);
-  fs::create_symlink(store, bin_ / "codex");
+    EXPECT_EQ(BinaryAllowlist::readFacts(home / path), std::nullopt) << path;
   // The path as formed, so that the launch follows the link again.
-  EXPECT_EQ(resolveEngine(GenerationEngineID::codex, user), bin_ / "codex");
-
-  fs::permissions(store, fs::perms(0775));
-  const auto refused = resolveEngine(GenerationEngineID::codex, user);
-  if (!refused) {  // A machine may have one of its own in a system directory.
-    EXPECT_EQ(refused.error(),
-              (GenerationErrorPayload{
-                  GenerationFailureKind::binaryNotFound, GenerationEngineID::codex, std::nullopt,
-                  "codex was found but is writable by other users, so it wasn’t run."}));
-  }
-
-  const auto unknown = resolveEngine(GenerationEngineID::claudeCode, std::nullopt);
-  EXPECT_EQ(unknown.error(), (GenerationErrorPayload{GenerationFailureKind::launchFailed,
-                                                     GenerationEngineID::claudeCode, std::nullopt,
-                                                     "Could not determine the current user."}));
+  EXPECT_EQ(resolveEngine(GenerationEngineID::codex, CurrentUser{home, "u"}), bin / "codex");
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -15,11 +16,7 @@ namespace tessaloom {
 namespace {
 
 TEST(StrictJSONTests, KeepsIntegralNumbersExactly) {
-  struct Row {
-    const char* text;
-    json expected;
-  };
-  const std::vector<Row> rows{
+  const std::pair<const char*, json> rows[] = {
       {"5", 5U},
       {"-5.000", -5},
       {"0.5e1", 5U},
@@ -39,11 +36,10 @@ TEST(StrictJSONTests, KeepsIntegralNumbersExactly) {
       {"4.9999999999999999999", 5.0},
       {"0.1e-99999999999999999999", 0.0},
   };
-  for (const auto& row : rows) {
-    const auto value = StrictJSON::parse(row.text);
-    ASSERT_TRUE(value) << row.text;
-    EXPECT_EQ(*value, row.expected) << row.text;
-    EXPECT_EQ(value->is_number_float(), row.expected.is_number_float()) << row.text;
+  for (const auto& [text, expected] : rows) {
+    const auto value = StrictJSON::parse(text);
+    EXPECT_EQ(value, expected) << text;
+    EXPECT_EQ(value.value().is_number_float(), expected.is_number_float()) << text;
   }
 }
 

@@ -1,4 +1,6 @@
+#include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -53,7 +55,6 @@ TEST(GlobMatcherTests, Matches) {
     bool matches, matchesInAnyCase;
   };
   const std::vector<Row> rows{
-      {"docs/**/*.md", "docs/a/b/readme.md", true, true},
       {"*.MD", "notes.md", false, true},
       {"*.md", "NOTES.MD", false, true},
       // One user-perceived character, whatever its scalars.
@@ -80,22 +81,19 @@ TEST(GlobMatcherTests, Matches) {
 }
 
 /// All texts of up to `length` letters.
-std::vector<std::string> textsOf(const std::vector<std::string>& letters, std::size_t length) {
-  std::vector<std::string> texts{""};
-  std::size_t begin = 0;
-  for (std::size_t i = 0; i < length; ++i) {
-    const std::size_t end = texts.size();
-    for (; begin < end; ++begin) {
-      for (const auto& letter : letters) texts.push_back(texts[begin] + letter);
+std::set<std::string> textsOf(const std::vector<std::string>& letters, std::size_t length) {
+  std::set<std::string> texts{""};
+  for (; length > 0; --length) {
+    for (const auto& text : std::set(texts)) {
+      for (const auto& letter : letters) texts.insert(text + letter);
     }
   }
   return texts;
 }
 
-void compareWithNaive(const std::vector<std::string>& patterns,
-                      const std::vector<std::string>& paths) {
-  std::vector<std::vector<naive::Piece>> splitPaths;
-  for (const auto& path : paths) splitPaths.push_back(naive::pieces(path));
+void compareWithNaive(const std::set<std::string>& patterns, const std::set<std::string>& paths) {
+  std::map<std::string, std::vector<naive::Piece>> pieces;
+  for (const auto& path : paths) pieces[path] = naive::pieces(path);
   for (const auto& pattern : patterns) {
     const auto failure = failureOf(pattern);
     ASSERT_EQ(failure ? std::optional(failure->errorCase()) : std::nullopt, naive::failure(pattern))
@@ -103,9 +101,9 @@ void compareWithNaive(const std::vector<std::string>& patterns,
     if (failure) continue;
     const GlobMatcher matcher(pattern, false);
     const auto segments = naive::pieces(pattern);
-    for (std::size_t i = 0; i < paths.size(); ++i) {
-      const bool expected = naive::isPath(splitPaths[i]) && naive::matches(segments, splitPaths[i]);
-      ASSERT_EQ(matcher.matches(paths[i]), expected) << pattern << " against " << paths[i];
+    for (const auto& path : paths) {
+      const bool expected = naive::isPath(pieces[path]) && naive::matches(segments, pieces[path]);
+      ASSERT_EQ(matcher.matches(path), expected) << pattern << " against " << path;
     }
   }
 }
