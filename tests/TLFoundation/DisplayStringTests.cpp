@@ -46,9 +46,10 @@ TEST(DisplayStringTests, DropsExactlyTheControlsAndThe17Invisible) {
   forEveryScalar([&](char32_t scalar) {
     const bool isControl = scalar < 0x20 || (scalar >= 0x7F && scalar <= 0x9F);
     const bool dropped = isControl || invisible.contains(scalar);
-    text += encoded(scalar);
-    if (!dropped) line += encoded(scalar);
-    if (!dropped || scalar == '\t' || scalar == '\n') lines += encoded(scalar);
+    const auto form = encoded(scalar);
+    text += form;
+    if (!dropped) line += form;
+    if (!dropped || scalar == '\t' || scalar == '\n') lines += form;
     if (scalar % 0x100 != 0xFF) return;
     EXPECT_EQ(DisplayString::singleLine(text, 0x100), line);
     EXPECT_EQ(DisplayString::multiLine(text, 0x100), lines);

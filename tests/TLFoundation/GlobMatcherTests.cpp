@@ -101,8 +101,8 @@ void compareWithNaive(const std::set<std::string>& patterns, const std::set<std:
     if (failure) continue;
     const GlobMatcher matcher(pattern, false);
     const auto segments = naive::pieces(pattern);
-    for (const auto& path : paths) {
-      const bool expected = naive::isPath(pieces[path]) && naive::matches(segments, pieces[path]);
+    for (const auto& [path, split] : pieces) {
+      const bool expected = naive::isPath(split) && naive::matches(segments, split);
       ASSERT_EQ(matcher.matches(path), expected) << pattern << " against " << path;
     }
   }
@@ -111,7 +111,7 @@ void compareWithNaive(const std::set<std::string>& patterns, const std::set<std:
 TEST(GlobMatcherTests, AgreesWithTheNaiveMatcher) {
   compareWithNaive(textsOf({"a", "*", "?", "/", "["}, 4), textsOf({"a", "b", "*", "/"}, 3));
   compareWithNaive(textsOf({"a", "*", "b"}, 5), textsOf({"a", "b", "*"}, 4));
-  compareWithNaive(textsOf({"a", "**", "/"}, 6), textsOf({"a", "b", "/"}, 4));
+  compareWithNaive(textsOf({"a", "**", "/"}, 5), textsOf({"a", "b", "/"}, 4));
   const std::vector<std::string> marked{"e", "\u0301", "\u00E9", "*", "/"};
   compareWithNaive(textsOf(marked, 4), textsOf(marked, 3));
 }
