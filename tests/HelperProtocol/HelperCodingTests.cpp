@@ -139,7 +139,7 @@ TEST(HelperCodingTests, TellsWhereABodyIsWrong) {
       {kill, "null", "The message body is not an object"},
       {kill, R"({"pid":null,"signal":3})", "pid is missing"},
       {kill, R"({"pid":true,"signal":9})", "pid is not an integer"},
-      {kill, R"({"pid":5.7,"signal":9})", "pid is not an integer"},
+      {kill, R"({"pid":4.9999999999999999999,"signal":9})", "pid is not an integer"},
       {kill, R"({"pid":2147483648,"signal":9})", "pid is a number that does not fit"},
       {kill, R"({"pid":-2147483649,"signal":9})", "pid is a number that does not fit"},
       {kill, R"({"pid":18446744073709551617,"signal":9})", "pid is a number that does not fit"},
