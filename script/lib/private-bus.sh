@@ -62,7 +62,8 @@ CONFIG
 private_bus_write_activation() {
   local bin=$1 wrapper
   shift
-  wrapper=$(/sbin/ldconfig -p | awk '$1 == "libnss_wrapper.so" { print $NF; exit }')
+  # Read to the end: a pipe that is closed early fails the side that still writes.
+  wrapper=$(/sbin/ldconfig -p | awk '$1 == "libnss_wrapper.so" && !path { path = $NF } END { print path }')
   if [[ -z $wrapper ]]; then
     echo "private-bus: libnss_wrapper.so is missing (package libnss-wrapper)" >&2
     return 1
