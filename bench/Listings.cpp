@@ -130,8 +130,9 @@ Medians measure(const Subject& subject, Kernel& known, int rounds) {
   std::vector<Milliseconds> repeated;
   for (int round = 0; round < rounds; ++round) {
     peer.push_back(timed([&] { runPeer(subject.peer); }));
+    std::unique_ptr<Kernel> kernel;
     fresh.push_back(timed([&] {
-      const auto kernel = makeSystemKernel();
+      kernel = makeSystemKernel();
       subject.list(*kernel);
     }));
     repeated.push_back(timed([&] { subject.list(known); }));
