@@ -141,9 +141,8 @@ std::optional<ProcessTable::Row> ProcessTable::Pass::readAnew(std::int32_t pid, 
   OpenFiles opened = openFiles(pid);
   if (!opened.stat || !isOwnedBy(owner_, procDirectory_, pid, opened.stat)) return std::nullopt;
   auto row = readOpen(pid, opened);
-  if (row && keepFiles_ && !isYoung(*row) && budget_.take(filesPerProcess)) {
-    files = std::move(opened);
-  }
+  const bool isWorthKeeping = row && opened.statm && !isYoung(*row);
+  if (isWorthKeeping && keepFiles_ && budget_.take(filesPerProcess)) files = std::move(opened);
   return row;
 }
 

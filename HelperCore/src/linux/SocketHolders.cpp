@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <optional>
 #include <string_view>
@@ -19,13 +20,6 @@
 namespace tessaloom::linux_kernel {
 
 namespace {
-
-std::string readName(int procDirectory, std::int32_t pid) {
-  std::array<char, 256> buffer;
-  auto text = readStartAt(procDirectory, ProcPath{pid, "comm"}.text(), buffer);
-  if (text.ends_with('\n')) text.remove_suffix(1);
-  return std::string{text};
-}
 
 std::uint64_t readNetworkNamespace(int procDirectory, std::int32_t pid) {
   struct stat status{};
@@ -59,21 +53,28 @@ class SocketHolders::Pass {
         owner_(owner),
         startedAt_(RestWitness::Clock::now()),
         known_(known),
-        budget_(known != nullptr ? known->size() : 0) {}
+        budget_(known != nullptr ? countWitnesses(*known) : 0) {}
 
   Listing run();
 
  private:
+  static std::size_t countWitnesses(const std::vector<KnownProcess>& known) {
+    return static_cast<std::size_t>(std::ranges::count_if(
+        known, [](const KnownProcess& each) { return bool(each.witness.file()); }));
+  }
+
   struct Slot {
     std::shared_ptr<const HeldSockets> held;
     KnownProcess known;
   };
 
   void readPart(std::size_t begin, std::size_t end);
-  bool isUnchanged(KnownProcess& known) const;
   void scan(std::int32_t pid, Slot& slot);
+  void appointWitness(std::int32_t pid, KnownProcess& known);
+  std::string readName(std::int32_t pid);
   std::shared_ptr<const HeldSockets> readHeldSockets(std::int32_t pid);
-  std::vector<HeldSockets::Descriptor> readDescriptors(std::int32_t pid);
+  std::optional<std::vector<HeldSockets::Descriptor>> readDescriptors(
+      const FileDescriptor& directory) const;
   std::vector<HeldSockets::Descriptor> readOwnDescriptors() const;
   FileDescriptor open(const char* path, int flags = 0);
   bool isOwn(std::int32_t pid) const { return processOwner(procDirectory_, pid) == owner_; }
@@ -103,6 +104,8 @@ SocketHolders::Listing SocketHolders::Pass::run() {
     if (slot.held) listing.holders.push_back(std::move(slot.held));
   }
   if (known_ != nullptr) remember();
+  // What could not be opened must not be remembered as empty.
+  if (known_ != nullptr && ranOut_) known_->clear();
   return listing;
 }
 
@@ -116,62 +119,84 @@ void SocketHolders::Pass::readPart(std::size_t begin, std::size_t end) {
     while (next != known.end() && next->pid() < pid) ++next;
     if (next != known.end() && next->pid() == pid) {
       // Other threads may look for their place by the pid of this entry, which stays readable.
-      slot.known = {.witness = std::move(next->witness), .held = next->held};
+      slot.known = {std::move(next->witness), next->vouches, next->held};
     }
-    if (isUnchanged(slot.known)) {
-      slot.held = slot.known.held;
-    } else {
-      scan(pid, slot);
-    }
+    scan(pid, slot);
   }
-}
-
-/// Clears an entry that cannot become true again.
-bool SocketHolders::Pass::isUnchanged(KnownProcess& known) const {
-  if (!known.held) return false;
-  if (!known.witness.findsNothing()) {
-    known = {};
-    return false;
-  }
-  return known.witness.isSettled(startedAt_, settled_);
 }
 
 void SocketHolders::Pass::scan(std::int32_t pid, Slot& slot) {
+  KnownProcess& known = slot.known;
+  const bool nothingFound = known.vouches && known.witness.findsNothing();
+  if (nothingFound && known.witness.isSettled(startedAt_, settled_)) {
+    slot.held = known.held;
+    return;
+  }
   // Most processes of a machine are someone else's: asked first, because it is the cheapest.
-  if (!isOwn(pid)) return;
-  RestWitness witness(procDirectory_, pid);
-  if (!witness.file() && outOfDescriptors()) ranOut_ = true;
-  const bool isWitnessed = witness.sees();
-  const bool ownedWhenOpened =
-      isWitnessed && isOwnedBy(owner_, procDirectory_, pid, witness.file());
-  const bool oneThread = hasOneThread(procDirectory_, pid);
-  auto held = readHeldSockets(pid);
-  // The witness was there first and still sees its process, or else the pid may have changed hands
-  // between the other calls. Without a witness the owner alone is looked at again.
-  const bool sameOwner = isWitnessed ? ownedWhenOpened && witness.sees() : isOwn(pid);
-  if (!sameOwner) return;
-
-  slot.held = held;
-  // Knowledge that a scan confirms keeps its age.
-  if (slot.known.held || !isWitnessed || !oneThread || known_ == nullptr) return;
-  if (budget_.take(1)) slot.known = {.witness = std::move(witness), .held = std::move(held)};
+  if (!isOwn(pid)) {
+    known = {};
+    return;
+  }
+  // A process that is met a second time is worth a witness.
+  if (!nothingFound && known.held) appointWitness(pid, known);
+  slot.held = readHeldSockets(pid);
+  if (!slot.held || known_ == nullptr) {
+    known = {};
+  } else if (!nothingFound) {
+    known.held = slot.held;
+  }
 }
 
+/// Should the pid change hands now, the witness sees a process that is gone and vouches for
+/// nothing.
+void SocketHolders::Pass::appointWitness(std::int32_t pid, KnownProcess& known) {
+  if (known.witness.sees()) {
+    known.witness.startAgain();
+  } else {
+    const bool counts = bool(known.witness.file()) || budget_.take(1);
+    known.witness = counts ? RestWitness(procDirectory_, pid) : RestWitness();
+    if (counts && !known.witness.file() && outOfDescriptors()) ranOut_ = true;
+  }
+  known.vouches = known.witness.file() && hasOneThread(procDirectory_, pid);
+}
+
+/// Null when the process ended meanwhile or is not the user's.
 std::shared_ptr<const HeldSockets> SocketHolders::Pass::readHeldSockets(std::int32_t pid) {
   auto held = std::make_shared<HeldSockets>();
   held->pid = pid;
-  held->descriptors = pid == getpid() ? readOwnDescriptors() : readDescriptors(pid);
+  FileDescriptor directory;
+  if (pid == getpid()) {
+    held->descriptors = readOwnDescriptors();
+  } else {
+    directory = open(ProcPath{pid, "fd"}.text(), O_DIRECTORY);
+    // One that may not be looked at holds nothing, as far as can be told.
+    if (!directory) return errno == EACCES ? held : nullptr;
+    auto descriptors = readDescriptors(directory);
+    if (!descriptors || !isOwnedBy(owner_, procDirectory_, pid, directory)) return nullptr;
+    held->descriptors = *std::move(descriptors);
+  }
   if (held->descriptors.empty()) return held;
-  held->name = readName(procDirectory_, pid);
+  held->name = readName(pid);
   held->networkNamespace = readNetworkNamespace(procDirectory_, pid);
+  // As long as the folder can be read its process has the pid, and what was found by pid is its.
+  if (directory && !listNumbers(directory.get())) return nullptr;
   return held;
 }
 
-std::vector<HeldSockets::Descriptor> SocketHolders::Pass::readDescriptors(std::int32_t pid) {
+std::string SocketHolders::Pass::readName(std::int32_t pid) {
+  const FileDescriptor file = open(ProcPath{pid, "comm"}.text());
+  if (!file) return {};
+  std::array<char, 256> buffer;
+  auto text = readStart(file.get(), buffer);
+  if (text.ends_with('\n')) text.remove_suffix(1);
+  return std::string{text};
+}
+
+std::optional<std::vector<HeldSockets::Descriptor>> SocketHolders::Pass::readDescriptors(
+    const FileDescriptor& directory) const {
+  auto numbers = listNumbers(directory.get());
+  if (!numbers) return std::nullopt;
   std::vector<HeldSockets::Descriptor> descriptors;
-  const FileDescriptor directory = open(ProcPath{pid, "fd"}.text(), O_DIRECTORY);
-  auto numbers = directory ? listNumbers(directory.get()) : std::nullopt;
-  if (!numbers) return descriptors;
   for (const std::int32_t number : *numbers) {
     auto inode = readSocketLink(directory.get(), number);
     if (inode) descriptors.push_back({number, *inode});

@@ -58,7 +58,8 @@ class SocketHolders {
 
  private:
   struct KnownProcess {
-    RestWitness witness;  ///< From before `held` was read.
+    RestWitness witness;   ///< From before `held` was read; comes with the second listing.
+    bool vouches = false;  ///< The witness may be asked: there was one thread.
     std::shared_ptr<const HeldSockets> held;
 
     std::int32_t pid() const { return held->pid; }
