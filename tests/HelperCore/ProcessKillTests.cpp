@@ -43,19 +43,14 @@ class ProcessKillTest : public testing::Test {
   ProvenanceCache cache{std::chrono::seconds{60}};
 };
 
-TEST_F(ProcessKillTest, SendsThePosixNumbers) {
+TEST_F(ProcessKillTest, SendsThePosixNumbersAndTellsWhyTheKernelRefused) {
   for (Signal signal : {Signal::interrupt, Signal::kill, Signal::terminate}) {
     EXPECT_EQ(kill(listedAt, signal), KillResult{.succeeded = true});
   }
   EXPECT_EQ(kernel.signals,
             (std::vector<std::pair<std::int32_t, std::int32_t>>{{100, 2}, {100, 9}, {100, 15}}));
-}
-
-TEST_F(ProcessKillTest, TellsWhyTheKernelRefused) {
   kernel.signalError = EPERM;
   EXPECT_EQ(kill(listedAt), (KillResult{.succeeded = false, .message = "Operation not permitted"}));
-  kernel.signalError = ESRCH;
-  EXPECT_EQ(kill(listedAt), (KillResult{.succeeded = false, .message = "No such process"}));
 }
 
 TEST_F(ProcessKillTest, RefusesWhatTheListingDoesNotVouchFor) {
@@ -95,22 +90,20 @@ TEST_F(ProcessKillTest, RefusesWhatTheListingDoesNotVouchFor) {
   }
 }
 
-TEST_F(ProcessKillTest, RefusesBeforeTheFirstListing) {
+TEST_F(ProcessKillTest, RefusesBeforeTheFirstListingAndReadsTheClockAfterTheProcess) {
   ProvenanceCache unused{std::chrono::seconds{60}};
-  auto result = killProcess({.pid = ProcessID{100}, .signal = Signal::kill}, kernel, unused,
-                            [] { return at(0); });
-  EXPECT_EQ(result, refused);
-  EXPECT_TRUE(kernel.signals.empty());
-}
-
-TEST_F(ProcessKillTest, ReadsTheClockAfterTheProcess) {
-  bool read = false;
+  const KillRequest request{.pid = ProcessID{100}, .signal = Signal::kill};
+  int clockReadings = 0;
+  const WallClock clock = [&] {
+    ++clockReadings;
+    return at(0);
+  };
+  EXPECT_EQ(killProcess(request, kernel, unused, clock), refused);
+  EXPECT_EQ(clockReadings, 1);
   kernel.startTimes.clear();
-  killProcess({.pid = ProcessID{100}, .signal = Signal::kill}, kernel, cache, [&] {
-    read = true;
-    return at(listedAt);
-  });
-  EXPECT_FALSE(read);
+  EXPECT_EQ(killProcess(request, kernel, cache, clock), refused);
+  EXPECT_EQ(clockReadings, 1) << "there is nothing to date";
+  EXPECT_TRUE(kernel.signals.empty());
 }
 
 }  // namespace

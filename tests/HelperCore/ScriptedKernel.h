@@ -1,10 +1,10 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -48,58 +48,44 @@ class ScriptedKernel final : public Kernel {
   }
 
  private:
-  class Held final : public HeldProcess {
-   public:
-    Held(ScriptedKernel& kernel, std::int32_t pid) : kernel_(kernel), pid_(pid) {}
+  struct Held final : HeldProcess {
+    Held(ScriptedKernel& asked, std::int32_t number) : kernel(asked), pid(number) {}
     std::optional<ProcessStartTime> startTime() override {
-      auto found = kernel_.startTimes.find(pid_);
-      if (found == kernel_.startTimes.end()) return std::nullopt;
+      auto found = kernel.startTimes.find(pid);
+      if (found == kernel.startTimes.end()) return std::nullopt;
       return found->second;
     }
     int signal(std::int32_t number) override {
-      kernel_.signals.emplace_back(pid_, number);
-      return kernel_.signalError;
+      kernel.signals.emplace_back(pid, number);
+      return kernel.signalError;
     }
-
-   private:
-    ScriptedKernel& kernel_;
-    std::int32_t pid_;
+    ScriptedKernel& kernel;
+    const std::int32_t pid;
   };
 
-  class Sockets final : public SocketTable {
-   public:
-    explicit Sockets(ScriptedKernel& kernel) : kernel_(kernel) {}
+  struct Sockets final : SocketTable {
+    explicit Sockets(ScriptedKernel& asked) : kernel(asked) {}
     std::vector<std::int32_t> listOwnPIDs() override {
       std::vector<std::int32_t> pids;
-      for (const SocketHolder& holder : kernel_.holders) pids.push_back(holder.pid);
+      for (const SocketHolder& holder : kernel.holders) pids.push_back(holder.pid);
       return pids;
     }
     std::vector<std::int32_t> socketDescriptors(std::int32_t pid) override {
       std::vector<std::int32_t> numbers;
-      for (const Descriptor& descriptor : holder(pid).descriptors) {
-        numbers.push_back(descriptor.number);
-      }
+      for (const Descriptor& each : holder(pid).descriptors) numbers.push_back(each.number);
       return numbers;
     }
     std::string readProcessName(std::int32_t pid) override {
-      kernel_.namesRead.push_back(pid);
+      kernel.namesRead.push_back(pid);
       return holder(pid).name;
     }
     std::optional<SocketInfo> socketInfo(std::int32_t pid, std::int32_t number) override {
-      for (const Descriptor& descriptor : holder(pid).descriptors) {
-        if (descriptor.number == number) return descriptor.socket;
-      }
-      return std::nullopt;
+      return std::ranges::find(holder(pid).descriptors, number, &Descriptor::number)->socket;
     }
-
-   private:
     const SocketHolder& holder(std::int32_t pid) const {
-      for (const SocketHolder& holder : kernel_.holders) {
-        if (holder.pid == pid) return holder;
-      }
-      throw std::logic_error("asked about a process that was not listed");
+      return *std::ranges::find(kernel.holders, pid, &SocketHolder::pid);
     }
-    ScriptedKernel& kernel_;
+    ScriptedKernel& kernel;
   };
 };
 

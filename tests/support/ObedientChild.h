@@ -1,13 +1,14 @@
 #pragma once
 
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 #include "HelperCore/FileDescriptor.h"
 #include "support/ObedientProtocol.h"
@@ -27,26 +28,18 @@ class ObedientChild {
     }
     channel_ = FileDescriptor{ends[0]};
     FileDescriptor childEnd{ends[1]};
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, childEnd.get(), obedient::channel);
-    char name[] = "obedient";
-    char* arguments[] = {name, nullptr};
-    int error = posix_spawn(&pid_, OBEDIENT_PROCESS, &actions, nullptr, arguments, nullptr);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) throw std::runtime_error("posix_spawn failed");
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(childEnd.get(), obedient::channel);
+      execl(OBEDIENT_PROCESS, "obedient", nullptr);
+      _exit(127);
+    }
     childEnd.reset();
     receive();
   }
-  ObedientChild(ObedientChild&& other) noexcept
-      : pid_(std::exchange(other.pid_, -1)), channel_(std::move(other.channel_)) {}
-  ObedientChild& operator=(ObedientChild&& other) noexcept {
-    std::swap(pid_, other.pid_);
-    std::swap(channel_, other.channel_);
-    return *this;
-  }
+  ObedientChild(const ObedientChild&) = delete;
+  ObedientChild& operator=(const ObedientChild&) = delete;
   ~ObedientChild() {
-    if (pid_ <= 0) return;
     ::kill(pid_, SIGKILL);
     ::waitpid(pid_, nullptr, 0);
   }
@@ -54,12 +47,12 @@ class ObedientChild {
   pid_t pid() const { return pid_; }
 
   std::int32_t ask(Command command, std::int32_t first = 0, std::int32_t second = 0) {
-    return exchange({.command = command, .first = first, .second = second}, -1);
+    return exchange({.command = command, .first = first, .second = second});
   }
   std::int32_t ask(Command command, std::string_view text) {
     obedient::Request request{.command = command};
     std::ranges::copy(text.substr(0, sizeof request.text - 1), request.text);
-    return exchange(request, -1);
+    return exchange(request);
   }
 
   /// Gives the child a descriptor of its own of what `descriptor` refers to; tells its number.
@@ -68,19 +61,13 @@ class ObedientChild {
   }
   /// Takes a descriptor away from the child.
   FileDescriptor take(std::int32_t number) {
-    if (!obedient::sendMessage(
-            channel_.get(), obedient::Request{.command = Command::giveUp, .first = number}, -1)) {
-      throw std::runtime_error("the obedient process is gone");
-    }
-    receive();
+    ask(Command::giveUp, number);
     return std::move(received_);
   }
 
  private:
-  std::int32_t exchange(const obedient::Request& request, int descriptor) {
-    if (!obedient::sendMessage(channel_.get(), request, descriptor)) {
-      throw std::runtime_error("the obedient process is gone");
-    }
+  std::int32_t exchange(const obedient::Request& request, int descriptor = -1) {
+    obedient::sendMessage(channel_.get(), request, descriptor);
     return receive();
   }
   std::int32_t receive() {

@@ -19,20 +19,11 @@ void waitForever() {
   for (;;) pause();
 }
 
-/// A copy of this process that holds the same descriptors until its parent ends.
-std::int32_t forkTwin() {
-  pid_t twin = fork();
-  if (twin != 0) return twin;
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  close(channel);
-  waitForever();
-  return 0;
-}
-
-std::int32_t forkHeir() {
-  pid_t heir = fork();
-  if (heir != 0) return heir;
-  alarm(60);
+/// A copy of this process that holds the same descriptors, until its parent ends or for a minute.
+std::int32_t forkCopy(bool outlivesParent) {
+  pid_t copy = fork();
+  if (copy != 0) return copy;
+  outlivesParent ? void(alarm(60)) : void(prctl(PR_SET_PDEATHSIG, SIGKILL));
   close(channel);
   waitForever();
   return 0;
@@ -46,12 +37,9 @@ std::int32_t takeTerminal(const char* path) {
 
 std::int32_t obey(const Request& request, int received, char** arguments) {
   switch (request.command) {
-    case Command::greet:
-      return 0;
     case Command::keep:
       return received;
     case Command::giveUp:
-    case Command::close:
       return close(request.first);
     case Command::duplicate:
       return dup(request.first);
@@ -69,9 +57,9 @@ std::int32_t obey(const Request& request, int received, char** arguments) {
       std::thread{waitForever}.detach();
       return 0;
     case Command::forkTwin:
-      return forkTwin();
+      return forkCopy(false);
     case Command::forkHeir:
-      return forkHeir();
+      return forkCopy(true);
     case Command::forkZombie: {
       pid_t zombie = fork();
       if (zombie == 0) _exit(0);

@@ -14,10 +14,8 @@ namespace tessaloom::obedient {
 inline constexpr int channel = 0;
 
 enum class Command : std::int32_t {
-  greet,
   keep,            ///< Keeps the descriptor that comes with the request; tells its number.
   giveUp,          ///< Closes descriptor `first` after sending it along.
-  close,           ///< `first`.
   duplicate,       ///< `first`; tells the new number.
   duplicateOnto,   ///< `first` onto `second`.
   setName,         ///< `text`.
@@ -42,43 +40,37 @@ struct Reply {
   std::int32_t result;
 };
 
+/// A message as sendmsg(2) and recvmsg(2) take it, with room for one descriptor.
+template <class Message>
+struct Packet {
+  Message message{};
+  iovec part{&message, sizeof message};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  msghdr header{nullptr, 0, &part, 1, control, sizeof control, 0};
+};
+
 template <class Message>
 bool sendMessage(int socket, const Message& message, int descriptor) {
-  Message copy = message;
-  iovec part{&copy, sizeof copy};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof descriptor)] = {};
-  msghdr header{};
-  header.msg_iov = &part;
-  header.msg_iovlen = 1;
-  if (descriptor >= 0) {
-    header.msg_control = control;
-    header.msg_controllen = sizeof control;
-    cmsghdr* attachment = CMSG_FIRSTHDR(&header);
-    attachment->cmsg_level = SOL_SOCKET;
-    attachment->cmsg_type = SCM_RIGHTS;
-    attachment->cmsg_len = CMSG_LEN(sizeof descriptor);
-    std::memcpy(CMSG_DATA(attachment), &descriptor, sizeof descriptor);
-  }
-  return sendmsg(socket, &header, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof copy);
+  Packet<Message> packet{message};
+  cmsghdr* attachment = CMSG_FIRSTHDR(&packet.header);
+  attachment->cmsg_level = SOL_SOCKET;
+  attachment->cmsg_type = SCM_RIGHTS;
+  attachment->cmsg_len = CMSG_LEN(sizeof descriptor);
+  std::memcpy(CMSG_DATA(attachment), &descriptor, sizeof descriptor);
+  if (descriptor < 0) packet.header.msg_controllen = 0;
+  return sendmsg(socket, &packet.header, MSG_NOSIGNAL) == sizeof message;
 }
 
 /// False when the other end is closed. `descriptor` is -1 unless one came along.
 template <class Message>
 bool receiveMessage(int socket, Message& message, int& descriptor) {
-  descriptor = -1;
-  iovec part{&message, sizeof message};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof descriptor)] = {};
-  msghdr header{};
-  header.msg_iov = &part;
-  header.msg_iovlen = 1;
-  header.msg_control = control;
-  header.msg_controllen = sizeof control;
+  Packet<Message> packet;
   // Not close-on-exec: what a process keeps outlives its execution of another program.
-  if (recvmsg(socket, &header, 0) != static_cast<ssize_t>(sizeof message)) return false;
-  const cmsghdr* attachment = CMSG_FIRSTHDR(&header);
-  if (attachment != nullptr && attachment->cmsg_type == SCM_RIGHTS) {
-    std::memcpy(&descriptor, CMSG_DATA(attachment), sizeof descriptor);
-  }
+  if (recvmsg(socket, &packet.header, 0) != sizeof message) return false;
+  message = packet.message;
+  descriptor = -1;
+  const cmsghdr* attachment = CMSG_FIRSTHDR(&packet.header);
+  if (attachment != nullptr) std::memcpy(&descriptor, CMSG_DATA(attachment), sizeof descriptor);
   return true;
 }
 

@@ -1,11 +1,12 @@
 #pragma once
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
-#include <string>
 #include <string_view>
 #include <vector>
 
@@ -14,6 +15,10 @@
 #include "HelperCore/ProcessListing.h"
 
 namespace tessaloom {
+
+/// An age at which the rest of a process counts, on a machine that ticks at least a hundred times a
+/// second and is busy.
+inline constexpr std::chrono::milliseconds settled{100};
 
 /// The rows of some processes, in the order of the listing. Others come and go as they like.
 inline std::vector<RawProcess> processesOf(Kernel& kernel, const std::vector<pid_t>& pids) {
@@ -29,19 +34,22 @@ inline std::vector<PortSample> portsOf(Kernel& kernel, const std::vector<pid_t>&
 
 enum class SocketUse : std::uint8_t { tcpListening, tcpUnused, udpBound, udpUnbound, udpConnected };
 
-/// A socket on an address of the machine itself and a port of the kernel's choice.
-inline FileDescriptor makeSocket(SocketUse use, int family = AF_INET, bool shared = false) {
-  bool tcp = use == SocketUse::tcpListening || use == SocketUse::tcpUnused;
-  FileDescriptor made{socket(family, (tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, 0)};
-  int on = 1;
-  if (shared) setsockopt(made.get(), SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
-  sockaddr_storage address{};
-  address.ss_family = static_cast<sa_family_t>(family);
-  if (family == AF_INET) {
-    reinterpret_cast<sockaddr_in&>(address).sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  } else {
-    reinterpret_cast<sockaddr_in6&>(address).sin6_addr = in6addr_loopback;
-  }
+/// A socket on an address of the machine itself; port 0 is one of the kernel's choice. None when
+/// there is no IPv6 here.
+inline FileDescriptor makeSocket(SocketUse use, const char* numericAddress = "127.0.0.1",
+                                 std::int64_t port = 0) {
+  const bool tcp = use == SocketUse::tcpListening || use == SocketUse::tcpUnused;
+  const bool ipv6 = std::string_view{numericAddress}.contains(':');
+  sockaddr_in6 address{};
+  address.sin6_family = ipv6 ? AF_INET6 : AF_INET;
+  address.sin6_port = htons(static_cast<std::uint16_t>(port));  // At the same place for IPv4.
+  void* bytes = &reinterpret_cast<sockaddr_in&>(address).sin_addr;
+  if (ipv6) bytes = &address.sin6_addr;
+  inet_pton(address.sin6_family, numericAddress, bytes);
+  FileDescriptor made{
+      socket(address.sin6_family, (tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, 0)};
+  const int on = 1;
+  setsockopt(made.get(), SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
   auto* name = reinterpret_cast<sockaddr*>(&address);
   int failed = 0;
   if (use == SocketUse::tcpListening || use == SocketUse::udpBound) {
@@ -49,20 +57,17 @@ inline FileDescriptor makeSocket(SocketUse use, int family = AF_INET, bool share
   }
   if (use == SocketUse::tcpListening) failed |= listen(made.get(), 1);
   if (use == SocketUse::udpConnected) {
-    auto& port = family == AF_INET ? reinterpret_cast<sockaddr_in&>(address).sin_port
-                                   : reinterpret_cast<sockaddr_in6&>(address).sin6_port;
-    port = htons(9);
+    address.sin6_port = htons(9);
     failed |= connect(made.get(), name, sizeof address);
   }
   return failed == 0 ? std::move(made) : FileDescriptor{};
 }
 
 inline std::int64_t portOf(const FileDescriptor& descriptor) {
-  sockaddr_storage address{};
+  sockaddr_in6 address{};
   socklen_t length = sizeof address;
   getsockname(descriptor.get(), reinterpret_cast<sockaddr*>(&address), &length);
-  return ntohs(address.ss_family == AF_INET ? reinterpret_cast<sockaddr_in&>(address).sin_port
-                                            : reinterpret_cast<sockaddr_in6&>(address).sin6_port);
+  return ntohs(address.sin6_port);
 }
 
 }  // namespace tessaloom

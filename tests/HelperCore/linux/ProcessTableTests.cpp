@@ -23,50 +23,42 @@ namespace {
 using namespace std::string_literals;
 using Command = ObedientChild::Command;
 
-TEST(LinuxProcessTable, TellsWhatAProcessIs) {
+TEST(LinuxProcessTable, TellsWhatAProcessIsWhateverItsName) {
   LinuxKernel kernel;
-  double before = currentTime().time_since_epoch().count();
+  const double before = currentTime().time_since_epoch().count();
   ObedientChild child;
-  double after = currentTime().time_since_epoch().count();
-  auto rows = processesOf(kernel, {child.pid()});
-  ASSERT_EQ(rows.size(), 1U);
-  EXPECT_EQ(rows[0].parentPID, getpid());
-  EXPECT_EQ(rows[0].command, "obedient-proces") << "fifteen bytes of the file's name";
-  EXPECT_EQ(rows[0].tty, std::nullopt);
-  EXPECT_GT(rows[0].residentBytes, 0U);
+  const double after = currentTime().time_since_epoch().count();
+  auto read = [&] { return processesOf(kernel, {child.pid()}).at(0); };
+  const RawProcess first = read();
+  EXPECT_EQ(first.parentPID, getpid());
+  EXPECT_EQ(first.command, "obedient-proces") << "fifteen bytes of the file's name";
+  EXPECT_EQ(first.tty, std::nullopt);
+  EXPECT_GT(first.residentBytes, 0U);
   // To the tick; and the boot is worked out to the tick below.
-  double started = makeProcessSample(rows[0], currentTime()).startedAt().time_since_epoch().count();
-  EXPECT_GE(started, before - 0.03);
-  EXPECT_LE(started, after);
+  const Instant started = makeProcessSample(first, currentTime()).startedAt();
+  EXPECT_GE(started.time_since_epoch().count(), before - 0.03);
+  EXPECT_LE(started.time_since_epoch().count(), after);
+  const ProcessStartTime start{first.startSec, first.startUSec};
+  EXPECT_EQ(kernel.holdProcess(child.pid())->startTime(), start);
 
-  auto again = processesOf(kernel, {child.pid()});
-  ASSERT_EQ(again.size(), 1U);
-  EXPECT_EQ(again[0].startSec, rows[0].startSec);
-  EXPECT_EQ(again[0].startUSec, rows[0].startUSec);
-  EXPECT_EQ(kernel.holdProcess(child.pid())->startTime(),
-            (ProcessStartTime{rows[0].startSec, rows[0].startUSec}));
-}
-
-TEST(LinuxProcessTable, ReadsAnyName) {
-  LinuxKernel kernel;
-  ObedientChild child;
   for (const std::string& name : {"two words"s, ") S 1 1 (1"s, "new\nline"s, "back\\slash"s}) {
     child.ask(Command::setName, name);
-    EXPECT_EQ(processesOf(kernel, {child.pid()}).at(0).command, name);
+    EXPECT_EQ(read().command, name);
   }
   child.ask(Command::setName, "bad\xff\xc3");
-  EXPECT_EQ(processesOf(kernel, {child.pid()}).at(0).command, "bad\uFFFD\uFFFD");
+  EXPECT_EQ(read().command, "bad\uFFFD\uFFFD");
+  EXPECT_EQ((ProcessStartTime{read().startSec, read().startUSec}), start);
 }
 
-TEST(LinuxProcessTable, ListsInOrderOfPidsWhateverStateTheyAreIn) {
+TEST(LinuxProcessTable, ListsTheUsersProcessesByPidWhateverStateTheyAreIn) {
   LinuxKernel kernel;
   ObedientChild parent;
   ObedientChild hidden;
-  std::int32_t zombie = parent.ask(Command::forkZombie);
+  const std::int32_t zombie = parent.ask(Command::forkZombie);
   hidden.ask(Command::hideFromOthers);
   auto isZombie = [zombie] {
     std::ifstream file{"/proc/" + std::to_string(zombie) + "/stat"};
-    return std::string{std::istreambuf_iterator<char>{file}, {}}.find(") Z ") != std::string::npos;
+    return std::string{std::istreambuf_iterator<char>{file}, {}}.contains(") Z ");
   };
   while (!isZombie()) std::this_thread::yield();
 
@@ -78,10 +70,15 @@ TEST(LinuxProcessTable, ListsInOrderOfPidsWhateverStateTheyAreIn) {
     }
     EXPECT_EQ(processesOf(kernel, {zombie}).at(0).residentBytes, 0U);
   }
+  if (getuid() != 0) {
+    EXPECT_TRUE(processesOf(kernel, {1}).empty());
+    return;
+  }
+  parent.ask(Command::becomeUser, 65534);
+  EXPECT_TRUE(processesOf(kernel, {parent.pid()}).empty());
 }
 
 TEST(LinuxProcessTable, NoticesWhenAParentEndsWhileItsChildRests) {
-  constexpr std::chrono::milliseconds settled{100};
   LinuxKernel kernel{settled};
   ObedientChild parent;
   const pid_t heir = parent.ask(Command::forkHeir);
@@ -98,19 +95,6 @@ TEST(LinuxProcessTable, NoticesWhenAParentEndsWhileItsChildRests) {
   kill(heir, SIGKILL);
 }
 
-TEST(LinuxProcessTable, ListsOnlyTheUsersProcesses) {
-  LinuxKernel kernel;
-  if (getuid() != 0) {
-    EXPECT_TRUE(processesOf(kernel, {1}).empty());
-    return;
-  }
-  // An own process becomes another user's after it was listed.
-  ObedientChild child;
-  EXPECT_EQ(processesOf(kernel, {child.pid()}).size(), 1U);
-  child.ask(Command::becomeUser, 65534);
-  EXPECT_TRUE(processesOf(kernel, {child.pid()}).empty());
-}
-
 TEST(LinuxProcessTable, NamesTheTerminal) {
   FileDescriptor master{posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)};
   if (!master || grantpt(master.get()) != 0 || unlockpt(master.get()) != 0) {
@@ -125,107 +109,77 @@ TEST(LinuxProcessTable, NamesTheTerminal) {
             std::string{path}.substr("/dev/"s.size()));
 }
 
-TEST(LinuxProcessTable, ForgetsProcessesThatEnded) {
-  LinuxKernel kernel;
-  pid_t ended = 0;
-  {
-    ObedientChild child;
-    ended = child.pid();
-    EXPECT_EQ(processesOf(kernel, {ended}).size(), 1U);
-    EXPECT_EQ(processesOf(kernel, {ended}).size(), 1U);
-  }
-  EXPECT_TRUE(processesOf(kernel, {ended}).empty());
-  EXPECT_EQ(kernel.holdProcess(ended)->startTime(), std::nullopt);
-}
-
-TEST(LinuxProcessTable, SignalsTheProcessThatItHolds) {
+TEST(LinuxProcessTable, SignalsTheProcessThatItHoldsAndForgetsItWhenItEnded) {
   using Hold = LinuxHeldProcess::Hold;
-  FileDescriptor procDirectory = openAt(AT_FDCWD, "/proc", O_DIRECTORY);
-  StartClock clock;
+  LinuxKernel kernel;
+  const FileDescriptor procDirectory = openAt(AT_FDCWD, "/proc", O_DIRECTORY);
+  const StartClock clock;
   for (Hold hold : {Hold::pidfdWherePossible, Hold::pidOnly}) {
     ObedientChild child;
     LinuxHeldProcess held{procDirectory, clock, child.pid(), hold};
     EXPECT_TRUE(held.startTime());
+    EXPECT_EQ(processesOf(kernel, {child.pid()}).size(), 1U);
     EXPECT_EQ(held.signal(SIGTERM), 0);
     int status = 0;
     EXPECT_EQ(waitpid(child.pid(), &status, 0), child.pid());
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
     EXPECT_EQ(held.startTime(), std::nullopt);
     EXPECT_EQ(held.signal(SIGTERM), ESRCH);
+    EXPECT_EQ(kernel.holdProcess(child.pid())->startTime(), std::nullopt);
+    EXPECT_TRUE(processesOf(kernel, {child.pid()}).empty());
   }
 }
 
 TEST(LinuxProcessTable, HoldsNoThreads) {
   LinuxKernel kernel;
-  pid_t thread = 0;
-  std::thread{[&] { thread = gettid(); }}.join();
-  std::atomic<bool> done = false;
-  std::thread other{[&] {
-    thread = gettid();
-    done = true;
-    done.notify_all();
-    done.wait(true);
-  }};
-  done.wait(false);
-  EXPECT_EQ(kernel.holdProcess(thread)->startTime(), std::nullopt);
-  done = false;
-  done.notify_all();
-  other.join();
+  std::thread{[&] { EXPECT_EQ(kernel.holdProcess(gettid())->startTime(), std::nullopt); }}.join();
 }
 
-/// Leaves the process with as few descriptors as a test wants; all is undone at the end.
-class FewDescriptors {
- public:
-  explicit FewDescriptors(rlim_t limit) {
-    getrlimit(RLIMIT_NOFILE, &before_);
-    rlimit lowered{limit, before_.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &lowered);
+/// A process with a listener, and what the first listings say of both.
+class LinuxKernelTest : public testing::Test {
+ protected:
+  LinuxKernelTest() {
+    child.give(makeSocket(SocketUse::tcpListening));
+    getrlimit(RLIMIT_NOFILE, &limit);
   }
-  ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
+  ~LinuxKernelTest() override { setrlimit(RLIMIT_NOFILE, &limit); }
 
-  void useUp() {
-    for (;;) {
-      FileDescriptor taken{fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)};
-      if (!taken) return;
-      taken_.push_back(std::move(taken));
-    }
+  void listFirst() {
+    processes = processesOf(kernel, {child.pid()});
+    ports = portsOf(kernel, {child.pid()});
+    ASSERT_EQ(processes.size(), 1U);
+    ASSERT_EQ(ports.size(), 1U);
+  }
+  void expectTheSame() {
+    EXPECT_EQ(portsOf(kernel, {child.pid()}), ports);
+    EXPECT_EQ(processesOf(kernel, {child.pid()}), processes);
   }
 
- private:
-  rlimit before_{};
-  std::vector<FileDescriptor> taken_;
+  rlimit limit{};
+  ObedientChild child;
+  LinuxKernel kernel;
+  std::vector<RawProcess> processes;
+  std::vector<PortSample> ports;
 };
 
-TEST(LinuxProcessTable, GivesWayWhenDescriptorsRunShort) {
-  FileDescriptor listener = makeSocket(SocketUse::tcpListening);
-  ObedientChild child;
-  child.give(listener);
-  LinuxKernel kernel;
-  FewDescriptors few{128};
-  auto processes = processesOf(kernel, {child.pid()});
-  auto ports = portsOf(kernel, {child.pid()});
-  ASSERT_EQ(processes.size(), 1U);
-  ASSERT_EQ(ports.size(), 1U);
+TEST_F(LinuxKernelTest, GivesWayWhenDescriptorsRunShort) {
+  const rlimit few{128, limit.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &few);
+  listFirst();
   // What the kernel keeps is a share; the rest was free, and is taken now.
-  few.useUp();
-  EXPECT_EQ(portsOf(kernel, {child.pid()}), ports);
-  EXPECT_EQ(processesOf(kernel, {child.pid()}), processes);
+  std::vector<FileDescriptor> taken;
+  do {
+    taken.emplace_back(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
+  } while (taken.back());
+  expectTheSame();
 }
 
-TEST(LinuxProcessTable, ServesSeveralThreadsAtOnce) {
-  FileDescriptor listener = makeSocket(SocketUse::tcpListening);
-  ObedientChild child;
-  child.give(listener);
-  LinuxKernel kernel;
-  auto processes = processesOf(kernel, {child.pid()});
-  auto ports = portsOf(kernel, {child.pid()});
+TEST_F(LinuxKernelTest, ServesSeveralThreadsAtOnce) {
+  listFirst();
   std::vector<std::thread> threads;
   for (int i = 0; i < 3; ++i) {
     threads.emplace_back([&] {
-      for (int listing = 0; listing < 5; ++listing) {
-        EXPECT_EQ(processesOf(kernel, {child.pid()}), processes);
-        EXPECT_EQ(portsOf(kernel, {child.pid()}), ports);
-      }
+      for (int listing = 0; listing < 5; ++listing) expectTheSame();
     });
   }
   for (std::thread& thread : threads) thread.join();

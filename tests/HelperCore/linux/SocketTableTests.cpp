@@ -1,11 +1,12 @@
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
+#include <memory>
 #include <random>
 #include <set>
 #include <thread>
@@ -31,80 +32,49 @@ PortSample row(const ObedientChild& child, const FileDescriptor& socket, const c
 
 TEST(LinuxSocketTable, ListsTheSocketsThatWait) {
   struct Row {
-    const char* name;
     SocketUse use;
-    int family;
-    const char* transport;  ///< Null for no row.
     const char* address;
+    const char* transport;  ///< Null for no row.
   };
   const Row rows[] = {
-      {"TCP that listens", SocketUse::tcpListening, AF_INET, "tcp", "127.0.0.1"},
-      {"TCP over IPv6 that listens", SocketUse::tcpListening, AF_INET6, "tcp", "::1"},
-      {"TCP that does nothing", SocketUse::tcpUnused, AF_INET, nullptr, nullptr},
-      {"UDP that is bound", SocketUse::udpBound, AF_INET, "udp", "127.0.0.1"},
-      {"UDP over IPv6 that is bound", SocketUse::udpBound, AF_INET6, "udp", "::1"},
-      {"UDP that is connected", SocketUse::udpConnected, AF_INET, "udp", "127.0.0.1"},
-      {"UDP that is not bound", SocketUse::udpUnbound, AF_INET, nullptr, nullptr},
+      {SocketUse::tcpListening, "127.0.0.1", "tcp"},
+      {SocketUse::tcpListening, "::1", "tcp"},
+      {SocketUse::tcpUnused, "127.0.0.1", nullptr},
+      {SocketUse::udpBound, "127.0.0.1", "udp"},
+      {SocketUse::udpBound, "::1", "udp"},
+      {SocketUse::udpBound, "::ffff:127.0.0.1", "udp"},
+      {SocketUse::udpConnected, "127.0.0.1", "udp"},
+      {SocketUse::udpUnbound, "127.0.0.1", nullptr},
   };
   LinuxKernel kernel;
-  for (const Row& each : rows) {
-    SCOPED_TRACE(each.name);
-    FileDescriptor socket = makeSocket(each.use, each.family);
-    if (!socket) continue;  // A machine without IPv6.
-    ObedientChild child;
-    child.give(socket);
-    std::vector<PortSample> expected;
-    if (each.transport != nullptr) {
-      expected.push_back(row(child, socket, each.transport, each.address));
-    }
-    EXPECT_EQ(portsOf(kernel, {child.pid()}), expected);
-  }
-}
-
-TEST(LinuxSocketTable, KeepsMappedAddresses) {
-  FileDescriptor socket{::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-  sockaddr_in6 address{};
-  address.sin6_family = AF_INET6;
-  inet_pton(AF_INET6, "::ffff:127.0.0.1", &address.sin6_addr);
-  if (bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    GTEST_SKIP() << "there is no IPv6 here";
-  }
-  LinuxKernel kernel;
   ObedientChild child;
-  child.give(socket);
-  EXPECT_EQ(portsOf(kernel, {child.pid()}),
-            std::vector{row(child, socket, "udp", "::ffff:127.0.0.1")});
+  std::vector<PortSample> expected;
+  for (const auto& [use, address, transport] : rows) {
+    const FileDescriptor socket = makeSocket(use, address);
+    if (!socket) continue;  // A machine without IPv6.
+    child.give(socket);
+    if (transport != nullptr) expected.push_back(row(child, socket, transport, address));
+  }
+  EXPECT_EQ(portsOf(kernel, {child.pid()}), expected);
 }
 
 TEST(LinuxSocketTable, TellsEveryHolderOnce) {
   LinuxKernel kernel;
-  FileDescriptor first = makeSocket(SocketUse::tcpListening, AF_INET, true);
-  FileDescriptor second = makeSocket(SocketUse::tcpListening);
   ObedientChild child;
   ObedientChild other;
-  std::int32_t number = child.give(first);
-  child.ask(Command::duplicate, number);
+  const FileDescriptor first = makeSocket(SocketUse::tcpListening);
+  const FileDescriptor second = makeSocket(SocketUse::tcpListening);
+  child.ask(Command::duplicate, child.give(first));
   child.give(second);
   other.give(second);
   // Another socket on the same address and port gives an equal row.
-  FileDescriptor twin{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-  int on = 1;
-  setsockopt(twin.get(), SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
-  sockaddr_in address{};
-  socklen_t length = sizeof address;
-  auto* name = reinterpret_cast<sockaddr*>(&address);
-  getsockname(first.get(), name, &length);
-  ASSERT_EQ(bind(twin.get(), name, length), 0);
-  ASSERT_EQ(listen(twin.get(), 1), 0);
-  child.give(twin);
+  child.give(makeSocket(SocketUse::tcpListening, "127.0.0.1", portOf(first)));
 
-  auto rows = portsOf(kernel, {child.pid(), other.pid()});
-  const std::vector ofChild{row(child, first, "tcp", "127.0.0.1"),
-                            row(child, second, "tcp", "127.0.0.1")};
-  std::vector expected = ofChild;
-  expected.push_back(row(other, second, "tcp", "127.0.0.1"));
+  std::vector expected{row(child, first, "tcp", "127.0.0.1"),
+                       row(child, second, "tcp", "127.0.0.1"),
+                       row(other, second, "tcp", "127.0.0.1")};
   if (other.pid() < child.pid()) std::ranges::rotate(expected, expected.begin() + 2);
-  EXPECT_EQ(rows, expected);
+  EXPECT_EQ(portsOf(kernel, {child.pid(), other.pid()}), expected);
 }
 
 TEST(LinuxSocketTable, ListsTheHelperItself) {
@@ -132,9 +102,9 @@ TEST(LinuxSocketTable, ReadsTheSameFromEitherSource) {
   for (SocketUse use : {SocketUse::tcpListening, SocketUse::udpBound, SocketUse::udpConnected,
                         SocketUse::tcpUnused, SocketUse::udpUnbound}) {
     own.push_back(makeSocket(use));
-    own.push_back(makeSocket(use, AF_INET6));
+    own.push_back(makeSocket(use, "::1"));
   }
-  SocketsByInode dumped = dumpSockets(procDirectory).byInode;
+  const SocketsByInode dumped = dumpSockets(procDirectory).byInode;
   DumpedSockets read;
   ASSERT_TRUE(addSocketsOfProcess(procDirectory, getpid(), read));
   for (const FileDescriptor& socket : own) {
@@ -149,20 +119,19 @@ TEST(LinuxSocketTable, ReadsTheSameFromEitherSource) {
 }
 
 TEST(LinuxSocketTable, ReachesIntoOtherNetworkNamespaces) {
-  // A forked process makes the namespace and gives its socket to a child that stays there.
   int ready[2];
   ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
-  FileDescriptor readEnd{ready[0]};
-  pid_t pid = fork();
+  const FileDescriptor readEnd{ready[0]};
+  const FileDescriptor writeEnd{ready[1]};
+  const pid_t pid = fork();
   if (pid == 0) {
-    bool made = unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0;
-    FileDescriptor socket{::socket(AF_INET, SOCK_STREAM, 0)};
-    bool listens = made && listen(socket.get(), 1) == 0;
-    std::int64_t port = listens ? portOf(socket) : 0;
+    const bool made = unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0;
+    const FileDescriptor socket = makeSocket(SocketUse::tcpUnused);
+    const bool listens = made && listen(socket.get(), 1) == 0;
+    const std::int64_t port = listens ? portOf(socket) : 0;
     if (write(ready[1], &port, sizeof port) != sizeof port) _exit(1);
     for (;;) pause();
   }
-  FileDescriptor{ready[1]}.reset();
   std::int64_t port = 0;
   ASSERT_EQ(read(readEnd.get(), &port, sizeof port), static_cast<ssize_t>(sizeof port));
   LinuxKernel kernel;
@@ -176,153 +145,116 @@ TEST(LinuxSocketTable, ReachesIntoOtherNetworkNamespaces) {
   EXPECT_EQ(rows[0].address(), "0.0.0.0");
 }
 
-/// Old enough on a machine that ticks at least a hundred times a second, and is busy.
-constexpr std::chrono::milliseconds settled{100};
-
 class SocketHoldersTest : public testing::Test {
  protected:
-  /// The entry of a process in a listing; null when it is not there.
-  std::shared_ptr<const HeldSockets> find(const ObedientChild& child) {
-    for (const auto& held : holders.read(getuid(), true).holders) {
+  /// The entry of the child in a listing; null when it is not there.
+  std::shared_ptr<const HeldSockets> find(SocketHolders& among) {
+    for (const auto& held : among.read(getuid(), true).holders) {
       if (held->pid == child.pid()) return held;
     }
     return nullptr;
   }
   /// An entry that a later listing used again; null when that never happens. On a busy machine it
   /// takes a while until a process that has answered is off its processor.
-  std::shared_ptr<const HeldSockets> findSettled(const ObedientChild& child) {
+  std::shared_ptr<const HeldSockets> findSettled() {
     for (int attempt = 0; attempt < 10; ++attempt) {
-      auto known = find(child);
+      auto known = find(holders);
       std::this_thread::sleep_for(settled * 2);
-      if (find(child) == known) return known;
+      if (find(holders) == known) return known;
     }
     return nullptr;
   }
 
   const FileDescriptor procDirectory = openAt(AT_FDCWD, "/proc", O_DIRECTORY);
   SocketHolders holders{procDirectory, settled};
+  ObedientChild child;
 };
 
 TEST_F(SocketHoldersTest, LooksAgainOnlyAtProcessesThatRan) {
-  ObedientChild child;
-  std::int32_t number = child.give(makeSocket(SocketUse::tcpListening));
-  auto known = findSettled(child);
+  const std::int32_t number = child.give(makeSocket(SocketUse::tcpListening));
+  auto known = findSettled();
   if (!known) GTEST_SKIP() << "this kernel does not count how often a process runs";
   // The number of descriptors stays what it was.
-  std::int32_t other = child.give(makeSocket(SocketUse::udpBound));
-  child.ask(Command::close, number);
-  auto changed = find(child);
+  const std::int32_t other = child.give(makeSocket(SocketUse::udpBound));
+  child.take(number);
+  auto changed = find(holders);
   ASSERT_NE(changed, nullptr);
   EXPECT_NE(changed, known);
   ASSERT_FALSE(changed->descriptors.empty());
   EXPECT_EQ(changed->descriptors.back().number, other);
 
   holders.forget();
-  EXPECT_NE(find(child), changed);
+  EXPECT_NE(find(holders), changed);
 }
 
-TEST_F(SocketHoldersTest, NeverTrustsAProcessWithThreads) {
-  ObedientChild child;
-  child.ask(Command::startThread);
-  auto known = find(child);
-  std::this_thread::sleep_for(settled * 2);
-  EXPECT_NE(find(child), known);
-}
-
-TEST_F(SocketHoldersTest, TrustsNothingThatIsTooFresh) {
+TEST_F(SocketHoldersTest, TrustsNothingThatIsTooFreshNorAProcessWithThreads) {
   SocketHolders patient{procDirectory, std::chrono::hours{1}};
-  ObedientChild child;
-  auto entry = [&] {
-    auto all = patient.read(getuid(), true).holders;
-    return *std::ranges::find(all, child.pid(), [](const auto& held) { return held->pid; });
-  };
-  EXPECT_NE(entry(), entry());
+  EXPECT_NE(find(patient), find(patient));
+  child.ask(Command::startThread);
+  auto known = find(holders);
+  std::this_thread::sleep_for(settled * 2);
+  EXPECT_NE(find(holders), known);
 }
 
 /// Processes that do at random what changes a listing.
 class Churn {
  public:
   explicit Churn(std::uint32_t seed) : random_(seed) {
-    for (int i = 0; i < 5; ++i) children_.emplace_back();
+    for (auto& child : children_) child = std::make_unique<Child>();
   }
 
   std::vector<pid_t> pids() const {
     std::vector<pid_t> all;
-    for (const Child& child : children_) {
-      all.push_back(child.process.pid());
-      all.insert(all.end(), child.twins.begin(), child.twins.end());
+    for (const auto& child : children_) {
+      all.push_back(child->process.pid());
+      all.insert(all.end(), child->twins.begin(), child->twins.end());
     }
     return all;
   }
 
   void step() {
-    Child& child = children_[pick(children_.size())];
-    switch (pick(10)) {
-      case 0:
-        // Its twins end with it, some time.
-        child = Child{};
-        return;
-      case 1:
-        child.twins.push_back(child.process.ask(Command::forkTwin));
-        return;
-      case 2:
-        child.process.ask(Command::execAgain);
-        return;
-      case 3:
-        child.process.ask(Command::setName, "name " + std::to_string(pick(1000)));
-        return;
-      case 4:
-      case 5:
-        hold(child, child.process.give(makeSocket(anyUse(), pick(2) == 0 ? AF_INET : AF_INET6)));
-        return;
-      case 6:
-        withOne(child, [&](std::int32_t number) {
-          child.process.ask(Command::close, number);
-          child.numbers.erase(number);
-        });
-        return;
-      case 7:
-        withOne(child, [&](std::int32_t number) {
-          hold(child, child.process.ask(Command::duplicate, number));
-        });
-        return;
-      case 8:
-        withOne(child, [&](std::int32_t number) {
-          withOne(child, [&](std::int32_t onto) {
-            child.process.ask(Command::duplicateOnto, number, onto);
-          });
-        });
-        return;
-      default:
-        withOne(child, [&](std::int32_t number) {
-          Child& taker = children_[pick(children_.size())];
-          child.numbers.erase(number);
-          hold(taker, taker.process.give(child.process.take(number)));
-        });
+    std::unique_ptr<Child>& slot = children_[pick(children_.size())];
+    auto& [process, numbers, twins] = *slot;
+    const auto action = pick(10);
+    if (action == 0) {
+      slot = std::make_unique<Child>();  // Its twins end with it, some time.
+    } else if (action == 1) {
+      twins.push_back(process.ask(Command::forkTwin));
+    } else if (action == 2) {
+      process.ask(Command::execAgain);
+    } else if (action == 3) {
+      process.ask(Command::setName, "name " + std::to_string(pick(1000)));
+    } else if (action <= 5 || numbers.empty()) {
+      numbers.insert(process.give(makeSocket(static_cast<SocketUse>(pick(5)), anyAddress())));
+    } else if (action == 6) {
+      numbers.insert(process.ask(Command::duplicate, anyOf(numbers)));
+    } else if (action == 7) {
+      process.ask(Command::duplicateOnto, anyOf(numbers), anyOf(numbers));
+    } else {
+      const std::int32_t number = anyOf(numbers);
+      const FileDescriptor taken = process.take(number);
+      numbers.erase(number);
+      if (action == 8) return;
+      Child& taker = *children_[pick(children_.size())];
+      taker.numbers.insert(taker.process.give(taken));
     }
   }
 
  private:
   struct Child {
     ObedientChild process;
-    std::set<std::int32_t> numbers{};  ///< Of descriptors that it was given.
-    std::vector<pid_t> twins{};
+    std::set<std::int32_t> numbers;  ///< Of descriptors that it was given; -1 for none.
+    std::vector<pid_t> twins;
   };
 
   std::size_t pick(std::size_t count) { return random_() % count; }
-  SocketUse anyUse() { return static_cast<SocketUse>(pick(5)); }
-  static void hold(Child& child, std::int32_t number) {
-    if (number >= 0) child.numbers.insert(number);
-  }
-  template <class Action>
-  void withOne(Child& child, Action action) {
-    if (child.numbers.empty()) return;
-    action(
-        *std::next(child.numbers.begin(), static_cast<std::ptrdiff_t>(pick(child.numbers.size()))));
+  const char* anyAddress() { return pick(2) == 0 ? "127.0.0.1" : "::1"; }
+  std::int32_t anyOf(const std::set<std::int32_t>& numbers) {
+    return *std::next(numbers.begin(), static_cast<std::ptrdiff_t>(pick(numbers.size())));
   }
 
   std::mt19937 random_;
-  std::vector<Child> children_;
+  std::array<std::unique_ptr<Child>, 5> children_;
 };
 
 /// Without what may differ: two kernels may take the boot for different ticks, and a process that
