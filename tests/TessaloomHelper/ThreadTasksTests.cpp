@@ -99,7 +99,6 @@ TEST(ThreadTasksTest, TasksWaitForTheThreadsThereAreWhenNoneCanBeMade) {
   std::atomic<int> ran = 0;
   Occupation occupation;
   ThreadTasks tasks;
-  occupation.take(tasks, 1);
   // The system has no stack as large as new threads ask for from here on.
   pthread_attr_t before;
   pthread_attr_t huge;
@@ -108,6 +107,7 @@ TEST(ThreadTasksTest, TasksWaitForTheThreadsThereAreWhenNoneCanBeMade) {
   ::pthread_attr_setstacksize(&huge, std::size_t{1} << 50);
   ASSERT_EQ(::pthread_setattr_default_np(&huge), 0);
   EXPECT_THROW(ThreadTasks(), std::system_error);
+  occupation.take(tasks, 1);
   tasks.runConcurrently(quality, [&] { ++ran; });
   tasks.runAfter(1ms, quality, [&] { ++ran; });
   EXPECT_EQ(ran, 0);
