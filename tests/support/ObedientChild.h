@@ -62,7 +62,10 @@ class ObedientChild {
   /// Takes a descriptor away from the child.
   FileDescriptor take(std::int32_t number) {
     ask(Command::giveUp, number);
-    return std::move(received_);
+    FileDescriptor taken = std::move(received_);
+    // The child closes its own once it has sent it; when it answers anything again it has.
+    ask(Command::close, -1);
+    return taken;
   }
 
  private:

@@ -36,6 +36,7 @@ void forEachPart(std::size_t count, const Work& work) {
     while (helpers.size() + 1 < threads) helpers.emplace_back(takeParts);
   } catch (const std::system_error&) {
     // No more threads to be had: those that are there do it all.
+    takeParts();
   }
   takeParts();
   for (std::thread& helper : helpers) helper.join();

@@ -53,7 +53,7 @@ class ProcessTable::Pass {
   bool isYoung(const Row& row) const { return row.startTicks >= firstTick_; }
   std::uint64_t readResidentBytes(const OpenFiles& files) const;
   const Row* findRow(std::int32_t pid) const;
-  bool isParentStillThere(const Slot& slot) const;
+  bool isParentStillThere(const Row& row, std::uint64_t parentStartTicks) const;
   void readOrphansAgain();
   void settleYoungRows();
   void keepOpenFiles();
@@ -211,19 +211,20 @@ const ProcessTable::Row* ProcessTable::Pass::findRow(std::int32_t pid) const {
 /// The first process of the system cannot end. Another parent is known to live when this listing
 /// has it, as the process that it was; a parent that is younger than its child got the pid of the
 /// real one, or took the child over from it.
-bool ProcessTable::Pass::isParentStillThere(const Slot& slot) const {
+bool ProcessTable::Pass::isParentStillThere(const Row& row, std::uint64_t parentStartTicks) const {
   constexpr std::int32_t firstProcess = 1;
-  if (slot.row->record.parentPID == firstProcess) return true;
-  const Row* parent = findRow(slot.row->record.parentPID);
-  return parent != nullptr && parent->isAlive &&
-         parent->startTicks == slot.files.parentStartTicks &&
-         parent->startTicks <= slot.row->startTicks;
+  if (row.record.parentPID == firstProcess) return true;
+  const Row* parent = findRow(row.record.parentPID);
+  return parent != nullptr && parent->isAlive && parent->startTicks == parentStartTicks &&
+         parent->startTicks <= row.startTicks;
 }
 
 void ProcessTable::Pass::readOrphansAgain() {
   std::vector<std::size_t> orphans;
   for (std::size_t i = 0; i < slots_.size(); ++i) {
-    if (slots_[i].isRemembered && !isParentStillThere(slots_[i])) orphans.push_back(i);
+    const Slot& slot = slots_[i];
+    if (!slot.isRemembered || !slot.row) continue;
+    if (!isParentStillThere(*slot.row, slot.files.parentStartTicks)) orphans.push_back(i);
   }
   forEachPart(orphans.size(), [&](std::size_t begin, std::size_t end) {
     for (std::size_t i = begin; i < end; ++i) {

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <ostream>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -19,6 +21,14 @@ namespace tessaloom {
 /// An age at which the rest of a process counts, on a machine that ticks at least a hundred times a
 /// second and is busy.
 inline constexpr std::chrono::milliseconds settled{100};
+
+/// How GoogleTest shows a row.
+inline void PrintTo(const PortSample& row, std::ostream* out) {
+  *out << row.id() << " " << row.processName();
+}
+inline void PrintTo(const RawProcess& row, std::ostream* out) {
+  *out << row.pid << " of " << row.parentPID << " " << row.tty.value_or("-") << " " << row.command;
+}
 
 /// The rows of some processes, in the order of the listing. Others come and go as they like.
 inline std::vector<RawProcess> processesOf(Kernel& kernel, const std::vector<pid_t>& pids) {
