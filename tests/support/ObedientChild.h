@@ -64,7 +64,7 @@ class ObedientChild {
     ask(Command::giveUp, number);
     FileDescriptor taken = std::move(received_);
     // The child closes its own once it has sent it; when it answers anything again it has.
-    ask(Command::close, -1);
+    ask(Command::duplicate, -1);
     return taken;
   }
 
