@@ -61,10 +61,9 @@ class ObedientChild {
   }
   /// Takes a descriptor away from the child.
   FileDescriptor take(std::int32_t number) {
-    ask(Command::giveUp, number);
+    ask(Command::show, number);
     FileDescriptor taken = std::move(received_);
-    // The child closes its own once it has sent it; when it answers anything again it has.
-    ask(Command::duplicate, -1);
+    ask(Command::close, number);
     return taken;
   }
 

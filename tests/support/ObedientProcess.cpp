@@ -39,7 +39,9 @@ std::int32_t obey(const Request& request, int received, char** arguments) {
   switch (request.command) {
     case Command::keep:
       return received;
-    case Command::giveUp:
+    case Command::show:
+      return 0;
+    case Command::close:
       return close(request.first);
     case Command::duplicate:
       return dup(request.first);
@@ -82,10 +84,9 @@ int main(int /*count*/, char** arguments) {
   Request request{};
   int received = -1;
   while (receiveMessage(channel, request, received)) {
-    int offered = request.command == Command::giveUp ? dup(request.first) : -1;
-    Reply reply{.result = obey(request, received, arguments)};
-    if (!sendMessage(channel, reply, offered)) return 1;
-    if (offered >= 0) close(offered);
+    const Reply reply{.result = obey(request, received, arguments)};
+    const int shown = request.command == Command::show ? request.first : -1;
+    if (!sendMessage(channel, reply, shown)) return 1;
   }
   return 0;
 }

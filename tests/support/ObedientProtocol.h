@@ -15,7 +15,8 @@ inline constexpr int channel = 0;
 
 enum class Command : std::int32_t {
   keep,            ///< Keeps the descriptor that comes with the request; tells its number.
-  giveUp,          ///< Closes descriptor `first` after sending it along.
+  show,            ///< Sends descriptor `first` along.
+  close,           ///< `first`.
   duplicate,       ///< `first`; tells the new number.
   duplicateOnto,   ///< `first` onto `second`.
   setName,         ///< `text`.
