@@ -33,10 +33,10 @@
 
 #include "BusNames.h"
 #include "HelperCore/CLIInvocationBuilder.h"
-#include "HelperCore/FileDescriptor.h"
 #include "HelperProtocol/GenerationRequest.h"
 #include "HelperProtocol/HelperCoding.h"
-#include "linux/BusHandles.h"
+#include "HelperProtocol/linux/BusHandles.h"
+#include "TLFoundation/FileDescriptor.h"
 
 extern char** environ;
 

@@ -16,11 +16,11 @@
 #include <thread>
 #include <vector>
 
-#include "HelperCore/FileDescriptor.h"
 #include "HelperCore/ListeningPorts.h"
 #include "HelperCore/ProcessListing.h"
 #include "HelperCore/WallClock.h"
 #include "HelperProtocol/HelperCoding.h"
+#include "TLFoundation/FileDescriptor.h"
 
 extern char** environ;
 

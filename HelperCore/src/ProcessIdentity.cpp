@@ -1,6 +1,6 @@
 #include "HelperCore/ProcessIdentity.h"
 
-#include "HashFields.h"
+#include "TLFoundation/HashFields.h"
 
 std::size_t std::hash<tessaloom::ProcessIdentity>::operator()(
     const tessaloom::ProcessIdentity& identity) const noexcept {

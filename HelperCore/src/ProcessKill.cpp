@@ -1,6 +1,6 @@
 #include "HelperCore/ProcessKill.h"
 
-#include "HelperCore/SystemError.h"
+#include "TLFoundation/ErrnoText.h"
 
 namespace tessaloom {
 
@@ -39,7 +39,7 @@ KillResult killProcess(const KillRequest& request, Kernel& kernel,
   }
   const int error = process->signal(signalNumber(request.signal));
   if (error == 0) return {.succeeded = true};
-  return {.succeeded = false, .message = systemErrorText(error)};
+  return {.succeeded = false, .message = errnoText(error)};
 }
 
 }  // namespace tessaloom

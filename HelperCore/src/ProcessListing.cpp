@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "CommandName.h"
-#include "HashFields.h"
+#include "TLFoundation/HashFields.h"
 
 namespace tessaloom {
 

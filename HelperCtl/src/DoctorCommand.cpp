@@ -19,11 +19,11 @@
 #include "HelperCore/BinaryAllowlist.h"
 #include "HelperCore/CurrentUser.h"
 #include "HelperCore/PerUserTemporaryDirectory.h"
-#include "HelperCore/SystemError.h"
 #include "HelperProtocol/EngineStatus.h"
 #include "HelperProtocol/HelperCapabilities.h"
 #include "HelperProtocol/HelperCoding.h"
 #include "Methods.h"
+#include "TLFoundation/ErrnoText.h"
 
 namespace tessaloom {
 namespace {
@@ -102,7 +102,7 @@ Check checkTemporaryDirectory() {
   std::string probe = (exists ? place : place.parent_path()).string() + "/tessaloom-doctor-XXXXXX";
   if (mkdtemp(probe.data()) == nullptr) {
     const std::string folder = safeLine(std::filesystem::path(probe).parent_path().string());
-    return {bad, "temporary files", folder + ": " + systemErrorText(errno),
+    return {bad, "temporary files", folder + ": " + errnoText(errno),
             "See its permissions and free space: ls -ld " + folder + "; df " + folder};
   }
   rmdir(probe.c_str());

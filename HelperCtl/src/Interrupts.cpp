@@ -1,6 +1,5 @@
 #include "Interrupts.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <array>
@@ -8,6 +7,8 @@
 #include <cerrno>
 #include <csignal>
 #include <system_error>
+
+#include "TLFoundation/Pipe.h"
 
 namespace tessaloom {
 namespace {
@@ -39,14 +40,10 @@ void setHandler(int number, void (*handler)(int)) {
 }  // namespace
 
 Interrupts::Interrupts() {
-  std::array<int, 2> ends{};
-  if (::pipe(ends.data()) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
-  for (const int end : ends) {
-    ::fcntl(end, F_SETFD, FD_CLOEXEC);
-    ::fcntl(end, F_SETFL, O_NONBLOCK);
-  }
-  readEnd = ends[0];
-  writeEnd = ends[1];
+  auto pipe = makePipe(PipeMode::nonblocking);
+  if (!pipe) throw std::system_error(pipe.error(), std::generic_category(), "pipe");
+  readEnd = pipe->readEnd.release();
+  writeEnd = pipe->writeEnd.release();
   setHandler(SIGINT, wakeUp);
   setHandler(SIGTERM, wakeUp);
 }

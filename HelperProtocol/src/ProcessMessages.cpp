@@ -5,6 +5,7 @@
 
 #include "HelperProtocol/HelperDTOError.h"
 #include "TLFoundation/DisplayString.h"
+#include "TLFoundation/HashFields.h"
 
 namespace tessaloom {
 namespace {
@@ -12,14 +13,6 @@ namespace {
 std::optional<std::string> cleaned(const std::optional<std::string>& text, std::int64_t limit) {
   if (!text) return std::nullopt;
   return DisplayString::singleLine(*text, limit);
-}
-
-/// The hash of several fields, each mixed in with the golden ratio's bits so that order counts.
-template <class... Fields>
-std::size_t hashOf(const Fields&... fields) {
-  std::size_t seed = 0;
-  ((seed ^= std::hash<Fields>{}(fields) + 0x9E3779B97F4A7C15U + (seed << 6) + (seed >> 2)), ...);
-  return seed;
 }
 
 }  // namespace
@@ -72,13 +65,13 @@ std::size_t std::hash<tessaloom::ProcessID>::operator()(
 
 std::size_t std::hash<tessaloom::ProcessSample>::operator()(
     const tessaloom::ProcessSample& sample) const noexcept {
-  return tessaloom::hashOf(sample.pid(), sample.parentPID(), sample.tty(),
-                           sample.startedAt().time_since_epoch().count(), sample.elapsedSeconds(),
-                           sample.residentBytes(), sample.command());
+  return tessaloom::hashFields(sample.pid(), sample.parentPID(), sample.tty(),
+                               sample.startedAt().time_since_epoch().count(),
+                               sample.elapsedSeconds(), sample.residentBytes(), sample.command());
 }
 
 std::size_t std::hash<tessaloom::PortSample>::operator()(
     const tessaloom::PortSample& sample) const noexcept {
-  return tessaloom::hashOf(sample.port(), sample.transport(), sample.pid(), sample.processName(),
-                           sample.address());
+  return tessaloom::hashFields(sample.port(), sample.transport(), sample.pid(),
+                               sample.processName(), sample.address());
 }

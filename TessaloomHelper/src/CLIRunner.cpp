@@ -11,7 +11,7 @@
 
 #include "ChildProcess.h"
 #include "ChildSession.h"
-#include "HelperCore/SystemError.h"
+#include "TLFoundation/ErrnoText.h"
 
 namespace tessaloom {
 
@@ -36,7 +36,7 @@ Clock::time_point deadlineAfter(std::chrono::duration<double> timeout) {
 
 GenerationErrorPayload launchFailure(GenerationEngineID engine, int error) {
   return GenerationErrorPayload::withDetail(GenerationFailureKind::launchFailed, engine,
-                                            systemErrorText(error));
+                                            errnoText(error));
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 
 #include "ChildLaunch.h"
 #include "HelperCore/CLIInvocation.h"
-#include "HelperCore/FileDescriptor.h"
+#include "TLFoundation/FileDescriptor.h"
 #include "TLFoundation/Mutex.h"
 
 namespace tessaloom {

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "SpawnPlatform.h"
+#include "TLFoundation/Pipe.h"
 #include "TLFoundation/Unicode.h"
 
 namespace tessaloom {
@@ -21,8 +22,8 @@ namespace {
 /// How often a child is asked for its exit where no descriptor tells it.
 constexpr std::chrono::milliseconds exitPollInterval{20};
 
-SpawnPlatform::Pipe makePipe() {
-  auto pipe = SpawnPlatform::makePipe();
+Pipe newPipe() {
+  auto pipe = makePipe();
   if (!pipe) throw std::system_error(pipe.error(), std::generic_category());
   return std::move(*pipe);
 }
@@ -59,10 +60,10 @@ struct ChildSession::Ends {
 
 std::expected<ChildSession, int> ChildSession::launch(const CLIInvocation& invocation) {
   try {
-    auto output = makePipe();
-    auto error = makePipe();
-    auto input = makePipe();
-    auto wake = makePipe();
+    auto output = newPipe();
+    auto error = newPipe();
+    auto input = newPipe();
+    auto wake = newPipe();
     for (const FileDescriptor* ours :
          {&output.readEnd, &error.readEnd, &input.writeEnd, &wake.readEnd, &wake.writeEnd}) {
       setNonBlocking(*ours);

@@ -9,7 +9,7 @@
 #include "ChildProcess.h"
 #include "ChildStreams.h"
 #include "HelperCore/CLIInvocation.h"
-#include "HelperCore/FileDescriptor.h"
+#include "TLFoundation/FileDescriptor.h"
 #include "TessaloomHelper/CLIRunner.h"
 
 namespace tessaloom {

@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-#include "HelperCore/FileDescriptor.h"
+#include "TLFoundation/FileDescriptor.h"
 
 namespace tessaloom {
 

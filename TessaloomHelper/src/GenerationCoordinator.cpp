@@ -11,8 +11,8 @@
 #include "HelperCore/CLIInvocationBuilder.h"
 #include "HelperCore/GenerationOutputParser.h"
 #include "HelperCore/GenerationSchema.h"
-#include "HelperCore/SystemError.h"
 #include "TLFoundation/DisplayString.h"
+#include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/Unicode.h"
 
 namespace tessaloom {
@@ -69,7 +69,7 @@ std::expected<GenerationResult, GenerationErrorPayload> GenerationCoordinator::g
   const auto directory = GenerationDirectory::create(temporaryDirectory_, request.requestID());
   if (!directory) {
     return std::unexpected(GenerationErrorPayload::withDetail(
-        GenerationFailureKind::launchFailed, engine, systemErrorText(directory.error())));
+        GenerationFailureKind::launchFailed, engine, errnoText(directory.error())));
   }
   const auto schemaFile = writeSchema(request, *directory);
 

@@ -5,8 +5,8 @@
 #include <optional>
 #include <string_view>
 
-#include "HelperCore/FileDescriptor.h"
 #include "HelperProtocol/UUID.h"
+#include "TLFoundation/FileDescriptor.h"
 
 namespace tessaloom {
 

@@ -3,22 +3,11 @@
 #include <spawn.h>
 #include <sys/types.h>
 
-#include <expected>
-
-#include "HelperCore/FileDescriptor.h"
+#include "TLFoundation/FileDescriptor.h"
 
 /// The little about starting and watching a child on which the platforms differ. Errors are errno
 /// values. Safe from any thread.
 namespace tessaloom::SpawnPlatform {
-
-struct Pipe {
-  FileDescriptor readEnd;
-  FileDescriptor writeEnd;
-};
-
-/// A pipe whose ends no child inherits and which stays clear of the standard descriptors, so that
-/// connecting one of those in a child never overwrites an end still needed.
-std::expected<Pipe, int> makePipe();
 
 /// Lets the child inherit nothing but what `actions` connect to descriptors 0 to 2. Call it after
 /// the last of these actions was added. Returns 0, or the error.

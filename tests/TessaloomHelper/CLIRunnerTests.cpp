@@ -23,7 +23,7 @@
 
 #include <gtest/gtest.h>
 
-#include "HelperCore/FileDescriptor.h"
+#include "TLFoundation/FileDescriptor.h"
 #include "TessaloomHelper/CLIRunner.h"
 #include "support/TemporaryDirectory.h"
 

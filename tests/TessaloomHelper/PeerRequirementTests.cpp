@@ -10,7 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include "HelperCore/FileDescriptor.h"
+#include "TLFoundation/FileDescriptor.h"
 #include "linux/PeerRequirement.h"
 #include "support/TemporaryDirectory.h"
 

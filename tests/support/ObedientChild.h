@@ -10,7 +10,7 @@
 #include <string_view>
 #include <utility>
 
-#include "HelperCore/FileDescriptor.h"
+#include "TLFoundation/FileDescriptor.h"
 #include "support/ObedientProtocol.h"
 
 namespace tessaloom {

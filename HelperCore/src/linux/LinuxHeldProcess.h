@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "HelperCore/FileDescriptor.h"
 #include "HelperCore/Kernel.h"
+#include "TLFoundation/FileDescriptor.h"
 #include "linux/StartClock.h"
 
 namespace tessaloom::linux_kernel {

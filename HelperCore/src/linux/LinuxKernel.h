@@ -5,8 +5,8 @@
 #include <memory>
 #include <vector>
 
-#include "HelperCore/FileDescriptor.h"
 #include "HelperCore/Kernel.h"
+#include "TLFoundation/FileDescriptor.h"
 #include "linux/ProcessTable.h"
 #include "linux/SocketHolders.h"
 #include "linux/StartClock.h"

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "HelperCore/FileDescriptor.h"
+#include "TLFoundation/FileDescriptor.h"
 
 namespace tessaloom::linux_kernel {
 

@@ -5,8 +5,8 @@
 #include <optional>
 #include <vector>
 
-#include "HelperCore/FileDescriptor.h"
 #include "HelperCore/Kernel.h"
+#include "TLFoundation/FileDescriptor.h"
 #include "linux/OneUser.h"
 #include "linux/RestWitness.h"
 #include "linux/StartClock.h"

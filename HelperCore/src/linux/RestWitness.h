@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "HelperCore/FileDescriptor.h"
+#include "TLFoundation/FileDescriptor.h"
 #include "linux/ProcText.h"
 
 namespace tessaloom::linux_kernel {

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "HelperCore/FileDescriptor.h"
+#include "TLFoundation/FileDescriptor.h"
 #include "linux/SocketText.h"
 
 namespace tessaloom::linux_kernel {

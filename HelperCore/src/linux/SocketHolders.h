@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "HelperCore/FileDescriptor.h"
+#include "TLFoundation/FileDescriptor.h"
 #include "linux/OneUser.h"
 #include "linux/RestWitness.h"
 

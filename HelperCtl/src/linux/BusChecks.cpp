@@ -8,10 +8,11 @@
 #include <string_view>
 #include <system_error>
 
-#include "BusHandles.h"
 #include "Checks.h"
 #include "Console.h"
 #include "HelperProtocol/HelperConstants.h"
+#include "HelperProtocol/linux/BusHandles.h"
+#include "TLFoundation/linux/ExecutablePath.h"
 #include "Transport.h"
 
 namespace tessaloom {
@@ -22,20 +23,20 @@ constexpr const char* busPath = "/org/freedesktop/DBus";
 constexpr std::uint64_t patience = 5'000'000;  // Microseconds.
 
 /// Asks the bus itself; nothing when it answers with an error.
-Message askBus(sd_bus* bus, const char* member, const std::optional<std::string>& argument) {
+BusMessage askBus(sd_bus* bus, const char* member, const std::optional<std::string>& argument) {
   sd_bus_message* request = nullptr;
   if (sd_bus_message_new_method_call(bus, &request, busName, busPath, busName, member) < 0) {
     return nullptr;
   }
-  const Message owned(request);
+  const BusMessage owned(request);
   if (argument && sd_bus_message_append(request, "s", argument->c_str()) < 0) return nullptr;
   sd_bus_message* reply = nullptr;
   if (sd_bus_call(bus, request, patience, nullptr, &reply) < 0) return nullptr;
-  return Message(reply);
+  return BusMessage(reply);
 }
 
 std::optional<pid_t> helperProcess(sd_bus* bus) {
-  const Message reply =
+  const BusMessage reply =
       askBus(bus, "GetConnectionUnixProcessID", std::string(HelperConstants::machServiceName));
   std::uint32_t pid = 0;
   if (!reply || sd_bus_message_read(reply.get(), "u", &pid) <= 0) return std::nullopt;
@@ -43,7 +44,7 @@ std::optional<pid_t> helperProcess(sd_bus* bus) {
 }
 
 bool isActivatable(sd_bus* bus) {
-  const Message reply = askBus(bus, "ListActivatableNames", std::nullopt);
+  const BusMessage reply = askBus(bus, "ListActivatableNames", std::nullopt);
   if (!reply || sd_bus_message_enter_container(reply.get(), 'a', "s") <= 0) return false;
   const char* name = nullptr;
   while (sd_bus_message_read(reply.get(), "s", &name) > 0) {
@@ -52,37 +53,25 @@ bool isActivatable(sd_bus* bus) {
   return false;
 }
 
-/// What the kernel appends to the path of a running file that is no longer there.
-constexpr std::string_view deletedMark = " (deleted)";
-
-std::filesystem::path executableLink(const std::string& process) {
-  return "/proc/" + process + "/exe";
-}
-
-std::filesystem::path executableOf(const std::string& process) {
-  std::error_code error;
-  std::string path = std::filesystem::read_symlink(executableLink(process), error).string();
-  if (path.ends_with(deletedMark)) path.resize(path.size() - deletedMark.size());
-  return path;
-}
-
 /// Whether another file, or none, stands where the process was started from.
-bool isReplaced(const std::string& process) {
+bool isReplaced(pid_t process, const std::filesystem::path& executable) {
   std::error_code error;
-  return !std::filesystem::equivalent(executableLink(process), executableOf(process), error);
+  return !std::filesystem::equivalent("/proc/" + std::to_string(process) + "/exe", executable,
+                                      error);
 }
 
-Check checkRunningHelper(const std::string& pid) {
-  const auto helper = executableOf(pid);
-  const auto self = executableOf("self");
-  Check check{Check::Outcome::good, "helper",
-              "running as process " + pid + ", " + console::safeLine(helper.string())};
+Check checkRunningHelper(pid_t pid) {
+  const auto helper = executablePath(pid).value_or(std::filesystem::path());
+  const auto self = ownExecutablePath().value_or(std::filesystem::path());
+  Check check{
+      Check::Outcome::good, "helper",
+      "running as process " + std::to_string(pid) + ", " + console::safeLine(helper.string())};
   if (helper.parent_path() != self.parent_path()) {
     check.outcome = Check::Outcome::notice;
     check.remedy = "This program is in another folder (" +
                    console::safeLine(self.parent_path().string()) +
                    "), so the helper will not admit it. Use the one beside the helper.";
-  } else if (isReplaced(pid)) {
+  } else if (isReplaced(pid, helper)) {
     check.outcome = Check::Outcome::notice;
     check.finding += ", which was replaced since";
     check.remedy = "Let the old one leave when it is idle: tessaloom-helperctl freshness";
@@ -96,7 +85,7 @@ std::vector<Check> checkWayToHelper() {
   sd_bus* opened = nullptr;
   const auto transport = openTransport();
   const bool connected = transport && sd_bus_open_user(&opened) >= 0;
-  const Bus bus(opened);
+  const BusHandle bus(opened);
   if (!connected || !askBus(bus.get(), "GetId", std::nullopt)) {
     const std::string why = transport ? "The bus does not answer." : transport.error().message;
     return {{Check::Outcome::bad, "session bus", console::safeLine(why),
@@ -106,7 +95,7 @@ std::vector<Check> checkWayToHelper() {
   std::vector<Check> checks{{Check::Outcome::good, "session bus", "it answers"}};
   const bool activatable = isActivatable(bus.get());
   if (const auto pid = helperProcess(bus.get())) {
-    checks.push_back(checkRunningHelper(std::to_string(*pid)));
+    checks.push_back(checkRunningHelper(static_cast<pid_t>(*pid)));
     if (!activatable) {
       checks.push_back({Check::Outcome::notice, "activation",
                         "the bus cannot start the helper by itself",

@@ -1,13 +1,14 @@
 #include <cerrno>
-#include <cstring>
 #include <deque>
 #include <list>
 #include <string_view>
 #include <utility>
 
 #include "BusAdvice.h"
-#include "BusHandles.h"
 #include "HelperProtocol/HelperConstants.h"
+#include "HelperProtocol/linux/BusError.h"
+#include "HelperProtocol/linux/BusHandles.h"
+#include "TLFoundation/ErrnoText.h"
 #include "Transport.h"
 
 namespace tessaloom {
@@ -19,38 +20,10 @@ constexpr const char* interfaceName = "com.brindlemoor.Tessaloom.HelperServicing
 /// A receiver that uses sd-bus drops its connection at 64 MiB; no request comes near that.
 constexpr std::size_t maximumBodyBytes = std::size_t{32} * 1024 * 1024;
 
-std::string errorText(int error) {
-  char buffer[256];
-  return strerror_r(error, buffer, sizeof buffer);
-}
-
 CallError makeError(CallError::Category category, std::string name, std::string message) {
   CallError error{category, std::move(name), std::move(message)};
   error.advice = busAdvice(error);
   return error;
-}
-
-/// Reads `domain`, `code` and `kind` of an error's second argument; what is absent stays absent.
-void readErrorDetails(sd_bus_message* reply, CallError& error) {
-  if (sd_bus_message_rewind(reply, 1) < 0 || sd_bus_message_skip(reply, "s") < 0) return;
-  if (sd_bus_message_enter_container(reply, 'a', "{sv}") <= 0) return;
-  while (sd_bus_message_enter_container(reply, 'e', "sv") > 0) {
-    const char* key = nullptr;
-    if (sd_bus_message_read(reply, "s", &key) < 0) return;
-    const std::string_view name(key);
-    const char* text = nullptr;
-    std::int64_t number = 0;
-    if (name == "domain" && sd_bus_message_read(reply, "v", "s", &text) > 0) {
-      error.domain = text;
-    } else if (name == "code" && sd_bus_message_read(reply, "v", "x", &number) > 0) {
-      error.code = number;
-    } else if (name == "kind" && sd_bus_message_read(reply, "v", "s", &text) > 0) {
-      error.kind = text;
-    } else if (sd_bus_message_skip(reply, "v") < 0) {
-      return;
-    }
-    if (sd_bus_message_exit_container(reply) < 0) return;
-  }
 }
 
 CallError readError(sd_bus_message* reply) {
@@ -60,7 +33,10 @@ CallError readError(sd_bus_message* reply) {
   CallError error = makeError(
       isUnreachable(name) ? CallError::Category::unreachable : CallError::Category::answered, name,
       message);
-  readErrorDetails(reply, error);
+  BusErrorDetails details = readErrorDetails(reply);
+  error.domain = std::move(details.domain);
+  error.code = details.code;
+  error.kind = std::move(details.kind);
   return error;
 }
 
@@ -83,7 +59,7 @@ CallReply readReply(sd_bus_message* reply) {
 
 class BusTransport final : public Transport {
  public:
-  explicit BusTransport(Bus bus) : bus_(std::move(bus)) {}
+  explicit BusTransport(BusHandle bus) : bus_(std::move(bus)) {}
 
   void call(const std::string& method, const std::optional<Bytes>& body, Handler handler) override;
   Readiness readiness() override;
@@ -93,7 +69,7 @@ class BusTransport final : public Transport {
   struct Pending {
     BusTransport* owner = nullptr;
     Handler handler;
-    Slot slot;
+    BusSlot slot;
     std::list<Pending>::iterator position;  ///< Its own place in the list.
   };
   struct Delivery {
@@ -107,7 +83,7 @@ class BusTransport final : public Transport {
   void settle(std::list<Pending>::iterator pending, CallReply reply);
   void loseConnection(int error);
 
-  Bus bus_;
+  BusHandle bus_;
   bool lost_ = false;
   std::list<Pending> pending_;
   /// Replies that wait for `process`: handlers never run inside one of sd-bus's own callbacks,
@@ -132,7 +108,7 @@ int BusTransport::send(const std::string& method, const std::optional<Bytes>& bo
   const std::string name(HelperConstants::machServiceName);
   int result = sd_bus_message_new_method_call(bus_.get(), &created, name.c_str(), objectPath,
                                               interfaceName, method.c_str());
-  const Message message(created);
+  const BusMessage message(created);
   if (result < 0) return result;
   if (body) {
     result = sd_bus_message_append_array(message.get(), 'y', body->data(), body->size());
@@ -164,7 +140,7 @@ void BusTransport::call(const std::string& method, const std::optional<Bytes>& b
   if (const int result = send(method, body, pending); result < 0) {
     settle(pending,
            std::unexpected(makeError(CallError::Category::unreachable, SD_BUS_ERROR_DISCONNECTED,
-                                     "The call could not be sent: " + errorText(-result) + ".")));
+                                     "The call could not be sent: " + errnoText(-result) + ".")));
   }
 }
 
@@ -187,7 +163,7 @@ void BusTransport::loseConnection(int error) {
   lost_ = true;
   const CallError reason =
       makeError(CallError::Category::unreachable, SD_BUS_ERROR_DISCONNECTED,
-                "The connection to the session bus was lost: " + errorText(error) + ".");
+                "The connection to the session bus was lost: " + errnoText(error) + ".");
   while (!pending_.empty()) settle(pending_.begin(), std::unexpected(reason));
 }
 
@@ -217,9 +193,9 @@ std::expected<std::unique_ptr<Transport>, CallError> openTransport() {
   if (result < 0) {
     return std::unexpected(
         makeError(CallError::Category::unreachable, SD_BUS_ERROR_NO_SERVER,
-                  "The session bus could not be reached: " + errorText(-result) + "."));
+                  "The session bus could not be reached: " + errnoText(-result) + "."));
   }
-  return std::make_unique<BusTransport>(Bus(opened));
+  return std::make_unique<BusTransport>(BusHandle(opened));
 }
 
 }  // namespace tessaloom

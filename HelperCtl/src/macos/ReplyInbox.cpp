@@ -1,29 +1,16 @@
 #include "ReplyInbox.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
-#include <cerrno>
 #include <system_error>
 #include <utility>
 
 namespace tessaloom {
 
 ReplyInbox::ReplyInbox() {
-  std::array<int, 2> ends{};
-  if (::pipe(ends.data()) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
-  for (const int end : ends) {
-    ::fcntl(end, F_SETFD, FD_CLOEXEC);
-    ::fcntl(end, F_SETFL, O_NONBLOCK);
-  }
-  readEnd_ = ends[0];
-  writeEnd_ = ends[1];
-}
-
-ReplyInbox::~ReplyInbox() {
-  ::close(readEnd_);
-  ::close(writeEnd_);
+  auto pipe = makePipe(PipeMode::nonblocking);
+  if (!pipe) throw std::system_error(pipe.error(), std::generic_category(), "pipe");
+  wake_ = std::move(*pipe);
 }
 
 void ReplyInbox::put(std::uint64_t call, CallReply reply) {
@@ -32,14 +19,14 @@ void ReplyInbox::put(std::uint64_t call, CallReply reply) {
   items_.push_back({call, std::move(reply)});
   // One byte stands for everything that waits.
   if (wasEmpty) [[maybe_unused]]
-    const ssize_t written = ::write(writeEnd_, "", 1);
+    const ssize_t written = ::write(wake_.writeEnd.get(), "", 1);
 }
 
 std::vector<ReplyInbox::Item> ReplyInbox::take() {
   const MutexLock locked(lock_);
   char byte = 0;
   if (!items_.empty()) [[maybe_unused]]
-    const ssize_t count = ::read(readEnd_, &byte, 1);
+    const ssize_t count = ::read(wake_.readEnd.get(), &byte, 1);
   return std::exchange(items_, {});
 }
 

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "TLFoundation/Mutex.h"
+#include "TLFoundation/Pipe.h"
 #include "Transport.h"
 
 namespace tessaloom {
@@ -19,9 +20,6 @@ class ReplyInbox {
 
   /// Throws std::system_error.
   ReplyInbox();
-  ~ReplyInbox();
-  ReplyInbox(const ReplyInbox&) = delete;
-  ReplyInbox& operator=(const ReplyInbox&) = delete;
 
   void put(std::uint64_t call, CallReply reply) TL_EXCLUDES(lock_);
 
@@ -29,13 +27,12 @@ class ReplyInbox {
   std::vector<Item> take() TL_EXCLUDES(lock_);
 
   /// Readable while there is something to take.
-  int descriptor() const { return readEnd_; }
+  int descriptor() const { return wake_.readEnd.get(); }
 
  private:
   Mutex lock_;
   std::vector<Item> items_ TL_GUARDED_BY(lock_);
-  int readEnd_ = -1;
-  int writeEnd_ = -1;
+  Pipe wake_;
 };
 
 }  // namespace tessaloom

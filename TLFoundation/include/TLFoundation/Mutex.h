@@ -18,7 +18,6 @@
 #define TL_EXCLUDES(...) TL_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define TL_ACQUIRE(...) TL_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define TL_RELEASE(...) TL_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
-#define TL_TRY_ACQUIRE(...) TL_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 
 namespace tessaloom {
 
@@ -27,8 +26,6 @@ class TL_CAPABILITY("mutex") Mutex {
  public:
   void lock() TL_ACQUIRE() { mutex_.lock(); }
   void unlock() TL_RELEASE() { mutex_.unlock(); }
-  // NOLINTNEXTLINE(readability-identifier-naming): the name that the standard gives it.
-  bool try_lock() TL_TRY_ACQUIRE(true) { return mutex_.try_lock(); }
 
  private:
   std::mutex mutex_;

@@ -1,36 +1,10 @@
 #include "linux/BusCall.h"
 
-#include "HelperProtocol/HelperConstants.h"
+#include "HelperProtocol/linux/BusError.h"
 
 namespace tessaloom {
 
 namespace {
-
-std::string errorName(const ReplyError& error) {
-  using enum ReplyError::Category;
-  std::string helper(HelperConstants::errorDomain);
-  switch (error.category) {
-    case decoding:
-      return helper + ".DecodingError";
-    case encoding:
-      return helper + ".EncodingError";
-    case generation:
-      return std::string(HelperConstants::generationErrorDomain) + '.' + error.kind.value_or("");
-  }
-  return helper;
-}
-
-int appendDetails(sd_bus_message* reply, const ReplyError& error) {
-  int result = sd_bus_message_open_container(reply, 'a', "{sv}");
-  if (result >= 0) {
-    result = sd_bus_message_append(reply, "{sv}", "domain", "s", error.domain.c_str());
-  }
-  if (result >= 0) result = sd_bus_message_append(reply, "{sv}", "code", "x", error.code);
-  if (result >= 0 && error.kind) {
-    result = sd_bus_message_append(reply, "{sv}", "kind", "s", error.kind->c_str());
-  }
-  return result < 0 ? result : sd_bus_message_close_container(reply);
-}
 
 // Each makes the message of one kind of outcome.
 struct ReplyMessage {
@@ -56,12 +30,12 @@ struct ReplyMessage {
   }
 
   int operator()(const ReplyError& error) {
-    const std::string name = errorName(error);
+    const std::string name = busErrorName(error);
     sd_bus_error described{};
     described.name = name.c_str();
     described.message = error.localizedDescription.c_str();
     const int result = sd_bus_message_new_method_error(call, out(), &described);
-    return result < 0 ? result : appendDetails(reply.get(), error);
+    return result < 0 ? result : appendErrorDetails(reply.get(), error);
   }
 
  private:

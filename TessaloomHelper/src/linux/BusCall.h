@@ -7,7 +7,7 @@
 #include <variant>
 
 #include "HelperProtocol/HelperServicing.h"
-#include "linux/BusHandles.h"
+#include "HelperProtocol/linux/BusHandles.h"
 #include "linux/BusMailbox.h"
 #include "linux/CallLoad.h"
 

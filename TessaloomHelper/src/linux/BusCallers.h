@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
+#include "HelperProtocol/linux/BusHandles.h"
 #include "TessaloomHelper/HelperService.h"
 #include "TessaloomHelper/Tasks.h"
-#include "linux/BusHandles.h"
 #include "linux/BusMailbox.h"
 #include "linux/CallLoad.h"
 #include "linux/PeerRequirement.h"

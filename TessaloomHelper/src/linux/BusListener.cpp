@@ -13,9 +13,9 @@
 
 #include <systemd/sd-daemon.h>
 
-#include "HelperCore/SystemError.h"
 #include "HelperLine.h"
 #include "HelperProtocol/HelperConstants.h"
+#include "TLFoundation/ErrnoText.h"
 #include "linux/BusCallback.h"
 #include "linux/BusMethods.h"
 
@@ -114,7 +114,7 @@ BusListener::~BusListener() = default;
 
 std::expected<void, std::string> BusListener::start() {
   sd_bus* bus = environment_.bus;
-  const auto failure = [](int result) { return std::unexpected(systemErrorText(-result)); };
+  const auto failure = [](int result) { return std::unexpected(errnoText(-result)); };
   // Filters see a call before the library answers what it knows by itself (introspection, pings):
   // nobody who is not admitted gets past.
   sd_bus_slot* slot = nullptr;

@@ -15,12 +15,12 @@
 
 #include <systemd/sd-bus-vtable.h>
 
-#include "HelperCore/FileDescriptor.h"
+#include "HelperProtocol/linux/BusHandles.h"
+#include "TLFoundation/FileDescriptor.h"
 #include "TessaloomHelper/HelperService.h"
 #include "TessaloomHelper/Tasks.h"
 #include "linux/BusCall.h"
 #include "linux/BusCallers.h"
-#include "linux/BusHandles.h"
 #include "linux/BusMailbox.h"
 #include "linux/PeerRequirement.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "HelperCore/FileDescriptor.h"
+#include "TLFoundation/FileDescriptor.h"
 #include "TLFoundation/Mutex.h"
 
 namespace tessaloom {

@@ -3,11 +3,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstddef>
 #include <string>
 
-#include "HelperCore/FileDescriptor.h"
+#include "TLFoundation/FileDescriptor.h"
+#include "TLFoundation/linux/ExecutablePath.h"
 #include "linux/PeerRequirement.h"
 
 // Everything is read relative to one open /proc/PID: the folder keeps naming the same process, so
@@ -23,38 +23,12 @@ FileDescriptor openRelative(const FileDescriptor& folder, const char* path, int 
   return FileDescriptor(::openat(folder.get(), path, flags | O_CLOEXEC | O_NOCTTY));
 }
 
-bool isSameFile(const struct stat& a, const struct stat& b) {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
 std::optional<bool> sharesMountNamespace(const FileDescriptor& process) {
   struct stat own{};
   struct stat theirs{};
   if (::stat("/proc/self/ns/mnt", &own) != 0) return std::nullopt;
   if (::fstatat(process.get(), "ns/mnt", &theirs, 0) != 0) return std::nullopt;
-  return isSameFile(own, theirs);
-}
-
-// The kernel marks the path of a file that was deleted or replaced. A file may also bear that mark
-// as part of its name; then the path leads to the executable itself.
-std::string withoutDeletedMark(const FileDescriptor& process, std::string path) {
-  constexpr std::string_view mark = " (deleted)";
-  if (!path.ends_with(mark)) return path;
-  struct stat named{};
-  struct stat running{};
-  const bool isItsName = ::lstat(path.c_str(), &named) == 0 &&
-                         ::fstatat(process.get(), "exe", &running, 0) == 0 &&
-                         isSameFile(named, running);
-  if (!isItsName) path.resize(path.size() - mark.size());
-  return path;
-}
-
-std::optional<std::string> executable(const FileDescriptor& process) {
-  std::string path(PATH_MAX, '\0');
-  const auto length = ::readlinkat(process.get(), "exe", path.data(), path.size());
-  if (length <= 0 || static_cast<std::size_t>(length) == path.size()) return std::nullopt;
-  path.resize(static_cast<std::size_t>(length));
-  return withoutDeletedMark(process, std::move(path));
+  return own.st_dev == theirs.st_dev && own.st_ino == theirs.st_ino;
 }
 
 // Opened without reading first, so that neither a pipe blocks nor a device notices.
@@ -95,9 +69,15 @@ std::optional<PeerFacts> readPeerFacts(pid_t pid, uid_t user) {
 
   PeerFacts facts{
       .user = user, .sharesMountNamespace = *isShared, .executable = {}, .flatpakInfo = {}};
-  auto read = *isShared ? executable(process) : flatpakInfo(process);
-  if (!read) return std::nullopt;
-  (*isShared ? facts.executable : facts.flatpakInfo) = std::move(*read);
+  if (*isShared) {
+    auto path = executablePath(process);
+    if (!path) return std::nullopt;
+    facts.executable = path->string();
+  } else {
+    auto text = flatpakInfo(process);
+    if (!text) return std::nullopt;
+    facts.flatpakInfo = std::move(*text);
+  }
   return facts;
 }
 

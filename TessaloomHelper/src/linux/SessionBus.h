@@ -2,7 +2,7 @@
 
 #include <expected>
 
-#include "linux/BusHandles.h"
+#include "HelperProtocol/linux/BusHandles.h"
 
 namespace tessaloom {
 

@@ -5,9 +5,9 @@
 #include <string>
 #include <string_view>
 
-#include "HelperCore/SystemError.h"
 #include "HelperLine.h"
-#include "linux/BusHandles.h"
+#include "HelperProtocol/linux/BusHandles.h"
+#include "TLFoundation/ErrnoText.h"
 
 namespace tessaloom {
 
@@ -29,7 +29,7 @@ std::expected<BusMessage, std::string> callManager(sd_bus* bus, Clock::time_poin
   // Without a manager on this bus there is nothing to register with; starting one is not our part.
   if (result >= 0) result = sd_bus_message_set_auto_start(call.get(), 0);
   if (result >= 0) result = append(call.get());
-  if (result < 0) return std::unexpected(systemErrorText(-result));
+  if (result < 0) return std::unexpected(errnoText(-result));
 
   // A limit of 0 would mean the library's own, which is long.
   const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now());
@@ -39,7 +39,7 @@ std::expected<BusMessage, std::string> callManager(sd_bus* bus, Clock::time_poin
   result = sd_bus_call(bus, call.get(), limit, error.get(), &reply);
   BusMessage owned(reply);
   if (result >= 0) return owned;
-  return std::unexpected(error.message() != nullptr ? error.message() : systemErrorText(-result));
+  return std::unexpected(error.message() != nullptr ? error.message() : errnoText(-result));
 }
 
 std::expected<bool, std::string> isEnabled(sd_bus* bus, Clock::time_point deadline) {
@@ -49,7 +49,7 @@ std::expected<bool, std::string> isEnabled(sd_bus* bus, Clock::time_point deadli
   if (!reply) return std::unexpected(reply.error());
   const char* state = nullptr;
   const int result = sd_bus_message_read(reply->get(), "s", &state);
-  if (result < 0) return std::unexpected(systemErrorText(-result));
+  if (result < 0) return std::unexpected(errnoText(-result));
   return std::string_view(state).starts_with("enabled");  // or "enabled-runtime"
 }
 

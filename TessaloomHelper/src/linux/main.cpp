@@ -13,12 +13,13 @@
 #include <system_error>
 
 #include "HelperCore/ExecutableIdentity.h"
-#include "HelperCore/FileDescriptor.h"
 #include "HelperCore/Kernel.h"
 #include "HelperCore/PerUserTemporaryDirectory.h"
-#include "HelperCore/SystemError.h"
 #include "HelperLine.h"
 #include "HelperProtocol/HelperConstants.h"
+#include "TLFoundation/ErrnoText.h"
+#include "TLFoundation/FileDescriptor.h"
+#include "TLFoundation/linux/ExecutablePath.h"
 #include "TessaloomHelper/CLIRunner.h"
 #include "TessaloomHelper/ExitWhenIdle.h"
 #include "TessaloomHelper/GenerationCoordinator.h"
@@ -60,25 +61,15 @@ FileDescriptor prepareSignals() {
   return signals;
 }
 
-// The path that was executed, also when another file stands there by now.
-std::optional<std::filesystem::path> executablePath() {
-  std::string path(PATH_MAX, '\0');
-  const auto length = ::readlink("/proc/self/exe", path.data(), path.size());
-  if (length <= 0 || static_cast<std::size_t>(length) == path.size()) return std::nullopt;
-  path.resize(static_cast<std::size_t>(length));
-  constexpr std::string_view mark = " (deleted)";
-  if (path.ends_with(mark)) path.resize(path.size() - mark.size());
-  return path;
-}
-
 int serve() {
   secureDescriptors();
   const FileDescriptor signals = prepareSignals();
-  const auto executable = executablePath();
+  std::optional<std::filesystem::path> executable;
+  if (auto path = ownExecutablePath()) executable = std::move(*path);
 
   const auto bus = openSessionBus();
   if (!bus) {
-    writeHelperLine("could not connect to the session bus: " + systemErrorText(bus.error()));
+    writeHelperLine("could not connect to the session bus: " + errnoText(bus.error()));
     return 1;
   }
   registerUserUnit(bus->get(), registrationLimit);

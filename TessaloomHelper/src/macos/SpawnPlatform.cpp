@@ -2,35 +2,8 @@
 
 #include <fcntl.h>
 #include <sys/event.h>
-#include <unistd.h>
-
-#include <array>
-#include <cerrno>
 
 namespace tessaloom::SpawnPlatform {
-
-namespace {
-
-/// A close-on-exec duplicate above the standard descriptors; an empty one with errno set otherwise.
-FileDescriptor privateDuplicate(const FileDescriptor& descriptor) {
-  return FileDescriptor(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-}
-
-}  // namespace
-
-std::expected<Pipe, int> makePipe() {
-  std::array<int, 2> ends{};
-  if (::pipe(ends.data()) != 0) return std::unexpected(errno);
-  const FileDescriptor readEnd(ends[0]);
-  const FileDescriptor writeEnd(ends[1]);
-  // pipe2 is missing here. Between pipe and this a spawn of another thread could copy the ends, but
-  // every spawn of this process closes what it does not name.
-  Pipe pipe{privateDuplicate(readEnd), FileDescriptor()};
-  if (!pipe.readEnd) return std::unexpected(errno);
-  pipe.writeEnd = privateDuplicate(writeEnd);
-  if (!pipe.writeEnd) return std::unexpected(errno);
-  return pipe;
-}
 
 int inheritStandardDescriptorsOnly(posix_spawn_file_actions_t& /*actions*/, short& spawnFlags) {
   spawnFlags = static_cast<short>(spawnFlags | POSIX_SPAWN_CLOEXEC_DEFAULT);

@@ -12,9 +12,9 @@
 #include <string_view>
 #include <vector>
 
-#include "HelperCore/FileDescriptor.h"
 #include "HelperCore/ListeningPorts.h"
 #include "HelperCore/ProcessListing.h"
+#include "TLFoundation/FileDescriptor.h"
 
 namespace tessaloom {
 

@@ -13,10 +13,10 @@
 
 #include <gtest/gtest.h>
 
-#include "HelperCore/FileDescriptor.h"
 #include "HelperCore/ProcessIdentity.h"
 #include "HelperCore/ProcessKill.h"
 #include "HelperCore/ProcessListing.h"
+#include "TLFoundation/FileDescriptor.h"
 #include "linux/LinuxKernel.h"
 
 namespace tessaloom::linux_kernel {

@@ -1,4 +1,4 @@
-#include "HelperCore/SystemError.h"
+#include "TLFoundation/ErrnoText.h"
 
 #include <array>
 #include <cstring>
@@ -17,7 +17,7 @@ namespace {
 
 }  // namespace
 
-std::string systemErrorText(int error) {
+std::string errnoText(int error) {
   std::array<char, 256> buffer{};
   return chosenText(::strerror_r(error, buffer.data(), buffer.size()), buffer.data());
 }
