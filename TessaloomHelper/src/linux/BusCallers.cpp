@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "linux/BusCallback.h"
+#include "HelperProtocol/linux/BusCallback.h"
 
 namespace tessaloom {
 

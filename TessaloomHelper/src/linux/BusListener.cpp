@@ -15,8 +15,8 @@
 
 #include "HelperLine.h"
 #include "HelperProtocol/HelperConstants.h"
+#include "HelperProtocol/linux/BusCallback.h"
 #include "TLFoundation/ErrnoText.h"
-#include "linux/BusCallback.h"
 #include "linux/BusMethods.h"
 
 namespace tessaloom {

@@ -1,0 +1,200 @@
+#include <sys/socket.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "HelperProtocol/linux/BusRequests.h"
+
+namespace tessaloom {
+namespace {
+
+constexpr const char* service = "com.example.Service";
+constexpr const char* attacker = ":1.66";
+
+BusHandle endOf(int descriptor, bool isServer) {
+  sd_bus* bus = nullptr;
+  EXPECT_GE(sd_bus_new(&bus), 0);
+  BusHandle owned(bus);
+  EXPECT_GE(sd_bus_set_fd(bus, descriptor, descriptor), 0);
+  const sd_id128_t id =
+      isServer ? SD_ID128_MAKE(1, 2, 3, 4, 5, 6, 7, 8, 9, a, b, c, d, e, f, 0) : SD_ID128_NULL;
+  EXPECT_GE(sd_bus_set_server(bus, isServer ? 1 : 0, id), 0);
+  EXPECT_GE(sd_bus_start(bus), 0);
+  return owned;
+}
+
+/// A connection whose other end is the test, which plays the bus and everybody on it: so it may
+/// write any sender.
+class BusRequestsTest : public testing::Test {
+ protected:
+  BusRequestsTest() {
+    int ends[2];
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends), 0);
+    played_ = endOf(ends[0], true);
+    bus_ = endOf(ends[1], false);
+    requests_.emplace(bus_.get());
+  }
+
+  /// Lets both ends handle what they have received.
+  void exchange() {
+    for (int idle = 0; idle < 2;) {
+      sd_bus_message* received = nullptr;
+      int busy = sd_bus_process(played_.get(), &received);
+      if (received != nullptr) asked_.emplace_back(received);
+      busy += sd_bus_process(bus_.get(), nullptr);
+      idle = busy > 0 ? 0 : idle + 1;
+    }
+  }
+
+  /// The last call of this method that arrived at the test's end.
+  sd_bus_message* asked(std::string_view method) {
+    exchange();
+    for (auto call = asked_.rbegin(); call != asked_.rend(); ++call) {
+      if (sd_bus_message_get_member(call->get()) == method) return call->get();
+    }
+    return nullptr;
+  }
+
+  void sendAs(const char* sender, sd_bus_message* message) {
+    const BusMessage owned(message);
+    EXPECT_GE(sd_bus_message_set_sender(message, sender), 0);
+    EXPECT_GE(sd_bus_send(played_.get(), message, nullptr), 0);
+    exchange();
+  }
+
+  void reply(const char* sender, sd_bus_message* call, const char* text) {
+    ASSERT_NE(call, nullptr);
+    sd_bus_message* reply = nullptr;
+    EXPECT_GE(sd_bus_message_new_method_return(call, &reply), 0);
+    EXPECT_GE(sd_bus_message_append(reply, "s", text), 0);
+    sendAs(sender, reply);
+  }
+
+  void replyError(const char* sender, sd_bus_message* call, const char* name) {
+    ASSERT_NE(call, nullptr);
+    sd_bus_message* reply = nullptr;
+    EXPECT_GE(sd_bus_message_new_method_errorf(call, &reply, name, "no"), 0);
+    sendAs(sender, reply);
+  }
+
+  void reportOwner(const char* sender, const char* name, const char* owner) {
+    sd_bus_message* signal = nullptr;
+    EXPECT_GE(sd_bus_message_new_signal(played_.get(), &signal, BusRequests::busPath,
+                                        BusRequests::busInterface, "NameOwnerChanged"),
+              0);
+    EXPECT_GE(sd_bus_message_append(signal, "sss", name, "", owner), 0);
+    sendAs(sender, signal);
+  }
+
+  BusRequest call(const char* destination, const char* method) {
+    sd_bus_message* message = nullptr;
+    EXPECT_GE(sd_bus_message_new_method_call(bus_.get(), &message, destination, "/",
+                                             "com.example.Interface", method),
+              0);
+    const BusMessage owned(message);
+    return *requests_->send(message, recorder());
+  }
+
+  BusRequests::ReplyHandler recorder() {
+    return [this](sd_bus_message* reply) {
+      const sd_bus_error* error = sd_bus_message_get_error(reply);
+      const char* text = nullptr;
+      if (error == nullptr) sd_bus_message_read(reply, "s", &text);
+      answers.emplace_back(error != nullptr ? error->name : text);
+    };
+  }
+
+  std::vector<std::string> answers;
+  std::optional<BusRequests> requests_;
+
+ private:
+  std::vector<BusMessage> asked_;
+  BusHandle played_;
+  BusHandle bus_;
+};
+
+using Texts = std::vector<std::string>;
+
+TEST_F(BusRequestsTest, ForgedRepliesOfTheBusAreDroppedAndTheGenuineOneArrives) {
+  const auto request = *requests_->askBus("GetId", recorder(), "");
+  sd_bus_message* asked = this->asked("GetId");
+  for (int i = 0; i < 100; ++i) {
+    reply(attacker, asked, "forged");
+    replyError(attacker, asked, SD_BUS_ERROR_ACCESS_DENIED);
+  }
+  EXPECT_EQ(answers, Texts{});
+  reply(BusRequests::busName, asked, "genuine");
+  reply(BusRequests::busName, asked, "again");
+  EXPECT_EQ(answers, Texts{"genuine"});
+}
+
+TEST_F(BusRequestsTest, RepliesOfANameComeFromWhoOwnedItSinceTheCall) {
+  const auto first = call(service, "First");
+  sd_bus_message* firstAsked = asked("First");
+  reply(":1.5", firstAsked, "not yet its owner");
+  reply(BusRequests::busName, asked("GetNameOwner"), ":1.5");
+  reply(attacker, firstAsked, "forged");
+  reply(BusRequests::busName, firstAsked, "the bus returns nothing for others");
+  EXPECT_EQ(answers, Texts{});
+
+  // The name passes on while a call is under way: either may have got it.
+  reportOwner(attacker, service, attacker);
+  reportOwner(BusRequests::busName, "com.example.Other", attacker);
+  reportOwner(BusRequests::busName, service, "");
+  reportOwner(BusRequests::busName, service, ":1.7");
+  reply(attacker, firstAsked, "forged");
+  const auto second = call(service, "Second");
+  reply(":1.5", asked("Second"), "no longer its owner");
+  EXPECT_EQ(answers, Texts{});
+  reply(":1.5", firstAsked, "from the old owner");
+  reply(":1.7", asked("Second"), "from the new owner");
+  EXPECT_EQ(answers, (Texts{"from the old owner", "from the new owner"}));
+
+  const auto third = call(service, "Third");
+  replyError(attacker, asked("Third"), SD_BUS_ERROR_NO_REPLY);
+  replyError(BusRequests::busName, asked("Third"), SD_BUS_ERROR_SERVICE_UNKNOWN);
+  EXPECT_EQ(answers.back(), SD_BUS_ERROR_SERVICE_UNKNOWN);
+  EXPECT_EQ(answers.size(), 3U);
+}
+
+TEST_F(BusRequestsTest, CallsEndWhenTheBusDoesNotNameTheOwner) {
+  const auto request = call(service, "First");
+  replyError(BusRequests::busName, asked("GetNameOwner"), SD_BUS_ERROR_NAME_HAS_NO_OWNER);
+  EXPECT_EQ(answers, Texts{}) << "the call may start the service";
+  replyError(BusRequests::busName, asked("AddMatch"), SD_BUS_ERROR_LIMITS_EXCEEDED);
+  EXPECT_EQ(answers, Texts{SD_BUS_ERROR_LIMITS_EXCEEDED});
+}
+
+TEST_F(BusRequestsTest, OwnersAreReportedByTheBusUntilTheRequestEnds) {
+  Texts owners;
+  Texts refusals;
+  BusRequest inner;
+  auto watch = requests_->watchOwner(
+      ":1.9",
+      [&](std::string_view owner) {
+        owners.emplace_back(owner);
+        // A handler may begin others and end its own.
+        inner = *requests_->watchOwner(":1.9", [](std::string_view) { FAIL(); }, {});
+      },
+      [&](sd_bus_message* error) { refusals.emplace_back(sd_bus_message_get_error(error)->name); });
+  sd_bus_message* match = asked("AddMatch");
+  reportOwner(attacker, ":1.9", "");
+  replyError(attacker, match, SD_BUS_ERROR_LIMITS_EXCEEDED);
+  EXPECT_EQ(owners.size() + refusals.size(), 0U);
+  replyError(BusRequests::busName, match, SD_BUS_ERROR_LIMITS_EXCEEDED);
+  EXPECT_EQ(refusals, Texts{SD_BUS_ERROR_LIMITS_EXCEEDED});
+  reportOwner(BusRequests::busName, ":1.9", "");
+  EXPECT_EQ(owners, Texts{""});
+  inner = {};
+  watch = {};
+  EXPECT_NE(asked("RemoveMatch"), nullptr);
+  reportOwner(BusRequests::busName, ":1.9", "");
+  EXPECT_EQ(owners.size(), 1U);
+}
+
+}  // namespace
+}  // namespace tessaloom
