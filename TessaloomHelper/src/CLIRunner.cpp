@@ -79,6 +79,10 @@ std::expected<RunResult, GenerationErrorPayload> CLIRunner::run(
     const CLIInvocation& invocation, const std::optional<UUID>& requestID,
     GenerationEngineID engine, std::chrono::duration<double> timeout) try {
   const std::int64_t seconds = wholeSeconds(timeout);
+  const auto cancelled = [engine] {
+    return std::unexpected(GenerationErrorPayload{GenerationFailureKind::cancelled, engine});
+  };
+  if (isEnding()) return cancelled();
   auto session = ChildSession::launch(invocation);
   if (!session) return std::unexpected(launchFailure(engine, session.error()));
   const std::shared_ptr<ChildProcess>& child = session->child();
@@ -98,9 +102,7 @@ std::expected<RunResult, GenerationErrorPayload> CLIRunner::run(
         GenerationFailureKind::timedOut, engine,
         "The command didn’t finish within " + std::to_string(seconds) + " seconds."));
   }
-  if (wasCancelled) {
-    return std::unexpected(GenerationErrorPayload{GenerationFailureKind::cancelled, engine});
-  }
+  if (wasCancelled || (isEnding() && child->wasTerminated())) return cancelled();
   return session->result();
 } catch (const std::bad_alloc&) {
   return std::unexpected(launchFailure(engine, ENOMEM));
@@ -121,6 +123,11 @@ bool CLIRunner::cancel(const UUID& requestID) {
 std::size_t CLIRunner::inFlightCount() const {
   const MutexLock locked(lock_);
   return inFlight_.size();
+}
+
+CLIRunner::Work CLIRunner::accept() {
+  ++unfinished_;
+  return {this, [this](const void*) { --unfinished_; }};
 }
 
 void CLIRunner::endAll() {

@@ -58,10 +58,16 @@ bool ChildProcess::terminate() {
   if (std::ranges::find(kills_, target, &Kill::target) == kills_.end()) {
     kills_.push_back({Clock::now() + CLIRunner::killDelay, target});
   }
+  terminated_ = true;
   ::kill(target, SIGTERM);
   // When the pipe is full the waiting thread has enough to wake it.
   [[maybe_unused]] const auto written = ::write(wake_.get(), "", 1);
   return true;
+}
+
+bool ChildProcess::wasTerminated() const {
+  const MutexLock locked(lock_);
+  return terminated_;
 }
 
 std::optional<ChildProcess::Clock::time_point> ChildProcess::nextKill() const {
@@ -103,7 +109,8 @@ void ChildProcess::destroy() {
   {
     const MutexLock locked(lock_);
     if (reaped_) return;
-    ::kill(-pid_, SIGKILL);
+    // A group that has lost its leader is left alone, here as elsewhere.
+    if (isRunning()) ::kill(-pid_, SIGKILL);
   }
   awaitExit();
   reap();

@@ -37,6 +37,9 @@ class ChildProcess {
   /// sent then, even if its group lives on.
   bool terminate() TL_EXCLUDES(lock_);
 
+  /// Whether `terminate` has sent anything.
+  bool wasTerminated() const TL_EXCLUDES(lock_);
+
   /// When the next kill falls due, if there is one.
   std::optional<Clock::time_point> nextKill() const TL_EXCLUDES(lock_);
 
@@ -68,6 +71,7 @@ class ChildProcess {
   mutable Mutex lock_;
   FileDescriptor wake_ TL_GUARDED_BY(lock_);
   bool reaped_ TL_GUARDED_BY(lock_) = false;
+  bool terminated_ TL_GUARDED_BY(lock_) = false;
   std::vector<Kill> kills_ TL_GUARDED_BY(lock_);  ///< In the order in which they fall due.
 };
 

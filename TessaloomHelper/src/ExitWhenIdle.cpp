@@ -25,7 +25,7 @@ bool ExitWhenIdle::isExecutableReplaced() const {
 void ExitWhenIdle::scheduleExitWhenIdle(std::chrono::milliseconds delay) noexcept {
   try {
     tasks_.runAfter(delay, QualityOfService::utility, [this] {
-      if (runner_.inFlightCount() > 0) return scheduleExitWhenIdle(nextCheck);
+      if (runner_.unfinishedCount() > 0) return scheduleExitWhenIdle(nextCheck);
       leave_();
     });
   } catch (const std::exception&) {

@@ -140,7 +140,8 @@ void answerConcurrently(const ServiceContext& context, const Bytes& body, const 
   try {
     context.tasks.runConcurrently(
         QualityOfService::userInitiated,
-        [&context, request = HelperCoding::makeDecoder().decode<Request>(body), reply, work] {
+        [&context, request = HelperCoding::makeDecoder().decode<Request>(body), reply, work,
+         accepted = context.coordinator.accept()] {
           answer(context, reply, [&] { return work(context.coordinator, request); });
         });
   } catch (...) {

@@ -53,6 +53,19 @@ TEST_F(ExitWhenIdleTest, KnowsAReplacedExecutable) {
   EXPECT_FALSE(exit->isExecutableReplaced());
 }
 
+TEST_F(ExitWhenIdleTest, StaysWhileAnAcceptedEngineCallIsUnfinished) {
+  auto accepted = runner.accept();
+  const auto copy = accepted;
+  exit->scheduleExitWhenIdle(ExitWhenIdle::firstCheck);
+  for (const bool isLast : {false, true}) {
+    tasks.run();
+    ASSERT_EQ(tasks.entries.size(), 1U);
+    EXPECT_EQ(tasks.entries[0].delay, ExitWhenIdle::nextCheck);
+    if (!isLast) accepted.reset();
+  }
+  EXPECT_EQ(left, 0);
+}
+
 TEST_F(ExitWhenIdleTest, StaysWhenTheSystemHasNothingLeftForTheCheck) {
   tasks.isExhausted = true;
   exit->scheduleExitWhenIdle(ExitWhenIdle::firstCheck);

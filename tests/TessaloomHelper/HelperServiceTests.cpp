@@ -76,8 +76,10 @@ TEST_F(HelperServiceTest, DecodesBeforeItMovesTheWork) {
   EXPECT_TRUE(replies.empty());
   ASSERT_EQ(tasks.entries.size(), 2U);
   EXPECT_EQ(tasks.entries[0].quality, QualityOfService::userInitiated);
+  EXPECT_EQ(runner.unfinishedCount(), 2U);
   tasks.run();
   EXPECT_EQ(replies.size(), 2U);
+  EXPECT_EQ(runner.unfinishedCount(), 0U);
 }
 
 TEST_F(HelperServiceTest, DescribesAFailedGeneration) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -70,9 +71,22 @@ class CLIRunner {
   /// How many generations are registered.
   std::size_t inFlightCount() const TL_EXCLUDES(lock_);
 
-  /// For a process that must leave: ends every run as `cancel` does, the unregistered ones too, and
-  /// ends every later one as soon as it is launched. Returns at once; the runs return to their
-  /// callers within `killDelay` and `readersGrace`.
+  /// An engine call, a generation or a probe, that counts as unfinished while a copy of this
+  /// exists.
+  using Work = std::shared_ptr<const void>;
+
+  /// Takes an engine call into account from its acceptance on, before anything of it has started.
+  /// The runner must outlive the result.
+  Work accept();
+
+  /// How many accepted engine calls are unfinished, whether they wait, launch, run or are being
+  /// answered. A helper that gives its name away while there are any would lose their
+  /// cancellations.
+  std::size_t unfinishedCount() const { return unfinished_; }
+
+  /// For a process that must exit: ends every run as `cancel` does, the unregistered ones too, and
+  /// launches none later. Each of them reports `cancelled`, unless it has finished by itself.
+  /// Returns at once; the runs return to their callers within `killDelay` and `readersGrace`.
   void endAll() TL_EXCLUDES(lock_);
 
  private:
@@ -80,6 +94,7 @@ class CLIRunner {
 
   bool isEnding() const TL_EXCLUDES(lock_);
 
+  std::atomic<std::size_t> unfinished_ = 0;
   mutable Mutex lock_;
   std::unordered_map<UUID, std::shared_ptr<ChildProcess>> inFlight_ TL_GUARDED_BY(lock_);
   std::unordered_set<UUID> cancelled_ TL_GUARDED_BY(lock_);

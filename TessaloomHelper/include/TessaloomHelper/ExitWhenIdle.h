@@ -12,8 +12,8 @@
 
 namespace tessaloom {
 
-/// Knows which executable this process was started from, and leaves when it was replaced and no
-/// generation runs. Safe from any thread.
+/// Knows which executable this process was started from, and exits once it has been replaced and no
+/// engine call is unfinished. Safe from any thread.
 class ExitWhenIdle {
  public:
   static constexpr std::chrono::milliseconds firstCheck{200};
@@ -24,7 +24,7 @@ class ExitWhenIdle {
 
   /// `executable` is the path of the process's own executable, absent when the system does not
   /// tell. `start` describes the file that was executed. `leave` ends the process in the platform's
-  /// orderly way; called once a check finds no generation, possibly more than once.
+  /// orderly way; called once a check finds no engine call, possibly more than once.
   ExitWhenIdle(std::optional<std::filesystem::path> executable,
                std::optional<ExecutableIdentity> start, CLIRunner& runner, Tasks& tasks,
                std::function<void()> leave);
@@ -33,9 +33,10 @@ class ExitWhenIdle {
   /// modification time. A missing file is no replacement.
   bool isExecutableReplaced() const;
 
-  /// After `delay`, and then every `nextCheck` while a generation runs, looks whether one is
-  /// registered; leaves when none is. When the system gives neither memory nor a thread for that,
-  /// nothing is scheduled; the next question about a replaced executable starts it again.
+  /// After `delay`, and then every `nextCheck` while there is one, looks whether the runner knows
+  /// of an unfinished engine call; leaves when it knows of none. When the system gives neither
+  /// memory nor a thread for that, nothing is scheduled; the next question about a replaced
+  /// executable starts it again.
   void scheduleExitWhenIdle(std::chrono::milliseconds delay) noexcept;
 
  private:

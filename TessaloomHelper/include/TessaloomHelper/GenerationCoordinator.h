@@ -35,6 +35,9 @@ class GenerationCoordinator {
   GenerationCoordinator(CLIRunner& runner, std::filesystem::path temporaryDirectory,
                         GenerationLookups lookups = {});
 
+  /// See `CLIRunner::accept`: to be held from the acceptance of a call until it is answered.
+  CLIRunner::Work accept() const { return runner_.accept(); }
+
   /// Runs the engine in a directory of its own, which is gone when this returns.
   std::expected<GenerationResult, GenerationErrorPayload> generate(
       const GenerationRequest& request) const;
