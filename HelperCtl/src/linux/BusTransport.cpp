@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <deque>
 #include <list>
+#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -8,6 +9,8 @@
 #include "HelperProtocol/HelperConstants.h"
 #include "HelperProtocol/linux/BusError.h"
 #include "HelperProtocol/linux/BusHandles.h"
+#include "HelperProtocol/linux/BusRequests.h"
+#include "HelperProtocol/linux/SessionBus.h"
 #include "TLFoundation/ErrnoText.h"
 #include "Transport.h"
 
@@ -19,6 +22,10 @@ constexpr const char* interfaceName = "com.brindlemoor.Tessaloom.HelperServicing
 
 /// A receiver that uses sd-bus drops its connection at 64 MiB; no request comes near that.
 constexpr std::size_t maximumBodyBytes = std::size_t{32} * 1024 * 1024;
+
+/// How many messages are received before the owner looks at its other descriptors and its clock: a
+/// peer may send faster than this process reads.
+constexpr int messagesAtOnce = 256;
 
 CallError makeError(CallError::Category category, std::string name, std::string message) {
   CallError error{category, std::move(name), std::move(message)};
@@ -57,9 +64,10 @@ CallReply readReply(sd_bus_message* reply) {
                                    "The reply is not of the expected type."));
 }
 
+/// Replies are believed from the helper and the bus only, see BusRequests.
 class BusTransport final : public Transport {
  public:
-  explicit BusTransport(BusHandle bus) : bus_(std::move(bus)) {}
+  explicit BusTransport(BusHandle bus) : bus_(bus.release()), requests_(bus_.get()) {}
 
   void call(const std::string& method, const std::optional<Bytes>& body, Handler handler) override;
   Readiness readiness() override;
@@ -67,35 +75,28 @@ class BusTransport final : public Transport {
 
  private:
   struct Pending {
-    BusTransport* owner = nullptr;
     Handler handler;
-    BusSlot slot;
-    std::list<Pending>::iterator position;  ///< Its own place in the list.
+    BusRequest request;
   };
   struct Delivery {
     Handler handler;
     CallReply reply;
   };
 
-  static int replyArrived(sd_bus_message* reply, void* userData, sd_bus_error*);
   int send(const std::string& method, const std::optional<Bytes>& body,
            std::list<Pending>::iterator pending);
   void settle(std::list<Pending>::iterator pending, CallReply reply);
   void loseConnection(int error);
 
-  BusHandle bus_;
+  /// Closed without waiting for a bus that may have stopped: what matters has been answered.
+  std::unique_ptr<sd_bus, BusRelease<sd_bus_close_unref>> bus_;
+  BusRequests requests_;
   bool lost_ = false;
   std::list<Pending> pending_;
   /// Replies that wait for `process`: handlers never run inside one of sd-bus's own callbacks,
   /// which cannot let an exception through.
   std::deque<Delivery> deliveries_;
 };
-
-int BusTransport::replyArrived(sd_bus_message* reply, void* userData, sd_bus_error*) {
-  const auto* pending = static_cast<const Pending*>(userData);
-  pending->owner->settle(pending->position, readReply(reply));
-  return 0;
-}
 
 void BusTransport::settle(std::list<Pending>::iterator pending, CallReply reply) {
   deliveries_.push_back({std::move(pending->handler), std::move(reply)});
@@ -109,23 +110,21 @@ int BusTransport::send(const std::string& method, const std::optional<Bytes>& bo
   int result = sd_bus_message_new_method_call(bus_.get(), &created, name.c_str(), objectPath,
                                               interfaceName, method.c_str());
   const BusMessage message(created);
-  if (result < 0) return result;
+  if (result < 0) return -result;
   if (body) {
     result = sd_bus_message_append_array(message.get(), 'y', body->data(), body->size());
-    if (result < 0) return result;
+    if (result < 0) return -result;
   }
-  sd_bus_slot* slot = nullptr;
-  result = sd_bus_call_async(bus_.get(), &slot, message.get(), &BusTransport::replyArrived,
-                             &*pending, UINT64_MAX);
-  if (result >= 0) pending->slot.reset(slot);
-  return result;
+  auto request = requests_.send(
+      message.get(), [this, pending](sd_bus_message* reply) { settle(pending, readReply(reply)); });
+  if (!request) return request.error();
+  pending->request = *std::move(request);
+  return 0;
 }
 
 void BusTransport::call(const std::string& method, const std::optional<Bytes>& body,
                         Handler handler) {
-  const auto pending =
-      pending_.insert(pending_.end(), Pending{this, std::move(handler), nullptr, {}});
-  pending->position = pending;
+  const auto pending = pending_.emplace(pending_.end(), std::move(handler), BusRequest());
   if (lost_) return loseConnection(ECONNRESET);
   if (sd_bus_member_name_is_valid(method.c_str()) <= 0) {
     return settle(pending, std::unexpected(makeError(CallError::Category::answered,
@@ -137,10 +136,10 @@ void BusTransport::call(const std::string& method, const std::optional<Bytes>& b
                                                      SD_BUS_ERROR_LIMITS_EXCEEDED,
                                                      "The body is larger than 32 MiB.")));
   }
-  if (const int result = send(method, body, pending); result < 0) {
+  if (const int error = send(method, body, pending); error != 0) {
     settle(pending,
            std::unexpected(makeError(CallError::Category::unreachable, SD_BUS_ERROR_DISCONNECTED,
-                                     "The call could not be sent: " + errnoText(-result) + ".")));
+                                     "The call could not be sent: " + errnoText(error) + ".")));
   }
 }
 
@@ -168,7 +167,7 @@ void BusTransport::loseConnection(int error) {
 }
 
 void BusTransport::process() {
-  while (!lost_) {
+  for (int i = 0; i < messagesAtOnce && !lost_; ++i) {
     const int result = sd_bus_process(bus_.get(), nullptr);
     if (result < 0) loseConnection(-result);
     if (result == 0) break;
@@ -184,18 +183,11 @@ void BusTransport::process() {
 }  // namespace
 
 std::expected<std::unique_ptr<Transport>, CallError> openTransport() {
-  sd_bus* opened = nullptr;
-  const int result = sd_bus_open_user(&opened);
-  if (result == -ENOMEDIUM) {
-    return std::unexpected(makeError(CallError::Category::unreachable, SD_BUS_ERROR_NO_SERVER,
-                                     "There is no session bus."));
-  }
-  if (result < 0) {
-    return std::unexpected(
-        makeError(CallError::Category::unreachable, SD_BUS_ERROR_NO_SERVER,
-                  "The session bus could not be reached: " + errnoText(-result) + "."));
-  }
-  return std::make_unique<BusTransport>(BusHandle(opened));
+  auto bus = openSessionBus();
+  if (bus) return std::make_unique<BusTransport>(*std::move(bus));
+  return std::unexpected(
+      makeError(CallError::Category::unreachable, SD_BUS_ERROR_NO_SERVER,
+                "The session bus could not be reached: " + errnoText(bus.error()) + "."));
 }
 
 }  // namespace tessaloom

@@ -17,6 +17,7 @@
 #include "HelperCore/PerUserTemporaryDirectory.h"
 #include "HelperLine.h"
 #include "HelperProtocol/HelperConstants.h"
+#include "HelperProtocol/linux/SessionBus.h"
 #include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/FileDescriptor.h"
 #include "TLFoundation/linux/ExecutablePath.h"
@@ -26,7 +27,6 @@
 #include "TessaloomHelper/HelperService.h"
 #include "linux/BusListener.h"
 #include "linux/PeerRequirement.h"
-#include "linux/SessionBus.h"
 #include "linux/ThreadTasks.h"
 #include "linux/UserUnit.h"
 

@@ -1,0 +1,65 @@
+#include "HelperProtocol/linux/SessionBus.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+namespace tessaloom {
+
+namespace {
+
+std::string_view environment(const char* name) {
+  const char* value = ::secure_getenv(name);
+  return value == nullptr ? std::string_view() : std::string_view(value);
+}
+
+/// `path` as a value in a D-Bus address, where all but a few characters are written as their
+/// hexadecimal codes.
+std::string escaped(std::string_view path) {
+  static constexpr std::string_view digits = "0123456789abcdef";
+  static constexpr std::string_view plain =
+      "-0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_/\\.*";
+  std::string text;
+  for (const char character : path) {
+    if (plain.find(character) != std::string_view::npos) {
+      text += character;
+      continue;
+    }
+    const auto byte = static_cast<unsigned char>(character);
+    text.append({'%', digits[byte >> 4U], digits[byte & 15U]});
+  }
+  return text;
+}
+
+// sd_bus_open_user() looks in the first two places only, and leaves no time to decline descriptors.
+std::string sessionBusAddress() {
+  if (const auto address = environment("DBUS_SESSION_BUS_ADDRESS"); !address.empty()) {
+    return std::string(address);
+  }
+  std::string directory(environment("XDG_RUNTIME_DIR"));
+  if (directory.empty()) directory = "/run/user/" + std::to_string(::getuid());
+  return "unix:path=" + escaped(directory) + "/bus";
+}
+
+int configureAndStart(sd_bus* bus) {
+  const std::string address = sessionBusAddress();
+  int result = sd_bus_set_address(bus, address.c_str());
+  if (result >= 0) result = sd_bus_set_bus_client(bus, 1);
+  if (result >= 0) result = sd_bus_negotiate_fds(bus, 0);
+  return result >= 0 ? sd_bus_start(bus) : result;
+}
+
+}  // namespace
+
+std::expected<BusHandle, int> openSessionBus() {
+  sd_bus* created = nullptr;
+  int result = sd_bus_new(&created);
+  BusHandle bus(created);
+  if (result >= 0) result = configureAndStart(bus.get());
+  if (result < 0) return std::unexpected(-result);
+  return bus;
+}
+
+}  // namespace tessaloom
