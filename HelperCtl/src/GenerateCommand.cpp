@@ -127,6 +127,16 @@ void showResult(const GenerationResult& result) {
   console::printToError(console::styledForError(console::Style::dim, footer) + "\n");
 }
 
+/// Whether a reply is about the generation that was asked for. One that cannot be read is not known
+/// to be about another.
+bool isForAnother(const Bytes& reply, const UUID& id) {
+  try {
+    return HelperCoding::makeDecoder().decode<GenerationResult>(reply).requestID != id;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
 }  // namespace
 
 CommandResult runGenerate(const Arguments& arguments) {
@@ -136,6 +146,9 @@ CommandResult runGenerate(const Arguments& arguments) {
   const bool json = arguments.has(jsonOption.name);
   if (!transport) return reportError(transport.error(), json);
   CallReply reply = runGeneration(**transport, *request);
+  if (reply && isForAnother(*reply, request->requestID())) {
+    return reportUnreadableReply("it is about another generation");
+  }
   if (!reply && !json) {
     reply = std::unexpected(explainGenerationError(reply.error(), request->engine()));
   }
