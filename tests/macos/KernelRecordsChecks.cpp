@@ -51,7 +51,9 @@ constexpr SocketInfo tcp(int state, std::uint8_t versionFlags) {
   socket_fdinfo record{};
   record.psi.soi_kind = SOCKINFO_TCP;
   record.psi.soi_protocol = 6;
-  record.psi.soi_proto.pri_tcp = {.tcpsi_ini = internetSocket(versionFlags), .tcpsi_state = state};
+  record.psi.soi_proto.pri_tcp = {};
+  record.psi.soi_proto.pri_tcp.tcpsi_ini = internetSocket(versionFlags);
+  record.psi.soi_proto.pri_tcp.tcpsi_state = state;
   return decodeSocket(record);
 }
 

@@ -37,6 +37,7 @@ constexpr ProcessRecord decodeProcess(const kinfo_proc& record) {
           .parentPID = record.kp_eproc.e_ppid,
           .owner = record.kp_eproc.e_ucred.cr_uid,
           .start = decodeStartTime(record),
+          .terminal = {},
           .name = std::string(name.substr(0, name.find('\0')))};
 }
 

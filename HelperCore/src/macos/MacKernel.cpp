@@ -1,15 +1,17 @@
+#include <limits.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <string>
 
 #include "HelperCore/Kernel.h"
 #include "KernelLists.h"
 #include "KernelRecords.h"
-#include "TLFoundation/Mutex.h"
 
 namespace tessaloom {
 
@@ -27,12 +29,13 @@ std::uint64_t residentBytes(std::int32_t pid) {
   return filled == sizeof task ? task.pti_resident_size : 0;
 }
 
-/// devname(3) returns storage that the next call overwrites, on whichever thread.
+/// The name in /dev; empty when no device there has this number.
 std::string deviceName(dev_t device) {
-  static Mutex lock;
-  MutexLock guard(lock);
-  const char* name = ::devname(device, S_IFCHR);
-  return name == nullptr ? std::string() : std::string(name);
+  std::array<char, PATH_MAX> name{};
+  // Unlike devname(3), it shares no storage between threads.
+  if (::devname_r(device, S_IFCHR, name.data(), static_cast<int>(name.size())) == nullptr)
+    return {};
+  return {name.begin(), std::ranges::find(name, '\0')};
 }
 
 /// A process by its number: macOS cannot pin one.

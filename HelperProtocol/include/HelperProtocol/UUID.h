@@ -1,7 +1,6 @@
 #pragma once
 
 #include <array>
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -29,7 +28,7 @@ class UUID {
 
   const std::array<std::uint8_t, 16>& bytes() const { return bytes_; }
 
-  friend auto operator<=>(const UUID&, const UUID&) = default;
+  friend bool operator==(const UUID&, const UUID&) = default;
 
  private:
   std::array<std::uint8_t, 16> bytes_;

@@ -2,19 +2,20 @@
 
 #import <Foundation/Foundation.h>
 
-#include <cstdint>
+#include <stdint.h>
 
 NS_ASSUME_NONNULL_BEGIN
 
 /// The helper's service as the editor's connection sees it: the interface that both ends give to
-/// XPC, so its selectors and block types are the wire format and cannot change.
+/// XPC, so its selectors and block types are the wire format and cannot change. Plain Objective-C,
+/// so that Swift can import it too.
 ///
 /// A request and a reply body are the JSON of one record. Every reply block is called once, with
 /// either data or an error.
 @protocol HelperServicing
 
 /// Replies with the protocol version, which is in no message body.
-- (void)protocolVersionWithReply:(void (^)(std::int64_t version))reply;
+- (void)protocolVersionWithReply:(void (^)(int64_t version))reply;
 
 /// Replies with an array of ProcessSample.
 - (void)listProcessesWithReply:(void (^)(NSData* _Nullable data, NSError* _Nullable error))reply;
