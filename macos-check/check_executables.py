@@ -12,6 +12,8 @@ import struct
 import sys
 from pathlib import Path
 
+ROOT = Path(__file__).resolve().parent.parent
+EDITOR = "com.brindlemoor.Tessaloom"
 SERVICE = "group.com.brindlemoor.Tessaloom.helper"
 AGENT = "com.brindlemoor.Tessaloom.helper"
 REQUIREMENT = (
@@ -203,6 +205,21 @@ def check_agent(expect, bundle, program):
     expect.equal("launch agent: label", agent.get("Label"), AGENT)
     expect.equal("launch agent: program", agent.get("BundleProgram"), program)
     expect.equal("launch agent: services", agent.get("MachServices"), {SERVICE: True})
+    # Login Items shows the agent under the editor's name.
+    expect.equal("launch agent: bundles", agent.get("AssociatedBundleIdentifiers"), [EDITOR])
+    # Engines inherit the class of the process that the user waits for; unset, launchd throttles both.
+    expect.equal("launch agent: process type", agent.get("ProcessType"), "Interactive")
+    # Otherwise a new build starts up to 10 seconds after the old one was started.
+    expect.equal("launch agent: throttle", agent.get("ThrottleInterval"), 1)
+
+
+def check_entitlements(expect):
+    path = ROOT / "packaging/macos/TessaloomHelper.entitlements"
+    content = path.read_bytes()
+    # The kernel's own parser refuses some comments, and with them the program.
+    expect.lacks("entitlements", content, b"<!--")
+    # No sandbox, which the engines would inherit, and no exception from the hardened runtime.
+    expect.equal("entitlements", plistlib.loads(content), {"com.apple.security.app-sandbox": False})
 
 
 def prove(build, version):
@@ -235,6 +252,7 @@ def main(build):
     client = (build / "bin/tessaloom-helperctl").read_bytes()
     expect.executable(Executable("client", client), CLIENT_LIBRARIES)
     check_agent(expect, bundle, program)
+    check_entitlements(expect)
     if expect.failures == 0:
         prove(build, version)
     return 1 if expect.failures else 0

@@ -20,17 +20,19 @@ namespace {
 using DataBlock = void (^)(NSData* _Nullable data, NSError* _Nullable error);
 
 /// XPC's own failures: the connection was interrupted, is invalid, or got a reply of another type.
+/// A peer whose signature the helper's requirement refuses sees an interruption, too.
 constexpr std::string_view connectionErrorDomain = "NSCocoaErrorDomain";
 constexpr NSInteger connectionInterrupted = 4097;
 constexpr NSInteger connectionReplyInvalid = 4101;
 
-constexpr const char* refusalAdvice =
-    "The helper is not registered for this user, or it refused this program: it admits only the "
-    "editor's code-signing identifier. How to sign this client for development is in "
-    "docs/macos.md.";
 constexpr const char* interruptionAdvice =
-    "The helper went away during the call. Try again; if it happens again, see Console for its "
-    "crash report.";
+    "Most often the system refuses an unsigned program: the helper admits only the editor's "
+    "code-signing identifier. How to sign this client for development is in docs/macos.md. If it "
+    "is signed so, the helper exited during the call: try again, and if it happens again, see "
+    "Console for a crash report.";
+constexpr const char* invalidNameAdvice =
+    "The helper's agent is not registered for this user, or it is switched off in System Settings, "
+    "General, Login Items. How to register it is in docs/macos.md.";
 
 CallError callError(NSError* error) {
   CallError result{CallError::Category::answered, textFromString(error.domain),
@@ -50,7 +52,7 @@ CallError connectionError(NSError* error) {
   CallError result = callError(error);
   if (result.name == connectionErrorDomain && error.code == connectionReplyInvalid) return result;
   result.category = CallError::Category::unreachable;
-  result.advice = error.code == connectionInterrupted ? interruptionAdvice : refusalAdvice;
+  result.advice = error.code == connectionInterrupted ? interruptionAdvice : invalidNameAdvice;
   return result;
 }
 
@@ -157,7 +159,7 @@ void XPCTransport::send(const std::string& method, const std::optional<Bytes>& b
     inbox->put(call, std::unexpected(connectionError(error)));
   }];
   if (method == methods::protocolVersion) {
-    [helper protocolVersionWithReply:^(std::int64_t version) {
+    [helper protocolVersionWithReply:^(int64_t version) {
       inbox->put(call, std::to_string(version));
     }];
     return;
