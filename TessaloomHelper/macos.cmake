@@ -7,6 +7,7 @@ add_executable(
   src/macos/InfoPropertyList.cpp
   src/macos/LaunchAgent.mm
   src/macos/ListenerDelegate.mm
+  src/macos/OpenCalls.cpp
   src/macos/main.mm)
 set_target_properties(tessaloom-helper PROPERTIES OUTPUT_NAME TessaloomHelper)
 target_include_directories(tessaloom-helper PRIVATE src src/macos)

@@ -8,9 +8,11 @@
 
 namespace tessaloom {
 
-void writeHelperLine(std::string_view text) {
+void writeHelperLine(std::string_view text, std::string_view cause) {
   constexpr std::int64_t limit = 500;  // Unicode scalars.
-  const std::string line = "helper: " + DisplayString::singleLine(text, limit) + '\n';
+  // The cause is cleaned on its own: cleaning trims the ends.
+  const std::string end = cause.empty() ? "" : ": " + DisplayString::singleLine(cause, limit);
+  const std::string line = "helper: " + DisplayString::singleLine(text, limit) + end + '\n';
   [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
 }
 

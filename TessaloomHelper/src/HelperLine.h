@@ -4,8 +4,10 @@
 
 namespace tessaloom {
 
-/// Writes "helper: ", the text cleaned to one line, and a line feed to standard error, at once, so
-/// that lines of several threads do not mix. Failures are ignored.
-void writeHelperLine(std::string_view text);
+/// Writes "helper: ", the text, a colon and the cause if there is one, and a line feed to
+/// standard error, at once, so that lines
+/// of several threads do not mix. Text and cause are each cleaned to one line and cut to 500
+/// Unicode scalars. Failures are ignored.
+void writeHelperLine(std::string_view text, std::string_view cause = {});
 
 }  // namespace tessaloom

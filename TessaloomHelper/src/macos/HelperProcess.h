@@ -1,12 +1,24 @@
 #pragma once
 
+#include <memory>
+
 #include "TessaloomHelper/HelperService.h"
 
 namespace tessaloom {
 
-/// What the services of all connections share, made once on first use and kept for the life of the
-/// process. The first use also takes the identity of the executable that was started, so it belongs
-/// before anything that a newer build could overtake. Safe from any thread.
+// What the services of all connections share, made once on first use and kept for the life of the
+// process. Safe from any thread.
+
+/// The first use also takes the identity of the executable that was started, so it belongs before
+/// anything that a newer build could overtake.
 const ServiceContext& serviceContext();
+
+/// Marks a call as received; it counts as answered once every copy of the result is gone. The
+/// process does not leave for a newer build, nor for a signal's sake, under a call.
+std::shared_ptr<void> openCall();
+
+/// From here on the signals with which a user or a session ends a process end this one in order:
+/// the engines are ended, their calls answered, and their directories removed first.
+void endOnSignals();
 
 }  // namespace tessaloom

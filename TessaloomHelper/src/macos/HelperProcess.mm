@@ -2,21 +2,38 @@
 
 #import <Foundation/Foundation.h>
 
+#include <dispatch/dispatch.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <limits>
 #include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
 #import "DispatchTasks.h"
 #include "HelperCore/Kernel.h"
 #include "HelperCore/PerUserTemporaryDirectory.h"
+#include "HelperLine.h"
 #import "HelperProtocol/macos/FoundationValues.h"
+#include "OpenCalls.h"
 
 namespace tessaloom {
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// How long the process outlives its last reply, which XPC may not have sent yet.
+constexpr std::chrono::milliseconds replyGrace{200};
+/// How long a termination signal waits for the engines, and how often it looks. launchd kills what
+/// is left after 20 seconds.
+constexpr std::chrono::seconds stopLimit{10};
+constexpr std::chrono::milliseconds stopTick{100};
 
 std::optional<std::filesystem::path> executablePath() {
   NSURL* url = NSBundle.mainBundle.executableURL;
@@ -33,19 +50,13 @@ std::string shortVersion() {
   return [version isKindOfClass:[NSString class]] ? textFromString(version) : "0";
 }
 
-[[noreturn]] void leave() {
-  constexpr std::string_view line = ExitWhenIdle::exitLine;
-  [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
-  std::exit(0);
-}
-
 /// The members in the order in which they use each other.
 class HelperProcess {
  public:
   HelperProcess()
       : executable_(executablePath()),
         coordinator_(runner_, perUserTemporaryDirectory()),
-        exitWhenIdle_(executable_, identityOf(executable_), runner_, tasks_, leave),
+        exitWhenIdle_(executable_, identityOf(executable_), runner_, tasks_, [this] { leave(); }),
         context_{.coordinator = coordinator_,
                  .kernel = *kernel_,
                  .exitWhenIdle = exitWhenIdle_,
@@ -54,23 +65,79 @@ class HelperProcess {
                  .maximumReplyBytes = std::numeric_limits<std::size_t>::max()} {}
 
   const ServiceContext& context() const { return context_; }
+  std::shared_ptr<void> openCall() { return openCalls_.open(); }
+  void endOnSignals();
 
  private:
+  void leave();
+  void stop(int signal);
+  void exitOnceSettled(int signal, Clock::time_point deadline);
+
   std::optional<std::filesystem::path> executable_;
   std::unique_ptr<Kernel> kernel_ = makeSystemKernel();
   DispatchTasks tasks_;
   CLIRunner runner_;
+  OpenCalls openCalls_;
   GenerationCoordinator coordinator_;
   ExitWhenIdle exitWhenIdle_;
   ServiceContext context_;
+  std::vector<dispatch_source_t> signalSources_;
+  std::atomic<bool> isStopping_ = false;
 };
+
+// No generation is registered, but one may not be launched yet or not be answered.
+void HelperProcess::leave() {
+  if (isStopping_) return;
+  if (!openCalls_.areSettled(replyGrace)) {
+    return exitWhenIdle_.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
+  }
+  constexpr std::string_view line = ExitWhenIdle::exitLine;
+  [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
+  std::exit(0);
+}
+
+void HelperProcess::endOnSignals() {
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
+    // A source sees a signal also when it is ignored, and only then does nothing else happen.
+    ::signal(signal, SIG_IGN);
+    dispatch_source_t source =
+        dispatch_source_create(DISPATCH_SOURCE_TYPE_SIGNAL, static_cast<uintptr_t>(signal), 0,
+                               dispatch_get_global_queue(QOS_CLASS_UTILITY, 0));
+    dispatch_source_set_event_handler(source, ^{
+      stop(signal);
+    });
+    dispatch_resume(source);
+    signalSources_.push_back(source);
+  }
+}
+
+void HelperProcess::stop(int signal) {
+  if (isStopping_.exchange(true)) return;
+  runner_.endAll();
+  exitOnceSettled(signal, Clock::now() + stopLimit);
+}
+
+void HelperProcess::exitOnceSettled(int signal, Clock::time_point deadline) {
+  if (openCalls_.areSettled(replyGrace) || Clock::now() >= deadline) {
+    writeHelperLine("ended by signal " + std::to_string(signal));
+    std::exit(128 + signal);
+  }
+  tasks_.runAfter(stopTick, QualityOfService::utility,
+                  [=, this] { exitOnceSettled(signal, deadline); });
+}
+
+// Never destroyed: other threads may still use it while the process exits.
+HelperProcess& helperProcess() {
+  static HelperProcess& process = *new HelperProcess;
+  return process;
+}
 
 }  // namespace
 
-const ServiceContext& serviceContext() {
-  // Never destroyed: other threads may still use it while the process exits.
-  static const HelperProcess& process = *new HelperProcess;
-  return process.context();
-}
+const ServiceContext& serviceContext() { return helperProcess().context(); }
+
+std::shared_ptr<void> openCall() { return helperProcess().openCall(); }
+
+void endOnSignals() { helperProcess().endOnSignals(); }
 
 }  // namespace tessaloom

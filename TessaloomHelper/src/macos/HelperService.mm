@@ -9,7 +9,8 @@
 namespace {
 
 tessaloom::DataReply dataReply(void (^reply)(NSData* _Nullable data, NSError* _Nullable error)) {
-  return [reply](const std::expected<tessaloom::Bytes, tessaloom::ReplyError>& outcome) {
+  return [reply, call = tessaloom::openCall()](
+             const std::expected<tessaloom::Bytes, tessaloom::ReplyError>& outcome) {
     if (outcome) {
       reply(tessaloom::dataFromBytes(*outcome), nil);
     } else {
@@ -32,8 +33,9 @@ tessaloom::DataReply dataReply(void (^reply)(NSData* _Nullable data, NSError* _N
   return self;
 }
 
-- (void)protocolVersionWithReply:(void (^)(std::int64_t version))reply {
-  _service->protocolVersion([reply](std::int64_t version) { reply(version); });
+- (void)protocolVersionWithReply:(void (^)(int64_t version))reply {
+  _service->protocolVersion(
+      [reply, call = tessaloom::openCall()](std::int64_t version) { reply(version); });
 }
 
 - (void)listProcessesWithReply:(void (^)(NSData* _Nullable data, NSError* _Nullable error))reply {

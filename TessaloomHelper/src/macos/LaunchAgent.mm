@@ -21,7 +21,7 @@ void registerLaunchAgent() {
 
   NSError* error = nil;
   if ([agent registerAndReturnError:&error]) return;
-  writeHelperLine("SMAppService.agent register failed: " + textFromString(error.description));
+  writeHelperLine("SMAppService.agent register failed", textFromString(error.description));
 }
 
 }  // namespace tessaloom

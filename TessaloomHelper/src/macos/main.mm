@@ -10,11 +10,14 @@
 
 int main() {
   @autoreleasepool {
-    // An engine may close its input before all of it is written.
+    // An engine may close its input before all of it is written, and its end must be waited for.
+    // Whoever started the helper may have left either signal otherwise.
     ::signal(SIGPIPE, SIG_IGN);
+    ::signal(SIGCHLD, SIG_DFL);
 
     tessaloom::registerLaunchAgent();
     tessaloom::serviceContext();
+    tessaloom::endOnSignals();
 
     // The listener refers to its delegate weakly; both are kept for the life of the process.
     static ListenerDelegate* const delegate = [[ListenerDelegate alloc] init];

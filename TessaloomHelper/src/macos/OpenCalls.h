@@ -1,0 +1,33 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <optional>
+
+#include "TLFoundation/Mutex.h"
+
+namespace tessaloom {
+
+/// Counts the calls that were received and not yet answered, so that the process does not end under
+/// them. Safe from any thread; outlives every call.
+class OpenCalls {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  /// A call is open for as long as a copy of what this returns exists.
+  std::shared_ptr<void> open() TL_EXCLUDES(lock_);
+
+  /// Whether no call is open and the last one was answered at least `grace` ago. XPC sends a reply
+  /// after the reply block has returned, so the process must outlive its last reply.
+  bool areSettled(Clock::duration grace) const TL_EXCLUDES(lock_);
+
+ private:
+  void close() TL_EXCLUDES(lock_);
+
+  mutable Mutex lock_;
+  std::size_t open_ TL_GUARDED_BY(lock_) = 0;
+  std::optional<Clock::time_point> lastClosed_ TL_GUARDED_BY(lock_);
+};
+
+}  // namespace tessaloom
