@@ -35,6 +35,7 @@
 #include "HelperCore/CLIInvocationBuilder.h"
 #include "HelperProtocol/GenerationRequest.h"
 #include "HelperProtocol/HelperCoding.h"
+#include "HelperProtocol/Methods.h"
 #include "HelperProtocol/linux/BusHandles.h"
 #include "TLFoundation/FileDescriptor.h"
 
@@ -99,7 +100,8 @@ BusHandle openBus() {
 BusMessage call(sd_bus* bus, const char* service, const char* method,
                 const std::string* body = nullptr) {
   sd_bus_message* made = nullptr;
-  require(sd_bus_message_new_method_call(bus, &made, service, objectPath, interfaceName, method),
+  require(sd_bus_message_new_method_call(bus, &made, service, HelperConstants::objectPath,
+                                         HelperConstants::interfaceName, method),
           method);
   const BusMessage message(made);
   if (body != nullptr)
@@ -143,7 +145,7 @@ double memory(pid_t pid, const std::string& field) {
 void measureCalls() {
   const BusHandle bus = openBus();
   const auto timedCall = [&bus](const char* service) {
-    return timed([&] { call(bus.get(), service, "ProtocolVersion"); });
+    return timed([&] { call(bus.get(), service, methodNamed("ProtocolVersion").name); });
   };
   const auto coldStart = [&](const char* service) {
     stop(bus.get(), service);
@@ -168,7 +170,7 @@ void measureCallsBesideListings() {
   constexpr int listings = 40;
   const BusHandle bus = openBus();
   const auto timedCall = [&] {
-    return timed([&] { call(bus.get(), helperName, "ProtocolVersion"); });
+    return timed([&] { call(bus.get(), helperName, methodNamed("ProtocolVersion").name); });
   };
   std::vector<Microseconds> idle;
   for (int i = 0; i < roundTrips; ++i) idle.push_back(timedCall());
@@ -179,7 +181,8 @@ void measureCallsBesideListings() {
   std::thread lister([&] {
     const BusHandle own = openBus();
     for (int i = 0; i < listings; ++i)
-      listed.push_back(timed([&] { call(own.get(), helperName, "ListProcesses"); }));
+      listed.push_back(
+          timed([&] { call(own.get(), helperName, methodNamed("ListProcesses").name); }));
     listing = false;
   });
   while (listing) beside.push_back(timedCall());
@@ -287,7 +290,7 @@ void measureGenerations(const fs::path& home) {
     const std::string body = HelperCoding::makeEncoder().encode(
         GenerationRequest(UUID::random(), GenerationEngineID::claudeCode, GenerationShape::freeText,
                           "", prompt, GenerationTimeout()));
-    return timed([&] { call(bus.get(), helperName, "GenerateText", &body); });
+    return timed([&] { call(bus.get(), helperName, methodNamed("GenerateText").name, &body); });
   };
   const auto byHand = [&] { return timed([&] { runByHand(engine); }); };
 

@@ -1,7 +1,7 @@
 #pragma once
 
-// The helper's place on the bus, and the echo service's, which differs in its name alone.
-inline constexpr const char* helperName = "group.com.brindlemoor.Tessaloom.helper";
+#include "HelperProtocol/HelperConstants.h"
+
+// The helper's name on the bus, and the echo service's, which differs in nothing else.
+inline constexpr const char* helperName = tessaloom::HelperConstants::machServiceName.data();
 inline constexpr const char* echoName = "com.brindlemoor.Tessaloom.Echo";
-inline constexpr const char* objectPath = "/com/brindlemoor/Tessaloom/Helper";
-inline constexpr const char* interfaceName = "com.brindlemoor.Tessaloom.HelperServicing";

@@ -11,8 +11,8 @@
 #include "HelperProtocol/GenerationRequest.h"
 #include "HelperProtocol/HelperCapabilities.h"
 #include "HelperProtocol/HelperFreshness.h"
+#include "HelperProtocol/Methods.h"
 #include "HelperProtocol/ProcessMessages.h"
-#include "Methods.h"
 
 namespace tessaloom {
 namespace {
@@ -105,7 +105,7 @@ std::string readStandardInput() {
 }
 
 CommandResult runVersion(const Arguments& arguments) {
-  const CallReply reply = callOnce(methods::protocolVersion);
+  const CallReply reply = callOnce(methodNamed("ProtocolVersion").name);
   if (!reply) return reportError(reply.error(), arguments.has(jsonOption.name));
   if (arguments.has(jsonOption.name)) {
     console::printBody(*reply);
@@ -116,27 +116,28 @@ CommandResult runVersion(const Arguments& arguments) {
 }
 
 CommandResult runCapabilities(const Arguments& arguments) {
-  return showReply<HelperCapabilities>(callOnce(methods::helperCapabilities), arguments,
+  return showReply<HelperCapabilities>(callOnce(methodNamed("HelperCapabilities").name), arguments,
                                        showCapabilities);
 }
 
 CommandResult runFreshness(const Arguments& arguments) {
-  return showReply<HelperFreshness>(callOnce(methods::quitIfOutdated), arguments, showFreshness);
+  return showReply<HelperFreshness>(callOnce(methodNamed("QuitIfOutdated").name), arguments,
+                                    showFreshness);
 }
 
 CommandResult runEngineStatus(const Arguments& arguments) {
   const auto engine = readEngine(arguments.positionals().front());
   if (!engine) return std::unexpected(engine.error());
   const Bytes body = HelperCoding::makeEncoder().encode(EngineStatusRequest{*engine});
-  return showReply<EngineStatus>(callOnce(methods::generationEngineStatus, body), arguments,
-                                 showEngineStatus);
+  return showReply<EngineStatus>(callOnce(methodNamed("GenerationEngineStatus").name, body),
+                                 arguments, showEngineStatus);
 }
 
 CommandResult runCancel(const Arguments& arguments) {
   const auto uuid = readUUID(arguments.positionals().front());
   if (!uuid) return std::unexpected(uuid.error());
   const Bytes body = HelperCoding::makeEncoder().encode(GenerationCancelRequest{*uuid});
-  const CallReply reply = callOnce(methods::cancelGeneration, body);
+  const CallReply reply = callOnce(methodNamed("CancelGeneration").name, body);
   return showReply<KillResult>(reply, arguments, showCancel);
 }
 
@@ -145,12 +146,12 @@ CommandResult runCall(const Arguments& arguments) {
   const Method* method = findMethod(name);
   std::optional<Bytes> body;
   if (arguments.positionals().size() > 1) {
-    if (method != nullptr && !method->takesBody) {
+    if (method != nullptr && !method->takesRequest) {
       return std::unexpected(UsageError{name + " takes no body"});
     }
     const std::string& given = arguments.positionals()[1];
     body = given == "-" ? readStandardInput() : given;
-  } else if (method != nullptr && method->takesBody) {
+  } else if (method != nullptr && method->takesRequest) {
     body.emplace();
   }
   const CallReply reply = callOnce(name, body, std::nullopt);

@@ -22,7 +22,7 @@
 #include "HelperProtocol/EngineStatus.h"
 #include "HelperProtocol/HelperCapabilities.h"
 #include "HelperProtocol/HelperCoding.h"
-#include "Methods.h"
+#include "HelperProtocol/Methods.h"
 #include "TLFoundation/ErrnoText.h"
 
 namespace tessaloom {
@@ -52,7 +52,7 @@ std::optional<Record> decoded(const CallReply& reply) {
 /// Whether the helper starts, admits this program and answers. The first call may start it.
 Check checkAnswer(Transport& transport) {
   const auto start = std::chrono::steady_clock::now();
-  const CallReply reply = callAndWait(transport, methods::protocolVersion);
+  const CallReply reply = callAndWait(transport, methodNamed("ProtocolVersion").name);
   if (!reply) return failedCall("answer", reply.error());
   const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
       std::chrono::steady_clock::now() - start);
@@ -61,7 +61,7 @@ Check checkAnswer(Transport& transport) {
 }
 
 Check checkVersion(Transport& transport) {
-  const CallReply reply = callAndWait(transport, methods::helperCapabilities);
+  const CallReply reply = callAndWait(transport, methodNamed("HelperCapabilities").name);
   if (!reply) return failedCall("version", reply.error());
   const auto capabilities = decoded<HelperCapabilities>(reply);
   if (!capabilities) return unreadable("version");
@@ -139,7 +139,7 @@ std::string howToInstall(GenerationEngineID engine) {
 std::optional<CallReply> askAboutEngine(Transport* transport, GenerationEngineID engine) {
   if (transport == nullptr) return std::nullopt;
   const Bytes body = HelperCoding::makeEncoder().encode(EngineStatusRequest{engine});
-  return callAndWait(*transport, methods::generationEngineStatus, body);
+  return callAndWait(*transport, methodNamed("GenerationEngineStatus").name, body);
 }
 
 /// An engine that is not there, and why, as this program sees it.

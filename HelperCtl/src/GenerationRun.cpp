@@ -12,9 +12,9 @@
 #include "EventLoop.h"
 #include "HelperProtocol/HelperCoding.h"
 #include "HelperProtocol/HelperConstants.h"
+#include "HelperProtocol/Methods.h"
 #include "HelperProtocol/ProcessMessages.h"
 #include "Interrupts.h"
-#include "Methods.h"
 
 namespace tessaloom {
 namespace {
@@ -92,7 +92,7 @@ CallReply GenerationRun::run() {
     if (interruptCount_ > 0) cancel();
     progress_.show(interruptCount_ > 0);
   });
-  transport_.call(std::string(methods::generateText), HelperCoding::makeEncoder().encode(request_),
+  transport_.call(methodNamed("GenerateText").name, HelperCoding::makeEncoder().encode(request_),
                   [this](CallReply reply) { answer_ = std::move(reply); });
   progress_.show(false);
   // No limit: the helper answers within the timeout and the few seconds that ending an engine
@@ -112,7 +112,7 @@ void GenerationRun::interrupted(int count) {
 void GenerationRun::cancel() {
   const Bytes body =
       HelperCoding::makeEncoder().encode(GenerationCancelRequest{request_.requestID()});
-  transport_.call(std::string(methods::cancelGeneration), body, [this](const CallReply& reply) {
+  transport_.call(methodNamed("CancelGeneration").name, body, [this](const CallReply& reply) {
     cancelConfirmed_ |= saysThatItWasCancelled(reply);
   });
 }

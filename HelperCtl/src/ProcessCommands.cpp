@@ -9,9 +9,9 @@
 
 #include "CallCommands.h"
 #include "HelperProtocol/HelperDTOError.h"
+#include "HelperProtocol/Methods.h"
 #include "HelperProtocol/ProcessMessages.h"
 #include "HumanFormat.h"
-#include "Methods.h"
 #include "Table.h"
 
 namespace tessaloom {
@@ -81,13 +81,13 @@ std::expected<Signal, UsageError> readSignal(const std::string& name) {
 }  // namespace
 
 CommandResult runPs(const Arguments& arguments) {
-  return showReply<std::vector<ProcessSample>>(callOnce(methods::listProcesses), arguments,
-                                               showProcesses);
+  return showReply<std::vector<ProcessSample>>(callOnce(methodNamed("ListProcesses").name),
+                                               arguments, showProcesses);
 }
 
 CommandResult runPorts(const Arguments& arguments) {
-  return showReply<std::vector<PortSample>>(callOnce(methods::listListeningPorts), arguments,
-                                            showPorts);
+  return showReply<std::vector<PortSample>>(callOnce(methodNamed("ListListeningPorts").name),
+                                            arguments, showPorts);
 }
 
 CommandResult runKill(const Arguments& arguments) {
@@ -100,11 +100,11 @@ CommandResult runKill(const Arguments& arguments) {
   const auto transport = openTransport();
   if (!transport) return reportError(transport.error(), json);
   // The helper signals only what this very connection has listed.
-  const CallReply listing = callAndWait(**transport, methods::listProcesses);
+  const CallReply listing = callAndWait(**transport, methodNamed("ListProcesses").name);
   if (!listing) return reportError(listing.error(), json);
   const Bytes body = HelperCoding::makeEncoder().encode(KillRequest{*pid, *signal});
   return showReply<KillResult>(
-      callAndWait(**transport, methods::killProcess, body), arguments,
+      callAndWait(**transport, methodNamed("KillProcess").name, body), arguments,
       [&](const KillResult& result) {
         const std::string target = "process " + std::to_string(pid->value());
         if (result.succeeded) {

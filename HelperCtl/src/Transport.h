@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "HelperProtocol/HelperServicing.h"
+#include "HelperProtocol/Reply.h"
 
 namespace tessaloom {
 

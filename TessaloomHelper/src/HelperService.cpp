@@ -1,5 +1,7 @@
 #include "TessaloomHelper/HelperService.h"
 
+#include <algorithm>
+#include <array>
 #include <exception>
 #include <expected>
 #include <new>
@@ -24,8 +26,6 @@
 namespace tessaloom {
 
 namespace {
-
-using Outcome = std::expected<Bytes, ReplyError>;
 
 constexpr std::int64_t shortVersionLimit = 32;  // Unicode scalars.
 constexpr std::int64_t descriptionLimit = 500;  // Unicode scalars.
@@ -90,7 +90,7 @@ ReplyError currentError() noexcept {
 }
 
 template <class Record>
-Bytes encoded(const ServiceContext& context, const Record& record) {
+Reply encoded(const ServiceContext& context, const Record& record) {
   Bytes bytes = HelperCoding::makeEncoder().encode(record);
   if (bytes.size() > context.maximumReplyBytes) {
     throw EncodingError(EncodingError::Kind::replyTooLarge,
@@ -100,76 +100,61 @@ Bytes encoded(const ServiceContext& context, const Record& record) {
   return bytes;
 }
 
+Reply encoded(const ServiceContext& /*context*/, std::int64_t number) {
+  return number;
+}
+
 template <class Record>
-Outcome encoded(const ServiceContext& context,
-                const std::expected<Record, GenerationErrorPayload>& result) {
-  if (!result) return std::unexpected(generationError(result.error()));
+Reply encoded(const ServiceContext& context,
+              const std::expected<Record, GenerationErrorPayload>& result) {
+  if (!result) return generationError(result.error());
   return encoded(context, *result);
 }
 
-// Replies with the record that `work` makes; `confirm` runs once it is encoded, before the reply.
-// Every exception ends here.
+// Replies with what `work` returns; `confirm` runs once it is encoded, before the reply. Every
+// exception ends here.
 template <class Work, class Confirm>
-void answer(const ServiceContext& context, const DataReply& reply, Work work, Confirm confirm) {
-  Outcome outcome;
+void answer(const ServiceContext& context, const ReplyHandler& reply, Work work, Confirm confirm) {
+  Reply outcome;
   try {
     outcome = encoded(context, work());
     confirm();
   } catch (...) {
-    outcome = std::unexpected(currentError());
+    outcome = currentError();
   }
   reply(std::move(outcome));
 }
 
 template <class Work>
-void answer(const ServiceContext& context, const DataReply& reply, Work work) {
+void answer(const ServiceContext& context, const ReplyHandler& reply, Work work) {
   answer(context, reply, work, [] {});
 }
 
-// A method with a request that answers before it returns.
-template <class Request, class Work>
-void answer(const ServiceContext& context, const Bytes& body, const DataReply& reply, Work work) {
-  answer(context, reply, [&] { return work(HelperCoding::makeDecoder().decode<Request>(body)); });
+struct Connection {
+  const ServiceContext& context;
+  ProvenanceCache& provenance;
+};
+
+// What each method does with its request. Those that take a Connection run on its queue; those that
+// run an engine have no connection, because it may be gone before they are done.
+namespace handlers {
+
+std::int64_t protocolVersion(Connection /*connection*/) {
+  return HelperConstants::protocolVersion;
 }
 
-// A method with a request that is decoded here and worked on elsewhere, for as long as an engine
-// takes.
-template <class Request, class Work>
-void answerConcurrently(const ServiceContext& context, const Bytes& body, const DataReply& reply,
-                        Work work) {
-  try {
-    context.tasks.runConcurrently(
-        QualityOfService::userInitiated,
-        [&context, request = HelperCoding::makeDecoder().decode<Request>(body), reply, work,
-         accepted = context.coordinator.accept()] {
-          answer(context, reply, [&] { return work(context.coordinator, request); });
-        });
-  } catch (...) {
-    reply(std::unexpected(currentError()));
-  }
-}
-
-}  // namespace
-
-HelperService::HelperService(const ServiceContext& context) : context_(context) {}
-
-HelperService::~HelperService() = default;
-
-void HelperService::protocolVersion(VersionReply reply) {
-  reply(HelperConstants::protocolVersion);
-}
-
-void HelperService::listProcesses(DataReply reply) {
+void listProcesses(Connection connection, const Bytes& /*request*/, const ReplyHandler& reply) {
+  const ServiceContext& context = connection.context;
   std::vector<RawProcess> rows;
   auto list = [&] {
-    rows = listRawProcesses(context_.kernel);
-    Instant now = context_.clock();
+    rows = listRawProcesses(context.kernel);
+    const Instant now = context.clock();
     std::vector<ProcessSample> samples;
     samples.reserve(rows.size());
     for (const RawProcess& row : rows) samples.push_back(makeProcessSample(row, now));
     return samples;
   };
-  // A listing that the editor cannot get authorises nothing. Its age counts from here, so that the
+  // A listing that the editor cannot get authorizes nothing. Its age counts from here, so that the
   // time it took does not shorten the editor's.
   auto record = [&] {
     std::vector<ProcessIdentity> identities;
@@ -177,60 +162,121 @@ void HelperService::listProcesses(DataReply reply) {
     for (const RawProcess& row : rows) {
       identities.push_back({.pid = row.pid, .startSec = row.startSec, .startUSec = row.startUSec});
     }
-    provenance_.record(identities, context_.clock());
+    connection.provenance.record(identities, context.clock());
   };
-  answer(context_, reply, list, record);
+  answer(context, reply, list, record);
 }
 
-void HelperService::killProcess(Bytes request, DataReply reply) {
-  answer<KillRequest>(context_, request, reply, [this](const KillRequest& decoded) {
-    return tessaloom::killProcess(decoded, context_.kernel, provenance_, context_.clock);
+KillResult killProcess(Connection connection, const KillRequest& request) {
+  return tessaloom::killProcess(request, connection.context.kernel, connection.provenance,
+                                connection.context.clock);
+}
+
+std::vector<PortSample> listListeningPorts(Connection connection) {
+  return tessaloom::listListeningPorts(connection.context.kernel);
+}
+
+HelperCapabilities helperCapabilities(Connection connection) {
+  return {.names = {std::string(HelperCapabilityNames::textGeneration)},
+          .helperVersion =
+              DisplayString::singleLine(connection.context.shortVersion, shortVersionLimit)};
+}
+
+std::expected<GenerationResult, GenerationErrorPayload> generateText(
+    const ServiceContext& context, const GenerationRequest& request) {
+  return context.coordinator.generate(request);
+}
+
+KillResult cancelGeneration(Connection connection, const GenerationCancelRequest& request) {
+  return {.succeeded = connection.context.coordinator.cancel(request)};
+}
+
+void quitIfOutdated(Connection connection, const Bytes& /*request*/, const ReplyHandler& reply) {
+  ExitWhenIdle& exit = connection.context.exitWhenIdle;
+  bool isReplaced = false;
+  answer(connection.context, reply, [&] {
+    isReplaced = exit.isExecutableReplaced();
+    return HelperFreshness(isReplaced, isReplaced);
   });
+  // The reply is on its way before the helper starts to exit.
+  if (isReplaced) exit.scheduleExitWhenIdle(ExitWhenIdle::firstCheck);
 }
 
-void HelperService::listListeningPorts(DataReply reply) {
-  answer(context_, reply, [this] { return tessaloom::listListeningPorts(context_.kernel); });
+EngineStatus generationEngineStatus(const ServiceContext& context,
+                                    const EngineStatusRequest& request) {
+  return context.coordinator.engineStatus(request);
 }
 
-void HelperService::helperCapabilities(DataReply reply) {
-  answer(context_, reply, [this] {
-    return HelperCapabilities{
-        .names = {std::string(HelperCapabilityNames::textGeneration)},
-        .helperVersion = DisplayString::singleLine(context_.shortVersion, shortVersionLimit)};
-  });
+}  // namespace handlers
+
+template <class Record>
+Record handle(Record (*handler)(Connection), Connection connection, const Bytes& /*body*/) {
+  return handler(connection);
 }
 
-void HelperService::generateText(Bytes request, DataReply reply) {
-  answerConcurrently<GenerationRequest>(
-      context_, request, reply,
-      [](const GenerationCoordinator& coordinator, const GenerationRequest& decoded) {
-        return coordinator.generate(decoded);
-      });
+template <class Record, class Request>
+Record handle(Record (*handler)(Connection, const Request&), Connection connection,
+              const Bytes& body) {
+  return handler(connection, HelperCoding::makeDecoder().decode<Request>(body));
 }
 
-void HelperService::cancelGeneration(Bytes request, DataReply reply) {
-  answer<GenerationCancelRequest>(context_, request, reply,
-                                  [this](const GenerationCancelRequest& decoded) {
-                                    return KillResult{context_.coordinator.cancel(decoded)};
-                                  });
+template <auto handler>
+void atOnce(Connection connection, const Bytes& body, const ReplyHandler& reply) {
+  answer(connection.context, reply, [&] { return handle(handler, connection, body); });
 }
 
-void HelperService::quitIfOutdated(DataReply reply) {
-  bool replaced = false;
-  answer(context_, reply, [&] {
-    replaced = context_.exitWhenIdle.isExecutableReplaced();
-    return HelperFreshness(replaced, replaced);
-  });
-  // The reply is on its way before the helper starts to leave.
-  if (replaced) context_.exitWhenIdle.scheduleExitWhenIdle(ExitWhenIdle::firstCheck);
+template <class Record, class Request>
+void start(Record (*handler)(const ServiceContext&, const Request&), const ServiceContext& context,
+           const Bytes& body, const ReplyHandler& reply) {
+  try {
+    context.tasks.runConcurrently(
+        QualityOfService::userInitiated,
+        [handler, &context, request = HelperCoding::makeDecoder().decode<Request>(body), reply,
+         accepted = context.coordinator.accept()] {
+          answer(context, reply, [&] { return handler(context, request); });
+        });
+  } catch (...) {
+    reply(currentError());
+  }
 }
 
-void HelperService::generationEngineStatus(Bytes request, DataReply reply) {
-  answerConcurrently<EngineStatusRequest>(
-      context_, request, reply,
-      [](const GenerationCoordinator& coordinator, const EngineStatusRequest& decoded) {
-        return coordinator.engineStatus(decoded);
-      });
+// Decodes the request here and does the work elsewhere, for as long as an engine takes.
+template <auto handler>
+void concurrently(Connection connection, const Bytes& body, const ReplyHandler& reply) {
+  start(handler, connection.context, body, reply);
+}
+
+struct Binding {
+  const Method& method;
+  void (*call)(Connection connection, const Bytes& body, const ReplyHandler& reply);
+};
+
+constexpr std::array bindings{
+    Binding{methodNamed("ProtocolVersion"), atOnce<handlers::protocolVersion>},
+    Binding{methodNamed("ListProcesses"), handlers::listProcesses},
+    Binding{methodNamed("KillProcess"), atOnce<handlers::killProcess>},
+    Binding{methodNamed("ListListeningPorts"), atOnce<handlers::listListeningPorts>},
+    Binding{methodNamed("HelperCapabilities"), atOnce<handlers::helperCapabilities>},
+    Binding{methodNamed("GenerateText"), concurrently<handlers::generateText>},
+    Binding{methodNamed("CancelGeneration"), atOnce<handlers::cancelGeneration>},
+    Binding{methodNamed("QuitIfOutdated"), handlers::quitIfOutdated},
+    Binding{methodNamed("GenerationEngineStatus"), concurrently<handlers::generationEngineStatus>},
+};
+
+constexpr bool isBound(const Method& method) {
+  return std::ranges::any_of(bindings,
+                             [&](const Binding& binding) { return &binding.method == &method; });
+}
+static_assert(std::ranges::all_of(methods, isBound), "a method has no handler");
+
+}  // namespace
+
+HelperService::HelperService(const ServiceContext& context) : context_(context) {}
+
+void HelperService::call(const Method& method, const Bytes& request, const ReplyHandler& reply) {
+  for (const Binding& binding : bindings) {
+    if (&binding.method == &method) return binding.call({context_, provenance_}, request, reply);
+  }
 }
 
 }  // namespace tessaloom

@@ -12,21 +12,25 @@ namespace tessaloom {
 namespace {
 
 using namespace std::chrono_literals;
-using Replies = std::vector<std::expected<Bytes, ReplyError>>;
+using Replies = std::vector<Reply>;
 
 class HelperServiceTest : public testing::Test {
  protected:
   // Takes every reply, so that a second one to the same call is seen.
-  DataReply reply() {
-    return
-        [this](std::expected<Bytes, ReplyError> outcome) { replies.push_back(std::move(outcome)); };
+  ReplyHandler reply() {
+    return [this](Reply outcome) { replies.push_back(std::move(outcome)); };
+  }
+
+  // The only reply, which must be a body.
+  Bytes body() {
+    EXPECT_EQ(replies.size(), 1U);
+    return std::get<Bytes>(replies.at(0));
   }
 
   // The only reply, which must be an error.
   ReplyError error() {
     EXPECT_EQ(replies.size(), 1U);
-    if (replies.size() != 1 || replies.front()) return {};
-    return replies.front().error();
+    return std::get<ReplyError>(replies.at(0));
   }
 
   TemporaryDirectory temporary;
@@ -60,19 +64,19 @@ const std::string request =
 
 TEST_F(HelperServiceTest, CleansAndCutsTheVersion) {
   context.shortVersion = "1.2\n\x1b\u200b" + std::string(40, 'x');
-  service.helperCapabilities(reply());
-  EXPECT_EQ(replies.at(0).value(), R"({"names":["textGeneration.v1"],"helperVersion":"1.2)" +
-                                       std::string(29, 'x') + "\"}");
+  service.call(methodNamed("HelperCapabilities"), {}, reply());
+  EXPECT_EQ(body(), R"({"names":["textGeneration.v1"],"helperVersion":"1.2)" +
+                        std::string(29, 'x') + "\"}");
 }
 
 TEST_F(HelperServiceTest, DecodesBeforeItMovesTheWork) {
-  service.generateText("{}", reply());
+  service.call(methodNamed("GenerateText"), "{}", reply());
   EXPECT_EQ(error().category, ReplyError::Category::decoding);
   EXPECT_TRUE(tasks.entries.empty());
 
   replies.clear();
-  service.generateText(request, reply());
-  service.generationEngineStatus(R"({"engine":"codex"})", reply());
+  service.call(methodNamed("GenerateText"), request, reply());
+  service.call(methodNamed("GenerationEngineStatus"), R"({"engine":"codex"})", reply());
   EXPECT_TRUE(replies.empty());
   ASSERT_EQ(tasks.entries.size(), 2U);
   EXPECT_EQ(tasks.entries[0].quality, QualityOfService::userInitiated);
@@ -91,7 +95,7 @@ TEST_F(HelperServiceTest, DescribesAFailedGeneration) {
   for (const auto& row : rows) {
     replies.clear();
     detail = row.detail;
-    service.generateText(request, reply());
+    service.call(methodNamed("GenerateText"), request, reply());
     tasks.run();
     EXPECT_EQ(error(),
               (ReplyError{ReplyError::Category::generation, "com.brindlemoor.Tessaloom.generation",
@@ -101,15 +105,15 @@ TEST_F(HelperServiceTest, DescribesAFailedGeneration) {
 
 TEST_F(HelperServiceTest, AnswersOnceWhenTheSystemHasNothingLeft) {
   tasks.isExhausted = true;
-  service.generateText(request, reply());
+  service.call(methodNamed("GenerateText"), request, reply());
   EXPECT_EQ(error().localizedDescription, "The helper is out of memory.");
 }
 
 TEST_F(HelperServiceTest, LeavesOnlyAfterItHasSaidSo) {
   std::ofstream(executable).put('x');
   std::size_t scheduledBefore = 99;
-  service.quitIfOutdated([&](const std::expected<Bytes, ReplyError>& outcome) {
-    EXPECT_EQ(outcome.value(), R"({"isOutdated":true,"willExit":true})");
+  service.call(methodNamed("QuitIfOutdated"), {}, [&](const Reply& outcome) {
+    EXPECT_EQ(std::get<Bytes>(outcome), R"({"isOutdated":true,"willExit":true})");
     scheduledBefore = tasks.entries.size();
   });
   EXPECT_EQ(scheduledBefore, 0U);
@@ -128,14 +132,14 @@ class ProcessMethodsTest : public HelperServiceTest {
 
   Bytes list() {
     replies.clear();
-    service.listProcesses(reply());
-    return replies.at(0).value();
+    service.call(methodNamed("ListProcesses"), {}, reply());
+    return body();
   }
   bool kill(HelperService& asked, const Bytes& body = R"({"pid":42,"signal":15})") {
     replies.clear();
     kernel.signals.clear();
-    asked.killProcess(body, reply());
-    const bool succeeded = replies.at(0) && *replies[0] == R"({"succeeded":true})";
+    asked.call(methodNamed("KillProcess"), body, reply());
+    const bool succeeded = replies.at(0) == Reply(R"({"succeeded":true})");
     EXPECT_EQ(kernel.signals.size(), succeeded ? 1U : 0U);
     return succeeded;
   }
@@ -163,7 +167,7 @@ TEST_F(ProcessMethodsTest, SignalsOnlyWhatItsOwnConnectionListedLast) {
   list();
   EXPECT_TRUE(kill(service));
   EXPECT_FALSE(kill(other));
-  other.listListeningPorts(reply());
+  other.call(methodNamed("ListListeningPorts"), {}, reply());
   EXPECT_FALSE(kill(other));
   // A table that cannot be read is a listing too.
   kernel.table.clear();
@@ -177,7 +181,7 @@ TEST_F(ProcessMethodsTest, KeepsTheLastListingWhenTheNextCannotBeSent) {
   kernel.table = {ownRecord(99)};
   kernel.startTimes[99] = kernel.table[0].start;
   replies.clear();
-  service.listProcesses(reply());
+  service.call(methodNamed("ListProcesses"), {}, reply());
   EXPECT_EQ(error().category, ReplyError::Category::encoding);
   EXPECT_EQ(error().code, 2);
   context.maximumReplyBytes = 1'000;
@@ -187,10 +191,9 @@ TEST_F(ProcessMethodsTest, KeepsTheLastListingWhenTheNextCannotBeSent) {
 
 TEST_F(ProcessMethodsTest, ListsPorts) {
   kernel.holders = {{42, "server", {{3, tcpListener(0x901f)}}}};
-  service.listListeningPorts(reply());
-  EXPECT_EQ(replies.at(0).value(),
-            R"([{"port":8080,"transport":"tcp","pid":42,"processName":"server",)"
-            R"("address":"127.0.0.1"}])");
+  service.call(methodNamed("ListListeningPorts"), {}, reply());
+  EXPECT_EQ(body(), R"([{"port":8080,"transport":"tcp","pid":42,"processName":"server",)"
+                    R"("address":"127.0.0.1"}])");
 }
 
 }  // namespace

@@ -23,6 +23,7 @@
 #include "HelperProtocol/HelperCoding.h"
 #include "HelperProtocol/HelperDTOError.h"
 #include "HelperProtocol/HelperFreshness.h"
+#include "HelperProtocol/Methods.h"
 #include "HelperProtocol/ProcessMessages.h"
 
 namespace tessaloom {
@@ -89,6 +90,18 @@ TEST(ProtocolDocument, EveryExampleIsTheRecordThatItShows) {
     shown.insert(name);
   });
   for (const auto& [name, unused] : records()) EXPECT_TRUE(shown.contains(name)) << name;
+}
+
+TEST(ProtocolDocument, ListsEveryMethod) {
+  std::vector<std::vector<std::string>> listed;
+  forEachMatch("\\| `(\\w+)\\((\\w*)\\) → (\\w+)` \\| `([\\w:]+)` \\|",
+               [&](const auto& groups) { listed.push_back({groups.begin() + 1, groups.end()}); });
+  std::vector<std::vector<std::string>> expected;
+  for (const Method& method : methods) {
+    expected.push_back(
+        {method.name, method.takesRequest ? "ay" : "", method.result, method.selector});
+  }
+  EXPECT_EQ(listed, expected);
 }
 
 /// The code and description with which a body is refused.

@@ -2,13 +2,13 @@
 
 #include <stdexcept>
 
+#include "HelperProtocol/HelperConstants.h"
+
 namespace tessaloom {
 
 namespace {
 
-constexpr const char* helperName = "group.com.brindlemoor.Tessaloom.helper";
-constexpr const char* helperPath = "/com/brindlemoor/Tessaloom/Helper";
-constexpr const char* helperInterface = "com.brindlemoor.Tessaloom.HelperServicing";
+constexpr const char* helperName = HelperConstants::machServiceName.data();
 constexpr std::uint64_t callLimit = 150'000'000;  // Microseconds.
 
 int check(int result, const char* what) {
@@ -94,9 +94,9 @@ BusClient::~BusClient() {
 std::shared_ptr<BusClient::Pending> BusClient::send(const char* method,
                                                     std::optional<std::string_view> body) {
   sd_bus_message* call = nullptr;
-  check(
-      sd_bus_message_new_method_call(bus_, &call, helperName, helperPath, helperInterface, method),
-      "message");
+  check(sd_bus_message_new_method_call(bus_, &call, helperName, HelperConstants::objectPath,
+                                       HelperConstants::interfaceName, method),
+        "message");
   if (body) check(sd_bus_message_append_array(call, 'y', body->data(), body->size()), "body");
   auto pending = std::make_shared<Pending>();
   check(sd_bus_call_async(bus_, &pending->slot, call, Pending::onReply, pending.get(), callLimit),

@@ -17,9 +17,6 @@
 namespace tessaloom {
 namespace {
 
-constexpr const char* objectPath = "/com/brindlemoor/Tessaloom/Helper";
-constexpr const char* interfaceName = "com.brindlemoor.Tessaloom.HelperServicing";
-
 /// A receiver that uses sd-bus drops its connection at 64 MiB; no request comes near that.
 constexpr std::size_t maximumBodyBytes = std::size_t{32} * 1024 * 1024;
 
@@ -107,8 +104,9 @@ int BusTransport::send(const std::string& method, const std::optional<Bytes>& bo
                        std::list<Pending>::iterator pending) {
   sd_bus_message* created = nullptr;
   const std::string name(HelperConstants::machServiceName);
-  int result = sd_bus_message_new_method_call(bus_.get(), &created, name.c_str(), objectPath,
-                                              interfaceName, method.c_str());
+  int result = sd_bus_message_new_method_call(bus_.get(), &created, name.c_str(),
+                                              HelperConstants::objectPath,
+                                              HelperConstants::interfaceName, method.c_str());
   const BusMessage message(created);
   if (result < 0) return -result;
   if (body) {

@@ -1,16 +1,16 @@
 #import <Foundation/Foundation.h>
 
+#include <objc/message.h>
 #include <poll.h>
 
-#include <array>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
 
 #include "HelperProtocol/HelperConstants.h"
+#include "HelperProtocol/Methods.h"
 #import "HelperProtocol/macos/FoundationValues.h"
 #import "HelperProtocol/macos/HelperServicing.h"
-#include "Methods.h"
 #include "ReplyInbox.h"
 #include "Transport.h"
 
@@ -65,43 +65,6 @@ CallError usageError(std::string name, std::string message) {
   return {CallError::Category::answered, std::move(name), std::move(message)};
 }
 
-/// How a method that replies with data is sent; the version method is apart.
-struct Route {
-  std::string_view method;
-  void (*send)(id<HelperServicing> helper, NSData* request, DataBlock reply);
-};
-
-constexpr std::array routes{
-    Route{methods::listProcesses, [](id<HelperServicing> helper, NSData*,
-                                     DataBlock reply) { [helper listProcessesWithReply:reply]; }},
-    Route{methods::killProcess,
-          [](id<HelperServicing> helper, NSData* request, DataBlock reply) {
-            [helper killProcessWithRequest:request reply:reply];
-          }},
-    Route{methods::listListeningPorts,
-          [](id<HelperServicing> helper, NSData*, DataBlock reply) {
-            [helper listListeningPortsWithReply:reply];
-          }},
-    Route{methods::helperCapabilities,
-          [](id<HelperServicing> helper, NSData*, DataBlock reply) {
-            [helper helperCapabilitiesWithReply:reply];
-          }},
-    Route{methods::generateText,
-          [](id<HelperServicing> helper, NSData* request, DataBlock reply) {
-            [helper generateTextWithRequest:request reply:reply];
-          }},
-    Route{methods::cancelGeneration,
-          [](id<HelperServicing> helper, NSData* request, DataBlock reply) {
-            [helper cancelGenerationWithRequest:request reply:reply];
-          }},
-    Route{methods::quitIfOutdated, [](id<HelperServicing> helper, NSData*,
-                                      DataBlock reply) { [helper quitIfOutdatedWithReply:reply]; }},
-    Route{methods::generationEngineStatus,
-          [](id<HelperServicing> helper, NSData* request, DataBlock reply) {
-            [helper generationEngineStatusWithRequest:request reply:reply];
-          }},
-};
-
 class XPCTransport final : public Transport {
  public:
   XPCTransport();
@@ -112,7 +75,7 @@ class XPCTransport final : public Transport {
   void process() override;
 
  private:
-  void send(const std::string& method, const std::optional<Bytes>& body, std::uint64_t call);
+  void send(const Method& method, const std::optional<Bytes>& body, std::uint64_t call);
 
   NSXPCConnection* connection_;
   /// Shared with the blocks of calls that outlive the transport.
@@ -140,36 +103,40 @@ void XPCTransport::call(const std::string& method, const std::optional<Bytes>& b
     return inbox_->put(call, std::unexpected(usageError(
                                  "unknownMethod", "\"" + method + "\" is not a method name.")));
   }
-  if (known->takesBody != body.has_value()) {
-    return inbox_->put(
-        call, std::unexpected(
-                  usageError("invalidArguments",
-                             method + (known->takesBody ? " takes a body." : " takes no body."))));
+  if (known->takesRequest != body.has_value()) {
+    return inbox_->put(call,
+                       std::unexpected(usageError(
+                           "invalidArguments",
+                           method + (known->takesRequest ? " takes a body." : " takes no body."))));
   }
   @autoreleasepool {
-    send(method, body, call);
+    send(*known, body, call);
   }
 }
 
-void XPCTransport::send(const std::string& method, const std::optional<Bytes>& body,
+void XPCTransport::send(const Method& method, const std::optional<Bytes>& body,
                         std::uint64_t call) {
   // XPC calls either the reply block or the error handler, once.
   const std::shared_ptr<ReplyInbox> inbox = inbox_;
-  id<HelperServicing> helper = [connection_ remoteObjectProxyWithErrorHandler:^(NSError* error) {
+  id helper = [connection_ remoteObjectProxyWithErrorHandler:^(NSError* error) {
     inbox->put(call, std::unexpected(connectionError(error)));
   }];
-  if (method == methods::protocolVersion) {
+  if (&method == &methodNamed("ProtocolVersion")) {
     [helper protocolVersionWithReply:^(int64_t version) {
       inbox->put(call, std::to_string(version));
     }];
     return;
   }
-  NSData* request = dataFromBytes(body.value_or(Bytes()));
-  for (const Route& route : routes) {
-    if (route.method != method) continue;
-    route.send(helper, request, ^(NSData* data, NSError* error) {
-      inbox->put(call, callReply(data, error));
-    });
+  const DataBlock reply = ^(NSData* data, NSError* error) {
+    inbox->put(call, callReply(data, error));
+  };
+  const SEL selector = sel_registerName(method.selector);
+  if (body) {
+    using Send = void (*)(id helper, SEL selector, NSData* request, DataBlock reply);
+    reinterpret_cast<Send>(objc_msgSend)(helper, selector, dataFromBytes(*body), reply);
+  } else {
+    using Send = void (*)(id helper, SEL selector, DataBlock reply);
+    reinterpret_cast<Send>(objc_msgSend)(helper, selector, reply);
   }
 }
 

@@ -6,27 +6,31 @@
 namespace tessaloom {
 
 /// What both ends of the channel agree on before the first message.
-struct HelperConstants {
-  HelperConstants() = delete;
+namespace HelperConstants {
 
-  /// The Mach service on macOS and the well-known bus name on Linux.
-  static constexpr std::string_view machServiceName = "group.com.brindlemoor.Tessaloom.helper";
+/// The Mach service on macOS and the well-known bus name on Linux.
+inline constexpr std::string_view machServiceName = "group.com.brindlemoor.Tessaloom.helper";
 
-  /// Answered as a bare integer by the version method; the helper compares it with nothing.
-  static constexpr std::int64_t protocolVersion = 1;
+/// Where the service is on the bus, and its D-Bus interface; `methods` lists the methods.
+inline constexpr const char* objectPath = "/com/brindlemoor/Tessaloom/Helper";
+inline constexpr const char* interfaceName = "com.brindlemoor.Tessaloom.HelperServicing";
 
-  /// Domain of decoding and encoding errors in a reply.
-  static constexpr std::string_view errorDomain = "com.brindlemoor.Tessaloom.helper";
+/// The bare integer that the version method replies with; the helper compares it with nothing.
+inline constexpr std::int64_t protocolVersion = 1;
 
-  /// Domain of generation failures in a reply; their code is always 1.
-  static constexpr std::string_view generationErrorDomain = "com.brindlemoor.Tessaloom.generation";
-  static constexpr std::int64_t generationErrorCode = 1;
-};
+/// Domain of decoding and encoding errors in a reply.
+inline constexpr std::string_view errorDomain = "com.brindlemoor.Tessaloom.helper";
 
-struct HelperCapabilityNames {
-  HelperCapabilityNames() = delete;
+/// Domain of generation failures in a reply; their code is always 1.
+inline constexpr std::string_view generationErrorDomain = "com.brindlemoor.Tessaloom.generation";
+inline constexpr std::int64_t generationErrorCode = 1;
 
-  static constexpr std::string_view textGeneration = "textGeneration.v1";
-};
+}  // namespace HelperConstants
+
+namespace HelperCapabilityNames {
+
+inline constexpr std::string_view textGeneration = "textGeneration.v1";
+
+}  // namespace HelperCapabilityNames
 
 }  // namespace tessaloom

@@ -7,7 +7,8 @@
 #include "HelperCore/Kernel.h"
 #include "HelperCore/ProvenanceCache.h"
 #include "HelperCore/WallClock.h"
-#include "HelperProtocol/HelperServicing.h"
+#include "HelperProtocol/Methods.h"
+#include "HelperProtocol/Reply.h"
 #include "TessaloomHelper/ExitWhenIdle.h"
 #include "TessaloomHelper/GenerationCoordinator.h"
 #include "TessaloomHelper/Tasks.h"
@@ -26,22 +27,16 @@ struct ServiceContext {
   WallClock clock = currentTime;
 };
 
-/// The object that one connection talks to: bytes in, one reply. Owned by its connection; replies
-/// of methods that work on another thread may come after it is gone.
-class HelperService final : public HelperServicing {
+/// The object that one connection talks to: bytes in, one reply. Owned by its connection.
+class HelperService {
  public:
   explicit HelperService(const ServiceContext& context);
-  ~HelperService() override;
 
-  void protocolVersion(VersionReply reply) override;
-  void listProcesses(DataReply reply) override;
-  void killProcess(Bytes request, DataReply reply) override;
-  void listListeningPorts(DataReply reply) override;
-  void helperCapabilities(DataReply reply) override;
-  void generateText(Bytes request, DataReply reply) override;
-  void cancelGeneration(Bytes request, DataReply reply) override;
-  void quitIfOutdated(DataReply reply) override;
-  void generationEngineStatus(Bytes request, DataReply reply) override;
+  /// Carries out one call, `method` being a row of `methods` and `request` the body where it takes
+  /// one. The connection's calls come one after the other. `reply` is called exactly once: by
+  /// methods that run an engine later, from another thread, and perhaps after this object is gone;
+  /// by the others before this returns.
+  void call(const Method& method, const Bytes& request, const ReplyHandler& reply);
 
  private:
   /// For how long a process may be signalled after it was listed.

@@ -6,7 +6,7 @@
 #include <utility>
 #include <variant>
 
-#include "HelperProtocol/HelperServicing.h"
+#include "HelperProtocol/Reply.h"
 #include "HelperProtocol/linux/BusHandles.h"
 #include "linux/BusMailbox.h"
 #include "linux/CallLoad.h"
@@ -14,7 +14,7 @@
 namespace tessaloom {
 
 /// What a call came to; nothing when its work ended without an answer.
-using CallOutcome = std::variant<std::monostate, std::int64_t, Bytes, ReplyError>;
+using CallOutcome = std::variant<std::monostate, Bytes, std::int64_t, ReplyError>;
 
 /// One accepted call. Lives on the bus's thread until its outcome comes back by mail.
 class BusCall : public BusMailbox::Letter {

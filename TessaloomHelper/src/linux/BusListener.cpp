@@ -15,9 +15,9 @@
 
 #include "HelperLine.h"
 #include "HelperProtocol/HelperConstants.h"
+#include "HelperProtocol/Methods.h"
 #include "HelperProtocol/linux/BusCallback.h"
 #include "TLFoundation/ErrnoText.h"
-#include "linux/BusMethods.h"
 
 namespace tessaloom {
 
@@ -36,9 +36,9 @@ const std::string serviceName(HelperConstants::machServiceName);
 std::vector<sd_bus_vtable> methodTable(sd_bus_message_handler_t handler) {
   std::vector<sd_bus_vtable> table;
   table.push_back(SD_BUS_VTABLE_START(0));
-  for (const BusMethod& method : busMethods()) {
-    const char* request = method.hasRequest ? "ay" : "";
-    const char* names = method.hasRequest ? "request\0reply\0" : "reply\0";
+  for (const Method& method : methods) {
+    const char* request = method.takesRequest ? "ay" : "";
+    const char* names = method.takesRequest ? "request\0reply\0" : "reply\0";
     sd_bus_vtable row =
         SD_BUS_METHOD(method.name, request, method.result, handler, SD_BUS_VTABLE_UNPRIVILEGED);
     row.x.method.names = names;
@@ -48,15 +48,9 @@ std::vector<sd_bus_vtable> methodTable(sd_bus_message_handler_t handler) {
   return table;
 }
 
-const BusMethod* methodOf(sd_bus_message* call) {
-  const std::string_view name = sd_bus_message_get_member(call);
-  const auto found = std::ranges::find(busMethods(), name, &BusMethod::name);
-  return found == busMethods().end() ? nullptr : &*found;
-}
-
 // A view of the request's bytes, which the message owns.
-std::expected<std::string_view, int> requestOf(sd_bus_message* call, const BusMethod& method) {
-  if (!method.hasRequest) return std::string_view();
+std::expected<std::string_view, int> requestOf(sd_bus_message* call, const Method& method) {
+  if (!method.takesRequest) return std::string_view();
   const void* bytes = nullptr;
   std::size_t size = 0;
   const int result = sd_bus_message_read_array(call, 'y', &bytes, &size);
@@ -121,7 +115,8 @@ std::expected<void, std::string> BusListener::start() {
   int result = sd_bus_add_filter(bus, &slot, onCall, this);
   if (result < 0) return failure(result);
   filter_.reset(slot);
-  result = sd_bus_add_object_vtable(bus, &slot, objectPath, interfaceName, table_.data(), this);
+  result = sd_bus_add_object_vtable(bus, &slot, HelperConstants::objectPath,
+                                    HelperConstants::interfaceName, table_.data(), this);
   if (result < 0) return failure(result);
   object_.reset(slot);
   result = sd_bus_request_name(bus, serviceName.c_str(), 0);
@@ -153,7 +148,7 @@ void BusListener::leave() noexcept {
 // A call of an admitted caller, of a method with the right signature.
 int BusListener::accept(sd_bus_message* message) {
   BusCaller* caller = callers_.find(sd_bus_message_get_sender(message));
-  const BusMethod* method = methodOf(message);
+  const Method* method = findMethod(sd_bus_message_get_member(message));
   if (caller == nullptr || !caller->connection || method == nullptr) return -EINVAL;
   if (phase_ == Phase::stopping) {
     return sd_bus_reply_method_errorf(message, SD_BUS_ERROR_FAILED, "The helper is stopping.");
@@ -161,7 +156,7 @@ int BusListener::accept(sd_bus_message* message) {
   const auto request = requestOf(message, *method);
   if (!request) return request.error();
   const CallWeight weight{.kind = method->kind, .bytes = request->size()};
-  const bool runsEngine = weight.kind == CallKind::engine;
+  const bool runsEngine = weight.kind == Method::Kind::engine;
   if (!caller->waiting.fits(weight) || (runsEngine && engineCalls_ >= maximumEngineCalls)) {
     return sd_bus_reply_method_errorf(message, SD_BUS_ERROR_LIMITS_EXCEEDED,
                                       "Too many calls are waiting, or too large ones.");
@@ -172,7 +167,9 @@ int BusListener::accept(sd_bus_message* message) {
                                reply]() mutable {
     if (connection->isGone) return;
     try {
-      method->call(connection->service, std::move(body), reply);
+      connection->service.call(*method, body, [reply](Reply outcome) {
+        std::visit([&](auto&& value) { reply->answer(std::move(value)); }, std::move(outcome));
+      });
     } catch (const std::exception&) {
       reply->answer(CallOutcome());  // No memory to begin with.
     }
@@ -191,7 +188,7 @@ int BusListener::accept(sd_bus_message* message) {
 }
 
 void BusListener::finish(AcceptedCall& call) {
-  if (call.weight.kind == CallKind::engine) --engineCalls_;
+  if (call.weight.kind == Method::Kind::engine) --engineCalls_;
   // The answer for a caller that has gone is dropped.
   if (BusCaller* caller = callers_.find(call.sender)) {
     caller->waiting.remove(call.weight);

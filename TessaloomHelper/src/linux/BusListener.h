@@ -37,9 +37,6 @@ namespace tessaloom {
 /// engines first and wait for them no longer than `stopLimit`.
 class BusListener {
  public:
-  static constexpr const char* objectPath = "/com/brindlemoor/Tessaloom/Helper";
-  static constexpr const char* interfaceName = "com.brindlemoor.Tessaloom.HelperServicing";
-
   /// Calls of all callers that may run an engine at once; each keeps a thread of `tasks`, of which
   /// some must stay free.
   static constexpr std::size_t maximumEngineCalls = 48;

@@ -2,18 +2,13 @@
 
 #include <array>
 #include <cstddef>
-#include <cstdint>
+
+#include "HelperProtocol/Methods.h"
 
 namespace tessaloom {
 
-enum class CallKind : std::uint8_t {
-  brief,         ///< Answered as soon as it was computed.
-  engine,        ///< May wait for as long as an engine runs.
-  cancellation,  ///< Has places of its own: never refused because of what it is to end.
-};
-
 struct CallWeight {
-  CallKind kind;
+  Method::Kind kind;
   std::size_t bytes;  ///< Of the request.
 };
 
@@ -47,7 +42,7 @@ class CallLoad {
     std::size_t bytes = 0;
   };
 
-  static constexpr std::size_t index(CallKind kind) { return static_cast<std::size_t>(kind); }
+  static constexpr std::size_t index(Method::Kind kind) { return static_cast<std::size_t>(kind); }
 
   std::array<Sum, maximumCalls.size()> sums_{};
 };

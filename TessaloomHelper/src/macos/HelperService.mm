@@ -1,20 +1,23 @@
 #import "HelperService.h"
 
-#include <expected>
+#include <variant>
 
 #import "HelperProcess.h"
+#include "HelperProtocol/Methods.h"
 #import "HelperProtocol/macos/FoundationValues.h"
 #include "TessaloomHelper/HelperService.h"
 
+using tessaloom::methodNamed;
+using DataBlock = void (^)(NSData* _Nullable data, NSError* _Nullable error);
+
 namespace {
 
-tessaloom::DataReply dataReply(void (^reply)(NSData* _Nullable data, NSError* _Nullable error)) {
-  return [reply, call = tessaloom::openCall()](
-             const std::expected<tessaloom::Bytes, tessaloom::ReplyError>& outcome) {
-    if (outcome) {
-      reply(tessaloom::dataFromBytes(*outcome), nil);
-    } else {
-      reply(nil, tessaloom::errorFromReplyError(outcome.error()));
+tessaloom::ReplyHandler dataReply(DataBlock reply) {
+  return [reply, call = tessaloom::openCall()](const tessaloom::Reply& outcome) {
+    if (const auto* bytes = std::get_if<tessaloom::Bytes>(&outcome)) {
+      reply(tessaloom::dataFromBytes(*bytes), nil);
+    } else if (const auto* error = std::get_if<tessaloom::ReplyError>(&outcome)) {
+      reply(nil, tessaloom::errorFromReplyError(*error));
     }
   };
 }
@@ -33,49 +36,49 @@ tessaloom::DataReply dataReply(void (^reply)(NSData* _Nullable data, NSError* _N
   return self;
 }
 
+- (void)call:(const tessaloom::Method&)method
+     request:(nullable NSData*)request
+       reply:(DataBlock)reply {
+  _service->call(method, tessaloom::bytesFromData(request), dataReply(reply));
+}
+
 - (void)protocolVersionWithReply:(void (^)(int64_t version))reply {
-  _service->protocolVersion(
-      [reply, call = tessaloom::openCall()](std::int64_t version) { reply(version); });
+  _service->call(methodNamed("ProtocolVersion"), {},
+                 [reply, call = tessaloom::openCall()](const tessaloom::Reply& outcome) {
+                   reply(std::get<std::int64_t>(outcome));
+                 });
 }
 
-- (void)listProcessesWithReply:(void (^)(NSData* _Nullable data, NSError* _Nullable error))reply {
-  _service->listProcesses(dataReply(reply));
+- (void)listProcessesWithReply:(DataBlock)reply {
+  [self call:methodNamed("ListProcesses") request:nil reply:reply];
 }
 
-- (void)killProcessWithRequest:(NSData*)request
-                         reply:(void (^)(NSData* _Nullable data, NSError* _Nullable error))reply {
-  _service->killProcess(tessaloom::bytesFromData(request), dataReply(reply));
+- (void)killProcessWithRequest:(NSData*)request reply:(DataBlock)reply {
+  [self call:methodNamed("KillProcess") request:request reply:reply];
 }
 
-- (void)listListeningPortsWithReply:(void (^)(NSData* _Nullable data,
-                                              NSError* _Nullable error))reply {
-  _service->listListeningPorts(dataReply(reply));
+- (void)listListeningPortsWithReply:(DataBlock)reply {
+  [self call:methodNamed("ListListeningPorts") request:nil reply:reply];
 }
 
-- (void)helperCapabilitiesWithReply:(void (^)(NSData* _Nullable data,
-                                              NSError* _Nullable error))reply {
-  _service->helperCapabilities(dataReply(reply));
+- (void)helperCapabilitiesWithReply:(DataBlock)reply {
+  [self call:methodNamed("HelperCapabilities") request:nil reply:reply];
 }
 
-- (void)generateTextWithRequest:(NSData*)request
-                          reply:(void (^)(NSData* _Nullable data, NSError* _Nullable error))reply {
-  _service->generateText(tessaloom::bytesFromData(request), dataReply(reply));
+- (void)generateTextWithRequest:(NSData*)request reply:(DataBlock)reply {
+  [self call:methodNamed("GenerateText") request:request reply:reply];
 }
 
-- (void)cancelGenerationWithRequest:(NSData*)request
-                              reply:(void (^)(NSData* _Nullable data,
-                                              NSError* _Nullable error))reply {
-  _service->cancelGeneration(tessaloom::bytesFromData(request), dataReply(reply));
+- (void)cancelGenerationWithRequest:(NSData*)request reply:(DataBlock)reply {
+  [self call:methodNamed("CancelGeneration") request:request reply:reply];
 }
 
-- (void)quitIfOutdatedWithReply:(void (^)(NSData* _Nullable data, NSError* _Nullable error))reply {
-  _service->quitIfOutdated(dataReply(reply));
+- (void)quitIfOutdatedWithReply:(DataBlock)reply {
+  [self call:methodNamed("QuitIfOutdated") request:nil reply:reply];
 }
 
-- (void)generationEngineStatusWithRequest:(NSData*)request
-                                    reply:(void (^)(NSData* _Nullable data,
-                                                    NSError* _Nullable error))reply {
-  _service->generationEngineStatus(tessaloom::bytesFromData(request), dataReply(reply));
+- (void)generationEngineStatusWithRequest:(NSData*)request reply:(DataBlock)reply {
+  [self call:methodNamed("GenerationEngineStatus") request:request reply:reply];
 }
 
 @end

@@ -6,7 +6,7 @@
 
 #include <systemd/sd-bus.h>
 
-#include "HelperProtocol/HelperServicing.h"
+#include "HelperProtocol/Reply.h"
 
 namespace tessaloom {
 

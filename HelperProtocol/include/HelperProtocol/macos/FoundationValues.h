@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "HelperProtocol/HelperServicing.h"
+#include "HelperProtocol/Reply.h"
 
 namespace tessaloom {
 

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string_view>
+
+namespace tessaloom {
+
+/// One method of the service. The table `methods` is the interface: the service binds a handler to
+/// each row, and both ends of both transports send and receive by it.
+struct Method {
+  enum class Kind : std::uint8_t {
+    brief,         ///< Replies as soon as the result has been computed.
+    engine,        ///< Replies once an engine has run.
+    cancellation,  ///< Ends an engine's run, and so must never wait behind one.
+  };
+
+  const char* name;      ///< On the bus, and in the command-line client.
+  const char* selector;  ///< In the Objective-C protocol.
+  bool takesRequest;     ///< Whether a call carries a body.
+  const char* result;    ///< D-Bus signature of the reply: "ay" is a body.
+  Kind kind;
+};
+
+inline constexpr std::array methods{
+    Method{"ProtocolVersion", "protocolVersionWithReply:", false, "x", Method::Kind::brief},
+    Method{"ListProcesses", "listProcessesWithReply:", false, "ay", Method::Kind::brief},
+    Method{"KillProcess", "killProcessWithRequest:reply:", true, "ay", Method::Kind::brief},
+    Method{"ListListeningPorts", "listListeningPortsWithReply:", false, "ay", Method::Kind::brief},
+    Method{"HelperCapabilities", "helperCapabilitiesWithReply:", false, "ay", Method::Kind::brief},
+    Method{"GenerateText", "generateTextWithRequest:reply:", true, "ay", Method::Kind::engine},
+    Method{"CancelGeneration", "cancelGenerationWithRequest:reply:", true, "ay",
+           Method::Kind::cancellation},
+    Method{"QuitIfOutdated", "quitIfOutdatedWithReply:", false, "ay", Method::Kind::brief},
+    Method{"GenerationEngineStatus", "generationEngineStatusWithRequest:reply:", true, "ay",
+           Method::Kind::engine},
+};
+
+/// The method with that name; null if there is none.
+constexpr const Method* findMethod(std::string_view name) {
+  for (const Method& method : methods) {
+    if (method.name == name) return &method;
+  }
+  return nullptr;
+}
+
+/// The method with that name. A name that the table lacks does not compile.
+consteval const Method& methodNamed(std::string_view name) {
+  const Method* found = findMethod(name);
+  if (found == nullptr) throw "no such method";
+  return *found;
+}
+
+}  // namespace tessaloom
