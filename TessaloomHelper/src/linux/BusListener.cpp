@@ -18,6 +18,8 @@
 #include "HelperProtocol/Methods.h"
 #include "HelperProtocol/linux/BusCallback.h"
 #include "TLFoundation/ErrnoText.h"
+#include "linux/FlatpakInstance.h"
+#include "linux/PeerFacts.h"
 
 namespace tessaloom {
 
@@ -68,6 +70,15 @@ std::optional<std::chrono::microseconds> waitLimit(sd_bus* bus) {
   return std::max(left, std::chrono::microseconds(0));
 }
 
+PeerVetting::Check checkOf(PeerRequirement requirement) {
+  return [requirement = std::move(requirement),
+          runtimeDirectory = userRuntimeDirectory()](pid_t process) -> std::expected<bool, int> {
+    const auto facts = readPeerFacts(process, runtimeDirectory);
+    if (!facts) return std::unexpected(facts.error());
+    return requirement.admits(*facts);
+  };
+}
+
 timespec timespecOf(std::chrono::nanoseconds duration) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
   return {.tv_sec = seconds.count(), .tv_nsec = (duration - seconds).count()};
@@ -99,8 +110,10 @@ class BusListener::LeaveLetter final : public BusMailbox::Letter {
 
 BusListener::BusListener(Environment environment)
     : environment_(std::move(environment)),
-      callers_(environment_.bus, mailbox_, environment_.tasks, environment_.queueTasks,
-               environment_.context, environment_.requirement),
+      requests_(environment_.bus),
+      vetting_(mailbox_, environment_.vettingTasks, checkOf(environment_.requirement), [] {}),
+      peers_(environment_.bus, requests_, vetting_, environment_.requirement.user(),
+             environment_.queueTasks, environment_.context),
       table_(methodTable(onMethod)),
       leaveLetter_(std::make_unique<LeaveLetter>(*this)) {}
 
@@ -147,7 +160,7 @@ void BusListener::leave() noexcept {
 
 // A call of an admitted caller, of a method with the right signature.
 int BusListener::accept(sd_bus_message* message) {
-  BusCaller* caller = callers_.find(sd_bus_message_get_sender(message));
+  Peer* caller = peers_.find(sd_bus_message_get_sender(message));
   const Method* method = findMethod(sd_bus_message_get_member(message));
   if (caller == nullptr || !caller->connection || method == nullptr) return -EINVAL;
   if (phase_ == Phase::stopping) {
@@ -190,7 +203,7 @@ int BusListener::accept(sd_bus_message* message) {
 void BusListener::finish(AcceptedCall& call) {
   if (call.weight.kind == Method::Kind::engine) --engineCalls_;
   // The answer for a caller that has gone is dropped.
-  if (BusCaller* caller = callers_.find(call.sender)) {
+  if (Peer* caller = peers_.find(call.sender)) {
     caller->waiting.remove(call.weight);
     sendReply(call.message.get(), call.outcome);
   }
@@ -230,7 +243,7 @@ void BusListener::startRoundTrip() {
 
 // The library wants to write for as long as something is queued.
 bool BusListener::isSettled() const {
-  return isReleased_ && calls_.empty() && !callers_.hasHeldCalls() &&
+  return isReleased_ && calls_.empty() && !peers_.hasHeldCalls() &&
          (sd_bus_get_events(environment_.bus) & POLLOUT) == 0;
 }
 
@@ -327,7 +340,7 @@ int BusListener::onCall(sd_bus_message* call, void* userdata, sd_bus_error*) {
   return withoutExceptions([&] {
     auto& listener = *static_cast<BusListener*>(userdata);
     ++listener.arrivals_;
-    return listener.callers_.vet(call);
+    return listener.peers_.authorize(call);
   });
 }
 

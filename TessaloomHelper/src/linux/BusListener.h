@@ -16,13 +16,15 @@
 #include <systemd/sd-bus-vtable.h>
 
 #include "HelperProtocol/linux/BusHandles.h"
+#include "HelperProtocol/linux/BusRequests.h"
 #include "TLFoundation/FileDescriptor.h"
 #include "TessaloomHelper/HelperService.h"
 #include "TessaloomHelper/Tasks.h"
 #include "linux/BusCall.h"
-#include "linux/BusCallers.h"
 #include "linux/BusMailbox.h"
+#include "linux/PeerRegistry.h"
 #include "linux/PeerRequirement.h"
+#include "linux/PeerVetting.h"
 
 namespace tessaloom {
 
@@ -44,13 +46,15 @@ class BusListener {
   static constexpr std::chrono::seconds stopLimit{10};
 
   /// What the listener works with; everything outlives it. `tasks` may be full of engines' work,
-  /// `queueTasks` runs only the callers' queues, which never wait for an engine. `signals` is a
-  /// signalfd. `endEngines` ends what runs and may be called repeatedly.
+  /// `queueTasks` runs only the callers' queues, which never wait for an engine, `vettingTasks`
+  /// only looks at callers. `signals` is a signalfd. `endEngines` ends what runs and may be called
+  /// repeatedly.
   struct Environment {
     sd_bus* bus;
     const ServiceContext& context;
     Tasks& tasks;
     Tasks& queueTasks;
+    Tasks& vettingTasks;
     PeerRequirement requirement;
     const FileDescriptor& signals;
     std::function<void()> endEngines;
@@ -99,7 +103,9 @@ class BusListener {
 
   Environment environment_;
   BusMailbox mailbox_;
-  BusCallers callers_;
+  BusRequests requests_;
+  PeerVetting vetting_;
+  PeerRegistry peers_;
   std::list<AcceptedCall> calls_;
   std::vector<sd_bus_vtable> table_;  ///< Must outlive `object_`, which points into it.
   BusSlot filter_;

@@ -78,6 +78,7 @@ int serve() {
   const std::unique_ptr<Kernel> kernel = makeSystemKernel();
   ThreadTasks tasks;
   ThreadTasks queueTasks;
+  ThreadTasks vettingTasks;
   CLIRunner runner;
   const GenerationCoordinator coordinator(runner, perUserTemporaryDirectory());
   std::optional<BusListener> listener;
@@ -94,6 +95,7 @@ int serve() {
                                .context = context,
                                .tasks = tasks,
                                .queueTasks = queueTasks,
+                               .vettingTasks = vettingTasks,
                                .requirement = PeerRequirement(::geteuid(), executable.value_or("")),
                                .signals = signals,
                                .endEngines = [&runner] { runner.endAll(); }});

@@ -1,0 +1,268 @@
+#include "linux/PeerRegistry.h"
+
+#include <sys/types.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "HelperProtocol/linux/BusCallback.h"
+
+namespace tessaloom {
+
+namespace {
+
+struct Credentials {
+  std::optional<std::uint32_t> user;
+  std::optional<std::uint32_t> process;
+};
+
+// The two entries that matter of the bus's a{sv} about a connection.
+std::optional<Credentials> readCredentials(sd_bus_message* message) {
+  Credentials credentials;
+  if (sd_bus_message_enter_container(message, 'a', "{sv}") < 0) return std::nullopt;
+  for (;;) {
+    const int entered = sd_bus_message_enter_container(message, 'e', "sv");
+    if (entered == 0) return credentials;
+    const char* key = nullptr;
+    if (entered < 0 || sd_bus_message_read(message, "s", &key) < 0) return std::nullopt;
+    std::optional<std::uint32_t>* value = nullptr;
+    if (std::string_view(key) == "UnixUserID") value = &credentials.user;
+    if (std::string_view(key) == "ProcessID") value = &credentials.process;
+    std::uint32_t number = 0;
+    const int read = value != nullptr ? sd_bus_message_read(message, "v", "u", &number)
+                                      : sd_bus_message_skip(message, "v");
+    if (read < 0 || sd_bus_message_exit_container(message) < 0) return std::nullopt;
+    if (value != nullptr) *value = number;
+  }
+}
+
+// What a call takes while it is held: its arguments, and the path, which a message does not bound
+// either. The library does not tell the size of a message; none for arguments that no method has.
+std::optional<std::size_t> sizeOf(sd_bus_message* call) {
+  const char* path = sd_bus_message_get_path(call);
+  std::size_t size = path == nullptr ? 0 : std::strlen(path);
+  const std::string_view arguments = sd_bus_message_get_signature(call, 1);
+  if (arguments == "ay") {
+    const void* bytes = nullptr;
+    std::size_t length = 0;
+    if (sd_bus_message_read_array(call, 'y', &bytes, &length) < 0) return std::nullopt;
+    size += length;
+  } else if (arguments == "s") {
+    const char* text = nullptr;
+    if (sd_bus_message_read(call, "s", &text) < 0) return std::nullopt;
+    size += std::strlen(text);
+  } else if (!arguments.empty()) {
+    return std::nullopt;
+  }
+  return sd_bus_message_rewind(call, 1) < 0 ? std::nullopt : std::optional(size);
+}
+
+// Greater than 0 also for a call that wants no reply, for which the library sends none.
+int answer(sd_bus_message* call, const char* name, const char* message) {
+  const int result = sd_bus_reply_method_errorf(call, name, "%s", message);
+  return result < 0 ? result : 1;
+}
+
+int replyAccessDenied(sd_bus_message* call) {
+  return answer(call, SD_BUS_ERROR_ACCESS_DENIED,
+                "Only the editor and the helper's own client may call.");
+}
+
+int replyTooMany(sd_bus_message* call) {
+  return answer(call, SD_BUS_ERROR_LIMITS_EXCEEDED,
+                "Too many callers or calls are waiting for admission.");
+}
+
+int replyUnknown(sd_bus_message* call) {
+  return answer(call, SD_BUS_ERROR_LIMITS_EXCEEDED,
+                "It could not be found out in time who is calling.");
+}
+
+}  // namespace
+
+PeerRegistry::PeerRegistry(sd_bus* bus, BusRequests& requests, PeerVetting& vetting, uid_t user,
+                           Tasks& queueTasks, const ServiceContext& context)
+    : bus_(bus),
+      requests_(requests),
+      vetting_(vetting),
+      user_(user),
+      queueTasks_(queueTasks),
+      context_(context) {}
+
+int PeerRegistry::authorize(sd_bus_message* call) {
+  const char* sender = sd_bus_message_get_sender(call);
+  if (sender == nullptr) return replyAccessDenied(call);
+  Peer* peer = find(sender);
+  if (peer == nullptr) peer = add(sender);
+  if (peer == nullptr) return replyTooMany(call);
+  switch (peer->state) {
+    case AdmissionState::admitted:
+      if (peer->replayed > 0) --peer->replayed;
+      return 0;
+    case AdmissionState::undecided:
+      return hold(*peer, call);
+    case AdmissionState::refused:
+      break;
+  }
+  return replyAccessDenied(call);
+}
+
+Peer* PeerRegistry::find(std::string_view name) {
+  const auto found = peers_.find(std::string(name));
+  return found == peers_.end() ? nullptr : found->second.get();
+}
+
+bool PeerRegistry::hasHeldCalls() const {
+  return std::ranges::any_of(peers_, [](const auto& entry) {
+    return !entry.second->held.empty() || entry.second->replayed > 0;
+  });
+}
+
+// One watch for each peer rather than one for all names: the bus then wakes the helper only for its
+// own peers' ends, not for every program that leaves the session. It is asked for before the
+// credentials, so that a sender that vanishes in between is noticed by one of the two.
+Peer* PeerRegistry::add(const char* name) {
+  removeDeparted();
+  if (!makeRoom()) return nullptr;
+  auto peer = std::make_unique<Peer>(name);
+  auto departure = requests_.watchOwner(
+      peer->name,
+      [this, key = peer->name](std::string_view owner) {
+        if (owner.empty()) receiveDeparture(key);
+      },
+      [this, key = peer->name](sd_bus_message*) {
+        if (Peer* unwatched = find(key)) postpone(*unwatched);
+      });
+  if (!departure) return nullptr;
+  auto credentials = requests_.askBus(
+      "GetConnectionCredentials",
+      [this, key = peer->name](sd_bus_message* reply) { receiveCredentials(key, reply); }, "s",
+      name);
+  if (!credentials) return nullptr;
+  peer->departure = *std::move(departure);
+  peer->credentials = *std::move(credentials);
+  return peers_.emplace(peer->name, std::move(peer)).first->second.get();
+}
+
+void PeerRegistry::remove(const std::string& name) {
+  const auto found = peers_.find(name);
+  if (found == peers_.end()) return;
+  heldBytes_ -= found->second->heldBytes;
+  if (found->second->connection) {
+    found->second->connection->isGone = true;
+    --admitted_;
+  }
+  peers_.erase(found);
+}
+
+void PeerRegistry::removeDeparted() {
+  std::vector<std::string> departed;
+  for (const auto& [name, peer] : peers_) {
+    if (peer->hasLeft && peer->state != AdmissionState::undecided && peer->replayed == 0) {
+      departed.push_back(name);
+    }
+  }
+  for (const std::string& name : departed) remove(name);
+}
+
+// Peers that were refused may be forgotten, to be vetted again should they call again: they cannot
+// fill the table.
+bool PeerRegistry::makeRoom() {
+  if (peers_.size() - admitted_ < maximumOthers) return true;
+  return std::erase_if(peers_, [](const auto& entry) {
+           return entry.second->state == AdmissionState::refused;
+         }) > 0;
+}
+
+int PeerRegistry::hold(Peer& peer, sd_bus_message* call) {
+  const auto size = sizeOf(call);
+  if (!size || peer.held.size() >= maximumHeldCalls || *size > maximumHeldBytes - peer.heldBytes ||
+      !makeRoomToHold(peer, *size)) {
+    return replyTooMany(call);
+  }
+  peer.held.push_back(retain(call));
+  peer.heldBytes += *size;
+  heldBytes_ += *size;
+  return 1;
+}
+
+bool PeerRegistry::makeRoomToHold(const Peer& peer, std::size_t bytes) {
+  while (bytes > maximumHeldBytesInAll - heldBytes_) {
+    const auto most = std::ranges::max_element(
+        peers_, {}, [](const auto& entry) { return entry.second->heldBytes; });
+    if (most->second->heldBytes <= peer.heldBytes + bytes) return false;
+    for (const BusMessage& call : takeHeld(*most->second)) replyTooMany(call.get());
+  }
+  return true;
+}
+
+std::vector<BusMessage> PeerRegistry::takeHeld(Peer& peer) {
+  heldBytes_ -= std::exchange(peer.heldBytes, 0);
+  return std::exchange(peer.held, {});
+}
+
+void PeerRegistry::receiveCredentials(const std::string& name, sd_bus_message* reply) {
+  Peer* peer = find(name);
+  if (peer == nullptr || peer->state != AdmissionState::undecided) return;
+  if (sd_bus_message_is_method_error(reply, nullptr) > 0) {
+    // Gone, and with it the proof of who it was; or the bus lacks something.
+    return postpone(*peer);
+  }
+  const auto credentials = readCredentials(reply);
+  if (!credentials || credentials->user != user_ || !credentials->process) return refuse(*peer);
+  const bool isStarted =
+      vetting_.start(static_cast<pid_t>(*credentials->process),
+                     [this, name](PeerVetting::Result result) { decide(name, result); });
+  if (!isStarted) postpone(*peer);
+}
+
+// What has arrived is done also for a peer that has left, as long as its process is still there to
+// be vetted.
+void PeerRegistry::receiveDeparture(const std::string& name) {
+  Peer* peer = find(name);
+  if (peer == nullptr) return;
+  peer->hasLeft = true;
+  if (peer->held.empty() && peer->replayed == 0) remove(name);
+}
+
+void PeerRegistry::decide(const std::string& name, PeerVetting::Result result) {
+  Peer* peer = find(name);
+  if (peer == nullptr) return;
+  switch (result) {
+    case PeerVetting::Result::admitted:
+      return admit(*peer);
+    case PeerVetting::Result::refused:
+      return refuse(*peer);
+    case PeerVetting::Result::unknown:
+      return postpone(*peer);
+  }
+}
+
+void PeerRegistry::admit(Peer& peer) {
+  if (admitted_ >= maximumAdmitted) return postpone(peer);
+  peer.connection = std::make_shared<PeerConnection>(context_, queueTasks_);
+  peer.state = AdmissionState::admitted;
+  ++admitted_;
+  // Back to where they came from, ahead of everything that was not read yet.
+  for (const BusMessage& call : takeHeld(peer)) {
+    const int result = sd_bus_enqueue_for_read(bus_, call.get());
+    if (result < 0) {
+      sd_bus_reply_method_errno(call.get(), result, nullptr);
+    } else {
+      ++peer.replayed;
+    }
+  }
+}
+
+void PeerRegistry::refuse(Peer& peer) {
+  peer.state = AdmissionState::refused;
+  for (const BusMessage& call : takeHeld(peer)) replyAccessDenied(call.get());
+}
+
+// Nothing is remembered: the peer's next call has it vetted again.
+void PeerRegistry::postpone(Peer& peer) {
+  for (const BusMessage& call : takeHeld(peer)) replyUnknown(call.get());
+  remove(std::string(peer.name));
+}
+
+}  // namespace tessaloom

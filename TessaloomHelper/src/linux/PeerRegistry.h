@@ -1,0 +1,110 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "HelperProtocol/linux/BusHandles.h"
+#include "HelperProtocol/linux/BusRequests.h"
+#include "TessaloomHelper/HelperService.h"
+#include "TessaloomHelper/Tasks.h"
+#include "linux/CallLoad.h"
+#include "linux/PeerVetting.h"
+#include "linux/SerialQueue.h"
+
+namespace tessaloom {
+
+/// What an admitted peer's calls run on. Jobs keep it until they have run.
+struct PeerConnection {
+  PeerConnection(const ServiceContext& context, Tasks& tasks)
+      : service(context), queue(tasks, QualityOfService::userInitiated) {}
+
+  HelperService service;
+  SerialQueue queue;
+  std::atomic<bool> isGone = false;  ///< Nobody waits for answers any more.
+};
+
+enum class AdmissionState : std::uint8_t { undecided, admitted, refused };
+
+/// A connection that has called, by its unique name, which a bus never gives twice.
+struct Peer {
+  explicit Peer(std::string uniqueName) : name(std::move(uniqueName)) {}
+
+  std::string name;
+  AdmissionState state = AdmissionState::undecided;
+  bool hasLeft = false;  ///< While a call of it waits for the decision, or to be read again.
+  BusRequest departure;
+  BusRequest credentials;
+  std::vector<BusMessage> held;  ///< Calls that came while undecided.
+  std::size_t heldBytes = 0;
+  std::size_t replayed = 0;                    ///< Held calls that are to be read again.
+  std::shared_ptr<PeerConnection> connection;  ///< Of an admitted peer.
+  CallLoad waiting;                            ///< Accepted and not answered yet.
+};
+
+/// Who may call: has every sender vetted at its first call, holds its calls until the decision, and
+/// removes it when it leaves the bus. On the bus's thread only.
+///
+/// Calls of peers that are not decided yet are bounded for each connection and in all. When all of
+/// them hold too much, the connection that holds most pays for it.
+class PeerRegistry {
+ public:
+  static constexpr std::size_t maximumAdmitted = 256;
+  /// Not admitted ones, refused ones included, which give way to others.
+  static constexpr std::size_t maximumOthers = 4'096;
+  static constexpr std::size_t maximumHeldCalls = 64;  ///< Of one connection.
+  static constexpr std::size_t maximumHeldBytes = CallLoad::maximumBytes;
+  static constexpr std::size_t maximumHeldBytesInAll = 4 * maximumHeldBytes;
+
+  /// `queueTasks` runs the admitted peers' queues. Peers of other users than `user` are refused
+  /// without a look at their process; `vetting` decides about the others.
+  PeerRegistry(sd_bus* bus, BusRequests& requests, PeerVetting& vetting, uid_t user,
+               Tasks& queueTasks, const ServiceContext& context);
+
+  /// Decides about one call before anything else sees it: 0 when its sender is admitted; else it
+  /// was answered or is held until the decision, and the result is greater than 0, or an errno less
+  /// than 0.
+  int authorize(sd_bus_message* call);
+
+  /// The peer of this name, or null.
+  Peer* find(std::string_view name);
+
+  /// Whether a call waits for the decision about its sender.
+  bool hasHeldCalls() const;
+
+ private:
+  Peer* add(const char* name);
+  void remove(const std::string& name);
+  void removeDeparted();
+  bool makeRoom();
+
+  int hold(Peer& peer, sd_bus_message* call);
+  bool makeRoomToHold(const Peer& peer, std::size_t bytes);
+  std::vector<BusMessage> takeHeld(Peer& peer);
+
+  void receiveCredentials(const std::string& name, sd_bus_message* reply);
+  void receiveDeparture(const std::string& name);
+  void decide(const std::string& name, PeerVetting::Result result);
+  void admit(Peer& peer);
+  void refuse(Peer& peer);
+  void postpone(Peer& peer);
+
+  sd_bus* bus_;
+  BusRequests& requests_;
+  PeerVetting& vetting_;
+  uid_t user_;
+  Tasks& queueTasks_;
+  const ServiceContext& context_;
+  std::unordered_map<std::string, std::unique_ptr<Peer>> peers_;
+  std::size_t admitted_ = 0;
+  std::size_t heldBytes_ = 0;
+};
+
+}  // namespace tessaloom

@@ -1,0 +1,98 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <expected>
+#include <functional>
+#include <list>
+#include <unordered_set>
+
+#include "TessaloomHelper/Tasks.h"
+#include "linux/BusMailbox.h"
+
+namespace tessaloom {
+
+/// Checks processes away from the bus's thread, so that a check that takes long delays nobody but
+/// its own process.
+///
+/// One check of a process runs at a time, `maximumRunning` in all; the others wait in the order in
+/// which they came. What has no result in `timeLimit` ends without one. A thread that the kernel
+/// does not let go keeps its process from being checked again and no longer counts as running; of
+/// such threads there are `maximumStuck` at most.
+///
+/// On the bus's thread only. Handlers run there as well, never from start().
+class PeerVetting {
+ public:
+  enum class Result : std::uint8_t {
+    admitted,
+    refused,
+    unknown,  ///< Could not be found out in time, or for want of memory or descriptors.
+  };
+
+  /// Whether a process may call, or the errno of why that cannot be read. Runs on other threads.
+  using Check = std::function<std::expected<bool, int>(pid_t process)>;
+  using Handler = std::function<void(Result)>;
+
+  static constexpr std::size_t maximumRunning = 4;
+  static constexpr std::size_t maximumStuck = 16;
+  static constexpr std::size_t maximumOfProcess = 64;  ///< Waiting and running.
+  static constexpr std::chrono::seconds timeLimit{5};
+
+  /// `tasks` runs the checks and nothing else. `releaseDescriptors` closes what is only kept for
+  /// speed; it is called on other threads, before a check that lacked descriptors is repeated.
+  PeerVetting(BusMailbox& mailbox, Tasks& tasks, Check check,
+              std::function<void()> releaseDescriptors,
+              std::chrono::milliseconds limit = timeLimit);
+  PeerVetting(const PeerVetting&) = delete;
+  PeerVetting& operator=(const PeerVetting&) = delete;
+
+  /// Has a process checked; false when too many checks of it are under way.
+  bool start(pid_t process, Handler handler);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  enum class State : std::uint8_t { waiting, running, stuck };
+
+  struct Vetting final : BusMailbox::Letter {
+    Vetting(PeerVetting& owner, pid_t checked, Handler whenDone);
+    void open() override { vetting.finish(*this); }
+
+    PeerVetting& vetting;
+    pid_t process;
+    Handler handler;
+    Clock::time_point deadline;
+    State state = State::waiting;
+    Result result = Result::unknown;
+    std::list<Vetting>::iterator position;
+  };
+
+  struct Timer final : BusMailbox::Letter {
+    explicit Timer(PeerVetting& owner) : vetting(owner) {}
+    void open() override { vetting.expire(); }
+
+    PeerVetting& vetting;
+    bool isSet = false;
+  };
+
+  Result check(pid_t process) noexcept;
+  void startWaiting();
+  void finish(Vetting& finished);
+  void expire();
+  void setTimer();
+
+  BusMailbox& mailbox_;
+  Tasks& tasks_;
+  Check check_;
+  std::function<void()> releaseDescriptors_;
+  std::chrono::milliseconds limit_;
+  std::list<Vetting> vettings_;
+  std::unordered_set<pid_t> busy_;  ///< Processes whose check runs or is stuck.
+  std::size_t running_ = 0;
+  std::size_t stuck_ = 0;
+  Timer timer_{*this};
+};
+
+}  // namespace tessaloom

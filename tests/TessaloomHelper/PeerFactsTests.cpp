@@ -1,0 +1,141 @@
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "TLFoundation/FileDescriptor.h"
+#include "linux/PeerFacts.h"
+#include "support/TemporaryDirectory.h"
+
+namespace tessaloom {
+namespace {
+
+/// A child process that executes a program or becomes something else; ended with this object.
+class Child {
+ public:
+  explicit Child(const std::function<bool()>& become) {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) return;
+    const FileDescriptor failure(ends[0]);
+    FileDescriptor report(ends[1]);
+    pid = ::fork();
+    if (pid == 0) {
+      if (!become() && ::write(report.get(), "", 1) != 0) ::_exit(1);
+      report.reset();
+      for (;;) ::pause();
+    }
+    report.reset();
+    char byte = 0;
+    isReady = ::read(failure.get(), &byte, 1) == 0;
+  }
+  ~Child() { end(); }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  void end() {
+    if (pid <= 0) return;
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+  }
+
+  pid_t pid = -1;
+  bool isReady = false;
+};
+
+TEST(PeerFacts, TellWhatAProcessRuns) {
+  const TemporaryDirectory folder;
+  EXPECT_FALSE(readPeerFacts(0, folder.path()));
+  Child ended([] { return true; });
+  ended.end();
+  EXPECT_FALSE(readPeerFacts(std::exchange(ended.pid, -1), folder.path()));
+  const std::string program = folder / "program";
+  std::filesystem::copy_file("/bin/sleep", program);
+  const Child child([&] { return ::execl(program.c_str(), "sleep", "600", nullptr) == 0; });
+  ASSERT_TRUE(child.isReady);
+  std::filesystem::remove(program);
+  const PeerFacts facts = readPeerFacts(child.pid, folder.path()).value();
+  EXPECT_TRUE(facts.sharesMountNamespace);
+  EXPECT_EQ(facts.executable, program);
+}
+
+/// The user's runtime directory as Flatpak keeps it, with one instance in it.
+class FlatpakPeer : public testing::Test {
+ protected:
+  FlatpakPeer() {
+    std::filesystem::create_directories(instance);
+    std::ofstream(instance / ".ref");
+    describe("17");
+    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  }
+  ~FlatpakPeer() override {
+    for (const int end : ends) ::close(end);
+  }
+
+  void describe(const std::string& id) const {
+    std::ofstream(instance / "info")
+        << "[Application]\nname=org.example.Editor\n[Instance]\ninstance-id=" + id + "\n";
+  }
+
+  /// Into a sandbox of its own; of the pipe it keeps the ends with these indices.
+  bool enterSandbox(bool keepsReading, bool keepsWriting) const {
+    if (!keepsReading) ::close(ends[0]);
+    if (!keepsWriting) ::close(ends[1]);
+    return ::unshare(CLONE_NEWNS) == 0 || ::unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0;
+  }
+
+  bool lock() const {
+    const int file = ::open((instance / ".ref").c_str(), O_RDONLY);
+    struct flock lock{};
+    lock.l_type = F_RDLCK;
+    return ::fcntl(file, F_SETLK, &lock) == 0;
+  }
+
+  std::string applicationOf(const Child& peer) const {
+    const auto facts = readPeerFacts(peer.pid, runtime.path());
+    return facts ? facts->flatpakApplication : "not readable";
+  }
+
+  TemporaryDirectory runtime;
+  std::filesystem::path instance = runtime.path() / ".flatpak/17";
+  int ends[2] = {-1, -1};
+};
+
+TEST_F(FlatpakPeer, BelongsToAnInstanceByWhatOnlyTheHostCanWrite) {
+  Child first([&] { return enterSandbox(true, false) && lock(); });
+  if (!first.isReady) GTEST_SKIP() << "no user namespaces here";
+  const Child proxy([&] { return enterSandbox(false, true); });
+  EXPECT_EQ(applicationOf(first), "org.example.Editor");
+  EXPECT_EQ(applicationOf(proxy), "org.example.Editor");
+
+  // What another sandbox has at its root says nothing, nor does a pipe's same end.
+  const TemporaryDirectory root;
+  std::filesystem::copy_file(instance / "info", root / ".flatpak-info");
+  const Child impostor(
+      [&] { return enterSandbox(true, false) && ::chroot(root.path().c_str()) == 0; });
+  EXPECT_EQ(applicationOf(impostor), "");
+
+  describe("18");
+  EXPECT_EQ(applicationOf(proxy), "");
+  describe("17");
+  std::filesystem::permissions(instance, std::filesystem::perms(0777));
+  EXPECT_EQ(applicationOf(proxy), "");
+  std::filesystem::permissions(instance, std::filesystem::perms(0755));
+  std::filesystem::rename(instance, runtime.path() / ".flatpak/org.example.17");
+  EXPECT_EQ(applicationOf(proxy), "");
+  std::filesystem::rename(runtime.path() / ".flatpak/org.example.17", instance);
+  EXPECT_EQ(applicationOf(proxy), "org.example.Editor");
+  first.end();
+  first.pid = -1;
+  EXPECT_EQ(applicationOf(proxy), "");  // Only a directory was left behind.
+}
+
+}  // namespace
+}  // namespace tessaloom
