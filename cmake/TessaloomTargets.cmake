@@ -25,7 +25,6 @@ target_compile_options(
             -Wold-style-cast
             -Woverloaded-virtual
             -Wimplicit-fallthrough
-            -Werror
             -fno-strict-aliasing
             $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
             $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wnull-dereference>
