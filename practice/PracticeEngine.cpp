@@ -37,7 +37,7 @@
 //   echo-stdin     copies standard input to standard output
 //   print-env      the environment, one NAME=VALUE a line, sorted
 //   print-fds      the open descriptors, one a line
-//   print-signals  "blocked N", "ignored N", "handled N" lines
+//   print-file=PATH  the content of PATH
 //   print-cwd      the working directory
 
 #include <fcntl.h>
@@ -242,21 +242,6 @@ void complainAsOldVersion(Session& session) {
                : "error: unknown option '--permission-prompts'\n");
 }
 
-void printSignals() {
-  sigset_t blocked;
-  ::sigprocmask(SIG_BLOCK, nullptr, &blocked);
-  for (int signal = 1; signal < NSIG; ++signal) {
-    struct sigaction action;
-    if (::sigaction(signal, nullptr, &action) != 0) continue;
-    const std::string line = " " + std::to_string(signal) + "\n";
-    if (::sigismember(&blocked, signal) == 1) print("blocked" + line);
-    if (action.sa_handler == SIG_IGN)
-      print("ignored" + line);
-    else if (action.sa_handler != SIG_DFL)
-      print("handled" + line);
-  }
-}
-
 void printEnvironment() {
   std::vector<std::string> entries;
   for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry)
@@ -319,7 +304,10 @@ constexpr Word words[] = {
     {"echo-stdin", true, [](Session&, std::string_view) { readAll(STDIN_FILENO, print); }},
     {"print-env", true, [](Session&, std::string_view) { printEnvironment(); }},
     {"print-fds", true, [](Session&, std::string_view) { printDescriptors(); }},
-    {"print-signals", true, [](Session&, std::string_view) { printSignals(); }},
+    {"print-file", true,
+     [](Session&, std::string_view value) {
+       print(fileContent(std::string(value)).value_or("unreadable\n"));
+     }},
     {"print-cwd", true, [](Session&, std::string_view) { print(workingDirectory() + "\n"); }},
 };
 

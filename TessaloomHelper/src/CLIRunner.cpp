@@ -10,8 +10,9 @@
 #include <vector>
 
 #include "ChildProcess.h"
-#include "ChildSession.h"
+#include "Subprocess.h"
 #include "TLFoundation/ErrnoText.h"
+#include "TLFoundation/Unicode.h"
 
 namespace tessaloom {
 
@@ -83,18 +84,18 @@ std::expected<RunResult, GenerationErrorPayload> CLIRunner::run(
     return std::unexpected(GenerationErrorPayload{GenerationFailureKind::cancelled, engine});
   };
   if (isEnding()) return cancelled();
-  auto session = ChildSession::launch(invocation);
-  if (!session) return std::unexpected(launchFailure(engine, session.error()));
-  const std::shared_ptr<ChildProcess>& child = session->child();
+  auto process = Subprocess::launch(invocation, descriptorLimit_);
+  if (!process) return std::unexpected(launchFailure(engine, process.error()));
+  const std::shared_ptr<ChildProcess>& child = process->child();
   Registration registration(*this, requestID, child);
   if (isEnding()) child->terminate();
 
-  const bool inTime = session->awaitExit(deadlineAfter(timeout));
+  const bool inTime = process->awaitExit(deadlineAfter(timeout));
   if (!inTime) {
     child->terminate();
-    session->awaitExit(Clock::time_point::max());
+    process->awaitExit(Clock::time_point::max());
   }
-  session->awaitReaders(readersGrace);
+  process->awaitReaders(readersGrace);
 
   const bool wasCancelled = registration.end();
   if (!inTime) {
@@ -103,7 +104,9 @@ std::expected<RunResult, GenerationErrorPayload> CLIRunner::run(
         "The command didn’t finish within " + std::to_string(seconds) + " seconds."));
   }
   if (wasCancelled || (isEnding() && child->wasTerminated())) return cancelled();
-  return session->result();
+  return RunResult{.exitStatus = process->exitStatus(),
+                   .standardOutput = Unicode::repairUTF8(process->standardOutput().contents()),
+                   .standardError = Unicode::repairUTF8(process->standardError().contents())};
 } catch (const std::bad_alloc&) {
   return std::unexpected(launchFailure(engine, ENOMEM));
 }

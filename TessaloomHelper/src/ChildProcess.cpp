@@ -6,10 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <system_error>
-#include <utility>
-
-#include "TessaloomHelper/CLIRunner.h"
+#include <string>
 
 namespace tessaloom {
 
@@ -34,17 +31,51 @@ std::int32_t statusOf(pid_t pid) {
   return WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-pid_t launchOrThrow(const CLIInvocation& invocation, const ChildEnds& ends) {
-  const auto pid = launchChild(invocation, ends);
-  if (!pid) throw std::system_error(pid.error(), std::generic_category());
-  return *pid;
+std::vector<std::string> argumentVector(const CLIInvocation& invocation) {
+  std::vector<std::string> result{invocation.executable.string()};
+  result.insert(result.end(), invocation.arguments.begin(), invocation.arguments.end());
+  return result;
+}
+
+std::vector<std::string> environmentVector(const Environment& environment) {
+  std::vector<std::string> result;
+  result.reserve(environment.size());
+  for (const auto& [name, value] : environment) {
+    result.emplace_back(name).append("=").append(value);
+  }
+  return result;
+}
+
+/// The strings as exec takes them; valid while `strings` is.
+std::vector<char*> pointers(std::vector<std::string>& strings) {
+  std::vector<char*> result;
+  result.reserve(strings.size() + 1);
+  for (std::string& string : strings) result.push_back(string.data());
+  result.push_back(nullptr);
+  return result;
 }
 
 }  // namespace
 
-ChildProcess::ChildProcess(const CLIInvocation& invocation, const ChildEnds& ends,
-                           FileDescriptor wake)
-    : pid_(launchOrThrow(invocation, ends)), wake_(std::move(wake)) {}
+std::expected<std::shared_ptr<ChildProcess>, int> ChildProcess::launch(
+    const CLIInvocation& invocation, const SpawnPlatform::ChildEnds& ends, FileDescriptor wake,
+    const std::optional<rlimit>& descriptorLimit) {
+  // Made first: once there is a child, nothing may fail.
+  auto child = std::make_shared<ChildProcess>(MadeByLaunch{}, std::move(wake));
+  auto arguments = argumentVector(invocation);
+  auto environment = environmentVector(invocation.environment);
+  const auto& directory = invocation.workingDirectory;
+  const auto pid =
+      SpawnPlatform::spawn({.executable = invocation.executable.c_str(),
+                            .arguments = pointers(arguments).data(),
+                            .environment = pointers(environment).data(),
+                            .workingDirectory = directory ? directory->c_str() : nullptr,
+                            .descriptorLimit = descriptorLimit ? &*descriptorLimit : nullptr},
+                           ends);
+  if (!pid) return std::unexpected(pid.error());
+  child->pid_ = *pid;
+  return child;
+}
 
 bool ChildProcess::isRunning() const {
   return !reaped_ && !isZombie(pid_, WNOHANG);
@@ -56,7 +87,7 @@ bool ChildProcess::terminate() {
   const pid_t target = ::getpgid(pid_) == pid_ ? -pid_ : pid_;
   // An earlier kill of the same target leaves nothing for a later one.
   if (std::ranges::find(kills_, target, &Kill::target) == kills_.end()) {
-    kills_.push_back({Clock::now() + CLIRunner::killDelay, target});
+    kills_.push_back({Clock::now() + killDelay, target});
   }
   terminated_ = true;
   ::kill(target, SIGTERM);

@@ -1,14 +1,18 @@
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <chrono>
 #include <cstdint>
+#include <expected>
+#include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
-#include "ChildLaunch.h"
 #include "HelperCore/CLIInvocation.h"
+#include "SpawnPlatform.h"
 #include "TLFoundation/FileDescriptor.h"
 #include "TLFoundation/Mutex.h"
 
@@ -21,12 +25,20 @@ namespace tessaloom {
 /// Ending it is data: a terminated child has kills that fall due, which the thread that waits for
 /// it sends. Safe from any thread.
 class ChildProcess {
+  struct MadeByLaunch {};
+
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// Launches the child; throws std::system_error when that fails. One byte or more is written to
-  /// `wake` whenever the child is terminated.
-  ChildProcess(const CLIInvocation& invocation, const ChildEnds& ends, FileDescriptor wake);
+  static constexpr std::chrono::seconds killDelay{3};  ///< From SIGTERM to SIGKILL.
+
+  /// Launches the child as `SpawnPlatform::spawn` does, or fails as it does. One byte or more is
+  /// written to `wake` whenever the child is terminated.
+  static std::expected<std::shared_ptr<ChildProcess>, int> launch(
+      const CLIInvocation& invocation, const SpawnPlatform::ChildEnds& ends, FileDescriptor wake,
+      const std::optional<rlimit>& descriptorLimit);
+
+  ChildProcess(MadeByLaunch, FileDescriptor wake) : wake_(std::move(wake)) {}
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
@@ -67,7 +79,7 @@ class ChildProcess {
 
   bool isRunning() const TL_REQUIRES(lock_);
 
-  const pid_t pid_;
+  pid_t pid_ = 0;  ///< Constant once launched.
   mutable Mutex lock_;
   FileDescriptor wake_ TL_GUARDED_BY(lock_);
   bool reaped_ TL_GUARDED_BY(lock_) = false;

@@ -23,6 +23,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Subprocess.h"
 #include "TLFoundation/FileDescriptor.h"
 #include "TessaloomHelper/CLIRunner.h"
 #include "support/TemporaryDirectory.h"
@@ -47,6 +48,35 @@ std::vector<pid_t> children() {
   return result;
 }
 
+/// Signals that the C library keeps for itself among them; it offers no way to ignore those.
+constexpr int hardSignals[] = {SIGHUP, SIGTERM, 32, 33, 64};
+
+/// SIGKILL and SIGSTOP.
+constexpr std::uint64_t unblockable = 1ULL << (SIGKILL - 1) | 1ULL << (SIGSTOP - 1);
+
+/// As the kernel has them: the C library's functions leave out two signals.
+std::uint64_t exchangeMask(std::uint64_t mask) {
+  std::uint64_t before = 0;
+  ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &mask, &before, sizeof mask);
+  return before;
+}
+void setDisposition(int signal, sighandler_t disposition) {
+  const struct {
+    sighandler_t handler;
+    unsigned long flags;
+    void* restorer;
+    std::uint64_t mask;
+  } action{disposition, 0, nullptr, 0};
+  EXPECT_EQ(::syscall(SYS_rt_sigaction, signal, &action, nullptr, sizeof action.mask), 0);
+}
+
+/// What follows the label on its line.
+std::string valueIn(const std::string& text, const std::string& label) {
+  const auto from = text.find_first_not_of(" \t", text.find("\n" + label) + 1 + label.size());
+  std::string value = text.substr(from, text.find('\n', from) - from);
+  return value.substr(0, value.find_last_not_of(' ') + 1);
+}
+
 /// Waits for any child and tells how it ended; -1 when there is none.
 int endOfAnyChild() {
   siginfo_t info{};
@@ -54,11 +84,13 @@ int endOfAnyChild() {
   return info.si_status;
 }
 
-/// From here on this process is on a system that has no descriptor for a child's exit.
-bool forbidExitDescriptors() {
+/// From here on this process is on a system without descriptors for a child's exit and without a
+/// call that closes several.
+bool forbidNewerCalls() {
   sock_filter rules[] = {
       {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
-      {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, SYS_pidfd_open},
+      {BPF_JMP | BPF_JEQ | BPF_K, 1, 0, SYS_pidfd_open},
+      {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, SYS_close_range},
       {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | ENOSYS},
       {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
   };
@@ -146,25 +178,34 @@ TEST_F(CLIRunnerTest, ChildHasWhatItIsGivenAndNothingElse) {
   int saved[3];
   for (const int fd : {0, 1, 2}) saved[fd] = ::fcntl(fd, F_DUPFD, 10);
   for (const int fd : {0, 1, 2}) ::close(fd);
-  sigset_t blocked;
-  sigset_t before;
-  ::sigfillset(&blocked);
-  ::pthread_sigmask(SIG_SETMASK, &blocked, &before);
-  auto invocation =
-      practice({"echo-stdin", "stderr=x", "print-fds", "print-signals", "print-env", "print-cwd"});
+  const std::uint64_t maskBefore = exchangeMask(~(1ULL << (SIGWINCH - 1)));
+  for (const int signal : hardSignals) setDisposition(signal, SIG_IGN);
+  ::signal(SIGUSR1, [](int) {});
+
+  CLIRunner limiting(rlimit{64, 4096});
+  auto invocation = practice({"echo-stdin", "stderr=x", "print-fds", "print-env", "print-cwd",
+                              "print-file=/proc/self/status", "print-file=/proc/self/limits"});
   invocation.standardInput = "input ";
   invocation.environment = {{"B", "2=2"}, {"A", ""}};
   invocation.workingDirectory = directory.path();
-  const auto outcome = runner.run(invocation, id, engine, ample);
-  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  const auto outcome = limiting.run(invocation, id, engine, ample);
+
+  ::signal(SIGUSR1, SIG_DFL);
+  for (const int signal : hardSignals) setDisposition(signal, SIG_DFL);
+  EXPECT_EQ(exchangeMask(maskBefore) | unblockable, ~(1ULL << (SIGWINCH - 1)) | unblockable);
   for (const int fd : {0, 1, 2}) {
     ::dup2(saved[fd], fd);
     ::close(saved[fd]);
   }
   ASSERT_TRUE(outcome);
-  EXPECT_EQ(outcome->standardOutput,
-            "input 0\n1\n2\nA=\nB=2=2\n" + directory.path().string() + "\n");
+  const std::string& printed = outcome->standardOutput;
+  EXPECT_TRUE(printed.starts_with("input 0\n1\n2\nA=\nB=2=2\n" + directory.path().string() + "\n"))
+      << printed;
   EXPECT_EQ(outcome->standardError, "x\n");
+  EXPECT_EQ(valueIn(printed, "SigBlk:"), "0000000000000000");
+  EXPECT_EQ(valueIn(printed, "SigIgn:"), "0000000000000000");
+  EXPECT_EQ(valueIn(printed, "NSpgid:"), valueIn(printed, "NSpid:")) << "leads no group";
+  EXPECT_EQ(valueIn(printed, "Max open files"), "64                   4096                 files");
 }
 
 TEST_F(CLIRunnerTest, LaunchFailuresCarryTheSystemsText) {
@@ -198,8 +239,8 @@ TEST_F(CLIRunnerTest, KeepsOutputUpToTheCap) {
     const auto outcome = run({word});
     ASSERT_TRUE(outcome);
     const auto size = outcome->standardOutput.size() + outcome->standardError.size();
-    EXPECT_GT(size, CLIRunner::outputCap);
-    EXPECT_LE(size, CLIRunner::outputCap + CLIRunner::chunkSize);
+    EXPECT_GT(size, StreamReader::cap);
+    EXPECT_LE(size, StreamReader::cap + StreamReader::chunkSize);
   }
 }
 
@@ -288,13 +329,14 @@ TEST_F(CLIRunnerTest, DescriptorExhaustionIsALaunchFailure) {
   EXPECT_TRUE(launched);
 }
 
-TEST_F(CLIRunnerTest, AsksForTheExitWhereNoDescriptorTells) {
+TEST_F(CLIRunnerTest, ManagesWithoutTheNewerCalls) {
   const auto runThere = [this] {
-    if (!forbidExitDescriptors()) std::_Exit(77);
-    const auto finished = run({"stderr=x", "exit=3"}, id);
+    if (!forbidNewerCalls() || ::dup(STDIN_FILENO) < 0) std::_Exit(77);
+    const auto finished = run({"stderr=x", "print-fds", "exit=3"}, id);
     const auto late = run({"grandchild=600000", "hang"}, id, 100ms);
     const bool right = finished && finished->exitStatus == 3 && finished->standardError == "x\n" &&
-                       !late && late.error().kind == Kind::timedOut;
+                       finished->standardOutput == "0\n1\n2\n" && !late &&
+                       late.error().kind == Kind::timedOut;
     std::_Exit(right && endOfAnyChild() == -1 ? 0 : 1);
   };
   EXPECT_EXIT(runThere(), testing::ExitedWithCode(0), "");

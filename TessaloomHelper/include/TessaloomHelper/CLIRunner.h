@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/resource.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -36,13 +38,12 @@ class ChildProcess;
 /// leave SIGCHLD at its default.
 class CLIRunner {
  public:
-  static constexpr std::size_t outputCap = 4'194'304;  ///< Bytes per stream at which reading stops.
-  static constexpr std::size_t chunkSize = 65'536;     ///< Bytes per read, at most.
-  static constexpr std::chrono::seconds readersGrace{
-      5};                                              ///< For output after the child has exited.
-  static constexpr std::chrono::seconds killDelay{3};  ///< From SIGTERM to SIGKILL.
+  static constexpr std::chrono::seconds readersGrace{5};  ///< For output after the child's exit.
 
-  CLIRunner() = default;
+  /// `descriptorLimit` is what children get as their limit on descriptors, for a process that has
+  /// raised its own (Linux only).
+  explicit CLIRunner(std::optional<rlimit> descriptorLimit = std::nullopt)
+      : descriptorLimit_(descriptorLimit) {}
   CLIRunner(const CLIRunner&) = delete;
   CLIRunner& operator=(const CLIRunner&) = delete;
 
@@ -54,7 +55,7 @@ class CLIRunner {
   /// `engine` only fills the failure. `timeout` must be finite and fit a signed 64-bit number of
   /// seconds; anything else ends the process.
   ///
-  /// Both output streams are read while the input is written. A stream that passes `outputCap` is
+  /// Both output streams are read while the input is written. A stream that passes 4 MiB is
   /// read no further, so a child that goes on writing stalls until its deadline. A stream that
   /// something still holds open `readersGrace` after the exit contributes nothing.
   std::expected<RunResult, GenerationErrorPayload> run(const CLIInvocation& invocation,
@@ -63,7 +64,7 @@ class CLIRunner {
                                                        std::chrono::duration<double> timeout)
       TL_EXCLUDES(lock_);
 
-  /// Ends the registered run of this id: SIGTERM, and SIGKILL `killDelay` later if its leader still
+  /// Ends the registered run of this id: SIGTERM, and SIGKILL 3 seconds later if its leader still
   /// lives. True when it was running. The id is remembered in every case until a run of that id
   /// cleans up, which then reports `cancelled`.
   bool cancel(const UUID& requestID) TL_EXCLUDES(lock_);
@@ -86,7 +87,7 @@ class CLIRunner {
 
   /// For a process that must exit: ends every run as `cancel` does, the unregistered ones too, and
   /// launches none later. Each of them reports `cancelled`, unless it has finished by itself.
-  /// Returns at once; the runs return to their callers within `killDelay` and `readersGrace`.
+  /// Returns at once; the runs return to their callers within 3 seconds and `readersGrace`.
   void endAll() TL_EXCLUDES(lock_);
 
  private:
@@ -94,6 +95,7 @@ class CLIRunner {
 
   bool isEnding() const TL_EXCLUDES(lock_);
 
+  const std::optional<rlimit> descriptorLimit_;
   std::atomic<std::size_t> unfinished_ = 0;
   mutable Mutex lock_;
   std::unordered_map<UUID, std::shared_ptr<ChildProcess>> inFlight_ TL_GUARDED_BY(lock_);

@@ -1,0 +1,157 @@
+#include "Subprocess.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <limits>
+
+#include "SpawnPlatform.h"
+#include "TLFoundation/Pipe.h"
+
+namespace tessaloom {
+
+namespace {
+
+/// How often a child is asked for its exit where no descriptor reports it.
+constexpr std::chrono::milliseconds exitPollInterval{20};
+
+/// Whether a read or write that failed so may succeed later.
+bool isPassing(int error) {
+  return error == EINTR || error == EAGAIN || error == EWOULDBLOCK;
+}
+
+/// What poll takes for a wait until `until`: rounded up, so that it never returns just before.
+int pollTimeout(Subprocess::Clock::time_point until) {
+  const auto rest = std::chrono::ceil<std::chrono::milliseconds>(
+      std::max(until - Subprocess::Clock::now(), Subprocess::Clock::duration::zero()));
+  constexpr std::int64_t longest = std::numeric_limits<int>::max();
+  return static_cast<int>(std::min<std::int64_t>(rest.count(), longest));
+}
+
+void empty(const FileDescriptor& pipe) {
+  std::array<char, 64> bytes{};
+  while (::read(pipe.get(), bytes.data(), bytes.size()) > 0) {
+  }
+}
+
+}  // namespace
+
+void StreamReader::readChunk() {
+  std::array<char, chunkSize> chunk;
+  const auto count = ::read(pipe_.get(), chunk.data(), chunk.size());
+  if (count < 0 && isPassing(errno)) return;
+  if (count <= 0) {
+    finished_ = true;
+    pipe_.reset();
+    return;
+  }
+  bytes_.append(chunk.data(), static_cast<std::size_t>(count));
+  finished_ = bytes_.size() > cap;
+}
+
+StdinWriter::StdinWriter(FileDescriptor pipe, std::string_view text)
+    : pipe_(std::move(pipe)), rest_(text) {
+  if (rest_.empty()) pipe_.reset();
+}
+
+void StdinWriter::writeSome() {
+  const auto count = ::write(pipe_.get(), rest_.data(), rest_.size());
+  if (count < 0 && isPassing(errno)) return;
+  if (count > 0) rest_.remove_prefix(static_cast<std::size_t>(count));
+  if (count < 0 || rest_.empty()) pipe_.reset();
+}
+
+std::expected<Subprocess, int> Subprocess::launch(const CLIInvocation& invocation,
+                                                  const std::optional<rlimit>& descriptorLimit) {
+  auto output = makePipe();
+  if (!output) return std::unexpected(output.error());
+  auto error = makePipe();
+  if (!error) return std::unexpected(error.error());
+  auto input = makePipe();
+  if (!input) return std::unexpected(input.error());
+  auto wake = makePipe(PipeMode::nonblocking);
+  if (!wake) return std::unexpected(wake.error());
+  // A write of more than there is room for must not wait. A read follows the news that there is
+  // something to read, so it never waits.
+  if (::fcntl(input->writeEnd.get(), F_SETFL, O_NONBLOCK) != 0) return std::unexpected(errno);
+
+  const std::string_view text =
+      invocation.standardInput ? std::string_view(*invocation.standardInput) : std::string_view();
+  StdinWriter writer(std::move(input->writeEnd), text);
+  // What the pipe takes is there before the child is, and most often that is all.
+  if (!text.empty()) writer.writeSome();
+  auto child = ChildProcess::launch(
+      invocation, {input->readEnd.get(), output->writeEnd.get(), error->writeEnd.get()},
+      std::move(wake->writeEnd), descriptorLimit);
+  if (!child) return std::unexpected(child.error());
+  // The child has its ends now; what they free is enough for the descriptor of its exit.
+  for (FileDescriptor* theirs : {&input->readEnd, &output->writeEnd, &error->writeEnd}) {
+    theirs->reset();
+  }
+  return Subprocess(*std::move(child), std::move(wake->readEnd), std::move(output->readEnd),
+                    std::move(error->readEnd), std::move(writer));
+}
+
+Subprocess::Subprocess(std::shared_ptr<ChildProcess> child, FileDescriptor wake,
+                       FileDescriptor output, FileDescriptor error, StdinWriter input)
+    : child_(std::move(child)),
+      wake_(std::move(wake)),
+      exit_(SpawnPlatform::exitDescriptor(child_->pid())),
+      output_(std::move(output)),
+      error_(std::move(error)),
+      input_(std::move(input)) {}
+
+Subprocess::~Subprocess() {
+  if (child_) child_->destroy();
+}
+
+bool Subprocess::awaitExit(Clock::time_point deadline) {
+  while (!hasExited()) {
+    const auto now = Clock::now();
+    if (now >= deadline) return false;
+    child_->sendDueKills(now);
+    moveBytes(nextWake(deadline));
+  }
+  exited_ = true;
+  exit_.reset();
+  wake_.reset();
+  status_ = child_->reap();
+  return true;
+}
+
+void Subprocess::awaitReaders(std::chrono::milliseconds grace) {
+  const auto end = Clock::now() + grace;
+  while (!(output_.finished() && error_.finished()) && Clock::now() < end) moveBytes(end);
+}
+
+Subprocess::Clock::time_point Subprocess::nextWake(Clock::time_point deadline) const {
+  auto wake = child_->nextKill().value_or(deadline);
+  if (!exit_) wake = std::min(wake, Clock::now() + exitPollInterval);
+  return std::min(wake, deadline);
+}
+
+void Subprocess::moveBytes(Clock::time_point until) {
+  enum Watched : std::uint8_t { output, error, input, exit, wake, count };
+  // poll passes over negative descriptors.
+  std::array<pollfd, count> watched{{{output_.descriptor(), POLLIN, 0},
+                                     {error_.descriptor(), POLLIN, 0},
+                                     {input_.descriptor(), POLLOUT, 0},
+                                     {exit_.get(), POLLIN, 0},
+                                     {wake_.get(), POLLIN, 0}}};
+  if (::poll(watched.data(), watched.size(), pollTimeout(until)) <= 0) return;
+  if (watched[output].revents != 0) output_.readChunk();
+  if (watched[error].revents != 0) error_.readChunk();
+  if (watched[input].revents != 0) input_.writeSome();
+  if (watched[wake].revents != 0) empty(wake_);
+  if (watched[exit].revents != 0) {
+    // The news can be a moment ahead of the zombie on macOS.
+    child_->awaitExit();
+    exited_ = true;
+  }
+}
+
+}  // namespace tessaloom

@@ -1,0 +1,114 @@
+#pragma once
+
+#include <sys/resource.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <expected>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "ChildProcess.h"
+#include "HelperCore/CLIInvocation.h"
+#include "TLFoundation/FileDescriptor.h"
+
+namespace tessaloom {
+
+/// Collects what a child writes to one stream, up to a cap. One thread at a time.
+class StreamReader {
+ public:
+  static constexpr std::size_t cap = 4'194'304;     ///< Bytes past which reading stops.
+  static constexpr std::size_t chunkSize = 65'536;  ///< Bytes per read, at most.
+
+  explicit StreamReader(FileDescriptor pipe) : pipe_(std::move(pipe)) {}
+
+  /// What to wait on for the next chunk; -1 once finished.
+  int descriptor() const { return finished_ ? -1 : pipe_.get(); }
+
+  /// Reads what is there, one chunk at most; waits when there is nothing.
+  void readChunk();
+
+  /// Whether nothing more will be read: end of file, a read error, or more than the cap. Past the
+  /// cap the pipe stays open, undrained, as long as this object lives.
+  bool finished() const { return finished_; }
+
+  /// All that the stream delivered; nothing of a stream that is not finished.
+  std::string_view contents() const { return finished_ ? bytes_ : std::string_view(); }
+
+ private:
+  FileDescriptor pipe_;
+  std::string bytes_;
+  bool finished_ = false;
+};
+
+/// Writes a child's standard input and then closes it. One thread at a time.
+class StdinWriter {
+ public:
+  /// `pipe` does not block; `text` must outlive the writer. Without text the pipe is closed at
+  /// once.
+  StdinWriter(FileDescriptor pipe, std::string_view text);
+
+  /// What to wait on for room to write; -1 once closed.
+  int descriptor() const { return pipe_.get(); }
+
+  /// Writes what the pipe takes; closes it after the last byte and on any error.
+  void writeSome();
+
+ private:
+  FileDescriptor pipe_;
+  std::string_view rest_;
+};
+
+/// One child with its three streams, from its launch to its end, on the thread that runs it: feeds
+/// it, reads it, sends it the kills that fall due, and reaps it. A child that still lives when the
+/// object goes is killed.
+class Subprocess {
+ public:
+  using Clock = ChildProcess::Clock;
+
+  /// Fails with an errno value: no descriptor, no process, or nothing that could be executed. The
+  /// invocation must outlive the object. See `SpawnPlatform::Program` for the limit.
+  static std::expected<Subprocess, int> launch(const CLIInvocation& invocation,
+                                               const std::optional<rlimit>& descriptorLimit);
+
+  Subprocess(Subprocess&&) = default;
+  ~Subprocess();
+
+  const std::shared_ptr<ChildProcess>& child() const { return child_; }
+
+  /// Waits until the child has exited, then reaps it; false when it still runs at `deadline`.
+  bool awaitExit(Clock::time_point deadline);
+
+  /// After the exit: reads until both streams are finished, at most for `grace`.
+  void awaitReaders(std::chrono::milliseconds grace);
+
+  /// The child's exit status, or the number of the signal that ended it.
+  std::int32_t exitStatus() const { return status_; }
+
+  const StreamReader& standardOutput() const { return output_; }
+  const StreamReader& standardError() const { return error_; }
+
+ private:
+  Subprocess(std::shared_ptr<ChildProcess> child, FileDescriptor wake, FileDescriptor output,
+             FileDescriptor error, StdinWriter input);
+
+  bool hasExited() const { return exited_ || (!exit_ && child_->hasExited()); }
+  /// Waits until a stream or the child has news, at most until `until`, and takes it.
+  void moveBytes(Clock::time_point until);
+  Clock::time_point nextWake(Clock::time_point deadline) const;
+
+  std::shared_ptr<ChildProcess> child_;
+  FileDescriptor wake_;
+  FileDescriptor exit_;  ///< Readable once the child has exited; the system may have none to give.
+  StreamReader output_;
+  StreamReader error_;
+  StdinWriter input_;
+  bool exited_ = false;
+  std::int32_t status_ = 0;
+};
+
+}  // namespace tessaloom
