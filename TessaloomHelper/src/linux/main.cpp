@@ -27,6 +27,7 @@
 #include "TessaloomHelper/HelperService.h"
 #include "linux/BusListener.h"
 #include "linux/PeerRequirement.h"
+#include "linux/ResourceLimits.h"
 #include "linux/ThreadTasks.h"
 #include "linux/UserUnit.h"
 
@@ -63,6 +64,8 @@ FileDescriptor prepareSignals() {
 
 int serve() {
   secureDescriptors();
+  const ResourceLimits limits = ResourceLimits::current();
+  limits.raise();
   const FileDescriptor signals = prepareSignals();
   std::optional<std::filesystem::path> executable;
   if (auto path = ownExecutablePath()) executable = std::move(*path);
@@ -79,7 +82,7 @@ int serve() {
   ThreadTasks tasks;
   ThreadTasks queueTasks;
   ThreadTasks vettingTasks;
-  CLIRunner runner;
+  CLIRunner runner(limits.descriptors());
   const GenerationCoordinator coordinator(runner, perUserTemporaryDirectory());
   std::optional<BusListener> listener;
   ExitWhenIdle exitWhenIdle(executable, identity, runner, tasks,
