@@ -146,12 +146,12 @@ CommandResult runCall(const Arguments& arguments) {
   const Method* method = findMethod(name);
   std::optional<Bytes> body;
   if (arguments.positionals().size() > 1) {
-    if (method != nullptr && !method->takesRequest) {
+    if (method != nullptr && !method->takesRequest()) {
       return std::unexpected(UsageError{name + " takes no body"});
     }
     const std::string& given = arguments.positionals()[1];
     body = given == "-" ? readStandardInput() : given;
-  } else if (method != nullptr && method->takesRequest) {
+  } else if (method != nullptr && method->takesRequest()) {
     body.emplace();
   }
   const CallReply reply = callOnce(name, body, std::nullopt);

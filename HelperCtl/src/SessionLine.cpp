@@ -14,7 +14,7 @@ SessionLine parseSessionLine(std::string_view line) {
   const std::string_view rest =
       space == std::string_view::npos ? std::string_view() : line.substr(space + 1);
   const Method* method = findMethod(parsed.method);
-  if (!rest.empty() || (method != nullptr && method->takesRequest)) parsed.body.emplace(rest);
+  if (!rest.empty() || (method != nullptr && method->takesRequest())) parsed.body.emplace(rest);
   return parsed;
 }
 

@@ -94,12 +94,15 @@ TEST(ProtocolDocument, EveryExampleIsTheRecordThatItShows) {
 
 TEST(ProtocolDocument, ListsEveryMethod) {
   std::vector<std::vector<std::string>> listed;
-  forEachMatch("\\| `(\\w+)\\((\\w*)\\) → (\\w+)` \\| `([\\w:]+)` \\|",
-               [&](const auto& groups) { listed.push_back({groups.begin() + 1, groups.end()}); });
+  forEachMatch(
+      "\\| `(\\w+)\\((\\w*)\\) → (\\w+)` \\| `([\\w:]+)` \\| `?(\\w*)`? ?\\| ([\\w `]+) \\|",
+      [&](const auto& groups) { listed.push_back({groups.begin() + 1, groups.end()}); });
+  for (auto& columns : listed) std::erase(columns.back(), '`');
   std::vector<std::vector<std::string>> expected;
   for (const Method& method : methods) {
-    expected.push_back(
-        {method.name, method.takesRequest ? "ay" : "", method.result, method.selector});
+    const bool takesRequest = method.takesRequest();
+    expected.push_back({method.name, takesRequest ? "ay" : "", method.result, method.selector,
+                        takesRequest ? method.request : "", method.reply});
   }
   EXPECT_EQ(listed, expected);
 }

@@ -103,11 +103,11 @@ void XPCTransport::call(const std::string& method, const std::optional<Bytes>& b
     return inbox_->put(call, std::unexpected(usageError(
                                  "unknownMethod", "\"" + method + "\" is not a method name.")));
   }
-  if (known->takesRequest != body.has_value()) {
-    return inbox_->put(call,
-                       std::unexpected(usageError(
-                           "invalidArguments",
-                           method + (known->takesRequest ? " takes a body." : " takes no body."))));
+  if (known->takesRequest() != body.has_value()) {
+    return inbox_->put(
+        call, std::unexpected(usageError(
+                  "invalidArguments",
+                  method + (known->takesRequest() ? " takes a body." : " takes no body."))));
   }
   @autoreleasepool {
     send(*known, body, call);

@@ -17,23 +17,33 @@ struct Method {
 
   const char* name;      ///< On the bus, and in the command-line client.
   const char* selector;  ///< In the Objective-C protocol.
-  bool takesRequest;     ///< Whether a call carries a body.
+  const char* request;   ///< The record in a call's body; null if a call carries none.
+  const char* reply;     ///< What the reply is, in words: the record in its body, or the integer.
   const char* result;    ///< D-Bus signature of the reply: "ay" is a body.
   Kind kind;
+
+  constexpr bool takesRequest() const { return request != nullptr; }
 };
 
 inline constexpr std::array methods{
-    Method{"ProtocolVersion", "protocolVersionWithReply:", false, "x", Method::Kind::brief},
-    Method{"ListProcesses", "listProcessesWithReply:", false, "ay", Method::Kind::brief},
-    Method{"KillProcess", "killProcessWithRequest:reply:", true, "ay", Method::Kind::brief},
-    Method{"ListListeningPorts", "listListeningPortsWithReply:", false, "ay", Method::Kind::brief},
-    Method{"HelperCapabilities", "helperCapabilitiesWithReply:", false, "ay", Method::Kind::brief},
-    Method{"GenerateText", "generateTextWithRequest:reply:", true, "ay", Method::Kind::engine},
-    Method{"CancelGeneration", "cancelGenerationWithRequest:reply:", true, "ay",
-           Method::Kind::cancellation},
-    Method{"QuitIfOutdated", "quitIfOutdatedWithReply:", false, "ay", Method::Kind::brief},
-    Method{"GenerationEngineStatus", "generationEngineStatusWithRequest:reply:", true, "ay",
-           Method::Kind::engine},
+    Method{"ProtocolVersion", "protocolVersionWithReply:", nullptr, "the integer 1", "x",
+           Method::Kind::brief},
+    Method{"ListProcesses", "listProcessesWithReply:", nullptr, "array of ProcessSample", "ay",
+           Method::Kind::brief},
+    Method{"KillProcess", "killProcessWithRequest:reply:", "KillRequest", "KillResult", "ay",
+           Method::Kind::brief},
+    Method{"ListListeningPorts", "listListeningPortsWithReply:", nullptr, "array of PortSample",
+           "ay", Method::Kind::brief},
+    Method{"HelperCapabilities", "helperCapabilitiesWithReply:", nullptr, "HelperCapabilities",
+           "ay", Method::Kind::brief},
+    Method{"GenerateText", "generateTextWithRequest:reply:", "GenerationRequest",
+           "GenerationResult", "ay", Method::Kind::engine},
+    Method{"CancelGeneration", "cancelGenerationWithRequest:reply:", "GenerationCancelRequest",
+           "KillResult", "ay", Method::Kind::cancellation},
+    Method{"QuitIfOutdated", "quitIfOutdatedWithReply:", nullptr, "HelperFreshness", "ay",
+           Method::Kind::brief},
+    Method{"GenerationEngineStatus", "generationEngineStatusWithRequest:reply:",
+           "EngineStatusRequest", "EngineStatus", "ay", Method::Kind::engine},
 };
 
 /// The method with that name; null if there is none.

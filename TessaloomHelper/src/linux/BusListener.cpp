@@ -39,8 +39,8 @@ std::vector<sd_bus_vtable> methodTable(sd_bus_message_handler_t handler) {
   std::vector<sd_bus_vtable> table;
   table.push_back(SD_BUS_VTABLE_START(0));
   for (const Method& method : methods) {
-    const char* request = method.takesRequest ? "ay" : "";
-    const char* names = method.takesRequest ? "request\0reply\0" : "reply\0";
+    const char* request = method.takesRequest() ? "ay" : "";
+    const char* names = method.takesRequest() ? "request\0reply\0" : "reply\0";
     sd_bus_vtable row =
         SD_BUS_METHOD(method.name, request, method.result, handler, SD_BUS_VTABLE_UNPRIVILEGED);
     row.x.method.names = names;
@@ -52,7 +52,7 @@ std::vector<sd_bus_vtable> methodTable(sd_bus_message_handler_t handler) {
 
 // A view of the request's bytes, which the message owns.
 std::expected<std::string_view, int> requestOf(sd_bus_message* call, const Method& method) {
-  if (!method.takesRequest) return std::string_view();
+  if (!method.takesRequest()) return std::string_view();
   const void* bytes = nullptr;
   std::size_t size = 0;
   const int result = sd_bus_message_read_array(call, 'y', &bytes, &size);
