@@ -82,8 +82,6 @@ std::expected<Subprocess, int> Subprocess::launch(const CLIInvocation& invocatio
   const std::string_view text =
       invocation.standardInput ? std::string_view(*invocation.standardInput) : std::string_view();
   StdinWriter writer(std::move(input->writeEnd), text);
-  // What the pipe takes is there before the child is, and most often that is all.
-  if (!text.empty()) writer.writeSome();
   auto child = ChildProcess::launch(
       invocation, {input->readEnd.get(), output->writeEnd.get(), error->writeEnd.get()},
       std::move(wake->writeEnd), descriptorLimit);

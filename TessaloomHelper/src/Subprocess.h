@@ -80,7 +80,8 @@ class Subprocess {
 
   const std::shared_ptr<ChildProcess>& child() const { return child_; }
 
-  /// Waits until the child has exited, then reaps it; false when it still runs at `deadline`.
+  /// Waits until the child has exited, then reaps it; false when it still runs at `deadline`. The
+  /// child gets none of its input before this.
   bool awaitExit(Clock::time_point deadline);
 
   /// After the exit: reads until both streams are finished, at most for `grace`.
