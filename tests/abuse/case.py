@@ -1,0 +1,128 @@
+"""What a case is, and how one is run.
+
+    case.py NAME ROUNDS SEED
+
+runs one in the session that it finds itself in (script/abuse makes it) and writes its result as JSON.
+"""
+
+import importlib
+import json
+import pathlib
+import random
+import sys
+import time
+import traceback
+
+sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "support"))
+sys.modules["case"] = sys.modules[__name__]  # The modules with the cases import this one.
+
+import honest
+from session import FILES, HELPER, Outsider, engines, eventually, footprint, process_of, status_of
+
+MODULES = ("boundary", "leaving", "shortages", "endurance")
+CASES = {}
+SETTLING = 12        # Seconds.
+IDLE_TIME = 2.2      # Seconds; threads leave after 2.
+MEMORY_SLACK = 1024  # KiB.
+
+
+def case(rounds, **needs):
+    """Makes a function a case, which goes `rounds` times round unless told otherwise. script/abuse sees to what it
+    needs of its namespaces."""
+    def add(function):
+        CASES[function.__name__.replace("_", "-")] = (function, rounds, needs)
+        return function
+    return add
+
+
+def load_cases():
+    for module in MODULES:
+        importlib.import_module(module)
+    return CASES
+
+
+class Skipped(Exception):
+    """The machine cannot do what the case needs."""
+
+
+class Run:
+    def __init__(self, rounds, seed):
+        self.rounds = rounds
+        self.seed = seed
+        self.random = random.Random(seed)
+        self.ledger = honest.Ledger()
+        self.problems = []
+        self.note = ""
+        self.before = None  # What the helper held before the case.
+
+    def check(self, holds, problem):
+        if not holds:
+            self.problems.append(problem)
+        return holds
+
+    def load(self, kinds=honest.EVERYTHING, **options):
+        """Honest callers meanwhile."""
+        return honest.load(self.ledger, self.random.random(), kinds, **options)
+
+    def client(self):
+        return honest.Client(self.ledger)
+
+    def helper(self):
+        return process_of(HELPER)
+
+    def settle(self, before=None):
+        """What the helper holds once it is idle: as before, or when it has not become that in time."""
+        caller = honest.Honest(self.ledger, self.seed)
+        caller.list()  # Forgets what was kept of processes that have ended.
+        caller.ports()
+        caller.end_sleeper()
+        caller.list()
+        caller.ports()
+        caller.close()
+        pid, unchanged_since, held = self.helper(), time.monotonic(), {}
+
+        def settled():
+            nonlocal unchanged_since, held
+            held, earlier = footprint(pid), held
+            if before:
+                return not excess(before, held)
+            if held != earlier:
+                unchanged_since = time.monotonic()
+            return time.monotonic() - unchanged_since > IDLE_TIME
+        eventually(settled, SETTLING)
+        return held
+
+
+def excess(before, after):
+    return {key: after[key] - before[key] for key in before
+            if after[key] > before[key] + (MEMORY_SLACK if key == "memory" else 0)}
+
+
+def run_case(name, rounds, seed):
+    run, leaks, skipped = Run(rounds, seed), {}, None
+    try:
+        FILES.mkdir(exist_ok=True)
+        # Every kind of work, as wide as a case goes, so that what is made once is there.
+        for _ in range(3):
+            with run.load(honest.EVERYTHING, turns=8):
+                pass
+        run.before = run.settle()
+        CASES[name][0](run)
+        with run.load(turns=8):
+            pass
+        leaks = excess(run.before, run.settle(run.before))
+        left = [pid for pid in engines()]
+        run.check(not left, f"{len(left)} engines run on")
+    except Skipped as reason:
+        skipped = str(reason)
+    except honest.Lost:
+        pass  # Counted.
+    except Exception:
+        run.problems.append("the case failed: " + traceback.format_exc(limit=-3))
+    return {"counts": run.ledger.counts, "leaks": leaks, "skipped": skipped, "note": run.note,
+            "slowest": run.ledger.slowest, "problems": run.problems + run.ledger.problems}
+
+
+if __name__ == "__main__":
+    load_cases()
+    print(json.dumps(run_case(sys.argv[1], int(sys.argv[2]), sys.argv[3])))

@@ -1,0 +1,156 @@
+"""The session that a case runs in: the bus, the helper on it, what the helper holds, and who is sent against it.
+
+tests/support/practice-session makes the session, in namespaces that script/abuse makes.
+"""
+
+import contextlib
+import json
+import os
+import pathlib
+import resource
+import shutil
+import signal
+import subprocess
+import sys
+import time
+
+from bus_peer import BUS, BUS_PATH, RETURN, Peer
+
+HELPER = "group.com.brindlemoor.Tessaloom.helper"
+HELPER_PATH = "/com/brindlemoor/Tessaloom/Helper"
+INTERFACE = "com.brindlemoor.Tessaloom.HelperServicing"
+GENERATION_ERROR = "com.brindlemoor.Tessaloom.generation."
+DECODING_ERROR = "com.brindlemoor.Tessaloom.helper.DecodingError"
+ACCESS_DENIED = "org.freedesktop.DBus.Error.AccessDenied"
+LIMITS_EXCEEDED = "org.freedesktop.DBus.Error.LimitsExceeded"
+
+ADDRESS = os.environ.get("DBUS_SESSION_BUS_ADDRESS", "")
+INSTALLED = pathlib.Path(sys.executable).parent  # This program bears the editor's name, beside the helper.
+PROGRAMS = pathlib.Path(__file__).parent.parent.parent / "bin"
+HOME = pathlib.Path(os.environ.get("HOME", "/"))
+FILES = pathlib.Path("/run/practice/files")      # What engines touch and wait for.
+GENERATIONS = pathlib.Path(f"/tmp/tessaloom-{os.getuid()}")
+
+
+def eventually(condition, seconds=10):
+    """Looks until a condition holds, for what no descriptor tells of; whether it did in time."""
+    deadline = time.monotonic() + seconds
+    while not (result := condition()):
+        if time.monotonic() > deadline:
+            return result
+        time.sleep(0.01)
+    return result
+
+
+def status_of(pid):
+    """/proc/PID/status as a dict, or None when it has ended, also if nobody has waited for it."""
+    try:
+        lines = pathlib.Path(f"/proc/{pid}/status").read_text().splitlines()
+    except (FileNotFoundError, ProcessLookupError):
+        return None
+    status = dict(line.split(":\t", 1) for line in lines if ":\t" in line)
+    return None if status["State"][0] in "ZX" else status
+
+
+def processor_seconds(pid):
+    fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def engines():
+    """The pids of all engines that run in this namespace."""
+    running = []
+    for folder in pathlib.Path("/proc").glob("[0-9]*"):
+        status = status_of(folder.name)
+        if status and status["Name"] in ("claude", "codex"):
+            running.append(int(folder.name))
+    return running
+
+
+def process_of(name, peer=None):
+    """The process that owns a name on the bus, or None."""
+    with contextlib.closing(Peer(ADDRESS)) if peer is None else contextlib.nullcontext(peer) as peer:
+        reply = peer.call(BUS, BUS_PATH, BUS, "GetConnectionUnixProcessID", "s", name)
+        return reply.body[0] if reply and reply.type == RETURN else None
+
+
+def start_helper(before=None):
+    """Starts a helper as a child of the case, so that its exit status is seen; what it writes is in `helper-log`."""
+    with open(FILES / "helper-log", "ab") as log:
+        child = subprocess.Popen([INSTALLED / "tessaloom-helper"], stdin=subprocess.DEVNULL, stderr=log,
+                                 preexec_fn=before)
+    if not eventually(lambda: process_of(HELPER) == child.pid):
+        raise RuntimeError("the helper did not take its name: " + (FILES / "helper-log").read_text())
+    return child
+
+
+def replace_helper():
+    """Puts another file in the place of the helper's executable."""
+    fresh = INSTALLED / "tessaloom-helper.new"
+    shutil.copy(INSTALLED / "tessaloom-helper", fresh)
+    fresh.rename(INSTALLED / "tessaloom-helper")
+
+
+@contextlib.contextmanager
+def limited(pid, limit, value):
+    """The process has this resource limit meanwhile."""
+    before = resource.prlimit(pid, limit)
+    resource.prlimit(pid, limit, (value, before[1]))
+    yield
+    with contextlib.suppress(ProcessLookupError):
+        resource.prlimit(pid, limit, before)
+
+
+@contextlib.contextmanager
+def processes(count, sockets):
+    """So many processes and listening sockets meanwhile."""
+    resource.setrlimit(resource.RLIMIT_NOFILE, (resource.getrlimit(resource.RLIMIT_NOFILE)[1],) * 2)
+    with subprocess.Popen([PROGRAMS / "process-load", str(count), "3", str(sockets)], stdin=subprocess.PIPE,
+                          stdout=subprocess.PIPE) as made:
+        made.stdout.readline()
+        yield
+        made.stdin.close()
+
+
+@contextlib.contextmanager
+def stopped(pid):
+    os.kill(pid, signal.SIGSTOP)
+    try:
+        yield
+    finally:
+        os.kill(pid, signal.SIGCONT)
+
+
+def footprint(pid):
+    """What a helper holds: counts, and KiB of memory."""
+    status, children = status_of(pid), []
+    for path in pathlib.Path(f"/proc/{pid}/task").glob("*/children"):
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # A thread that has just ended.
+            children += path.read_text().split()
+    return {"descriptors": len(os.listdir(f"/proc/{pid}/fd")), "threads": int(status["Threads"]),
+            "children": len(children),
+            "directories": len(list(GENERATIONS.iterdir())) if GENERATIONS.exists() else 0,
+            "memory": int(status["RssAnon"].split()[0])}
+
+
+class Outsider:
+    """A process that does what a function of outsiders.py does, as a program that is not to be admitted unless told
+    otherwise. It reports by lines of JSON and ends with `with`."""
+
+    def __init__(self, what, program="/usr/bin/python3", **arguments):
+        environment = {key: value for key, value in os.environ.items() if key != "LD_PRELOAD"}
+        script = pathlib.Path(__file__).parent / "outsiders.py"
+        self.process = subprocess.Popen([program, script, what, json.dumps(arguments)], env=environment,
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+
+    def report(self):
+        """What it says next, or None when it has ended."""
+        line = self.process.stdout.readline()
+        return json.loads(line) if line else None
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.wait()
