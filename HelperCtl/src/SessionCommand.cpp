@@ -7,11 +7,15 @@
 #include <climits>
 #include <csignal>
 #include <cstddef>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "CallCommands.h"
 #include "Console.h"
 #include "EventLoop.h"
+#include "HelperProtocol/CallLoad.h"
+#include "HelperProtocol/Methods.h"
 #include "SessionLine.h"
 
 namespace tessaloom {
@@ -26,9 +30,6 @@ class Session {
   ExitStatus run();
 
  private:
-  /// Calls under way at once: as many engines as the helper lets one caller wait for. Further lines
-  /// wait here, unread.
-  static constexpr std::size_t maximumUnderWay = 16;
   /// A longer line cannot be sent; its end is not kept.
   static constexpr std::size_t longestLine = std::size_t{34} * 1024 * 1024;
   /// With this much unwritten output no further line is read.
@@ -37,24 +38,27 @@ class Session {
   static constexpr std::size_t writeSize = PIPE_BUF;
 
   bool mayRead() const {
-    return !inputEnded_ && underWay_ < maximumUnderWay && output_.size() - written_ < outputBacklog;
+    return !inputEnded_ && !held_ && output_.size() - written_ < outputBacklog;
   }
   bool isOver() const {
-    return outputClosed_ || (inputEnded_ && input_.empty() && underWay_ == 0 && output_.empty());
+    return outputClosed_ || (inputEnded_ && !held_ && load_.isEmpty() && output_.empty());
   }
   void read();
   void keep(std::string_view bytes);
+  std::optional<SessionLine> takeLine();
   void sendLines();
-  void send(std::string_view line);
+  bool send(const SessionLine& line);
   void write(short events);
 
   Transport& transport_;
   EventLoop loop_;
-  std::string input_;         ///< Read and not yet sent.
-  std::size_t searched_ = 0;  ///< How much of `input_` is known to hold no line feed.
+  std::string input_;  ///< What was read, of which lines up to `taken_` have been taken.
+  std::size_t taken_ = 0;
+  std::size_t searched_ = 0;  ///< The first byte of `input_` that may be a line feed.
   bool inputEnded_ = false;
+  std::optional<SessionLine> held_;  ///< The next line, while the helper takes no more of its kind.
   std::size_t lineNumber_ = 0;
-  std::size_t underWay_ = 0;
+  CallLoad load_;       ///< The calls under way, as the helper counts them.
   std::string output_;  ///< Replies, of which `written_` bytes are out.
   std::size_t written_ = 0;
   bool outputClosed_ = false;
@@ -94,38 +98,50 @@ void Session::read() {
 }
 
 void Session::keep(std::string_view bytes) {
-  const std::size_t lineEnd = bytes.find('\n');
-  const bool isInsideLine = input_.find('\n', searched_) == std::string::npos;
-  if (isInsideLine && input_.size() >= longestLine) {
+  // All whole lines have been taken, so what is left is the beginning of one.
+  input_.erase(0, taken_);
+  searched_ -= taken_;
+  taken_ = 0;
+  if (input_.size() >= longestLine) {
+    const std::size_t lineEnd = bytes.find('\n');
     if (lineEnd == std::string_view::npos) return;
     bytes.remove_prefix(lineEnd);
   }
   input_.append(bytes);
 }
 
-void Session::sendLines() {
-  std::size_t start = 0;
-  while (underWay_ < maximumUnderWay) {
-    const std::size_t end = input_.find('\n', std::max(start, searched_));
-    if (end == std::string::npos) {
-      searched_ = input_.size();
-      break;
-    }
-    send(std::string_view(input_).substr(start, end - start));
-    start = end + 1;
+std::optional<SessionLine> Session::takeLine() {
+  const std::size_t end = input_.find('\n', searched_);
+  if (end == std::string::npos) {
+    searched_ = input_.size();
+    return std::nullopt;
   }
-  input_.erase(0, start);
-  searched_ -= std::min(searched_, start);
+  SessionLine line = parseSessionLine(std::string_view(input_).substr(taken_, end - taken_));
+  taken_ = searched_ = end + 1;
+  return line;
 }
 
-void Session::send(std::string_view line) {
-  const SessionLine parsed = parseSessionLine(line);
-  ++underWay_;
-  transport_.call(parsed.method, parsed.body, [this, number = ++lineNumber_](CallReply reply) {
-    --underWay_;
+void Session::sendLines() {
+  while (held_ || (held_ = takeLine())) {
+    if (!send(*held_)) return;
+    held_.reset();
+  }
+}
+
+/// Sends the line's call, unless the helper would refuse one more of its kind now. A call that is
+/// the only one of its kind always goes: the helper itself says why it is too large.
+bool Session::send(const SessionLine& line) {
+  const Method* method = findMethod(line.method);
+  const CallWeight weight{method != nullptr ? method->kind : Method::Kind::brief,
+                          line.body ? line.body->size() : 0};
+  if (load_.has(weight.kind) && !load_.fits(weight)) return false;
+  load_.add(weight);
+  transport_.call(line.method, line.body, [this, weight, number = ++lineNumber_](CallReply reply) {
+    load_.remove(weight);
     if (!reply) unreachable_ |= reply.error().category == CallError::Category::unreachable;
     output_ += formatSessionReply(number, reply);
   });
+  return true;
 }
 
 void Session::write(short events) {

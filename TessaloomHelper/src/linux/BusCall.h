@@ -6,10 +6,10 @@
 #include <utility>
 #include <variant>
 
+#include "HelperProtocol/CallLoad.h"
 #include "HelperProtocol/Reply.h"
 #include "HelperProtocol/linux/BusHandles.h"
 #include "linux/BusMailbox.h"
-#include "linux/CallLoad.h"
 
 namespace tessaloom {
 

@@ -15,7 +15,7 @@
 #include "HelperProtocol/linux/BusRequests.h"
 #include "TessaloomHelper/HelperService.h"
 #include "TessaloomHelper/Tasks.h"
-#include "linux/CallLoad.h"
+#include "HelperProtocol/CallLoad.h"
 #include "linux/PeerVetting.h"
 #include "linux/SerialQueue.h"
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 
@@ -12,8 +13,8 @@ struct CallWeight {
   std::size_t bytes;  ///< Of the request.
 };
 
-/// How much one caller has waiting, and whether more may come. The limits stop accidents and
-/// floods: the service itself refuses a fourth generation, far below them.
+/// How much one caller has waiting, and whether the helper takes more of it. The limits stop
+/// accidents and floods: the service itself refuses a fourth generation, far below them.
 class CallLoad {
  public:
   static constexpr std::size_t maximumBytes = 16UL * 1'048'576;  ///< Of each kind.
@@ -21,7 +22,13 @@ class CallLoad {
 
   bool fits(CallWeight call) const {
     const auto& [calls, bytes] = sums_[index(call.kind)];
-    return calls < maximumCalls[index(call.kind)] && call.bytes <= maximumBytes - bytes;
+    return calls < maximumCalls[index(call.kind)] && bytes <= maximumBytes &&
+           call.bytes <= maximumBytes - bytes;
+  }
+
+  bool has(Method::Kind kind) const { return sums_[index(kind)].calls > 0; }
+  bool isEmpty() const {
+    return std::ranges::all_of(sums_, [](const Sum& sum) { return sum.calls == 0; });
   }
 
   void add(CallWeight call) {
