@@ -36,10 +36,10 @@ void showFreshness(const HelperFreshness& freshness) {
     print("The running helper is up to date.\n");
   } else if (freshness.willExit()) {
     print(
-        "The helper's executable was replaced. It leaves as soon as no generation runs;\n"
-        "the next call starts the new one.\n");
+        "The helper's executable has been replaced. It will exit as soon as no generation is\n"
+        "running; the next call starts the new one.\n");
   } else {
-    print("The helper's executable was replaced, but it goes on running.\n");
+    print("The helper's executable has been replaced, but the helper keeps running.\n");
   }
 }
 
@@ -48,14 +48,13 @@ void showEngineStatus(const EngineStatus& status) {
   if (!status.binaryFound) {
     print(engine + ": not found\n");
     if (console::outputIsTerminal()) {
-      print("Where it was looked for, or why it was refused: tessaloom-helperctl doctor\n");
+      print(
+          "To see where it was searched for, or why it was rejected: tessaloom-helperctl doctor\n");
     }
     return;
   }
-  print(engine + ": found, " +
-        (status.version && !status.version->empty()
-             ? "version " + safeLine(*status.version)
-             : std::string("but it does not tell its version")) +
+  print(engine + ": found, version " +
+        (status.version && !status.version->empty() ? safeLine(*status.version) : "unknown") +
         "\n");
   if (status.authenticated) {
     print(*status.authenticated ? "It is signed in.\n" : "It is not signed in.\n");
@@ -68,8 +67,8 @@ void showCancel(const KillResult& result) {
     return;
   }
   console::printError(
-      result.message ? safeLine(*result.message) : "no engine is running under this id",
-      result.message ? "" : "If one starts later, it will end as cancelled.");
+      result.message ? safeLine(*result.message) : "no engine is running under this ID",
+      result.message ? "" : "If one starts later, its generation will end as cancelled.");
 }
 
 }  // namespace
@@ -108,7 +107,7 @@ CommandResult runVersion(const Arguments& arguments) {
   const CallReply reply = callOnce(methodNamed("ProtocolVersion").name);
   if (!reply) return reportError(reply.error(), arguments.has(jsonOption.name));
   if (arguments.has(jsonOption.name)) {
-    console::printBody(*reply);
+    console::printJSON(*reply);
   } else {
     print("Protocol version " + safeLine(*reply) + "\n");
   }

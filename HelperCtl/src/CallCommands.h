@@ -25,20 +25,27 @@ ExitStatus statusOf(const Record& record) {
   return ExitStatus::done;
 }
 
-/// Shows a reply's record, or prints the body unchanged with --json. A reply that does not decode
-/// is an error either way.
+/// The record of a reply's body, or what is wrong with the body.
+template <class Record>
+std::expected<Record, std::string> decodeReply(const Bytes& body) {
+  try {
+    return HelperCoding::makeDecoder().decode<Record>(body);
+  } catch (const std::exception& error) {
+    return std::unexpected(error.what());
+  }
+}
+
+/// Shows a reply's record, or prints the body with --json. A reply that does not decode is an error
+/// either way.
 template <class Record, class Show>
 ExitStatus showReply(const CallReply& reply, const Arguments& arguments, Show show) {
   const bool json = arguments.has(jsonOption.name);
   if (!reply) return reportError(reply.error(), json);
-  if (json) console::printBody(*reply);
-  try {
-    const auto record = HelperCoding::makeDecoder().decode<Record>(*reply);
-    if (!json) show(record);
-    return statusOf(record);
-  } catch (const std::exception& error) {
-    return reportUnreadableReply(error.what());
-  }
+  if (json) console::printJSON(*reply);
+  const auto record = decodeReply<Record>(*reply);
+  if (!record) return reportUnreadableReply(record.error());
+  if (!json) show(*record);
+  return statusOf(*record);
 }
 
 /// The engine of that name.

@@ -1,11 +1,11 @@
 #pragma once
 
 #include <array>
-#include <cstddef>
 #include <expected>
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Arguments.h"
 #include "Console.h"
@@ -15,33 +15,44 @@ namespace tessaloom {
 /// How a command ended, or what was wrong with its command line.
 using CommandResult = std::expected<ExitStatus, UsageError>;
 
-/// One command of the client. The table of all of them is what dispatch, help and completion know.
+/// An argument of a command that is not an option.
+struct Positional {
+  std::string_view name;  ///< As in "PID".
+  WordKind kind = WordKind::text;
+  bool isOptional = false;
+  bool repeats = false;  ///< Of the last one only.
+};
+
+/// One command of the client. Dispatch, help and completion know the commands by the table of them
+/// alone.
 struct Command {
   std::string_view name;
-  std::string_view usage;               ///< What follows the name, as in "PID [--signal SIGNAL]".
-  std::string_view summary;             ///< One short line.
-  std::string_view details;             ///< Shown by COMMAND --help; may be empty.
+  std::string_view summary;  ///< One short line, an imperative.
+  std::string_view details;  ///< Shown by COMMAND --help; may be empty.
+  std::span<const Positional> positionals;
   std::span<const OptionRule> options;  ///< Besides those that every command takes.
-  std::size_t minimumPositionals;
-  std::size_t maximumPositionals;
   CommandResult (*run)(const Arguments& arguments);
 };
 
 /// Options that every command takes, also before the command's name.
-inline constexpr OptionRule jsonOption{"--json", "", "print the reply's body unchanged"};
-inline constexpr OptionRule helpOption{"--help", "", "show this help"};
-inline constexpr OptionRule versionOption{"--version", "", "show the version of this program"};
+inline constexpr OptionRule jsonOption{"--json", "", "print the reply's body as JSON"};
+inline constexpr OptionRule helpOption{"--help", "", "show this help", 'h'};
+inline constexpr OptionRule versionOption{"--version", "", "show the version of this program", 'V'};
 inline constexpr std::array commonOptions{jsonOption, helpOption, versionOption};
 
-inline constexpr OptionRule signalOption{"--signal", "SIGNAL",
-                                         "interrupt, terminate (default) or kill"};
-
-inline constexpr OptionRule engineOption{"--engine", "ENGINE", "claudeCode or codex; required"};
-inline constexpr OptionRule shapeOption{"--shape", "SHAPE", "freeText (default) or itemFields"};
+/// The option of one command that is required.
+inline constexpr OptionRule engineOption{"--engine", "ENGINE", "claudeCode or codex; required", 0,
+                                         WordKind::engine};
+inline constexpr OptionRule shapeOption{"--shape", "SHAPE", "freeText (default) or itemFields", 0,
+                                        WordKind::shape};
 inline constexpr OptionRule instructionsOption{
-    "--instructions", "TEXT", "what the engine should heed, up to 8,000 characters"};
+    "--instructions", "TEXT", "instructions for the engine, up to 8,000 characters"};
 inline constexpr OptionRule timeoutOption{"--timeout", "SECONDS", "5 to 300 (default 180)"};
-inline constexpr OptionRule idOption{"--id", "UUID", "the generation's id (default a new one)"};
+inline constexpr OptionRule idOption{"--id", "UUID", "the generation's ID (default: a new one)"};
+inline constexpr OptionRule signalOption{
+    "--signal", "SIGNAL", "INT, TERM (default) or KILL", 's', WordKind::signal, true};
+inline constexpr OptionRule headersOption{"--no-headers", "", "leave out the line of titles"};
+inline constexpr OptionRule watchOption{"--watch", "", "redraw every two seconds", 'w'};
 
 CommandResult runVersion(const Arguments& arguments);
 CommandResult runCapabilities(const Arguments& arguments);
@@ -57,6 +68,16 @@ CommandResult runSession(const Arguments& arguments);
 CommandResult runDoctor(const Arguments& arguments);
 
 std::span<const Command> allCommands();
+
+/// The command of that name; null if there is none.
+const Command* findCommand(std::string_view name);
+
+/// The options of a command, the common ones included; of none, those alone.
+std::vector<OptionRule> optionsOf(const Command* command);
+
+/// Prints what the last word may be completed to, a line "WORD\tDESCRIPTION" for each candidate.
+/// The shells' completion calls it.
+void printCompletions(std::span<const std::string> words);
 
 /// Runs one command line, without the program's name.
 ExitStatus runCommandLine(std::span<const std::string> words);

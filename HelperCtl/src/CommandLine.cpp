@@ -1,114 +1,111 @@
 #include <algorithm>
+#include <cctype>
+#include <iterator>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "Client.h"
 #include "Command.h"
+#include "HelperProtocol/Methods.h"
 
 namespace tessaloom {
 namespace {
 
+constexpr std::string_view versionText = "tessaloom-helperctl " TESSALOOM_VERSION "\n";
+
 constexpr std::array generateOptions{engineOption, shapeOption, instructionsOption, timeoutOption,
                                      idOption};
-
 constexpr std::array killOptions{signalOption};
+constexpr std::array psOptions{
+    OptionRule{"--sort", "COLUMN", "pid (default), command, memory, age, terminal or parent", 0,
+               WordKind::processColumn},
+    headersOption, watchOption};
+constexpr std::array portsOptions{
+    OptionRule{"--sort", "COLUMN", "port (default), protocol, process, pid or address", 0,
+               WordKind::portColumn},
+    headersOption, watchOption};
+
+constexpr std::array processFilters{Positional{"NAME|PID", WordKind::processName, true, true}};
+constexpr std::array portFilters{Positional{"NAME|PID|PORT", WordKind::port, true, true}};
+constexpr std::array processes{Positional{"PID", WordKind::process, false, true}};
+constexpr std::array engine{Positional{"ENGINE", WordKind::engine}};
+constexpr std::array prompt{Positional{"PROMPT|-", WordKind::text, true}};
+constexpr std::array generation{Positional{"UUID"}};
+constexpr std::array methodAndBody{Positional{"METHOD", WordKind::method},
+                                   Positional{"BODY|-", WordKind::text, true}};
 
 constexpr std::array commands{
-    Command{"version", "", "the protocol version it speaks", "", {}, 0, 0, runVersion},
+    Command{"version", "show the helper's protocol version", "", {}, {}, runVersion},
     Command{"capabilities",
-            "",
-            "what the helper offers, and its version",
+            "show what the helper offers, and its version",
             "",
             {},
-            0,
-            0,
+            {},
             runCapabilities},
     Command{"freshness",
-            "",
-            "whether its executable was replaced",
-            "A helper whose executable was replaced leaves once no generation runs; the next\n"
-            "call starts the new one.\n",
+            "check whether the helper's executable has been replaced",
+            "A helper whose executable has been replaced exits once no generation is running;\n"
+            "the next call starts the new one.\n",
             {},
-            0,
-            0,
+            {},
             runFreshness},
-    Command{"ps",
-            "",
-            "your processes",
-            "Only processes of the current user are listed.\n",
-            {},
-            0,
-            0,
-            runPs},
-    Command{"ports",
-            "",
-            "the ports that your processes listen on",
-            "Listening TCP sockets and bound UDP sockets of the current user's processes.\n",
-            {},
-            0,
-            0,
-            runPorts},
-    Command{"kill", "PID [--signal SIGNAL]", "signal a process of yours",
-            "Lists the processes and signals the one, over one connection: the helper signals\n"
-            "only what it has just listed.\n",
-            killOptions, 1, 1, runKill},
+    Command{"ps", "list your processes",
+            "Only processes of the current user are listed; with arguments, only those of that\n"
+            "process ID or with that text in their names.\n",
+            processFilters, psOptions, runPs},
+    Command{"ports", "list the ports that your processes listen on",
+            "Listening TCP sockets and bound UDP sockets of the current user's processes; with\n"
+            "arguments, only those of that port, process ID or process name.\n",
+            portFilters, portsOptions, runPorts},
+    Command{"kill", "send a signal to your processes",
+            "SIGNAL is INT, TERM or KILL, also as a number or with SIG before it; -9 and -KILL\n"
+            "work, too. The processes are listed first over the same connection: the helper\n"
+            "signals only what it has just listed.\n",
+            processes, killOptions, runKill},
     Command{"engine-status",
-            "ENGINE",
-            "whether an engine is installed",
-            "ENGINE is claudeCode or codex. An engine that is not found is an answer too: the\n"
+            "check whether an engine is installed",
+            "ENGINE is claudeCode or codex. That an engine is not found is a valid answer: the\n"
             "exit status is 0.\n",
+            engine,
             {},
-            1,
-            1,
             runEngineStatus},
-    Command{"generate", "--engine ENGINE [PROMPT|-]", "generate text",
+    Command{"generate", "generate text",
             "The prompt is one argument, or standard input when it is - or missing.\n"
-            "Interrupting (Ctrl-C) cancels the generation; a second time leaves at once.\n",
-            generateOptions, 0, 1, runGenerate},
+            "Ctrl-C cancels the generation; press it again to quit immediately.\n",
+            prompt, generateOptions, runGenerate},
     Command{"cancel",
-            "UUID",
             "cancel a generation",
-            "Exit status 1 when no engine was running under that id.\n",
+            "UUID is the ID that generate shows, or was given. Exit status 1 if no engine was\n"
+            "running under that ID.\n",
+            generation,
             {},
-            1,
-            1,
             runCancel},
     Command{"call",
-            "METHOD [BODY|-]",
-            "one call, the bytes as they are",
-            "METHOD is one of these; some take a JSON body, with - from standard input:\n"
-            "  ProtocolVersion, ListProcesses, ListListeningPorts, HelperCapabilities,\n"
-            "  QuitIfOutdated, KillProcess BODY, GenerateText BODY, CancelGeneration BODY,\n"
-            "  GenerationEngineStatus BODY\n",
+            "send one raw call",
+            "METHOD is a name as on the bus. The body is JSON; with - it is read from standard\n"
+            "input. The methods, and which of them take a body:\n",
+            methodAndBody,
             {},
-            1,
-            2,
             runCall},
-    Command{"session",
-            "",
-            "many calls over one connection",
-            "Each line of standard input, METHOD BODY, is sent as soon as it is read. Each\n"
-            "reply is a line, N ok BODY or N error NAME MESSAGE, where N is the number of its\n"
-            "call's line. Ends at end of input once all replies are in, with exit status 0\n"
-            "whatever they say, or 3 when a call did not reach the helper.\n",
-            {},
-            0,
-            0,
-            runSession},
+    Command{
+        "session",
+        "send many calls over one connection",
+        "Each line of standard input, METHOD BODY, is sent as soon as it is read, as long as\n"
+        "the helper takes more calls. Each reply is a line, N ok BODY or N error NAME MESSAGE,\n"
+        "where N is the number of its call's line. Ends at end of input once all replies are\n"
+        "in, with exit status 0 whatever they say, or 3 if a call did not reach the helper.\n",
+        {},
+        {},
+        runSession},
     Command{"doctor",
-            "",
             "find out what is wrong",
             "Checks the way to the helper and to the engines, step by step, and says what to\n"
-            "do. Exit status 1 when text cannot be generated.\n",
+            "do. Exit status 1 if text cannot be generated.\n",
             {},
-            0,
-            0,
+            {},
             runDoctor},
 };
-
-const Command* findCommand(std::string_view name) {
-  const auto found = std::ranges::find(commands, name, &Command::name);
-  return found == commands.end() ? nullptr : &*found;
-}
 
 std::string padded(std::string_view text, std::size_t width) {
   std::string result(text);
@@ -118,14 +115,28 @@ std::string padded(std::string_view text, std::size_t width) {
 
 std::string usageOf(const Command& command) {
   std::string text(command.name);
-  if (!command.usage.empty()) text.append(" ").append(command.usage);
+  for (const OptionRule& rule : command.options) {
+    if (rule.name == engineOption.name) text += " --engine ENGINE";
+  }
+  for (const Positional& positional : command.positionals) {
+    std::string word(positional.name);
+    if (positional.repeats) word += "...";
+    text += positional.isOptional ? " [" + word + "]" : " " + word;
+  }
   return text;
 }
 
 std::string optionLine(const OptionRule& rule) {
-  std::string name(rule.name);
+  std::string name = rule.letter == 0 ? "    " : std::string{'-', rule.letter, ',', ' '};
+  name += rule.name;
   if (!rule.valueName.empty()) name.append(" ").append(rule.valueName);
-  return "  " + padded(name, 22) + std::string(rule.summary) + "\n";
+  return "  " + padded(name, 26) + std::string(rule.summary) + "\n";
+}
+
+UsageError unknownCommand(std::string_view word) {
+  std::vector<std::string_view> names{"help"};
+  std::ranges::transform(commands, std::back_inserter(names), &Command::name);
+  return {"unknown command \"" + std::string(word) + "\"" + suggestion(word, names)};
 }
 
 std::string generalHelp() {
@@ -138,8 +149,8 @@ std::string generalHelp() {
   text += "\n";
   for (const OptionRule& rule : commonOptions) text += optionLine(rule);
   text +=
-      "\nCOMMAND --help tells more about one command.\n"
-      "Exit status: 0 done, 1 the helper answered an error or refused, 2 wrong usage,\n"
+      "\nCOMMAND --help shows the details of one command.\n"
+      "Exit status: 0 done, 1 the helper answered with an error or refused, 2 wrong usage,\n"
       "3 the helper could not be reached.\n";
   return text;
 }
@@ -150,47 +161,68 @@ std::string helpOf(const Command& command) {
   std::string summary(command.summary);
   summary.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(summary.front())));
   text += "\n" + summary + ".\n\n";
-  if (!command.details.empty()) text.append(command.details).append("\n");
+  if (!command.details.empty()) text += command.details;
+  if (command.run == runCall) {
+    for (const Method& method : methods) {
+      text.append("  ").append(method.name).append(method.takesRequest() ? " BODY\n" : "\n");
+    }
+  }
+  if (!command.details.empty()) text += "\n";
   for (const OptionRule& rule : command.options) text += optionLine(rule);
   for (const OptionRule& rule : commonOptions) text += optionLine(rule);
   return text;
 }
 
-ExitStatus printAndLeave(std::string_view text) {
+ExitStatus printAndExit(std::string_view text) {
   console::print(text);
   return console::flushOutput() ? ExitStatus::done : ExitStatus::refused;
 }
 
-ExitStatus refuseUsage(const UsageError& error, const Command* command) {
+ExitStatus refuseUsage(const UsageError& error, const Command* command, bool json) {
   std::string name = "tessaloom-helperctl ";
   if (command != nullptr) name.append(command->name).append(" ");
-  console::printError(console::safeLine(error.message), "See: " + name + "--help");
+  CallError refusal{CallError::Category::answered, "usage", error.message};
+  refusal.advice = "See: " + name + "--help";
+  reportError(refusal, json);
   return ExitStatus::usage;
 }
 
-ExitStatus runCommand(const Command& command, std::span<const std::string> words) {
-  std::vector<OptionRule> rules(command.options.begin(), command.options.end());
-  rules.insert(rules.end(), commonOptions.begin(), commonOptions.end());
-  const auto arguments = Arguments::parse(words, rules);
-  if (!arguments) return refuseUsage(arguments.error(), &command);
-  if (arguments->has(helpOption.name)) return printAndLeave(helpOf(command));
-  if (arguments->has(versionOption.name)) {
-    return printAndLeave("tessaloom-helperctl " TESSALOOM_VERSION "\n");
+/// What is wrong with the number of positionals; nullopt if nothing is.
+std::optional<UsageError> checkCount(const Command& command,
+                                     std::span<const std::string> positionals) {
+  const auto& expected = command.positionals;
+  if (positionals.size() < expected.size() && !expected[positionals.size()].isOptional) {
+    return UsageError{"missing argument: " + std::string(expected[positionals.size()].name)};
   }
-  const std::size_t count = arguments->positionals().size();
-  if (count < command.minimumPositionals) {
-    return refuseUsage({"something is missing: " + usageOf(command)}, &command);
-  }
-  if (count > command.maximumPositionals) {
-    return refuseUsage({"too many arguments from \"" +
-                        console::safeLine(arguments->positionals()[command.maximumPositionals]) +
-                        "\" on; put text with spaces in quotes"},
-                       &command);
+  const bool isOpen = !expected.empty() && expected.back().repeats;
+  if (isOpen || positionals.size() <= expected.size()) return std::nullopt;
+  UsageError error{"unexpected argument \"" + positionals[expected.size()] + "\""};
+  if (command.run == runGenerate) error.message += "; quote text that contains spaces";
+  return error;
+}
+
+ExitStatus runCommand(const Command& command, std::span<const std::string> words, bool json) {
+  const auto arguments = Arguments::parse(words, optionsOf(&command));
+  if (!arguments) return refuseUsage(arguments.error(), &command, json);
+  if (arguments->has(helpOption.name)) return printAndExit(helpOf(command));
+  if (arguments->has(versionOption.name)) return printAndExit(versionText);
+  if (const auto error = checkCount(command, arguments->positionals())) {
+    return refuseUsage(*error, &command, json);
   }
   const CommandResult result = command.run(*arguments);
-  if (!result) return refuseUsage(result.error(), &command);
+  if (!result) return refuseUsage(result.error(), &command, json);
   if (!console::flushOutput() && *result == ExitStatus::done) return ExitStatus::refused;
   return *result;
+}
+
+/// `help` and `help COMMAND`.
+ExitStatus runHelp(std::span<const std::string> words, bool json) {
+  const auto name =
+      std::ranges::find_if(words, [](const std::string& word) { return !word.starts_with('-'); });
+  if (name == words.end()) return printAndExit(generalHelp());
+  const Command* command = findCommand(*name);
+  if (command == nullptr) return refuseUsage(unknownCommand(*name), nullptr, json);
+  return printAndExit(helpOf(*command));
 }
 
 }  // namespace
@@ -199,26 +231,41 @@ std::span<const Command> allCommands() {
   return commands;
 }
 
+const Command* findCommand(std::string_view name) {
+  const auto found = std::ranges::find(commands, name, &Command::name);
+  return found == commands.end() ? nullptr : &*found;
+}
+
+std::vector<OptionRule> optionsOf(const Command* command) {
+  std::vector<OptionRule> rules;
+  if (command != nullptr) rules.assign(command->options.begin(), command->options.end());
+  rules.insert(rules.end(), commonOptions.begin(), commonOptions.end());
+  return rules;
+}
+
 ExitStatus runCommandLine(std::span<const std::string> words) {
-  // The command is the first word that is no common option; those take no values.
+  if (!words.empty() && words.front() == "__complete") {
+    printCompletions(words.subspan(1));
+    return ExitStatus::done;
+  }
+  const auto end = std::ranges::find(words, "--");
+  const bool json = std::find(words.begin(), end, jsonOption.name) != end;
+  // The command is the first word that is not a common option; those take no values.
   const auto first = std::ranges::find_if(
       words, [](const std::string& word) { return word.size() < 2 || word.front() != '-'; });
-  if (first != words.end() && *first != "help") {
+  if (first != words.end()) {
+    if (*first == "help") return runHelp(std::span(first + 1, words.end()), json);
     const Command* command = findCommand(*first);
-    if (command == nullptr) {
-      return refuseUsage({"unknown command \"" + console::safeLine(*first) + "\""}, nullptr);
-    }
+    if (command == nullptr) return refuseUsage(unknownCommand(*first), nullptr, json);
     std::vector<std::string> rest(words.begin(), first);
     rest.insert(rest.end(), first + 1, words.end());
-    return runCommand(*command, rest);
+    return runCommand(*command, rest, json);
   }
-  const auto arguments =
-      Arguments::parse(std::span(words.begin(), first), std::span(commonOptions));
-  if (!arguments) return refuseUsage(arguments.error(), nullptr);
-  if (arguments->has(versionOption.name)) {
-    return printAndLeave("tessaloom-helperctl " TESSALOOM_VERSION "\n");
-  }
-  if (first != words.end() || arguments->has(helpOption.name)) return printAndLeave(generalHelp());
+  const auto arguments = Arguments::parse(words, std::span(commonOptions));
+  if (!arguments) return refuseUsage(arguments.error(), nullptr, json);
+  if (arguments->has(versionOption.name)) return printAndExit(versionText);
+  if (arguments->has(helpOption.name)) return printAndExit(generalHelp());
+  if (json) return refuseUsage({"missing argument: COMMAND"}, nullptr, json);
   console::printToError(generalHelp());
   return ExitStatus::usage;
 }

@@ -3,14 +3,20 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <system_error>
+#include <optional>
+
+#include <nlohmann/json.hpp>
 
 #include "TLFoundation/DisplayString.h"
+#include "TLFoundation/ErrnoText.h"
 
 namespace tessaloom::console {
 namespace {
@@ -28,7 +34,7 @@ bool isDumb() {
   return environment("TERM") == "dumb";
 }
 
-std::string_view colourCode(Style style) {
+std::string_view colorCode(Style style) {
   switch (style) {
     case Style::bold:
       return "1";
@@ -42,10 +48,66 @@ std::string_view colourCode(Style style) {
   return "0";
 }
 
+/// Whether the locale's characters are UTF-8, by the variables that select it (locale(7)).
+bool localeIsUTF8() {
+  for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+    const std::string_view value = environment(name);
+    if (value.empty()) continue;
+    std::string folded;
+    for (const char character : value.substr(std::min(value.find('.'), value.size()))) {
+      if (character != '-')
+        folded += static_cast<char>(std::tolower(static_cast<unsigned char>(character)));
+    }
+    return folded.starts_with(".utf8");
+  }
+  return false;
+}
+
+/// The text in ASCII: usual punctuation by what looks like it, other characters by a question mark.
+std::string inASCII(std::string_view text) {
+  struct Replacement {
+    std::string_view character;
+    std::string_view ascii;
+  };
+  static constexpr std::array replacements{
+      Replacement{"\u2018", "'"},   Replacement{"\u2019", "'"}, Replacement{"\u201c", "\""},
+      Replacement{"\u201d", "\""},  Replacement{"\u2013", "-"}, Replacement{"\u2014", "--"},
+      Replacement{"\u2026", "..."}, Replacement{"\u00a0", " "}};
+  std::string result;
+  while (!text.empty()) {
+    const auto lead = static_cast<unsigned char>(text.front());
+    const std::size_t length = lead < 0x80 ? 1 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
+    const std::string_view character = text.substr(0, length);
+    const auto known = std::ranges::find(replacements, character, &Replacement::character);
+    result += lead < 0x80 ? character : known == replacements.end() ? "?" : known->ascii;
+    text.remove_prefix(character.size());
+  }
+  return result;
+}
+
+std::string shownOn(bool isTerminal, std::string_view text) {
+  return isTerminal && !localeIsUTF8() ? inASCII(text) : std::string(text);
+}
+
+std::optional<winsize> sizeOf(int descriptor) {
+  winsize size{};
+  if (ioctl(descriptor, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return std::nullopt;
+  return size;
+}
+
+std::size_t widthOf(int descriptor) {
+  if (const auto size = sizeOf(descriptor)) return size->ws_col;
+  const std::string_view columns = environment("COLUMNS");
+  std::size_t width = 0;
+  const auto [end, error] = std::from_chars(columns.data(), columns.data() + columns.size(), width);
+  return error == std::errc() && end == columns.data() + columns.size() && width > 0 ? width
+                                                                                     : usualWidth;
+}
+
 std::string styled(bool isTerminal, Style style, std::string_view text) {
   if (!isTerminal || isDumb() || !environment("NO_COLOR").empty()) return std::string(text);
   std::string result = "\033[";
-  result.append(colourCode(style)).append("m").append(text).append("\033[0m");
+  result.append(colorCode(style)).append("m").append(text).append("\033[0m");
   return result;
 }
 
@@ -61,18 +123,18 @@ bool errorIsTerminal() {
   return isatty(STDERR_FILENO) != 0;
 }
 bool canRedrawErrorLine() {
-  return errorIsTerminal() && !isDumb();
+  return errorIsTerminal() && !isDumb() && tcgetpgrp(STDERR_FILENO) == getpgrp();
 }
 
 std::size_t outputWidth() {
-  if (!outputIsTerminal()) return unlimitedWidth;
-  winsize size{};
-  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
-  const std::string_view columns = environment("COLUMNS");
-  std::size_t width = 0;
-  const auto [end, error] = std::from_chars(columns.data(), columns.data() + columns.size(), width);
-  return error == std::errc() && end == columns.data() + columns.size() && width > 0 ? width
-                                                                                     : usualWidth;
+  return outputIsTerminal() ? widthOf(STDOUT_FILENO) : unlimitedWidth;
+}
+std::size_t outputHeight() {
+  const auto size = sizeOf(STDOUT_FILENO);
+  return size && size->ws_row > 0 ? size->ws_row : unlimitedWidth;
+}
+std::size_t errorWidth() {
+  return widthOf(STDERR_FILENO);
 }
 
 std::string styledForOutput(Style style, std::string_view text) {
@@ -84,12 +146,22 @@ std::string styledForError(Style style, std::string_view text) {
 }
 
 void print(std::string_view text) {
-  (void)std::fwrite(text.data(), 1, text.size(), stdout);  // Told by flushOutput.
+  const std::string shown = shownOn(outputIsTerminal(), text);
+  (void)std::fwrite(shown.data(), 1, shown.size(), stdout);  // Reported by flushOutput.
 }
 
 void printBody(std::string_view body) {
   print(body);
   if (outputIsTerminal() && !body.ends_with('\n')) print("\n");
+}
+
+void printJSON(std::string_view text) {
+  if (outputIsTerminal()) {
+    const auto value = nlohmann::ordered_json::parse(text, nullptr, false);
+    if (!value.is_discarded()) return print(value.dump(2) + "\n");
+  }
+  print(text);
+  if (!text.ends_with('\n')) print("\n");
 }
 
 bool flushOutput() {
@@ -99,7 +171,7 @@ bool flushOutput() {
 }
 
 std::string outputErrorText(int error) {
-  return "the output could not be written: " + std::generic_category().message(error);
+  return "the output could not be written: " + errnoText(error);
 }
 
 void printError(std::string_view message, std::string_view advice) {
@@ -110,11 +182,20 @@ void printError(std::string_view message, std::string_view advice) {
 }
 
 void printToError(std::string_view text) {
-  (void)std::fwrite(text.data(), 1, text.size(), stderr);  // Nowhere is left to complain.
+  const std::string shown = shownOn(errorIsTerminal(), text);
+  (void)std::fwrite(shown.data(), 1, shown.size(), stderr);  // There is nowhere to report it.
 }
 
 std::string safeLine(std::string_view text) {
   return DisplayString::singleLine(text, lineLimit);
+}
+
+std::string safeCell(std::string_view text) {
+  return shownOn(outputIsTerminal(), safeLine(text));
+}
+
+std::string_view ellipsis() {
+  return outputIsTerminal() && !localeIsUTF8() ? "~" : "\u2026";
 }
 
 std::string safeText(std::string_view text) {

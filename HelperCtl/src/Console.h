@@ -24,26 +24,33 @@ enum class Style { bold, dim, good, bad };
 bool inputIsTerminal();
 bool outputIsTerminal();
 bool errorIsTerminal();
-/// Whether standard error is a terminal that understands cursor movements.
+/// Whether standard error is a terminal that understands cursor movements, and this process is in
+/// its foreground.
 bool canRedrawErrorLine();
 
-/// Columns of the terminal behind standard output (COLUMNS, then 80, where it does not tell);
-/// unlimited when that is no terminal.
+/// Columns of the terminal behind standard output (COLUMNS, then 80, where it does not report
+/// them); unlimited if that is not a terminal. Lines likewise, without LINES.
 inline constexpr std::size_t unlimitedWidth = std::numeric_limits<std::size_t>::max();
 std::size_t outputWidth();
+std::size_t outputHeight();
+/// The same for standard error, where it is a terminal.
+std::size_t errorWidth();
 
-/// `text` in that style when standard output (standard error) shows colours: a terminal, no
+/// `text` in that style if standard output (standard error) shows colors: a terminal, no
 /// NO_COLOR (https://no-color.org), not a dumb one.
 std::string styledForOutput(Style style, std::string_view text);
 std::string styledForError(Style style, std::string_view text);
 
-/// Writes the text as it is. A failure shows in `flushOutput`.
+/// Writes the text, on a terminal whose locale lacks UTF-8 in ASCII. A failure shows in
+/// `flushOutput`.
 void print(std::string_view text);
-/// Writes a message's body as it is, and ends the line where a person looks at it.
+/// Writes a message's body as it is, and ends the line on a terminal.
 void printBody(std::string_view body);
-/// Whether everything that was printed has been written; says so on standard error when it has not.
+/// Writes a JSON text and ends the line; on a terminal indented.
+void printJSON(std::string_view text);
+/// Whether everything that was printed has been written; reports it on standard error if not.
 bool flushOutput();
-/// What to say when writing to standard output failed with this errno.
+/// The message for a failure to write to standard output with this errno.
 std::string outputErrorText(int error);
 
 /// One message on standard error, after the program's name; `advice`, if any, on a line of its own.
@@ -51,9 +58,14 @@ void printError(std::string_view message, std::string_view advice = {});
 /// Plain text on standard error.
 void printToError(std::string_view text);
 
+/// What stands for the rest of a text that was cut, one column wide.
+std::string_view ellipsis();
+
 /// Text from outside, fit for a terminal: one line, or several with TAB and LF kept.
 std::string safeLine(std::string_view text);
 std::string safeText(std::string_view text);
+/// One line as standard output shows it, whose width is known.
+std::string safeCell(std::string_view text);
 
 }  // namespace console
 }  // namespace tessaloom

@@ -11,6 +11,7 @@
 #include "HelperProtocol/GenerationRequest.h"
 #include "HelperProtocol/GenerationResult.h"
 #include "HumanFormat.h"
+#include "Interrupts.h"
 #include "TLFoundation/Unicode.h"
 
 namespace tessaloom {
@@ -23,20 +24,23 @@ std::unexpected<UsageError> usageError(std::string message) {
   return std::unexpected(UsageError{std::move(message)});
 }
 
+std::string timeoutRange() {
+  return "--timeout must be between " + std::to_string(GenerationTimeout::minimum) + " and " +
+         std::to_string(GenerationTimeout::maximum) + " seconds";
+}
+
 /// What a limit of the request says to the person who typed it.
 std::string explainLimit(const GenerationDTOError& error) {
   switch (error.errorCase()) {
     case GenerationDTOError::Case::textTooLong:
-      return (error.limit() == GenerationRequest::instructionsLimit ? "the instructions have "
-                                                                    : "the prompt has ") +
-             std::to_string(error.actual()) + " characters, at most " +
-             std::to_string(error.limit()) + " are allowed; shorten the text";
+      return (error.limit() == GenerationRequest::instructionsLimit ? "the instructions are "
+                                                                    : "the prompt is ") +
+             std::to_string(error.actual()) + " characters long; the limit is " +
+             std::to_string(error.limit());
     case GenerationDTOError::Case::controlCharacters:
-      return "the text holds control characters other than tab and line breaks; remove them";
+      return "the text contains control characters other than tab and line breaks; remove them";
     case GenerationDTOError::Case::timeoutOutOfRange:
-      return "--timeout is " + std::to_string(error.actual()) + ", but has to be from " +
-             std::to_string(GenerationTimeout::minimum) + " to " +
-             std::to_string(GenerationTimeout::maximum) + " seconds";
+      return timeoutRange() + ", not " + std::to_string(error.actual());
     default:
       return error.what();
   }
@@ -45,13 +49,11 @@ std::string explainLimit(const GenerationDTOError& error) {
 std::expected<std::string, UsageError> readPrompt(const Arguments& arguments) {
   const bool fromInput = arguments.positionals().empty() || arguments.positionals().front() == "-";
   if (arguments.positionals().empty() && console::inputIsTerminal()) {
-    return usageError("there is no prompt: give it as an argument in quotes, or pipe it in");
+    return usageError("no prompt: pass one in quotes or pipe it in");
   }
   std::string prompt = fromInput ? readStandardInput() : arguments.positionals().front();
   if (!Unicode::isValidUTF8(prompt)) return usageError("the prompt is not UTF-8 text");
-  if (Unicode::trimmed(prompt).empty()) {
-    return usageError("the prompt is empty: say what the engine is to write");
-  }
+  if (Unicode::trimmed(prompt).empty()) return usageError("the prompt is empty");
   return prompt;
 }
 
@@ -60,6 +62,9 @@ std::expected<GenerationTimeout, UsageError> readTimeout(const Arguments& argume
   if (!text) return GenerationTimeout();
   std::int64_t seconds = 0;
   const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), seconds);
+  if (end == text->data() + text->size() && error == std::errc::result_out_of_range) {
+    return usageError(timeoutRange() + ", not " + safeLine(*text));
+  }
   if (error != std::errc() || end != text->data() + text->size()) {
     return usageError("--timeout \"" + safeLine(*text) + "\" is not a whole number of seconds");
   }
@@ -69,7 +74,7 @@ std::expected<GenerationTimeout, UsageError> readTimeout(const Arguments& argume
 std::expected<GenerationRequest, UsageError> readRequest(const Arguments& arguments) {
   const auto engineName = arguments.value(engineOption.name);
   if (!engineName) {
-    return usageError("choose an engine: --engine claudeCode or --engine codex");
+    return usageError("missing option: --engine claudeCode or --engine codex");
   }
   const auto engine = readEngine(*engineName);
   if (!engine) return std::unexpected(engine.error());
@@ -137,22 +142,36 @@ bool isForAnother(const Bytes& reply, const UUID& id) {
   }
 }
 
+ExitStatus showGeneration(CallReply reply, const GenerationRequest& request,
+                          const Arguments& arguments) {
+  if (reply && isForAnother(*reply, request.requestID())) {
+    return reportUnreadableReply("it is about another generation");
+  }
+  if (!reply && !arguments.has(jsonOption.name)) {
+    reply = std::unexpected(explainGenerationError(reply.error(), request.engine()));
+  }
+  return showReply<GenerationResult>(reply, arguments, showResult);
+}
+
 }  // namespace
 
 CommandResult runGenerate(const Arguments& arguments) {
   const auto request = readRequest(arguments);
   if (!request) return std::unexpected(request.error());
   const auto transport = openTransport();
-  const bool json = arguments.has(jsonOption.name);
-  if (!transport) return reportError(transport.error(), json);
-  CallReply reply = runGeneration(**transport, *request);
-  if (reply && isForAnother(*reply, request->requestID())) {
-    return reportUnreadableReply("it is about another generation");
+  if (!transport) return reportError(transport.error(), arguments.has(jsonOption.name));
+  if (console::errorIsTerminal()) {
+    console::printToError(console::styledForError(console::Style::dim,
+                                                  "generation " + request->requestID().string()) +
+                          "\n");
   }
-  if (!reply && !json) {
-    reply = std::unexpected(explainGenerationError(reply.error(), request->engine()));
+  auto [reply, signal] = runGeneration(**transport, *request);
+  const ExitStatus status = showGeneration(std::move(reply), *request, arguments);
+  if (signal != 0) {
+    console::flushOutput();
+    dieBySignal(signal);
   }
-  return showReply<GenerationResult>(reply, arguments, showResult);
+  return status;
 }
 
 }  // namespace tessaloom

@@ -4,12 +4,10 @@
 #include <string>
 #include <string_view>
 
+#include "HelperCore/BinaryAllowlist.h"
+
 namespace tessaloom {
 namespace {
-
-std::string commandName(GenerationEngineID engine) {
-  return engine == GenerationEngineID::codex ? "codex" : "claude";
-}
 
 std::string howToSignIn(GenerationEngineID engine) {
   return engine == GenerationEngineID::codex
@@ -20,21 +18,21 @@ std::string howToSignIn(GenerationEngineID engine) {
 std::string adviceFor(GenerationFailureKind kind, GenerationEngineID engine) {
   switch (kind) {
     case GenerationFailureKind::binaryNotFound:
-      return "Install " + commandName(engine) +
-             ", or see which file was refused and why: tessaloom-helperctl doctor";
+      return "Install " + std::string(executableName(engine)) +
+             ", or see which file was rejected and why: tessaloom-helperctl doctor";
     case GenerationFailureKind::notAuthenticated:
       return howToSignIn(engine);
     case GenerationFailureKind::launchFailed:
       return "See what is wrong: tessaloom-helperctl doctor";
     case GenerationFailureKind::timedOut:
-      return "Give it longer with --timeout (up to 300), or see how the engine answers by itself: "
-             "run `" +
-             commandName(engine) + "` in a terminal.";
+      return "Give it longer with --timeout (up to 300), or run `" +
+             std::string(executableName(engine)) + "` in a terminal to see how it responds.";
     case GenerationFailureKind::nonZeroExit:
-      return "See how the engine answers by itself: run `" + commandName(engine) +
-             "` in a terminal.";
+      return "Run `" + std::string(executableName(engine)) +
+             "` in a terminal to see how it responds.";
     case GenerationFailureKind::malformedOutput:
-      return "Try again; if it stays so, update " + commandName(engine) + ".";
+      return "Try again; if the problem persists, update " + std::string(executableName(engine)) +
+             ".";
     case GenerationFailureKind::engineRefused:
       return "Wait until one of them has finished, or cancel one: tessaloom-helperctl cancel UUID";
     case GenerationFailureKind::cancelled:
@@ -56,10 +54,10 @@ CallError explainGenerationError(CallError error, GenerationEngineID engine) {
     error.message = "The generation was cancelled.";
   } else if (*kind == GenerationFailureKind::nonZeroExit && isSilent) {
     // What an engine that is not signed in does: it fails, and its standard error is empty.
-    error.message = commandName(engine) + " ended with an error and did not say why.";
+    error.message = std::string(executableName(engine)) + " failed without saying why.";
     error.advice = "Perhaps it is not signed in. " + howToSignIn(engine);
   } else if (isSilent) {
-    error.message = commandName(engine) + " failed: " + *error.kind + ".";
+    error.message = std::string(executableName(engine)) + " failed: " + *error.kind + ".";
   }
   return error;
 }

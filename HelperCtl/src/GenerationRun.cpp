@@ -15,11 +15,14 @@
 #include "HelperProtocol/Methods.h"
 #include "HelperProtocol/ProcessMessages.h"
 #include "Interrupts.h"
+#include "TLFoundation/DisplayWidth.h"
 
 namespace tessaloom {
 namespace {
 
-/// The line that says how long the engine has been at work; only where it can be wiped away again.
+/// The line that says how long the engine has been at work. It is drawn only where it can be wiped
+/// away again, and only while this process is in the terminal's foreground: elsewhere it would
+/// disturb what the person is doing there, and Ctrl-C would not come here.
 class ProgressLine {
  public:
   explicit ProgressLine(GenerationEngineID engine) : engine_(wireValue(engine)) {}
@@ -31,25 +34,28 @@ class ProgressLine {
     if (!console::canRedrawErrorLine()) return;
     const auto elapsed =
         std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_);
-    const std::string line = (cancelling ? "cancelling " : "waiting for ") + engine_ + ", " +
-                             std::to_string(elapsed.count()) + " s" +
-                             (cancelling ? " (Ctrl-C again leaves at once)" : " (Ctrl-C cancels)");
-    console::printToError("\r\033[K" + console::styledForError(console::Style::dim, line));
-    shown_ = true;
+    const std::string line =
+        (cancelling ? "cancelling " : "waiting for ") + engine_ + ", " +
+        std::to_string(elapsed.count()) + " s" +
+        (cancelling ? " (Ctrl-C again quits immediately)" : " (Ctrl-C cancels)");
+    // The last column stays free: some terminals go to the next line when it is filled.
+    const std::string_view shown = prefixOfWidth(line, console::errorWidth() - 1);
+    console::printToError("\r\033[K" + console::styledForError(console::Style::dim, shown));
+    isShown_ = true;
   }
 
   void clear() {
-    if (shown_) console::printToError("\r\033[K");
-    shown_ = false;
+    if (isShown_ && console::canRedrawErrorLine()) console::printToError("\r\033[K");
+    isShown_ = false;
   }
 
  private:
   std::string engine_;
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-  bool shown_ = false;
+  bool isShown_ = false;
 };
 
-/// A reply that cannot be read is as good as no: the next tick asks again.
+/// A reply that cannot be read counts as no: the next tick asks again.
 bool saysThatItWasCancelled(const CallReply& reply) {
   try {
     return reply && HelperCoding::makeDecoder().decode<KillResult>(*reply).succeeded;
@@ -64,13 +70,13 @@ class GenerationRun {
   GenerationRun(Transport& transport, const GenerationRequest& request)
       : transport_(transport), request_(request), loop_(transport), progress_(request.engine()) {}
 
-  CallReply run();
+  GenerationOutcome run();
 
  private:
   static constexpr std::chrono::milliseconds tickInterval{250};
 
-  bool isOver() const { return answer_ || cancelConfirmed_ || interruptCount_ > 1; }
-  void interrupted(int count);
+  bool isOver() const { return answer_ || cancelConfirmed_ || isImpatient_; }
+  void interrupted();
   void cancel();
   CallError cancelledError() const;
 
@@ -79,18 +85,20 @@ class GenerationRun {
   EventLoop loop_;
   ProgressLine progress_;
   Interrupts interrupts_;
-  int interruptCount_ = 0;
+  int signal_ = 0;            ///< The first that came.
+  bool isImpatient_ = false;  ///< Whether a second one came.
+  bool cancelUnderWay_ = false;
   bool cancelConfirmed_ = false;
   std::optional<CallReply> answer_;
 };
 
-CallReply GenerationRun::run() {
+GenerationOutcome GenerationRun::run() {
   loop_.watch({interrupts_.descriptor(), [] { return std::optional<short>(POLLIN); },
-               [this](short) { interrupted(interrupts_.take()); }});
+               [this](short) { interrupted(); }});
   loop_.every(tickInterval, [this] {
-    // Until the engine has been launched nothing can be signalled, so the cancel is repeated.
-    if (interruptCount_ > 0) cancel();
-    progress_.show(interruptCount_ > 0);
+    // Until the engine has been launched nothing can be signaled, so the cancellation is repeated.
+    if (signal_ != 0) cancel();
+    progress_.show(signal_ != 0);
   });
   transport_.call(methodNamed("GenerateText").name, HelperCoding::makeEncoder().encode(request_),
                   [this](CallReply reply) { answer_ = std::move(reply); });
@@ -99,20 +107,27 @@ CallReply GenerationRun::run() {
   // takes.
   loop_.run([this] { return isOver(); });
   progress_.clear();
-  if (answer_) return std::move(*answer_);
-  return std::unexpected(cancelledError());
+  if (answer_) return {std::move(*answer_), signal_};
+  return {std::unexpected(cancelledError()), signal_};
 }
 
-void GenerationRun::interrupted(int count) {
-  const bool isFirst = interruptCount_ == 0 && count > 0;
-  interruptCount_ += count;
-  if (isFirst) cancel();
+void GenerationRun::interrupted() {
+  const int number = interrupts_.take();
+  if (number == 0) return;
+  if (signal_ != 0) {
+    isImpatient_ = true;
+    return;
+  }
+  signal_ = number;
+  cancel();
 }
 
 void GenerationRun::cancel() {
+  if (std::exchange(cancelUnderWay_, true)) return;
   const Bytes body =
       HelperCoding::makeEncoder().encode(GenerationCancelRequest{request_.requestID()});
   transport_.call(methodNamed("CancelGeneration").name, body, [this](const CallReply& reply) {
+    cancelUnderWay_ = false;
     cancelConfirmed_ |= saysThatItWasCancelled(reply);
   });
 }
@@ -127,14 +142,14 @@ CallError GenerationRun::cancelledError() const {
                   kind};
   if (!cancelConfirmed_) {
     error.message =
-        "Left without waiting for the cancellation; the engine may run until its timeout.";
+        "Exited without waiting for the cancellation; the engine may run until its timeout.";
   }
   return error;
 }
 
 }  // namespace
 
-CallReply runGeneration(Transport& transport, const GenerationRequest& request) {
+GenerationOutcome runGeneration(Transport& transport, const GenerationRequest& request) {
   return GenerationRun(transport, request).run();
 }
 

@@ -5,12 +5,17 @@
 
 namespace tessaloom {
 
-/// Runs one generation and waits for its answer, with the elapsed time on standard error where that
-/// is a terminal.
+struct GenerationOutcome {
+  CallReply reply;
+  int signal = 0;  ///< The signal that interrupted it; 0 for none.
+};
+
+/// Runs one generation and waits for its reply. On a terminal whose foreground this process is in,
+/// a line on standard error shows the elapsed time.
 ///
-/// SIGINT and SIGTERM cancel it, and again until the cancellation or the generation is answered;
-/// then the reply is a generation error of the kind `cancelled`. A second signal leaves without an
-/// answer. Throws std::system_error.
-CallReply runGeneration(Transport& transport, const GenerationRequest& request);
+/// SIGINT, SIGTERM and SIGHUP cancel it, again and again until the helper replies that the
+/// cancellation took effect, or to the generation; then the reply is a generation error of the kind
+/// `cancelled`. A second signal ends the wait at once. Throws std::system_error.
+GenerationOutcome runGeneration(Transport& transport, const GenerationRequest& request);
 
 }  // namespace tessaloom

@@ -19,22 +19,28 @@ std::atomic<int> readEnd{-1};
 std::atomic<int> writeEnd{-1};
 static_assert(std::atomic<int>::is_always_lock_free);
 
-void wakeUp(int) {
+constexpr std::array caughtSignals{SIGINT, SIGTERM, SIGHUP};
+
+void wakeUp(int number) {
   const int saved = errno;
-  const char byte = 0;
+  const char byte = static_cast<char>(number);
   // A full pipe already holds more interrupts than anybody counts.
   [[maybe_unused]] const ssize_t written = ::write(writeEnd.load(), &byte, 1);
   errno = saved;
 }
 
-void setHandler(int number, void (*handler)(int)) {
+/// Exchanges one way to handle a signal for another.
+void exchangeHandler(int number, void (*from)(int), void (*to)(int)) {
   struct sigaction action{};
-  action.sa_handler = handler;
-  action.sa_flags = SA_RESTART;
-  sigemptyset(&action.sa_mask);
-  if (sigaction(number, &action, nullptr) != 0) {
+  if (sigaction(number, nullptr, &action) != 0) {
     throw std::system_error(errno, std::generic_category(), "sigaction");
   }
+  if (action.sa_handler != from) return;
+  action = {};
+  action.sa_handler = to;
+  action.sa_flags = SA_RESTART;
+  sigemptyset(&action.sa_mask);
+  sigaction(number, &action, nullptr);
 }
 
 }  // namespace
@@ -44,13 +50,11 @@ Interrupts::Interrupts() {
   if (!pipe) throw std::system_error(pipe.error(), std::generic_category(), "pipe");
   readEnd = pipe->readEnd.release();
   writeEnd = pipe->writeEnd.release();
-  setHandler(SIGINT, wakeUp);
-  setHandler(SIGTERM, wakeUp);
+  for (const int number : caughtSignals) exchangeHandler(number, SIG_DFL, wakeUp);
 }
 
 Interrupts::~Interrupts() {
-  (void)::signal(SIGINT, SIG_DFL);
-  (void)::signal(SIGTERM, SIG_DFL);
+  for (const int number : caughtSignals) exchangeHandler(number, wakeUp, SIG_DFL);
   ::close(writeEnd.exchange(-1));
   ::close(readEnd.exchange(-1));
 }
@@ -60,9 +64,18 @@ int Interrupts::descriptor() const {
 }
 
 int Interrupts::take() {
-  std::array<char, 16> bytes{};
-  const ssize_t count = ::read(readEnd, bytes.data(), bytes.size());
-  return count > 0 ? static_cast<int>(count) : 0;
+  char byte = 0;
+  return ::read(readEnd, &byte, 1) == 1 ? byte : 0;
+}
+
+void dieBySignal(int number) {
+  (void)::signal(number, SIG_DFL);
+  sigset_t one;
+  sigemptyset(&one);
+  sigaddset(&one, number);
+  sigprocmask(SIG_UNBLOCK, &one, nullptr);
+  (void)::raise(number);
+  ::_exit(128 + number);
 }
 
 }  // namespace tessaloom

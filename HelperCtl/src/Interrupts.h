@@ -2,7 +2,8 @@
 
 namespace tessaloom {
 
-/// Turns SIGINT and SIGTERM into something to poll for, for as long as it lives. One at a time.
+/// Turns SIGINT, SIGTERM and SIGHUP into something to poll for, for as long as it lives. A signal
+/// that the process was started to ignore, as under nohup(1), stays ignored. One at a time.
 class Interrupts {
  public:
   /// Throws std::system_error.
@@ -11,11 +12,15 @@ class Interrupts {
   Interrupts(const Interrupts&) = delete;
   Interrupts& operator=(const Interrupts&) = delete;
 
-  /// Readable when a signal came that `take` has not counted yet.
+  /// Readable when a signal came that `take` has not returned yet.
   int descriptor() const;
 
-  /// How many signals have come since the last call.
+  /// The number of the next signal that has come; 0 if there is none.
   int take();
 };
+
+/// Ends this process by a signal, as if nothing had caught it: so the shell that started it sees
+/// that it was interrupted, and ends its loop, too.
+[[noreturn]] void dieBySignal(int number);
 
 }  // namespace tessaloom

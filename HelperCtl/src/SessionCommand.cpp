@@ -38,10 +38,10 @@ class Session {
   static constexpr std::size_t writeSize = PIPE_BUF;
 
   bool mayRead() const {
-    return !inputEnded_ && !held_ && output_.size() - written_ < outputBacklog;
+    return !inputEnded_ && !next_ && output_.size() - written_ < outputBacklog;
   }
   bool isOver() const {
-    return outputClosed_ || (inputEnded_ && !held_ && load_.isEmpty() && output_.empty());
+    return outputClosed_ || (inputEnded_ && !next_ && load_.isEmpty() && output_.empty());
   }
   void read();
   void keep(std::string_view bytes);
@@ -56,9 +56,11 @@ class Session {
   std::size_t taken_ = 0;
   std::size_t searched_ = 0;  ///< The first byte of `input_` that may be a line feed.
   bool inputEnded_ = false;
-  std::optional<SessionLine> held_;  ///< The next line, while the helper takes no more of its kind.
+  std::optional<SessionLine> next_;  ///< A line that waits until the helper takes more.
   std::size_t lineNumber_ = 0;
-  CallLoad load_;       ///< The calls under way, as the helper counts them.
+  CallLoad load_;  ///< The calls under way, as the helper counts them.
+  CallLoad held_;  ///< The calls before the first reply.
+  bool isAccepted_ = false;
   std::string output_;  ///< Replies, of which `written_` bytes are out.
   std::size_t written_ = 0;
   bool outputClosed_ = false;
@@ -122,9 +124,9 @@ std::optional<SessionLine> Session::takeLine() {
 }
 
 void Session::sendLines() {
-  while (held_ || (held_ = takeLine())) {
-    if (!send(*held_)) return;
-    held_.reset();
+  while (next_ || (next_ = takeLine())) {
+    if (!send(*next_)) return;
+    next_.reset();
   }
 }
 
@@ -135,6 +137,11 @@ bool Session::send(const SessionLine& line) {
   const CallWeight weight{method != nullptr ? method->kind : Method::Kind::brief,
                           line.body ? line.body->size() : 0};
   if (load_.has(weight.kind) && !load_.fits(weight)) return false;
+  // Until the helper has decided whether it accepts this program, it keeps calls of all kinds like
+  // those of one.
+  const CallWeight held{Method::Kind::brief, weight.bytes};
+  if (!isAccepted_ && !load_.isEmpty() && !held_.fits(held)) return false;
+  held_.add(held);
   load_.add(weight);
   transport_.call(line.method, line.body, [this, weight, number = ++lineNumber_](CallReply reply) {
     load_.remove(weight);

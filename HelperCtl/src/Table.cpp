@@ -9,20 +9,20 @@
 namespace tessaloom {
 namespace {
 
-std::string cut(const std::string& text, std::size_t width) {
+std::string cut(const std::string& text, std::size_t width, std::string_view ellipsis) {
   if (displayWidth(text) <= width) return text;
-  return std::string(prefixOfWidth(text, width - 1)) + "…";
+  return std::string(prefixOfWidth(text, width - 1)).append(ellipsis);
 }
 
 }  // namespace
 
-std::vector<std::string> Table::lines(std::size_t width) const {
+std::vector<std::string> Table::lines(std::size_t width, std::string_view ellipsis) const {
   const std::vector<std::size_t> widths = columnWidths(width);
   std::vector<std::string> titles;
   titles.reserve(columns_.size());
   for (const Column& column : columns_) titles.emplace_back(column.title);
-  std::vector<std::string> lines{line(titles, widths)};
-  for (const auto& row : rows_) lines.push_back(line(row, widths));
+  std::vector<std::string> lines{line(titles, widths, ellipsis)};
+  for (const auto& row : rows_) lines.push_back(line(row, widths, ellipsis));
   return lines;
 }
 
@@ -54,11 +54,11 @@ std::vector<std::size_t> Table::columnWidths(std::size_t width) const {
 }
 
 std::string Table::line(const std::vector<std::string>& cells,
-                        const std::vector<std::size_t>& widths) const {
+                        const std::vector<std::size_t>& widths, std::string_view ellipsis) const {
   std::string text;
   for (std::size_t i = 0; i < widths.size(); ++i) {
     if (i > 0) text.append(gap, ' ');
-    const std::string cell = cut(cells[i], widths[i]);
+    const std::string cell = cut(cells[i], widths[i], ellipsis);
     const std::string padding(widths[i] - displayWidth(cell), ' ');
     text += columns_[i].alignment == Alignment::right ? padding + cell : cell + padding;
   }

@@ -26,16 +26,16 @@ class Table {
   void addRow(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
 
   /// The lines of the table, the titles first, none wider than `width` unless the first column
-  /// alone is. No line ends in a space.
-  std::vector<std::string> lines(std::size_t width) const;
+  /// alone is. No line ends in a space. A cell that was cut ends in `ellipsis`, one column wide.
+  std::vector<std::string> lines(std::size_t width, std::string_view ellipsis) const;
 
  private:
   static constexpr std::size_t gap = 2;        ///< Spaces between columns.
   static constexpr std::size_t narrowest = 8;  ///< What a cell is cut to at most.
 
   std::vector<std::size_t> columnWidths(std::size_t width) const;
-  std::string line(const std::vector<std::string>& cells,
-                   const std::vector<std::size_t>& widths) const;
+  std::string line(const std::vector<std::string>& cells, const std::vector<std::size_t>& widths,
+                   std::string_view ellipsis) const;
 
   std::vector<Column> columns_;
   std::vector<std::vector<std::string>> rows_;

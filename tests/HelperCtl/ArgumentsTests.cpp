@@ -6,7 +6,9 @@
 namespace tessaloom {
 namespace {
 
-constexpr std::array rules{OptionRule{"--timeout", "SECONDS", ""}, OptionRule{"--json", "", ""}};
+constexpr std::array rules{OptionRule{"--timeout", "SECONDS", "", 't'},
+                           OptionRule{"--json", "", "", 'j'},
+                           OptionRule{"--signal", "SIGNAL", "", 0, WordKind::signal, true}};
 
 using Words = std::vector<std::string>;
 
@@ -43,10 +45,12 @@ TEST(Arguments, SortsWordsIntoOptionsAndPositionals) {
       {"a dash is a positional", {"-", "--json"}, "--json[] | [-]"},
       {"two dashes end the options", {"a", "--", "--json", "--", "-x"}, "| [a] [--json] [--] [-x]"},
       {"an empty word is a positional", {""}, "| []"},
-      {"unknown", {"a", "--jsno"}, "unknown option \"--jsno\""},
+      {"short forms", {"-j", "-t", "7"}, "--timeout[7] --json[] |"},
+      {"a value after the letter", {"-t7"}, "--timeout[7] |"},
+      {"a dashed value", {"-9", "-KILL"}, "--signal[KILL] |"},
+      {"unknown", {"a", "--jsno"}, "unknown option \"--jsno\"; did you mean \"--json\"?"},
       {"unknown with a value", {"--x=3"}, "unknown option \"--x\""},
-      {"unknown and short", {"-7"}, "unknown option \"-7\""},
-      {"no value left", {"--timeout"}, "--timeout needs a value, SECONDS"},
+      {"no value left", {"--timeout"}, "missing value: --timeout SECONDS"},
       {"value not wanted", {"--json=1"}, "--json takes no value"},
   };
   for (const Row& row : rows) EXPECT_EQ(sorted(row.words), row.expected) << row.name;

@@ -2,9 +2,6 @@
 
 #include <poll.h>
 
-#include <string>
-#include <thread>
-
 #include <gtest/gtest.h>
 
 #include "macos/ReplyInbox.h"
@@ -34,24 +31,6 @@ TEST(ReplyInbox, IsReadableExactlyWhileRepliesWait) {
     EXPECT_EQ(items[1].reply.error().name, "name");
     EXPECT_FALSE(isReadable(inbox));
   }
-}
-
-TEST(ReplyInbox, WakesTheOwnerForEveryReplyOfOtherThreads) {
-  // More than a pipe holds, if each were a byte.
-  constexpr std::uint64_t count = 100'000;
-  ReplyInbox inbox;
-  std::thread sender([&inbox] {
-    for (std::uint64_t call = 1; call <= count; ++call) inbox.put(call, Bytes());
-  });
-  std::uint64_t last = 0;
-  bool isInOrder = true;
-  while (last < count && isReadable(inbox, 10'000)) {
-    for (const ReplyInbox::Item& item : inbox.take()) isInOrder &= item.call == ++last;
-  }
-  sender.join();
-  EXPECT_TRUE(isInOrder);
-  EXPECT_EQ(last, count);
-  EXPECT_FALSE(isReadable(inbox));
 }
 
 }  // namespace

@@ -11,11 +11,11 @@
 #include <utility>
 #include <vector>
 
+#include "HelperProtocol/CallLoad.h"
 #include "HelperProtocol/linux/BusHandles.h"
 #include "HelperProtocol/linux/BusRequests.h"
 #include "TessaloomHelper/HelperService.h"
 #include "TessaloomHelper/Tasks.h"
-#include "HelperProtocol/CallLoad.h"
 #include "linux/PeerVetting.h"
 #include "linux/SerialQueue.h"
 
