@@ -112,9 +112,10 @@ EngineStatus GenerationCoordinator::engineStatus(const EngineStatusRequest& requ
   status.binaryFound = true;
 
   Environment environment;
+  std::expected<FileDescriptor, int> directory;
   if (const auto user = lookups_.currentUser()) {
     // The engine may want to write there; where it cannot, that is its own affair.
-    [[maybe_unused]] const auto directory = openPrivateDirectory(temporaryDirectory_);
+    directory = openPrivateDirectory(temporaryDirectory_);
     environment = CLIInvocationBuilder::environment(user->homeDirectory, user->loginName,
                                                     temporaryDirectory_);
   }

@@ -2,12 +2,15 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 
 namespace tessaloom {
@@ -30,10 +33,25 @@ int makeDirectories(const std::filesystem::path& path) {
   return ::chmod(path.c_str(), ownerOnly) == 0 ? 0 : errno;
 }
 
-bool isPrivate(const FileDescriptor& directory) {
+bool isPrivate(const struct stat& facts) {
+  return facts.st_uid == ::geteuid() && (facts.st_mode & ~static_cast<mode_t>(S_IFMT)) == ownerOnly;
+}
+
+/// Opens a directory and takes the lock that says how it is used: LOCK_SH while it is, LOCK_EX to
+/// remove it. EBUSY when another process's use does not allow this one, ENOENT also when it was
+/// removed before the lock was taken.
+std::expected<FileDescriptor, int> openLocked(const std::filesystem::path& directory, int lock) {
+  FileDescriptor opened(::open(directory.c_str(), openDirectoryFlags));
+  if (!opened) return std::unexpected(errno);
   struct stat facts{};
-  return ::fstat(directory.get(), &facts) == 0 && facts.st_uid == ::geteuid() &&
-         (facts.st_mode & ~static_cast<mode_t>(S_IFMT)) == ownerOnly;
+  // Where a file system has no locks, nothing is removed.
+  if (::flock(opened.get(), lock | LOCK_NB) != 0 && (errno == EWOULDBLOCK || lock == LOCK_EX)) {
+    return std::unexpected(EBUSY);
+  }
+  if (::fstat(opened.get(), &facts) != 0) return std::unexpected(errno);
+  if (facts.st_nlink == 0) return std::unexpected(ENOENT);
+  if (!isPrivate(facts)) return std::unexpected(EACCES);
+  return opened;
 }
 
 struct CloseDirectory {
@@ -130,7 +148,7 @@ class TreeRemoval {
 
 /// Removes whatever stands at the path.
 void removeAnything(const std::filesystem::path& path) {
-  if (::unlink(path.c_str()) == 0) return;
+  if (::unlink(path.c_str()) == 0 || ::rmdir(path.c_str()) == 0) return;
   ::fchmodat(AT_FDCWD, path.c_str(), ownerOnly, AT_SYMLINK_NOFOLLOW);
   TreeRemoval(FileDescriptor(::open(path.c_str(), openDirectoryFlags))).run();
   ::rmdir(path.c_str());
@@ -149,11 +167,24 @@ bool writeAll(const FileDescriptor& file, std::string_view text) {
 }  // namespace
 
 std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::path& directory) {
-  if (const int error = makeDirectories(directory); error != 0) return std::unexpected(error);
-  FileDescriptor opened(::open(directory.c_str(), openDirectoryFlags));
-  if (!opened) return std::unexpected(errno);
-  if (!isPrivate(opened)) return std::unexpected(EACCES);
-  return opened;
+  constexpr int maximumTries = 100;
+  constexpr std::chrono::milliseconds pause{1};  // Removing it takes less.
+  for (int tries = 0;; ++tries) {
+    auto opened = openLocked(directory, LOCK_SH);
+    if (opened || tries == maximumTries) return opened;
+    if (opened.error() == EBUSY) {
+      std::this_thread::sleep_for(pause);
+    } else if (opened.error() != ENOENT) {
+      return opened;
+    } else if (const int error = makeDirectories(directory); error != 0 && error != ENOENT) {
+      return std::unexpected(error);
+    }
+  }
+}
+
+void removeUnusedDirectory(const std::filesystem::path& directory) {
+  // No one starts to use it while the lock is held.
+  if (const auto unused = openLocked(directory, LOCK_EX)) ::rmdir(directory.c_str());
 }
 
 std::expected<GenerationDirectory, int> GenerationDirectory::create(
@@ -171,6 +202,7 @@ std::expected<GenerationDirectory, int> GenerationDirectory::create(
 
 GenerationDirectory::~GenerationDirectory() {
   if (!directory_) return;  // Moved from.
+  if (::rmdir(path_.c_str()) == 0) return;
   ::fchmod(directory_.get(), ownerOnly);
   TreeRemoval(std::move(directory_)).run();
   // The engine may have put something else in its place.

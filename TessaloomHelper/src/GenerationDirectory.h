@@ -11,9 +11,14 @@
 namespace tessaloom {
 
 /// Makes sure that `directory` is a real directory of this user with mode 0700, making it and what
-/// is missing above it. The umask does not matter. Returns it open, or the error: whatever
-/// else stands there already is refused and left as it is. Safe from any thread.
+/// is missing above it. The umask does not matter. Returns it open and marked as in use for as long
+/// as it is, or the error: whatever else stands there already is refused and left as it is. Safe
+/// from any thread.
 std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::path& directory);
+
+/// Removes a directory that `openPrivateDirectory` would accept, if it is empty and neither this
+/// nor another process uses it. One that starts to use it at the same moment makes it again.
+void removeUnusedDirectory(const std::filesystem::path& directory);
 
 /// The directory of one generation, "tessaloom-generation-" and the request id, which goes with
 /// this object: with all that the engine left in it, directories without permissions too, and
@@ -32,7 +37,7 @@ class GenerationDirectory {
 
   const std::filesystem::path& path() const { return path_; }
 
-  /// Writes a file and returns its path; nothing when not all of the text could be written.
+  /// Writes a file and returns its path; nullopt if not all of the text could be written.
   std::optional<std::filesystem::path> write(const std::string& name, std::string_view text) const;
 
  private:

@@ -3,11 +3,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -79,14 +81,37 @@ TEST(GenerationDirectoryTest, TakesOverOnlyWhatIsPrivate) {
     EXPECT_EQ(errorIn(temporary.path()), row.error) << row.what;
     EXPECT_TRUE(fs::is_empty(temporary.path())) << row.what;
 
-    // The directory that holds it is held to the same rule, and is never cleaned.
+    // The directory that holds it is held to the same rule, and only an empty one is removed.
     const fs::path perUser = temporary.path() / "perUser";
     row.prepare(perUser);
     EXPECT_EQ(errorIn(perUser), row.error) << row.what;
+    removeUnusedDirectory(perUser);
     EXPECT_TRUE(fs::exists(perUser)) << row.what;
     EXPECT_FALSE(fs::exists(perUser / name)) << row.what;
     EXPECT_TRUE(fs::exists(elsewhere / "kept")) << row.what;
   }
+}
+
+TEST(GenerationDirectoryTest, UnusedDirectoryIsRemovedWithoutHarmToWhoStartsToUseIt) {
+  const TemporaryDirectory outer;
+  const fs::path perUser = outer.path() / "perUser";
+  {
+    const auto used = openPrivateDirectory(perUser);
+    removeUnusedDirectory(perUser);
+    EXPECT_TRUE(fs::exists(perUser));
+  }
+  std::atomic<bool> isDone = false;
+  std::thread exiting([&] {
+    while (!isDone) removeUnusedDirectory(perUser);
+  });
+  for (int i = 0; i < 50; ++i) {
+    const auto directory = GenerationDirectory::create(perUser, UUID::random());
+    EXPECT_TRUE(directory && fs::exists(directory->path()));
+  }
+  isDone = true;
+  exiting.join();
+  removeUnusedDirectory(perUser);
+  EXPECT_FALSE(fs::exists(perUser));
 }
 
 /// Leaves what is hard to remove in a generation's directory.

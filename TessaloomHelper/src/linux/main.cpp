@@ -12,6 +12,7 @@
 #include <string>
 #include <system_error>
 
+#include "GenerationDirectory.h"
 #include "HelperCore/ExecutableIdentity.h"
 #include "HelperCore/Kernel.h"
 #include "HelperCore/PerUserTemporaryDirectory.h"
@@ -107,8 +108,10 @@ int serve() {
                     ": " + started.error());
     return 1;
   }
+  const int status = listener->run();
+  removeUnusedDirectory(perUserTemporaryDirectory());
   // Threads may still be busy with what nobody waits for; the process ends under them.
-  std::exit(listener->run());  // NOLINT(concurrency-mt-unsafe): nobody else exits
+  std::exit(status);  // NOLINT(concurrency-mt-unsafe): nobody else exits
 }
 
 }  // namespace
