@@ -18,7 +18,6 @@
 
 #include "HelperCore/ListeningPorts.h"
 #include "HelperCore/ProcessListing.h"
-#include "HelperCore/WallClock.h"
 #include "HelperProtocol/HelperCoding.h"
 #include "TLFoundation/FileDescriptor.h"
 
@@ -95,7 +94,7 @@ double median(std::vector<Milliseconds> times) {
 
 std::size_t listProcesses(Kernel& kernel) {
   std::vector<ProcessSample> samples;
-  const Instant now = currentTime();
+  const Instant now = kernel.processClockTime();
   for (const RawProcess& row : listRawProcesses(kernel)) {
     samples.push_back(makeProcessSample(row, now));
   }

@@ -7,7 +7,6 @@
 
 #include "HelperCore/ListeningPorts.h"
 #include "HelperCore/ProcessListing.h"
-#include "HelperCore/WallClock.h"
 #include "HelperProtocol/HelperCoding.h"
 
 int main() {
@@ -21,7 +20,7 @@ int main() {
     }
     std::vector<ProcessSample> samples;
     for (const RawProcess& row : listRawProcesses(*kernel)) {
-      samples.push_back(makeProcessSample(row, currentTime()));
+      samples.push_back(makeProcessSample(row, kernel->processClockTime()));
     }
     std::cout << encoder.encode(samples) << std::endl;
   }

@@ -26,15 +26,10 @@ std::optional<PortSample> makePortSample(const SocketInfo& info, std::int32_t pi
 std::vector<PortSample> listListeningPorts(Kernel& kernel) {
   std::vector<PortSample> rows;
   std::unordered_set<PortSample> emitted;
-  auto table = kernel.openSocketTable();
-  for (const std::int32_t pid : table->listOwnPIDs()) {
-    auto descriptors = table->socketDescriptors(pid);
-    if (descriptors.empty()) continue;
-    const std::string processName = commandName(table->readProcessName(pid));
-    for (const std::int32_t descriptor : descriptors) {
-      auto info = table->socketInfo(pid, descriptor);
-      if (!info) continue;
-      auto row = makePortSample(*info, pid, processName);
+  for (const SocketHolder& holder : kernel.fetchSocketHolders(kernel.userID())) {
+    const std::string processName = commandName(holder.name);
+    for (const SocketInfo& info : holder.sockets) {
+      auto row = makePortSample(info, holder.pid, processName);
       if (row && emitted.insert(*row).second) rows.push_back(*std::move(row));
     }
   }

@@ -13,31 +13,17 @@ KillResult refusal() {
               "identity (B3)."};
 }
 
-/// The POSIX numbers, spelled out: they are also what goes over the wire.
-std::int32_t signalNumber(Signal signal) {
-  switch (signal) {
-    case Signal::interrupt:
-      return 2;
-    case Signal::kill:
-      return 9;
-    case Signal::terminate:
-      break;
-  }
-  return 15;
-}
-
 }  // namespace
 
 KillResult killProcess(const KillRequest& request, Kernel& kernel,
-                       const ProvenanceCache& provenance, const WallClock& clock) {
+                       const ProvenanceCache& provenance) {
   const std::int32_t pid = request.pid.value();
-  auto process = kernel.holdProcess(pid);
+  auto process = kernel.openProcess(pid);
   auto current = process->startTime();
   if (!current) return refusal();
-  if (!provenance.isAuthorized(pid, current->startSec, current->startUSec, clock())) {
-    return refusal();
-  }
-  const int error = process->signal(signalNumber(request.signal));
+  const Instant now = kernel.wallClockTime();
+  if (!provenance.isAuthorized(pid, current->startSec, current->startUSec, now)) return refusal();
+  const int error = process->signal(static_cast<std::int32_t>(request.signal));
   if (error == 0) return {.succeeded = true};
   return {.succeeded = false, .message = errnoText(error)};
 }

@@ -148,7 +148,7 @@ void listProcesses(Connection connection, const Bytes& /*request*/, const ReplyH
   std::vector<RawProcess> rows;
   auto list = [&] {
     rows = listRawProcesses(context.kernel);
-    const Instant now = context.clock();
+    const Instant now = context.kernel.processClockTime();
     std::vector<ProcessSample> samples;
     samples.reserve(rows.size());
     for (const RawProcess& row : rows) samples.push_back(makeProcessSample(row, now));
@@ -162,14 +162,13 @@ void listProcesses(Connection connection, const Bytes& /*request*/, const ReplyH
     for (const RawProcess& row : rows) {
       identities.push_back({.pid = row.pid, .startSec = row.startSec, .startUSec = row.startUSec});
     }
-    connection.provenance.record(identities, context.clock());
+    connection.provenance.record(identities, context.kernel.wallClockTime());
   };
   answer(context, reply, list, record);
 }
 
 KillResult killProcess(Connection connection, const KillRequest& request) {
-  return tessaloom::killProcess(request, connection.context.kernel, connection.provenance,
-                                connection.context.clock);
+  return tessaloom::killProcess(request, connection.context.kernel, connection.provenance);
 }
 
 std::vector<PortSample> listListeningPorts(Connection connection) {

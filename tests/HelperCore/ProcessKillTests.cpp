@@ -35,8 +35,8 @@ class ProcessKillTest : public testing::Test {
   }
 
   KillResult kill(double now, Signal signal = Signal::terminate) {
-    return killProcess({.pid = ProcessID{100}, .signal = signal}, kernel, cache,
-                       [now] { return at(now); });
+    kernel.wallClock = [now] { return at(now); };
+    return killProcess({.pid = ProcessID{100}, .signal = signal}, kernel, cache);
   }
 
   ScriptedKernel kernel;
@@ -94,14 +94,14 @@ TEST_F(ProcessKillTest, RefusesBeforeTheFirstListingAndReadsTheClockAfterTheProc
   ProvenanceCache unused{std::chrono::seconds{60}};
   const KillRequest request{.pid = ProcessID{100}, .signal = Signal::kill};
   int clockReadings = 0;
-  const WallClock clock = [&] {
+  kernel.wallClock = [&] {
     ++clockReadings;
     return at(0);
   };
-  EXPECT_EQ(killProcess(request, kernel, unused, clock), refused);
+  EXPECT_EQ(killProcess(request, kernel, unused), refused);
   EXPECT_EQ(clockReadings, 1);
   kernel.startTimes.clear();
-  EXPECT_EQ(killProcess(request, kernel, cache, clock), refused);
+  EXPECT_EQ(killProcess(request, kernel, cache), refused);
   EXPECT_EQ(clockReadings, 1) << "there is nothing to date";
   EXPECT_TRUE(kernel.signals.empty());
 }

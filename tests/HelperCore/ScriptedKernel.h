@@ -1,7 +1,7 @@
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -13,43 +13,36 @@
 
 namespace tessaloom {
 
-/// A kernel that says what a test wrote down, and writes down what it was asked.
+/// A kernel that answers what a test sets, and records the signals.
 class ScriptedKernel final : public Kernel {
  public:
   static constexpr std::uint32_t user = 1000;
-
-  struct Descriptor {
-    std::int32_t number;
-    std::optional<SocketInfo> socket;  ///< Absent: closed before it could be looked at.
-  };
-  struct SocketHolder {
-    std::int32_t pid;
-    std::string name;
-    std::vector<Descriptor> descriptors;
-  };
 
   std::vector<ProcessRecord> table;
   std::map<std::int32_t, ProcessStartTime> startTimes;
   int signalError = 0;
   std::vector<SocketHolder> holders;
 
+  std::function<Instant()> wallClock = [] { return Instant{}; };
+  Instant processClock;
+
   std::vector<std::pair<std::int32_t, std::int32_t>> signals;  ///< pid, number.
-  std::vector<std::int32_t> namesRead;                         ///< pids.
 
   std::uint32_t userID() const override { return user; }
   std::vector<ProcessRecord> fetchAllProcessRecords(std::uint32_t /*owner*/) override {
     return table;
   }
-  std::unique_ptr<HeldProcess> holdProcess(std::int32_t pid) override {
-    return std::make_unique<Held>(*this, pid);
+  Instant wallClockTime() const override { return wallClock(); }
+  Instant processClockTime() const override { return processClock; }
+  std::vector<SocketHolder> fetchSocketHolders(std::uint32_t /*owner*/) override { return holders; }
+  std::unique_ptr<ProcessHandle> openProcess(std::int32_t pid) override {
+    return std::make_unique<Handle>(*this, pid);
   }
-  std::unique_ptr<SocketTable> openSocketTable() override {
-    return std::make_unique<Sockets>(*this);
-  }
+  void releaseKeptDescriptors() override {}
 
  private:
-  struct Held final : HeldProcess {
-    Held(ScriptedKernel& asked, std::int32_t number) : kernel(asked), pid(number) {}
+  struct Handle final : ProcessHandle {
+    Handle(ScriptedKernel& asked, std::int32_t number) : kernel(asked), pid(number) {}
     std::optional<ProcessStartTime> startTime() override {
       auto found = kernel.startTimes.find(pid);
       if (found == kernel.startTimes.end()) return std::nullopt;
@@ -61,31 +54,6 @@ class ScriptedKernel final : public Kernel {
     }
     ScriptedKernel& kernel;
     const std::int32_t pid;
-  };
-
-  struct Sockets final : SocketTable {
-    explicit Sockets(ScriptedKernel& asked) : kernel(asked) {}
-    std::vector<std::int32_t> listOwnPIDs() override {
-      std::vector<std::int32_t> pids;
-      for (const SocketHolder& holder : kernel.holders) pids.push_back(holder.pid);
-      return pids;
-    }
-    std::vector<std::int32_t> socketDescriptors(std::int32_t pid) override {
-      std::vector<std::int32_t> numbers;
-      for (const Descriptor& each : holder(pid).descriptors) numbers.push_back(each.number);
-      return numbers;
-    }
-    std::string readProcessName(std::int32_t pid) override {
-      kernel.namesRead.push_back(pid);
-      return holder(pid).name;
-    }
-    std::optional<SocketInfo> socketInfo(std::int32_t pid, std::int32_t number) override {
-      return std::ranges::find(holder(pid).descriptors, number, &Descriptor::number)->socket;
-    }
-    const SocketHolder& holder(std::int32_t pid) const {
-      return *std::ranges::find(kernel.holders, pid, &SocketHolder::pid);
-    }
-    ScriptedKernel& kernel;
   };
 };
 

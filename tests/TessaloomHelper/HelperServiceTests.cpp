@@ -127,7 +127,8 @@ class ProcessMethodsTest : public HelperServiceTest {
   ProcessMethodsTest() {
     kernel.table = {ownRecord(42)};
     kernel.startTimes[42] = kernel.table[0].start;
-    context.clock = [this] { return Instant{Instant::duration{now++}}; };
+    kernel.wallClock = [this] { return Instant{Instant::duration{now++}}; };
+    kernel.processClock = Instant{Instant::duration{listedAt}};
   }
 
   Bytes list() {
@@ -154,10 +155,10 @@ TEST_F(ProcessMethodsTest, ListsAsOfOneMomentAndRecordsAsOfTheNext) {
       R"(,"parentPID":1,"startedAt":"2023-11-14T22:13:20Z","elapsedSeconds":99,)"
       R"("residentBytes":4096,"command":"program"})";
   EXPECT_EQ(list(), R"([{"pid":42)" + row + R"(,{"pid":43)" + row + "]");
-  EXPECT_EQ(now, listedAt + 2) << "the clock is read once for the rows and once to record them";
-  now = listedAt + 61;
+  EXPECT_EQ(now, listedAt + 1) << "the wall clock is read once, to record the rows";
+  now = listedAt + 60;
   EXPECT_TRUE(kill(service));
-  now = listedAt + 61.5;
+  now = listedAt + 60.5;
   EXPECT_FALSE(kill(service));
 }
 
@@ -190,7 +191,7 @@ TEST_F(ProcessMethodsTest, KeepsTheLastListingWhenTheNextCannotBeSent) {
 }
 
 TEST_F(ProcessMethodsTest, ListsPorts) {
-  kernel.holders = {{42, "server", {{3, tcpListener(0x901f)}}}};
+  kernel.holders = {{42, "server", {tcpListener(0x901f)}}};
   service.call(methodNamed("ListListeningPorts"), {}, reply());
   EXPECT_EQ(body(), R"([{"port":8080,"transport":"tcp","pid":42,"processName":"server",)"
                     R"("address":"127.0.0.1"}])");

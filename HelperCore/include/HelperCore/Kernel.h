@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "HelperProtocol/ProcessMessages.h"
+
 namespace tessaloom {
 
 /// When a process started, by the wall clock. Equal at every reading for as long as the process
@@ -26,7 +28,7 @@ struct ProcessRecord {
   std::uint32_t owner = 0;  ///< The effective user id.
   ProcessStartTime start;
   std::string terminal;             ///< Device name without a directory; empty for none.
-  std::uint64_t residentBytes = 0;  ///< 0 when it cannot be read, or the process is gone by now.
+  std::uint64_t residentBytes = 0;  ///< 0 when it cannot be read, or the process has exited.
   std::string name;  ///< The short command name: any bytes; what follows a NUL does not count.
 };
 
@@ -51,15 +53,24 @@ struct SocketInfo {
   friend bool operator==(const SocketInfo&, const SocketInfo&) = default;
 };
 
-/// One process, held so that a check and the signal that follows it concern the same one.
+/// A process that has sockets open.
+struct SocketHolder {
+  std::int32_t pid = 0;
+  std::string name;  ///< As ProcessRecord::name; empty when unknown.
+  /// In the order of its descriptors, once for each of them. Those that are known to give no row
+  /// (Unix-domain sockets, connections) may be left out.
+  std::vector<SocketInfo> sockets;
+};
+
+/// One process, opened so that a check and the signal that follows it concern the same one.
 ///
 /// Where the kernel can pin a process (a pidfd), it stays pinned for the life of this object; where
 /// it cannot, `signal` goes to the number. Used by one thread.
-class HeldProcess {
+class ProcessHandle {
  public:
-  virtual ~HeldProcess() = default;
+  virtual ~ProcessHandle() = default;
 
-  /// The start time that the process list shows for this process. Nothing when there is no such
+  /// The start time that the process list shows for this process. nullopt when there is no such
   /// process any more or it cannot be read.
   virtual std::optional<ProcessStartTime> startTime() = 0;
 
@@ -67,34 +78,15 @@ class HeldProcess {
   virtual int signal(std::int32_t number) = 0;
 };
 
-/// The sockets of the user's processes, for the length of one listing. Used by one thread.
-///
-/// Nothing here fails loudly: what cannot be read, or is gone by now, is empty or absent.
-class SocketTable {
- public:
-  virtual ~SocketTable() = default;
-
-  /// The processes of the user, all at least 1, in the kernel's order.
-  virtual std::vector<std::int32_t> listOwnPIDs() = 0;
-
-  /// The descriptors of a process that are sockets, in the kernel's order. Those that are known to
-  /// give no row (Unix-domain sockets, connections) may be left out.
-  virtual std::vector<std::int32_t> socketDescriptors(std::int32_t pid) = 0;
-
-  /// The name of a process as the kernel has it, bytes as in ProcessRecord::name; empty when
-  /// unknown. Asked once for a process that has socket descriptors.
-  virtual std::string readProcessName(std::int32_t pid) = 0;
-
-  /// The socket behind a descriptor that `socketDescriptors` returned for this process, which was
-  /// the last one asked about. Nothing when it was closed meanwhile.
-  virtual std::optional<SocketInfo> socketInfo(std::int32_t pid, std::int32_t descriptor) = 0;
-};
-
 /// What the process logic asks of the operating system. Filtering, ordering, classification and
 /// the rule of the kill are above it and the same everywhere.
 ///
-/// Safe from any thread; no call waits for another. One for the whole process: what an
-/// implementation keeps between calls must not be seen in a result.
+/// Safe from any thread. One for the whole process. A query that fails is empty, and what cannot be
+/// read, or has gone by now, is missing from it; only memory that runs out is an exception.
+///
+/// What an implementation keeps between calls is not seen in a result, with one exception: sockets
+/// of a process that shares its table of descriptors with another process, without being a thread
+/// of it or its child, may be up to two minutes old.
 class Kernel {
  public:
   virtual ~Kernel() = default;
@@ -102,15 +94,28 @@ class Kernel {
   /// The real user id of this process.
   virtual std::uint32_t userID() const = 0;
 
-  /// The process table, in the kernel's order; empty when it cannot be read. Processes of owners
-  /// other than `owner` may be left out.
+  /// The wall clock, which may be set back or forward at any moment.
+  virtual Instant wallClockTime() const = 0;
+
+  /// The moment from which ages of processes are reckoned: on one line with their start times, also
+  /// after the wall clock was set.
+  virtual Instant processClockTime() const = 0;
+
+  /// The process table, in the kernel's order. Processes of owners other than `owner` may be left
+  /// out.
   virtual std::vector<ProcessRecord> fetchAllProcessRecords(std::uint32_t owner) = 0;
 
-  /// Never null. A pid that names no process gives one without a start time.
-  virtual std::unique_ptr<HeldProcess> holdProcess(std::int32_t pid) = 0;
+  /// The processes of `owner` that have sockets open, in the kernel's order. Others may be listed
+  /// with no sockets.
+  virtual std::vector<SocketHolder> fetchSocketHolders(std::uint32_t owner) = 0;
 
-  /// Never null.
-  virtual std::unique_ptr<SocketTable> openSocketTable() = 0;
+  /// Never null. A pid that names no process gives one without a start time.
+  virtual std::unique_ptr<ProcessHandle> openProcess(std::int32_t pid) = 0;
+
+  /// Closes all descriptors that are kept between calls; waits for a listing that uses them, some
+  /// hundredths of a second. For whoever was refused a descriptor (EMFILE, ENFILE), before the next
+  /// try. The next listing keeps descriptors again.
+  virtual void releaseKeptDescriptors() = 0;
 };
 
 /// The kernel that this program runs on; implemented once for each platform.

@@ -3,30 +3,28 @@
 #include <sys/resource.h>
 
 #include <algorithm>
-#include <cerrno>
 
-namespace tessaloom::linux_kernel {
+namespace tessaloom {
 
 namespace {
 
 std::size_t currentLimit() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 0;
-  return std::min<std::size_t>(limit.rlim_cur / DescriptorBudget::share, DescriptorBudget::most);
+  const auto allowed = std::min<std::size_t>(limit.rlim_cur, 4 * DescriptorBudget::most);
+  const std::size_t reserved =
+      std::max(allowed / DescriptorBudget::reservedShare, DescriptorBudget::reserve);
+  return std::min(allowed - std::min(allowed, reserved), DescriptorBudget::most);
 }
 
 }  // namespace
 
 DescriptorBudget::DescriptorBudget(std::size_t kept) : kept_(kept), limit_(currentLimit()) {}
 
-bool DescriptorBudget::take(std::size_t count) {
-  if (kept_.fetch_add(count) + count <= limit_) return true;
-  kept_ -= count;
+bool DescriptorBudget::takeOne() {
+  if (kept_.fetch_add(1) < limit_) return true;
+  --kept_;
   return false;
 }
 
-bool outOfDescriptors() {
-  return errno == EMFILE || errno == ENFILE;
-}
-
-}  // namespace tessaloom::linux_kernel
+}  // namespace tessaloom

@@ -3,29 +3,28 @@
 #include <atomic>
 #include <cstddef>
 
-namespace tessaloom::linux_kernel {
+namespace tessaloom {
 
-/// Counts the descriptors that one kind of listing keeps open for the next, so that the rest of the
-/// helper always finds some. Safe from any thread.
+/// Counts the descriptors that listings keep open for the next one, so that the rest of the helper
+/// always finds some. Safe from any thread.
 class DescriptorBudget {
  public:
-  /// A listing may keep this share of what the process may have open (RLIMIT_NOFILE), and never
-  /// more than `most`.
-  static constexpr std::size_t share = 4;
-  static constexpr std::size_t most = 8192;
+  /// What the process may have open (RLIMIT_NOFILE) less this share, and at least `reserve`, may be
+  /// kept.
+  static constexpr std::size_t reservedShare = 4;
+  static constexpr std::size_t reserve = 256;
+  /// More are never kept: each takes the kernel some 5 KiB.
+  static constexpr std::size_t most = 16'384;
 
   /// `kept` are open already.
   explicit DescriptorBudget(std::size_t kept);
 
-  /// Whether `count` more may be kept; then they count.
-  bool take(std::size_t count);
+  /// Whether one more may be kept; then it counts.
+  bool takeOne();
 
  private:
   std::atomic<std::size_t> kept_;
   const std::size_t limit_;
 };
 
-/// Whether errno says that no more descriptors can be opened.
-bool outOfDescriptors();
-
-}  // namespace tessaloom::linux_kernel
+}  // namespace tessaloom

@@ -7,36 +7,38 @@
 
 #include "HelperCore/Kernel.h"
 #include "TLFoundation/FileDescriptor.h"
-#include "linux/ProcessTable.h"
-#include "linux/SocketHolders.h"
+#include "linux/Exclusive.h"
+#include "linux/IdleProbe.h"
+#include "linux/KnownProcess.h"
 #include "linux/StartClock.h"
 
-namespace tessaloom::linux_kernel {
+namespace tessaloom {
 
 /// Linux, through /proc, pidfds and sock_diag.
+///
+/// What listings know of processes is kept between them, with the descriptors that this takes, once
+/// for both kinds. A listing that finds it in use by another one does without it.
 class LinuxKernel final : public Kernel {
  public:
-  /// `settled`: the age at which a witness of a process's rest counts.
-  explicit LinuxKernel(std::chrono::nanoseconds settled = RestWitness::longestTick);
+  /// `idleAge`: the age from which on a process's IdleProbe counts.
+  explicit LinuxKernel(std::chrono::nanoseconds idleAge = IdleProbe::longestTick());
 
   std::uint32_t userID() const override;
+  Instant wallClockTime() const override;
+  Instant processClockTime() const override;
   std::vector<ProcessRecord> fetchAllProcessRecords(std::uint32_t owner) override;
-  std::unique_ptr<HeldProcess> holdProcess(std::int32_t pid) override;
-  std::unique_ptr<SocketTable> openSocketTable() override;
+  std::vector<SocketHolder> fetchSocketHolders(std::uint32_t owner) override;
+  std::unique_ptr<ProcessHandle> openProcess(std::int32_t pid) override;
+  void releaseKeptDescriptors() override;
 
  private:
-  struct SocketListing {
-    std::unique_ptr<SocketTable> table;
-    bool ranOutOfDescriptors;
-  };
-
-  SocketListing readSockets(bool remember);
-  void closeKeptFiles();
+  template <class List>
+  auto list(std::uint32_t owner, const List& list);
 
   const FileDescriptor procDirectory_;
   const StartClock clock_;
-  ProcessTable processes_;
-  SocketHolders holders_;
+  const std::chrono::nanoseconds idleAge_;
+  Exclusive<std::vector<KnownProcess>> known_;  ///< By pid.
 };
 
-}  // namespace tessaloom::linux_kernel
+}  // namespace tessaloom

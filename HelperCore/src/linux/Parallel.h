@@ -1,45 +1,81 @@
 #pragma once
 
+#include <sched.h>
+
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
+#include <exception>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <vector>
 
-namespace tessaloom::linux_kernel {
+namespace tessaloom {
 
-/// Calls `work(begin, end)` for consecutive parts of 0 to `count`, on this thread and, for long
-/// lists, on a few more for the length of the call. Reading /proc is the kernel's work and scales
-/// with the processors. Parts are small and taken as each thread gets to it, so that a thread that
-/// gets no processor holds nobody up. `work` must not throw.
+/// The processors that this thread may use; at least 1.
+inline std::size_t usableProcessors() {
+  cpu_set_t set;
+  const bool known = sched_getaffinity(0, sizeof set, &set) == 0;
+  return known ? static_cast<std::size_t>(std::max(CPU_COUNT(&set), 1)) : 1;
+}
+
+/// Calls `work(index)` for 0 to `count`, on this thread and, once that has taken a while, on a few
+/// more for the rest of the call. Reading /proc is the kernel's work and scales with the
+/// processors. The list is taken in small parts as each thread gets to it, so that a thread that
+/// gets no processor delays nobody.
+///
+/// What `work` throws ends the whole, and is thrown here. Threads that cannot be made are done
+/// without.
 template <class Work>
 void forEachPart(std::size_t count, const Work& work) {
   constexpr std::size_t partSize = 32;
-  constexpr std::size_t worthAThread = 100;
   constexpr std::size_t mostThreads = 4;
+  constexpr std::chrono::milliseconds worthThreads{1};
+  const auto started = std::chrono::steady_clock::now();
+
   std::atomic<std::size_t> next = 0;
-  const auto takeParts = [&] {
-    for (;;) {
-      const std::size_t begin = next.fetch_add(partSize);
-      if (begin >= count) return;
-      work(begin, std::min(begin + partSize, count));
+  std::atomic<bool> hasFailed = false;
+  std::exception_ptr failure;
+  const auto takePart = [&]() noexcept {
+    const std::size_t begin = next.fetch_add(partSize);
+    if (begin >= count) return false;
+    try {
+      for (std::size_t i = begin; i < std::min(begin + partSize, count); ++i) work(i);
+    } catch (...) {
+      if (!hasFailed.exchange(true)) failure = std::current_exception();
+      next = count;
     }
+    return true;
   };
 
-  const std::size_t processors = std::max(1U, std::thread::hardware_concurrency());
-  const std::size_t threads =
-      std::clamp<std::size_t>(count / worthAThread, 1, std::min(processors, mostThreads));
-  std::vector<std::thread> helpers;
-  helpers.reserve(threads);
-  try {
-    while (helpers.size() + 1 < threads) helpers.emplace_back(takeParts);
-  } catch (const std::system_error&) {
-    // No more threads to be had: those that are there do it all.
-    takeParts();
+  struct Helpers {
+    ~Helpers() {
+      for (std::thread& each : threads) each.join();
+    }
+    std::vector<std::thread> threads;
+  };
+  {
+    Helpers helpers;
+    bool isAlone = true;
+    while (takePart()) {
+      if (!isAlone || std::chrono::steady_clock::now() - started < worthThreads) continue;
+      isAlone = false;
+      const std::size_t parts = (count - std::min(next.load(), count)) / partSize;
+      const std::size_t threads = std::min({usableProcessors(), mostThreads, parts});
+      try {
+        while (helpers.threads.size() + 1 < threads) {
+          helpers.threads.emplace_back([&takePart] {
+            while (takePart()) continue;
+          });
+        }
+      } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): as promised above
+      } catch (const std::bad_alloc&) {     // NOLINT(bugprone-empty-catch)
+      }
+    }
   }
-  takeParts();
-  for (std::thread& helper : helpers) helper.join();
+  if (failure) std::rethrow_exception(failure);
 }
 
-}  // namespace tessaloom::linux_kernel
+}  // namespace tessaloom

@@ -7,13 +7,14 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <cstddef>
 #include <cstring>
 
-#include "linux/ProcText.h"
+#include "linux/ProcParser.h"
 
-namespace tessaloom::linux_kernel {
+namespace tessaloom {
 
 namespace {
 
@@ -35,8 +36,8 @@ void appendNumbers(std::span<const char> entries, std::vector<std::int32_t>& num
 
 }  // namespace
 
-ProcPath::ProcPath(std::int32_t pid, std::string_view file) {
-  char* end = std::to_chars(text_, text_ + 11, pid).ptr;
+ProcPath::ProcPath(std::int32_t number, std::string_view file) {
+  char* end = std::to_chars(text_, text_ + 11, number).ptr;
   if (!file.empty()) {
     *end++ = '/';
     end = std::ranges::copy(file.substr(0, 18), end).out;
@@ -44,43 +45,62 @@ ProcPath::ProcPath(std::int32_t pid, std::string_view file) {
   *end = '\0';
 }
 
-FileDescriptor openAt(int directory, const char* path, int flags) {
-  return FileDescriptor{openat(directory, path, O_RDONLY | O_CLOEXEC | flags)};
+FileDescriptor ProcFiles::open(const char* path, int flags) const {
+  FileDescriptor file{openat(directory_, path, O_RDONLY | O_CLOEXEC | flags)};
+  if (!file && outOfDescriptors()) ranOut_ = true;
+  return file;
 }
 
-std::string_view readStart(int file, std::span<char> buffer) {
-  const ssize_t length = pread(file, buffer.data(), buffer.size(), 0);
+std::string_view ProcFiles::read(const ProcPath& path, std::span<char> buffer) const {
+  const FileDescriptor file = open(path);
+  return file ? readStart(file, buffer) : std::string_view{};
+}
+
+std::optional<std::vector<std::int32_t>> ProcFiles::listNumbers(const char* path) const {
+  const FileDescriptor directory = open(path, O_DIRECTORY);
+  if (!directory) return std::nullopt;
+  return tessaloom::listNumbers(directory);
+}
+
+std::optional<std::uint32_t> ProcFiles::owner(std::int32_t pid) const {
+  struct stat status{};
+  if (fstatat(directory_, ProcPath{pid}.text(), &status, 0) != 0) return std::nullopt;
+  return status.st_uid;
+}
+
+bool ProcFiles::isOwnedBy(std::uint32_t owner, std::int32_t pid, const FileDescriptor& file) const {
+  struct stat status{};
+  const bool known = fstat(file.get(), &status) == 0 && status.st_uid != 0;
+  return known ? status.st_uid == owner : this->owner(pid) == owner;
+}
+
+std::uint32_t ProcFiles::networkNamespace(std::int32_t number) const {
+  std::array<char, 64> target;
+  const ssize_t length =
+      readlinkat(directory_, ProcPath{number, "ns/net"}.text(), target.data(), target.size());
+  if (length <= 0) return 0;
+  return parseInodeLink("net", {target.data(), static_cast<std::size_t>(length)}).value_or(0);
+}
+
+bool outOfDescriptors() {
+  return errno == EMFILE || errno == ENFILE;
+}
+
+std::string_view readStart(const FileDescriptor& file, std::span<char> buffer) {
+  const ssize_t length = pread(file.get(), buffer.data(), buffer.size(), 0);
   if (length <= 0) return {};
   return {buffer.data(), static_cast<std::size_t>(length)};
 }
 
-std::string_view readStartAt(int directory, const char* path, std::span<char> buffer) {
-  const FileDescriptor file = openAt(directory, path);
-  return file ? readStart(file.get(), buffer) : std::string_view{};
-}
-
-std::optional<std::uint32_t> processOwner(int procDirectory, std::int32_t pid) {
-  struct stat status{};
-  if (fstatat(procDirectory, ProcPath{pid, ""}.text(), &status, 0) != 0) return std::nullopt;
-  return status.st_uid;
-}
-
-bool isOwnedBy(std::uint32_t owner, int procDirectory, std::int32_t pid,
-               const FileDescriptor& file) {
-  struct stat status{};
-  const bool known = fstat(file.get(), &status) == 0 && status.st_uid != 0;
-  return known ? status.st_uid == owner : processOwner(procDirectory, pid) == owner;
-}
-
-std::optional<std::vector<std::int32_t>> listNumbers(int directory) {
+std::optional<std::vector<std::int32_t>> listNumbers(const FileDescriptor& directory) {
   std::array<char, directoryBufferSize> buffer;
   std::vector<std::int32_t> numbers;
   for (;;) {
-    const ssize_t length = getdents64(directory, buffer.data(), buffer.size());
+    const ssize_t length = getdents64(directory.get(), buffer.data(), buffer.size());
     if (length < 0) return std::nullopt;
     if (length == 0) return numbers;
     appendNumbers({buffer.data(), static_cast<std::size_t>(length)}, numbers);
   }
 }
 
-}  // namespace tessaloom::linux_kernel
+}  // namespace tessaloom

@@ -6,7 +6,7 @@
 #include <ctime>
 #include <thread>
 
-namespace tessaloom::linux_kernel {
+namespace tessaloom {
 
 namespace {
 
@@ -42,6 +42,11 @@ ProcessStartTime StartClock::startTime(std::uint64_t ticks) const {
   return {.startSec = tick / ticksPerSecond_, .startUSec = static_cast<std::int32_t>(microseconds)};
 }
 
+Instant StartClock::now() const {
+  const nanoseconds boot = bootTick_ * (second / ticksPerSecond_);
+  return Instant{std::chrono::duration_cast<Instant::duration>(boot + sinceBoot())};
+}
+
 std::uint64_t StartClock::currentTick() const {
   return static_cast<std::uint64_t>(sinceBoot() / (second / ticksPerSecond_));
 }
@@ -54,4 +59,4 @@ void StartClock::sleepPast(std::uint64_t tick) const {
   }
 }
 
-}  // namespace tessaloom::linux_kernel
+}  // namespace tessaloom

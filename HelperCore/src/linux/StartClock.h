@@ -5,7 +5,7 @@
 
 #include "HelperCore/Kernel.h"
 
-namespace tessaloom::linux_kernel {
+namespace tessaloom {
 
 /// Turns the kernel's start times, which are clock ticks after the boot, into points of the wall
 /// clock.
@@ -22,6 +22,10 @@ class StartClock {
 
   ProcessStartTime startTime(std::uint64_t ticks) const;
 
+  /// This moment, reckoned as the start times are: the boot plus the clock that counts since then,
+  /// whatever happened to the wall clock.
+  Instant now() const;
+
   /// The tick that runs now. A process that starts from now on has this tick or a later one.
   std::uint64_t currentTick() const;
 
@@ -33,4 +37,4 @@ class StartClock {
   std::int64_t bootTick_;  ///< The boot, in ticks after the epoch.
 };
 
-}  // namespace tessaloom::linux_kernel
+}  // namespace tessaloom

@@ -5,7 +5,7 @@
 #include <array>
 #include <string_view>
 
-namespace tessaloom::linux_kernel {
+namespace tessaloom {
 
 namespace {
 
@@ -47,4 +47,4 @@ std::string terminalName(std::uint32_t encoded) {
   return name ? *name : registeredName(device);
 }
 
-}  // namespace tessaloom::linux_kernel
+}  // namespace tessaloom

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-namespace tessaloom::linux_kernel {
+namespace tessaloom {
 
 /// The two halves of a device number as the kernel packs them into 32 bits (include/linux/kdev_t.h,
 /// new_encode_dev).
@@ -22,4 +22,4 @@ std::optional<std::string> wellKnownTerminalName(DeviceNumber device);
 /// none, or when the system knows no name.
 std::string terminalName(std::uint32_t encoded);
 
-}  // namespace tessaloom::linux_kernel
+}  // namespace tessaloom

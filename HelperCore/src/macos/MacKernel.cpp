@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <string>
 
 #include "HelperCore/Kernel.h"
@@ -39,7 +40,7 @@ std::string deviceName(dev_t device) {
 }
 
 /// A process by its number: macOS cannot pin one.
-class NumberedProcess final : public HeldProcess {
+class NumberedProcess final : public ProcessHandle {
  public:
   explicit NumberedProcess(std::int32_t pid) : pid_(pid) {}
 
@@ -59,49 +60,49 @@ class NumberedProcess final : public HeldProcess {
   std::int32_t pid_;
 };
 
-class LibprocSocketTable final : public SocketTable {
- public:
-  explicit LibprocSocketTable(std::uint32_t user) : user_(user) {}
+std::vector<std::int32_t> listOwnPIDs(std::uint32_t user) {
+  auto pids = readList<std::int32_t>([user](std::int32_t* buffer, int bytes) {
+    return ::proc_listpids(PROC_UID_ONLY, user, buffer, bytes);
+  });
+  std::erase_if(pids, [](std::int32_t pid) { return pid < 1; });
+  return pids;
+}
 
-  std::vector<std::int32_t> listOwnPIDs() override {
-    auto pids = readList<std::int32_t>([this](std::int32_t* buffer, int bytes) {
-      return ::proc_listpids(PROC_UID_ONLY, user_, buffer, bytes);
-    });
-    std::erase_if(pids, [](std::int32_t pid) { return pid < 1; });
-    return pids;
+std::vector<std::int32_t> socketDescriptors(std::int32_t pid) {
+  auto descriptors = readList<proc_fdinfo>([pid](proc_fdinfo* buffer, int bytes) {
+    return ::proc_pidinfo(pid, PROC_PIDLISTFDS, 0, buffer, bytes);
+  });
+  std::vector<std::int32_t> sockets;
+  for (const proc_fdinfo& descriptor : descriptors) {
+    if (descriptor.proc_fdtype == PROX_FDTYPE_SOCKET) sockets.push_back(descriptor.proc_fd);
   }
+  return sockets;
+}
 
-  std::vector<std::int32_t> socketDescriptors(std::int32_t pid) override {
-    auto descriptors = readList<proc_fdinfo>([pid](proc_fdinfo* buffer, int bytes) {
-      return ::proc_pidinfo(pid, PROC_PIDLISTFDS, 0, buffer, bytes);
-    });
-    std::vector<std::int32_t> sockets;
-    for (const proc_fdinfo& descriptor : descriptors) {
-      if (descriptor.proc_fdtype == PROX_FDTYPE_SOCKET) sockets.push_back(descriptor.proc_fd);
-    }
-    return sockets;
-  }
+std::string readProcessName(std::int32_t pid) {
+  std::array<char, 256> name{};
+  if (::proc_name(pid, name.data(), name.size()) < 1) return {};
+  return {name.begin(), std::ranges::find(name, '\0')};
+}
 
-  std::string readProcessName(std::int32_t pid) override {
-    std::array<char, 256> name{};
-    if (::proc_name(pid, name.data(), name.size()) < 1) return {};
-    return {name.begin(), std::ranges::find(name, '\0')};
-  }
-
-  std::optional<SocketInfo> socketInfo(std::int32_t pid, std::int32_t descriptor) override {
-    socket_fdinfo record{};
-    int filled = ::proc_pidfdinfo(pid, descriptor, PROC_PIDFDSOCKETINFO, &record, sizeof record);
-    if (filled != sizeof record) return std::nullopt;
-    return decodeSocket(record);
-  }
-
- private:
-  std::uint32_t user_;
-};
+/// nullopt when the descriptor was closed meanwhile.
+std::optional<SocketInfo> readSocket(std::int32_t pid, std::int32_t descriptor) {
+  socket_fdinfo record{};
+  int filled = ::proc_pidfdinfo(pid, descriptor, PROC_PIDFDSOCKETINFO, &record, sizeof record);
+  if (filled != sizeof record) return std::nullopt;
+  return decodeSocket(record);
+}
 
 class MacKernel final : public Kernel {
  public:
   std::uint32_t userID() const override { return ::getuid(); }
+
+  Instant wallClockTime() const override {
+    return std::chrono::time_point_cast<Instant::duration>(std::chrono::system_clock::now());
+  }
+
+  // Start times are points of the wall clock here, as it was then.
+  Instant processClockTime() const override { return wallClockTime(); }
 
   std::vector<ProcessRecord> fetchAllProcessRecords(std::uint32_t owner) override {
     auto table = readTable<kinfo_proc>([](kinfo_proc* records, std::size_t& bytes) {
@@ -118,13 +119,27 @@ class MacKernel final : public Kernel {
     return processes;
   }
 
-  std::unique_ptr<HeldProcess> holdProcess(std::int32_t pid) override {
+  std::vector<SocketHolder> fetchSocketHolders(std::uint32_t owner) override {
+    std::vector<SocketHolder> holders;
+    for (const std::int32_t pid : listOwnPIDs(owner)) {
+      const auto descriptors = socketDescriptors(pid);
+      if (descriptors.empty()) continue;
+      SocketHolder& holder = holders.emplace_back();
+      holder.pid = pid;
+      holder.name = readProcessName(pid);
+      for (const std::int32_t descriptor : descriptors) {
+        if (auto socket = readSocket(pid, descriptor)) holder.sockets.push_back(*socket);
+      }
+    }
+    return holders;
+  }
+
+  std::unique_ptr<ProcessHandle> openProcess(std::int32_t pid) override {
     return std::make_unique<NumberedProcess>(pid);
   }
 
-  std::unique_ptr<SocketTable> openSocketTable() override {
-    return std::make_unique<LibprocSocketTable>(userID());
-  }
+  // Nothing is kept.
+  void releaseKeptDescriptors() override {}
 };
 
 }  // namespace

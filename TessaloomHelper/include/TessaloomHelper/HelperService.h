@@ -6,7 +6,6 @@
 
 #include "HelperCore/Kernel.h"
 #include "HelperCore/ProvenanceCache.h"
-#include "HelperCore/WallClock.h"
 #include "HelperProtocol/Methods.h"
 #include "HelperProtocol/Reply.h"
 #include "TessaloomHelper/ExitWhenIdle.h"
@@ -24,7 +23,6 @@ struct ServiceContext {
   std::string shortVersion;  ///< The version the build was given; cleaned and cut to 32 scalars
                              ///< when answered.
   std::size_t maximumReplyBytes;  ///< A larger reply becomes an encoding error.
-  WallClock clock = currentTime;
 };
 
 /// The object that one connection talks to: bytes in, one reply. Owned by its connection.

@@ -19,7 +19,7 @@
 #include "TLFoundation/FileDescriptor.h"
 #include "linux/LinuxKernel.h"
 
-namespace tessaloom::linux_kernel {
+namespace tessaloom {
 namespace {
 
 /// What the process that forces pids to come round found out.
@@ -64,8 +64,8 @@ void tryOnce(LinuxKernel& kernel, ProvenanceCache& cache, Findings& findings) {
   for (const RawProcess& row : listRawProcesses(kernel)) {
     identities.push_back({row.pid, row.startSec, row.startUSec});
   }
-  cache.record(identities, currentTime());
-  auto held = kernel.holdProcess(listed);
+  cache.record(identities, kernel.wallClockTime());
+  auto held = kernel.openProcess(listed);
   auto heldStart = held->startTime();
 
   end(listed);
@@ -73,9 +73,9 @@ void tryOnce(LinuxKernel& kernel, ProvenanceCache& cache, Findings& findings) {
   pid_t successor = forkSleeper();
   if (successor == listed) {
     ++findings.reused;
-    if (kernel.holdProcess(successor)->startTime() == heldStart) ++findings.sameIdentity;
+    if (kernel.openProcess(successor)->startTime() == heldStart) ++findings.sameIdentity;
     KillRequest request{.pid = ProcessID{listed}, .signal = Signal::terminate};
-    if (killProcess(request, kernel, cache, currentTime).succeeded) ++findings.notRefused;
+    if (killProcess(request, kernel, cache).succeeded) ++findings.notRefused;
     if (held->signal(SIGTERM) != ESRCH) ++findings.strayedFromHold;
     if (hasWaitingSignal(successor)) ++findings.wronglySignalled;
   }
@@ -134,4 +134,4 @@ TEST(LinuxPIDReuse, NeverLetsASignalReachTheSuccessor) {
 }
 
 }  // namespace
-}  // namespace tessaloom::linux_kernel
+}  // namespace tessaloom

@@ -12,13 +12,13 @@
 #include <gtest/gtest.h>
 
 #include "HelperCore/PortDecoding.h"
-#include "linux/SocketText.h"
+#include "linux/SocketParser.h"
 
-namespace tessaloom::linux_kernel {
+namespace tessaloom {
 namespace {
 
 /// "tcp 127.0.0.1 8080", or "other" for what gives no row.
-std::string describe(const SocketsByInode& sockets, std::uint64_t inode) {
+std::string describe(const SocketsByInode& sockets, std::uint32_t inode) {
   auto found = sockets.find(inode);
   if (found == sockets.end()) return "absent";
   SocketKind kind = PortDecoding::classify(found->second);
@@ -33,7 +33,7 @@ std::string line(const std::string& local, const std::string& state, const std::
          " 00000000:00000000 00:00000000 00000000  1000        0 " + inode + " 1 0 100 0 0 10 0\n";
 }
 
-TEST(SocketText, ReadsTheTablesOfAMachineThatIsLittleEndian) {
+TEST(SocketParser, ReadsTheTablesOfAMachineThatIsLittleEndian) {
   if (htons(1) == 1) GTEST_SKIP() << "the texts are those of a little-endian machine";
   const std::string tcp =
       "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout "
@@ -83,7 +83,7 @@ inet_diag_msg diagMessage(std::uint8_t family, std::uint8_t state, std::uint32_t
   return message;
 }
 
-TEST(SocketText, ReadsADump) {
+TEST(SocketParser, ReadsADump) {
   Datagram datagram;
   datagram.addSocket(diagMessage(AF_INET, TCP_LISTEN, 1))
       .addSocket(diagMessage(AF_INET6, TCP_LISTEN, 2))
@@ -104,7 +104,7 @@ TEST(SocketText, ReadsADump) {
   }
 }
 
-TEST(SocketText, TellsHowADumpEnds) {
+TEST(SocketParser, TellsHowADumpEnds) {
   SocketsByInode sockets;
   auto state = [&](const Datagram& datagram) {
     return addSocketsOfDump(datagram.bytes(), InternetTransport::udp, sockets);
@@ -117,4 +117,4 @@ TEST(SocketText, TellsHowADumpEnds) {
 }
 
 }  // namespace
-}  // namespace tessaloom::linux_kernel
+}  // namespace tessaloom

@@ -2,11 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include "linux/ProcText.h"
+#include "linux/ProcParser.h"
 #include "linux/StartClock.h"
 #include "linux/TerminalName.h"
 
-namespace tessaloom::linux_kernel {
+namespace tessaloom {
 namespace {
 
 using namespace std::string_literals;
@@ -17,7 +17,7 @@ std::string statLine(const std::string& name, const std::string& terminal = "0")
          " -1 4194304 100 200 0 0 5 6 0 0 20 0 1 0 123456 1000000 300 18446744073709551615\n";
 }
 
-TEST(ProcText, ReadsTheStatLineWhateverTheName) {
+TEST(ProcParser, ReadsTheStatLineWhateverTheName) {
   for (const std::string& name :
        {"two words"s, "a) S 1 1"s, "((("s, "new\nline"s, "\xff\xfe"s, ""s}) {
     SCOPED_TRACE(name);
@@ -31,7 +31,7 @@ TEST(ProcText, ReadsTheStatLineWhateverTheName) {
   EXPECT_EQ(parseProcessStat(statLine("sh", "-2147483648"))->terminal, 0x80000000U);
 }
 
-TEST(ProcText, RefusesWhatIsCutShort) {
+TEST(ProcParser, RefusesWhatIsCutShort) {
   const std::string line = statLine("sh");
   const std::size_t needed = line.find("123456") + 1;
   for (std::size_t length = 0; length < needed; ++length) {
@@ -40,17 +40,18 @@ TEST(ProcText, RefusesWhatIsCutShort) {
   EXPECT_FALSE(parseProcessStat(") S 1 (")) << "the name ends before it begins";
 }
 
-TEST(ProcText, ReadsTheSmallFilesAndTheNamesOfLinksAndEntries) {
+TEST(ProcParser, ReadsTheSmallFilesAndTheNamesOfLinksAndEntries) {
   EXPECT_EQ(parseResidentPages("2610 812 700 1 0 120 0\n"), 812U);
   EXPECT_EQ(parseResidentPages("2610"), std::nullopt);
-  EXPECT_EQ(parseRunCounters("1500 20 3\n"), (RunCounters{1500, 20, 3}));
+  EXPECT_EQ(parseRunCounters("1500 20 3\n"), (RunCounters{1500, 3}));
   EXPECT_EQ(parseRunCounters("0 0 0\n"), std::nullopt) << "a kernel that does not count";
   EXPECT_EQ(parseRunCounters("1500 20"), std::nullopt);
   EXPECT_EQ(parseDescriptorRoom("Name:\tFDSize:\nNgid:\t0\nFDSize:\t256\nGroups:\t\n"), 256);
   EXPECT_EQ(parseDescriptorRoom("Name:\tsh\n"), std::nullopt);
-  EXPECT_EQ(parseSocketLink("socket:[18446744073709551615]"), 18446744073709551615U);
-  for (const char* link : {"socket:[", "socket:[]", "socket:[1x]", "pipe:[1]"}) {
-    EXPECT_EQ(parseSocketLink(link), std::nullopt) << link;
+  EXPECT_EQ(parseInodeLink("socket", "socket:[4294967295]"), 4294967295U);
+  for (const char* link :
+       {"socket:[", "socket:]", "socket:[]", "socket:[1x]", "socket1]", "pipe:[1]"}) {
+    EXPECT_EQ(parseInodeLink("socket", link), std::nullopt) << link;
   }
   EXPECT_EQ(parseNumberName("4242"), 4242);
   for (const char* name : {"self", "", "-1", "42a", "99999999999"}) {
@@ -87,4 +88,4 @@ TEST(StartClock, AddsTicksToAWholeTickOfTheBootAndSleepsUntilOneIsOver) {
 }
 
 }  // namespace
-}  // namespace tessaloom::linux_kernel
+}  // namespace tessaloom

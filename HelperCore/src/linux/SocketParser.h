@@ -8,11 +8,12 @@
 
 #include "HelperCore/Kernel.h"
 
-/// Pure readers of the two forms in which the kernel lists its internet sockets.
-namespace tessaloom::linux_kernel {
+namespace tessaloom {
+
+// Pure parsers of the two forms in which the kernel lists its internet sockets.
 
 /// The listening TCP and the bound UDP sockets, by the inode that a descriptor's link shows.
-using SocketsByInode = std::unordered_map<std::uint64_t, SocketInfo>;
+using SocketsByInode = std::unordered_map<std::uint32_t, SocketInfo>;
 
 enum class InternetTransport : std::uint8_t { tcp, udp };
 
@@ -25,11 +26,11 @@ enum class DumpState : std::uint8_t {
   more,         ///< Read on.
   complete,     ///< The last datagram.
   interrupted,  ///< The last one, but the kernel's table changed while it was walked.
-  refused,      ///< There is no such dump here.
+  refused,      ///< There is no such dump here, or it failed on the way.
 };
 
 /// Adds the sockets of one datagram of a dump (sock_diag(7), inet_diag_msg).
 DumpState addSocketsOfDump(std::span<const std::byte> datagram, InternetTransport transport,
                            SocketsByInode& sockets);
 
-}  // namespace tessaloom::linux_kernel
+}  // namespace tessaloom

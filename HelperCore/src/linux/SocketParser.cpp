@@ -1,4 +1,4 @@
-#include "linux/SocketText.h"
+#include "linux/SocketParser.h"
 
 #include <arpa/inet.h>
 #include <linux/inet_diag.h>
@@ -12,9 +12,9 @@
 #include <optional>
 #include <string>
 
-#include "linux/ProcText.h"
+#include "linux/ProcParser.h"
 
-namespace tessaloom::linux_kernel {
+namespace tessaloom {
 
 namespace {
 
@@ -62,10 +62,19 @@ void addSocketOfLine(std::string_view line, InternetTransport transport, Sockets
   takeWord(line);
   auto state = parseNumber<std::uint16_t>(takeWord(line), 16);
   for (int column = 0; column < 5; ++column) takeWord(line);
-  auto inode = parseNumber<std::uint64_t>(takeWord(line));
+  auto inode = parseNumber<std::uint32_t>(takeWord(line));
   if (!state || !inode || *inode == 0) return;
   SocketInfo info = makeSocketInfo(transport, static_cast<std::uint8_t>(*state));
   if (!givesNoRow(info) && readLocalAddress(local, info)) sockets.try_emplace(*inode, info);
+}
+
+/// What follows the header of the last message of a dump: 0, or the negative errno value that ended
+/// it. A kernel without the handler of one protocol answers so, and with no socket.
+bool isFailure(std::span<const std::byte> body) {
+  std::int32_t error = 0;
+  if (body.size() < sizeof error) return false;
+  std::memcpy(&error, body.data(), sizeof error);
+  return error < 0;
 }
 
 void addSocketOfMessage(std::span<const std::byte> body, InternetTransport transport,
@@ -103,15 +112,16 @@ DumpState addSocketsOfDump(std::span<const std::byte> datagram, InternetTranspor
     if (header.nlmsg_len < sizeof header || header.nlmsg_len > datagram.size()) break;
     interrupted |= (header.nlmsg_flags & NLM_F_DUMP_INTR) != 0;
     if (header.nlmsg_type == NLMSG_ERROR) return DumpState::refused;
+    const auto body = datagram.subspan(sizeof header, header.nlmsg_len - sizeof header);
     if (header.nlmsg_type == NLMSG_DONE) {
+      if (isFailure(body)) return DumpState::refused;
       return interrupted ? DumpState::interrupted : DumpState::complete;
     }
-    addSocketOfMessage(datagram.subspan(sizeof header, header.nlmsg_len - sizeof header), transport,
-                       sockets);
+    addSocketOfMessage(body, transport, sockets);
     const std::size_t aligned = NLMSG_ALIGN(header.nlmsg_len);
     datagram = datagram.subspan(std::min(aligned, datagram.size()));
   }
   return DumpState::more;
 }
 
-}  // namespace tessaloom::linux_kernel
+}  // namespace tessaloom

@@ -10,24 +10,22 @@
 
 #include <gtest/gtest.h>
 
-#include "HelperCore/WallClock.h"
 #include "HelperCore/linux/LiveListings.h"
-#include "linux/LinuxHeldProcess.h"
 #include "linux/LinuxKernel.h"
-#include "linux/ProcFiles.h"
+#include "linux/LinuxProcessHandle.h"
 #include "support/ObedientChild.h"
 
-namespace tessaloom::linux_kernel {
+namespace tessaloom {
 namespace {
 
 using namespace std::string_literals;
 using Command = ObedientChild::Command;
 
-TEST(LinuxProcessTable, TellsWhatAProcessIsWhateverItsName) {
+TEST(LinuxProcesses, TellsWhatAProcessIsWhateverItsName) {
   LinuxKernel kernel;
-  const double before = currentTime().time_since_epoch().count();
+  const double before = kernel.processClockTime().time_since_epoch().count();
   ObedientChild child;
-  const double after = currentTime().time_since_epoch().count();
+  const double after = kernel.processClockTime().time_since_epoch().count();
   auto read = [&] { return processesOf(kernel, {child.pid()}).at(0); };
   const RawProcess first = read();
   EXPECT_EQ(first.parentPID, getpid());
@@ -35,11 +33,11 @@ TEST(LinuxProcessTable, TellsWhatAProcessIsWhateverItsName) {
   EXPECT_EQ(first.tty, std::nullopt);
   EXPECT_GT(first.residentBytes, 0U);
   // To the tick; and the boot is worked out to the tick below.
-  const Instant started = makeProcessSample(first, currentTime()).startedAt();
+  const Instant started = makeProcessSample(first, kernel.processClockTime()).startedAt();
   EXPECT_GE(started.time_since_epoch().count(), before - 0.03);
   EXPECT_LE(started.time_since_epoch().count(), after);
   const ProcessStartTime start{first.startSec, first.startUSec};
-  EXPECT_EQ(kernel.holdProcess(child.pid())->startTime(), start);
+  EXPECT_EQ(kernel.openProcess(child.pid())->startTime(), start);
 
   for (const std::string& name : {"two words"s, ") S 1 1 (1"s, "new\nline"s, "back\\slash"s}) {
     child.ask(Command::setName, name);
@@ -50,7 +48,7 @@ TEST(LinuxProcessTable, TellsWhatAProcessIsWhateverItsName) {
   EXPECT_EQ((ProcessStartTime{read().startSec, read().startUSec}), start);
 }
 
-TEST(LinuxProcessTable, ListsTheUsersProcessesByPidWhateverStateTheyAreIn) {
+TEST(LinuxProcesses, ListsTheUsersProcessesByPidWhateverStateTheyAreIn) {
   LinuxKernel kernel;
   ObedientChild parent;
   ObedientChild hidden;
@@ -78,7 +76,7 @@ TEST(LinuxProcessTable, ListsTheUsersProcessesByPidWhateverStateTheyAreIn) {
   EXPECT_TRUE(processesOf(kernel, {parent.pid()}).empty());
 }
 
-TEST(LinuxProcessTable, NoticesWhenAParentEndsWhileItsChildRests) {
+TEST(LinuxProcesses, NoticesWhenAParentEndsWhileItsChildRests) {
   LinuxKernel kernel{settled};
   ObedientChild parent;
   const pid_t heir = parent.ask(Command::forkHeir);
@@ -95,7 +93,7 @@ TEST(LinuxProcessTable, NoticesWhenAParentEndsWhileItsChildRests) {
   kill(heir, SIGKILL);
 }
 
-TEST(LinuxProcessTable, NamesTheTerminal) {
+TEST(LinuxProcesses, NamesTheTerminal) {
   FileDescriptor master{posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)};
   if (!master || grantpt(master.get()) != 0 || unlockpt(master.get()) != 0) {
     GTEST_SKIP() << "there are no pseudo-terminals here";
@@ -109,14 +107,14 @@ TEST(LinuxProcessTable, NamesTheTerminal) {
             std::string{path}.substr("/dev/"s.size()));
 }
 
-TEST(LinuxProcessTable, SignalsTheProcessThatItHoldsAndForgetsItWhenItEnded) {
-  using Hold = LinuxHeldProcess::Hold;
+TEST(LinuxProcesses, SignalsTheProcessThatItHoldsAndForgetsItWhenItEnded) {
+  using By = LinuxProcessHandle::By;
   LinuxKernel kernel;
-  const FileDescriptor procDirectory = openAt(AT_FDCWD, "/proc", O_DIRECTORY);
+  const FileDescriptor procDirectory{open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
   const StartClock clock;
-  for (Hold hold : {Hold::pidfdWherePossible, Hold::pidOnly}) {
+  for (By by : {By::pidfdWherePossible, By::pidOnly}) {
     ObedientChild child;
-    LinuxHeldProcess held{procDirectory, clock, child.pid(), hold};
+    LinuxProcessHandle held{procDirectory, clock, child.pid(), by};
     EXPECT_TRUE(held.startTime());
     EXPECT_EQ(processesOf(kernel, {child.pid()}).size(), 1U);
     EXPECT_EQ(held.signal(SIGTERM), 0);
@@ -125,14 +123,14 @@ TEST(LinuxProcessTable, SignalsTheProcessThatItHoldsAndForgetsItWhenItEnded) {
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
     EXPECT_EQ(held.startTime(), std::nullopt);
     EXPECT_EQ(held.signal(SIGTERM), ESRCH);
-    EXPECT_EQ(kernel.holdProcess(child.pid())->startTime(), std::nullopt);
+    EXPECT_EQ(kernel.openProcess(child.pid())->startTime(), std::nullopt);
     EXPECT_TRUE(processesOf(kernel, {child.pid()}).empty());
   }
 }
 
-TEST(LinuxProcessTable, HoldsNoThreads) {
+TEST(LinuxProcesses, HoldsNoThreads) {
   LinuxKernel kernel;
-  std::thread{[&] { EXPECT_EQ(kernel.holdProcess(gettid())->startTime(), std::nullopt); }}.join();
+  std::thread{[&] { EXPECT_EQ(kernel.openProcess(gettid())->startTime(), std::nullopt); }}.join();
 }
 
 /// A process with a listener, and what the first listings say of both.
@@ -163,7 +161,7 @@ class LinuxKernelTest : public testing::Test {
 };
 
 TEST_F(LinuxKernelTest, GivesWayWhenDescriptorsRunShort) {
-  const rlimit few{128, limit.rlim_max};
+  const rlimit few{512, limit.rlim_max};
   setrlimit(RLIMIT_NOFILE, &few);
   listFirst();
   // What the kernel keeps is a share; the rest was free, and is taken now.
@@ -186,4 +184,4 @@ TEST_F(LinuxKernelTest, ServesSeveralThreadsAtOnce) {
 }
 
 }  // namespace
-}  // namespace tessaloom::linux_kernel
+}  // namespace tessaloom

@@ -15,12 +15,9 @@
 
 #include "HelperCore/linux/LiveListings.h"
 #include "linux/LinuxKernel.h"
-#include "linux/ProcFiles.h"
-#include "linux/SocketDump.h"
-#include "linux/SocketHolders.h"
 #include "support/ObedientChild.h"
 
-namespace tessaloom::linux_kernel {
+namespace tessaloom {
 namespace {
 
 using Command = ObedientChild::Command;
@@ -30,7 +27,7 @@ PortSample row(const ObedientChild& child, const FileDescriptor& socket, const c
   return {portOf(socket), transport, child.pid(), "obedient-proces", address};
 }
 
-TEST(LinuxSocketTable, ListsTheSocketsThatWait) {
+TEST(LinuxSockets, ListsTheSocketsThatWait) {
   struct Row {
     SocketUse use;
     const char* address;
@@ -58,7 +55,7 @@ TEST(LinuxSocketTable, ListsTheSocketsThatWait) {
   EXPECT_EQ(portsOf(kernel, {child.pid()}), expected);
 }
 
-TEST(LinuxSocketTable, TellsEveryHolderOnce) {
+TEST(LinuxSockets, TellsEveryHolderOnce) {
   LinuxKernel kernel;
   ObedientChild child;
   ObedientChild other;
@@ -77,7 +74,7 @@ TEST(LinuxSocketTable, TellsEveryHolderOnce) {
   EXPECT_EQ(portsOf(kernel, {child.pid(), other.pid()}), expected);
 }
 
-TEST(LinuxSocketTable, ListsTheHelperItself) {
+TEST(LinuxSockets, ListsTheHelperItself) {
   LinuxKernel kernel;
   FileDescriptor first = makeSocket(SocketUse::tcpListening);
   FileDescriptor second = makeSocket(SocketUse::udpBound);
@@ -86,7 +83,7 @@ TEST(LinuxSocketTable, ListsTheHelperItself) {
   EXPECT_EQ(ports, (std::vector{portOf(first), portOf(second)}));
 }
 
-TEST(LinuxSocketTable, LeavesOutWhatMayNotBeLookedAt) {
+TEST(LinuxSockets, LeavesOutWhatMayNotBeLookedAt) {
   if (getuid() == 0) GTEST_SKIP() << "root may look at every process";
   LinuxKernel kernel;
   ObedientChild child;
@@ -96,29 +93,7 @@ TEST(LinuxSocketTable, LeavesOutWhatMayNotBeLookedAt) {
   EXPECT_TRUE(portsOf(kernel, {child.pid()}).empty());
 }
 
-TEST(LinuxSocketTable, ReadsTheSameFromEitherSource) {
-  const FileDescriptor procDirectory = openAt(AT_FDCWD, "/proc", O_DIRECTORY);
-  std::vector<FileDescriptor> own;
-  for (SocketUse use : {SocketUse::tcpListening, SocketUse::udpBound, SocketUse::udpConnected,
-                        SocketUse::tcpUnused, SocketUse::udpUnbound}) {
-    own.push_back(makeSocket(use));
-    own.push_back(makeSocket(use, "::1"));
-  }
-  const SocketsByInode dumped = dumpSockets(procDirectory).byInode;
-  DumpedSockets read;
-  ASSERT_TRUE(addSocketsOfProcess(procDirectory, getpid(), read));
-  for (const FileDescriptor& socket : own) {
-    struct stat status{};
-    if (!socket || fstat(socket.get(), &status) != 0) continue;
-    auto a = dumped.find(status.st_ino);
-    auto b = read.byInode.find(status.st_ino);
-    ASSERT_EQ(a == dumped.end(), b == read.byInode.end());
-    if (a == dumped.end()) continue;
-    EXPECT_EQ(a->second, b->second);
-  }
-}
-
-TEST(LinuxSocketTable, ReachesIntoOtherNetworkNamespaces) {
+TEST(LinuxSockets, ReachesIntoOtherNetworkNamespaces) {
   int ready[2];
   ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
   const FileDescriptor readEnd{ready[0]};
@@ -143,58 +118,6 @@ TEST(LinuxSocketTable, ReachesIntoOtherNetworkNamespaces) {
   ASSERT_EQ(rows.size(), 1U);
   EXPECT_EQ(rows[0].port(), port);
   EXPECT_EQ(rows[0].address(), "0.0.0.0");
-}
-
-class SocketHoldersTest : public testing::Test {
- protected:
-  /// The entry of the child in a listing; null when it is not there.
-  std::shared_ptr<const HeldSockets> find(SocketHolders& among) {
-    for (const auto& held : among.read(getuid(), true).holders) {
-      if (held->pid == child.pid()) return held;
-    }
-    return nullptr;
-  }
-  /// An entry that a later listing used again; null when that never happens. On a busy machine it
-  /// takes a while until a process that has answered is off its processor.
-  std::shared_ptr<const HeldSockets> findSettled() {
-    for (int attempt = 0; attempt < 10; ++attempt) {
-      auto known = find(holders);
-      std::this_thread::sleep_for(settled * 2);
-      if (find(holders) == known) return known;
-    }
-    return nullptr;
-  }
-
-  const FileDescriptor procDirectory = openAt(AT_FDCWD, "/proc", O_DIRECTORY);
-  SocketHolders holders{procDirectory, settled};
-  ObedientChild child;
-};
-
-TEST_F(SocketHoldersTest, LooksAgainOnlyAtProcessesThatRan) {
-  const std::int32_t number = child.give(makeSocket(SocketUse::tcpListening));
-  auto known = findSettled();
-  if (!known) GTEST_SKIP() << "this kernel does not count how often a process runs";
-  // The number of descriptors stays what it was.
-  const std::int32_t other = child.give(makeSocket(SocketUse::udpBound));
-  child.ask(Command::close, number);
-  auto changed = find(holders);
-  ASSERT_NE(changed, nullptr);
-  EXPECT_NE(changed, known);
-  ASSERT_FALSE(changed->descriptors.empty());
-  EXPECT_EQ(changed->descriptors.back().number, other);
-
-  holders.forget();
-  EXPECT_NE(find(holders), changed);
-}
-
-TEST_F(SocketHoldersTest, TrustsNothingThatIsTooFreshNorAProcessWithThreads) {
-  SocketHolders patient{procDirectory, std::chrono::hours{1}};
-  EXPECT_NE(find(patient), find(patient));
-  child.ask(Command::startThread);
-  find(holders);  // A process that is met again may be remembered.
-  auto known = find(holders);
-  std::this_thread::sleep_for(settled * 2);
-  EXPECT_NE(find(holders), known);
 }
 
 /// Processes that do at random what changes a listing.
@@ -286,4 +209,4 @@ TEST(LinuxListingsUnderChurn, EqualThoseOfAFreshStart) {
 }
 
 }  // namespace
-}  // namespace tessaloom::linux_kernel
+}  // namespace tessaloom

@@ -1,10 +1,10 @@
-#include "linux/ProcText.h"
+#include "linux/ProcParser.h"
 
 #include <charconv>
 #include <memory>
 #include <system_error>
 
-namespace tessaloom::linux_kernel {
+namespace tessaloom {
 
 template <class Number>
 std::optional<Number> parseNumber(std::string_view text, int base) {
@@ -22,11 +22,13 @@ template std::optional<std::uint32_t> parseNumber(std::string_view, int);
 template std::optional<std::uint64_t> parseNumber(std::string_view, int);
 
 std::string_view takeWord(std::string_view& text) {
-  const std::size_t begin = text.find_first_not_of(" \n");
-  if (begin == std::string_view::npos) return text = {};
-  const std::size_t end = text.find_first_of(" \n", begin);
+  const auto isSpace = [](char each) { return each == ' ' || each == '\n'; };
+  std::size_t begin = 0;
+  while (begin < text.size() && isSpace(text[begin])) ++begin;
+  std::size_t end = begin;
+  while (end < text.size() && !isSpace(text[end])) ++end;
   const std::string_view word = text.substr(begin, end - begin);
-  text = end == std::string_view::npos ? std::string_view{} : text.substr(end);
+  text.remove_prefix(end);
   return word;
 }
 
@@ -51,15 +53,21 @@ std::optional<ProcessStat> parseProcessStat(std::string_view text) {
   skipWords(rest, 2);
   // Shown as a signed number, though its bits are a device number.
   auto terminal = parseNumber<std::int32_t>(takeWord(rest));
-  skipWords(rest, 12);
+  skipWords(rest, 1);
+  auto flags = parseNumber<std::uint32_t>(takeWord(rest));
+  skipWords(rest, 10);
   auto threads = parseNumber<std::uint32_t>(takeWord(rest));
   skipWords(rest, 1);
   auto startTicks = parseNumber<std::uint64_t>(takeWord(rest));
-  if (state.empty() || !parentPID || !terminal || !threads || !startTicks) return std::nullopt;
+  if (state.empty() || !parentPID || !terminal || !flags || !threads || !startTicks) {
+    return std::nullopt;
+  }
+  constexpr std::uint32_t kernelThread = 0x00200000;  // PF_KTHREAD of include/linux/sched.h.
   return ProcessStat{.name = text.substr(open + 1, close - open - 1),
                      .state = state.front(),
                      .parentPID = *parentPID,
                      .terminal = static_cast<std::uint32_t>(*terminal),
+                     .isKernelThread = (*flags & kernelThread) != 0,
                      .threads = *threads,
                      .startTicks = *startTicks};
 }
@@ -71,10 +79,10 @@ std::optional<std::uint64_t> parseResidentPages(std::string_view text) {
 
 std::optional<RunCounters> parseRunCounters(std::string_view text) {
   auto running = parseNumber<std::uint64_t>(takeWord(text));
-  auto waiting = parseNumber<std::uint64_t>(takeWord(text));
+  skipWords(text, 1);
   auto slices = parseNumber<std::uint64_t>(takeWord(text));
-  if (!running || !waiting || !slices || *slices == 0) return std::nullopt;
-  return RunCounters{*running, *waiting, *slices};
+  if (!running || !slices || *slices == 0) return std::nullopt;
+  return RunCounters{*running, *slices};
 }
 
 std::optional<std::int32_t> parseDescriptorRoom(std::string_view text) {
@@ -86,10 +94,12 @@ std::optional<std::int32_t> parseDescriptorRoom(std::string_view text) {
   return parseNumber<std::int32_t>(takeWord(text));
 }
 
-std::optional<std::uint64_t> parseSocketLink(std::string_view link) {
-  constexpr std::string_view prefix = "socket:[";
-  if (!link.starts_with(prefix) || !link.ends_with(']')) return std::nullopt;
-  return parseNumber<std::uint64_t>(link.substr(prefix.size(), link.size() - prefix.size() - 1));
+std::optional<std::uint32_t> parseInodeLink(std::string_view kind, std::string_view link) {
+  if (!link.starts_with(kind) || !link.ends_with(']')) return std::nullopt;
+  link.remove_prefix(kind.size());
+  link.remove_suffix(1);
+  if (!link.starts_with(":[")) return std::nullopt;
+  return parseNumber<std::uint32_t>(link.substr(2));
 }
 
 std::optional<std::int32_t> parseNumberName(std::string_view name) {
@@ -97,4 +107,4 @@ std::optional<std::int32_t> parseNumberName(std::string_view name) {
   return parseNumber<std::int32_t>(name);
 }
 
-}  // namespace tessaloom::linux_kernel
+}  // namespace tessaloom

@@ -1,0 +1,53 @@
+#include "linux/IdleProbe.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <optional>
+
+namespace tessaloom {
+
+namespace {
+
+std::optional<RunCounters> readCounters(const FileDescriptor& schedstat) {
+  if (!schedstat) return std::nullopt;
+  std::array<char, 128> buffer;
+  return parseRunCounters(readStart(schedstat, buffer));
+}
+
+/// Whether some CPUs have no tick while a single process runs on them. The file lists them; where
+/// the kernel knows of no such thing, there is none.
+bool mayRunWithoutTicks() {
+  if (::access("/sys/devices/system/cpu", F_OK) != 0) return true;
+  const FileDescriptor file{::open("/sys/devices/system/cpu/nohz_full", O_RDONLY | O_CLOEXEC)};
+  std::array<char, 64> buffer;
+  return file && std::ranges::any_of(readStart(file, buffer),
+                                     [](char each) { return each >= '0' && each <= '9'; });
+}
+
+}  // namespace
+
+std::chrono::nanoseconds IdleProbe::longestTick() {
+  using namespace std::chrono_literals;
+  return mayRunWithoutTicks() ? 2s : 100ms;
+}
+
+IdleProbe::IdleProbe(const ProcFiles& proc, std::int32_t pid)
+    : schedstat_(proc.open(ProcPath{pid, "schedstat"})) {
+  if (!restart()) schedstat_.reset();
+}
+
+bool IdleProbe::isUnchanged() const {
+  return readCounters(schedstat_) == counters_;
+}
+
+bool IdleProbe::restart() {
+  const auto counters = readCounters(schedstat_);
+  since_ = Clock::now();
+  if (counters) counters_ = *counters;
+  return counters.has_value();
+}
+
+}  // namespace tessaloom

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+#include "TLFoundation/FileDescriptor.h"
+#include "linux/ProcFiles.h"
+#include "linux/ProcParser.h"
+
+namespace tessaloom {
+
+/// Finds out whether a process with a single thread has run since a moment, by the counters of its
+/// schedstat, which stays open.
+///
+/// The kernel counts a time slice before the process runs in it, and adds to its run time when it
+/// stops and at every tick. Equal counters therefore mean that it has not run, or has run all the
+/// while without a tick; the latter is ruled out once the moment lies further back than the longest
+/// time between two ticks.
+class IdleProbe {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  /// Well above the longest time that a CPU of this machine runs a process without a tick: a
+  /// hundredth of a second, or a second where the kernel was told to leave CPUs alone (nohz_full).
+  static std::chrono::nanoseconds longestTick();
+
+  /// Of no process.
+  IdleProbe() = default;
+
+  /// From now on. Of no process where there is no such file or the kernel does not count.
+  IdleProbe(const ProcFiles& proc, std::int32_t pid);
+
+  explicit operator bool() const { return bool(schedstat_); }
+  int descriptor() const { return schedstat_.get(); }
+
+  /// The process has not been reaped, and its counters are what they were.
+  bool isUnchanged() const;
+
+  /// Whether the moment lies at least `age` before `now`, so that unchanged means idle.
+  bool isOlderThan(std::chrono::nanoseconds age, Clock::time_point now) const {
+    return now - since_ >= age;
+  }
+
+  /// Takes this moment as the one to compare with. False when the process has gone.
+  bool restart();
+
+ private:
+  FileDescriptor schedstat_;
+  RunCounters counters_;
+  Clock::time_point since_;
+};
+
+}  // namespace tessaloom

@@ -1,0 +1,118 @@
+#include "linux/ProcessPass.h"
+
+#include <algorithm>
+#include <array>
+#include <string>
+#include <utility>
+
+#include "linux/ProcParser.h"
+
+namespace tessaloom {
+
+namespace {
+
+std::size_t countDescriptors(const std::vector<KnownProcess>& known) {
+  std::size_t count = 0;
+  for (const KnownProcess& each : known) count += (each.statm ? 1U : 0U) + (each.probe ? 1U : 0U);
+  return count;
+}
+
+std::int32_t pidOf(const ProcessPass::Slot& slot) {
+  return slot.known.pid;
+}
+
+}  // namespace
+
+ProcessPass::ProcessPass(const FileDescriptor& procDirectory, const StartClock& clock,
+                         std::uint32_t owner, std::chrono::nanoseconds idleAge,
+                         std::vector<KnownProcess> known, bool keep)
+    : proc_(procDirectory),
+      clock_(clock),
+      owner_(owner),
+      idleAge_(idleAge),
+      keep_(keep),
+      startedAt_(IdleProbe::Clock::now()),
+      firstTick_(clock.currentTick()),
+      budget_(countDescriptors(known)) {
+  const auto pids = proc_.listNumbers(".");
+  if (!pids) return;
+  slots_.resize(pids->size());
+  auto next = known.begin();
+  for (std::size_t i = 0; i < slots_.size(); ++i) {
+    const std::int32_t pid = (*pids)[i];
+    while (next != known.end() && next->pid < pid) ++next;
+    if (next != known.end() && next->pid == pid) {
+      slots_[i].known = std::move(*next);
+    } else {
+      slots_[i].known.pid = pid;
+    }
+  }
+}
+
+ProcessPass::Slot* ProcessPass::find(std::int32_t pid) {
+  const auto found = std::ranges::lower_bound(slots_, pid, {}, pidOf);
+  return found != slots_.end() && pidOf(*found) == pid ? &*found : nullptr;
+}
+
+FileDescriptor ProcessPass::open(KnownProcess& known) {
+  // Most processes of a machine are someone else's: asked first, because it is the cheapest.
+  FileDescriptor stat;
+  if (proc_.owner(known.pid) == owner_) stat = proc_.open(ProcPath{known.pid, "stat"});
+  if (!stat || !proc_.isOwnedBy(owner_, known.pid, stat)) {
+    known.forget();
+    return {};
+  }
+  restartProbe(known);
+  return stat;
+}
+
+void ProcessPass::restartProbe(KnownProcess& known) {
+  if (known.probe && known.probe.isUnchanged()) return;
+  known.facts.reset();
+  known.sockets.reset();
+  if (known.probe && !known.probe.restart()) {
+    known.forget();  // All of it was about a process that has gone.
+  } else if (!known.probe && known.isFromEarlier && mayKeepOne()) {
+    known.probe = IdleProbe(proc_, known.pid);
+  }
+}
+
+bool ProcessPass::readFacts(KnownProcess& known, const FileDescriptor& stat) const {
+  std::array<char, 1024> buffer;
+  const auto parsed = parseProcessStat(readStart(stat, buffer));
+  if (!parsed) {
+    known.forget();
+    return false;
+  }
+  known.facts = ProcessFacts{.name = std::string{parsed->name},
+                             .startTicks = parsed->startTicks,
+                             .parentPID = parsed->parentPID,
+                             .terminal = parsed->terminal,
+                             .threads = parsed->threads,
+                             .isKernelThread = parsed->isKernelThread,
+                             .isZombie = parsed->state == 'Z' || parsed->state == 'X'};
+  return true;
+}
+
+/// Whether nothing but the process itself, and the end of its parent, changes what was read.
+bool ProcessPass::staysTrue(const Slot& slot) const {
+  const ProcessFacts& facts = *slot.known.facts;
+  return slot.known.probe && facts.threads == 1 && !facts.isZombie && !isYoung(facts);
+}
+
+std::vector<KnownProcess> ProcessPass::takeKnown() {
+  std::vector<KnownProcess> known;
+  known.reserve(static_cast<std::size_t>(
+      std::ranges::count_if(slots_, [](const Slot& slot) { return bool(slot.known.facts); })));
+  for (Slot& slot : slots_) {
+    if (!slot.known.facts) continue;
+    const bool isTrue = staysTrue(slot);
+    if (!isTrue || slot.sharesDescriptors) slot.known.sockets.reset();
+    if (!isTrue) slot.known.facts.reset();
+    slot.known.isFromEarlier = true;
+    known.push_back(std::move(slot.known));
+  }
+  return known;
+}
+
+}  // namespace tessaloom

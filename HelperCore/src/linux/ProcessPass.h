@@ -1,0 +1,92 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "linux/DescriptorBudget.h"
+#include "linux/KnownProcess.h"
+#include "linux/Parallel.h"
+#include "linux/ProcFiles.h"
+#include "linux/StartClock.h"
+
+namespace tessaloom {
+
+/// One listing's way through the processes of a user: which there are, what is still known of
+/// them, what is read anew, and what is kept for the next listing.
+///
+/// What a process is does not change while it does not run: its descriptors, name, user and network
+/// namespaces change by its own doing alone. What was read of a process with a single thread
+/// therefore holds as long as its IdleProbe is unchanged. Probes are opened by the second listing
+/// that comes across a process, so that a single listing does not pay for them.
+class ProcessPass {
+ public:
+  /// Starts with `known`, by pid, of the listing before. With `keep` false no descriptor is left
+  /// open for the next. `idleAge`: from which age on a probe counts. `procDirectory` and `clock`
+  /// outlive this object.
+  ProcessPass(const FileDescriptor& procDirectory, const StartClock& clock, std::uint32_t owner,
+              std::chrono::nanoseconds idleAge, std::vector<KnownProcess> known, bool keep);
+
+  struct Slot {
+    KnownProcess known;  ///< Without facts after it was read: not one of the user's processes.
+    std::uint64_t residentBytes = 0;
+    bool isRemembered = false;  ///< The facts are those of an earlier listing.
+    bool sharesDescriptors = false;
+    std::vector<NamespaceMember> namespaceMembers;
+  };
+
+  /// The processes of all users, by pid. Empty when /proc cannot be read.
+  std::vector<Slot>& slots() { return slots_; }
+  Slot* find(std::int32_t pid);
+
+  /// Calls `read(slot)` for every slot, on several threads for long lists.
+  template <class Read>
+  void forEachSlot(const Read& read) {
+    forEachPart(slots_.size(), [&](std::size_t index) { read(slots_[index]); });
+  }
+
+  /// Whether what is known holds if its probe is unchanged.
+  bool isRemembered(const KnownProcess& known) const {
+    return known.facts && known.probe && known.probe.isOlderThan(idleAge_, startedAt_);
+  }
+
+  /// Starts reading a process anew: opens its `stat`, and forgets what has changed. None, and
+  /// nothing known, when it is not the user's.
+  FileDescriptor open(KnownProcess& known);
+
+  /// Ends reading it. `stat` is read last: as long as that succeeds the process has its pid, and
+  /// what was looked up by pid since `open` was its. False, and nothing known, when it has gone.
+  bool readFacts(KnownProcess& known, const FileDescriptor& stat) const;
+
+  /// Whether one more descriptor may stay open after this listing.
+  bool mayKeepOne() { return keep_ && budget_.takeOne(); }
+
+  /// Whether the process may have started after this listing.
+  bool isYoung(const ProcessFacts& facts) const { return facts.startTicks >= firstTick_; }
+
+  const ProcFiles& proc() const { return proc_; }
+  const StartClock& clock() const { return clock_; }
+  std::uint32_t owner() const { return owner_; }
+  IdleProbe::Clock::time_point startedAt() const { return startedAt_; }
+  bool ranOutOfDescriptors() const { return proc_.ranOutOfDescriptors(); }
+
+  /// What the next listing starts with. Call it last.
+  std::vector<KnownProcess> takeKnown();
+
+ private:
+  void restartProbe(KnownProcess& known);
+  bool staysTrue(const Slot& slot) const;
+
+  const ProcFiles proc_;
+  const StartClock& clock_;
+  const std::uint32_t owner_;
+  const std::chrono::nanoseconds idleAge_;
+  const bool keep_;
+  const IdleProbe::Clock::time_point startedAt_;
+  const std::uint64_t firstTick_;
+  DescriptorBudget budget_;
+  std::vector<Slot> slots_;
+};
+
+}  // namespace tessaloom

@@ -1,0 +1,134 @@
+#include "linux/ProcessRecords.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <utility>
+
+#include "linux/ProcParser.h"
+#include "linux/TerminalName.h"
+
+namespace tessaloom {
+
+namespace {
+
+using Slot = ProcessPass::Slot;
+
+std::optional<std::uint64_t> readResidentBytes(const FileDescriptor& statm) {
+  static const auto pageSize = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+  if (!statm) return std::nullopt;
+  std::array<char, 256> buffer;
+  const auto pages = parseResidentPages(readStart(statm, buffer));
+  if (!pages) return std::nullopt;
+  return *pages * pageSize;
+}
+
+/// 0 for what cannot be read: a process that is not readable in full still has a row.
+std::uint64_t residentBytes(ProcessPass& pass, KnownProcess& known) {
+  if (known.statm) {
+    if (const auto bytes = readResidentBytes(known.statm)) return *bytes;
+    known.forget();  // It was about a process that has gone.
+  }
+  FileDescriptor statm = pass.proc().open(ProcPath{known.pid, "statm"});
+  const auto bytes = readResidentBytes(statm);
+  if (bytes && pass.mayKeepOne()) known.statm = std::move(statm);
+  return bytes.value_or(0);
+}
+
+/// The memory that the threads go on using once the main thread has exited.
+std::uint64_t residentBytesOfThreads(const ProcFiles& proc, std::int32_t pid) {
+  for (const std::int32_t thread :
+       proc.listNumbers(ProcPath{pid, "task"}.text()).value_or(std::vector<std::int32_t>{})) {
+    const auto bytes = readResidentBytes(proc.open(ProcPath{thread, "statm"}));
+    if (bytes.value_or(0) != 0) return *bytes;
+  }
+  return 0;
+}
+
+void readAnew(ProcessPass& pass, Slot& slot) {
+  KnownProcess& known = slot.known;
+  slot.isRemembered = false;
+  const FileDescriptor stat = pass.open(known);
+  if (!stat) return;
+  slot.residentBytes = residentBytes(pass, known);
+  if (!pass.readFacts(known, stat)) return;
+  if (known.facts->isZombie && known.facts->threads > 1) {
+    slot.residentBytes = residentBytesOfThreads(pass.proc(), known.pid);
+    pass.readFacts(known, stat);
+  }
+}
+
+void read(ProcessPass& pass, Slot& slot) {
+  KnownProcess& known = slot.known;
+  if (pass.isRemembered(known) && known.facts->terminal == 0) {
+    slot.residentBytes = residentBytes(pass, known);
+    slot.isRemembered = known.facts && known.probe.isUnchanged();
+  }
+  if (!slot.isRemembered) readAnew(pass, slot);
+}
+
+/// The first process of the system cannot exit. Another parent is known to be alive when this
+/// listing has it, no younger than its child: a younger one got the pid of the real parent, or took
+/// the child over from it.
+bool isParentAlive(ProcessPass& pass, const ProcessFacts& facts) {
+  constexpr std::int32_t firstProcess = 1;
+  if (facts.parentPID == firstProcess) return true;
+  const Slot* parent = pass.find(facts.parentPID);
+  if (parent == nullptr || !parent->known.facts) return false;
+  return !parent->known.facts->isZombie && parent->known.facts->startTicks <= facts.startTicks;
+}
+
+void readOrphansAgain(ProcessPass& pass) {
+  std::vector<Slot*> orphans;
+  for (Slot& slot : pass.slots()) {
+    if (slot.isRemembered && !isParentAlive(pass, *slot.known.facts)) orphans.push_back(&slot);
+  }
+  for (Slot* orphan : orphans) readAnew(pass, *orphan);
+}
+
+void readYoungAgain(ProcessPass& pass) {
+  std::vector<Slot*> young;
+  std::uint64_t lastTick = 0;
+  for (Slot& slot : pass.slots()) {
+    if (!slot.known.facts || !pass.isYoung(*slot.known.facts)) continue;
+    young.push_back(&slot);
+    lastTick = std::max(lastTick, slot.known.facts->startTicks);
+  }
+  if (young.empty()) return;
+  pass.clock().sleepPast(lastTick);
+  for (Slot* slot : young) {
+    const std::uint64_t startTicks = slot->known.facts->startTicks;
+    readAnew(pass, *slot);
+    // Another start: the process that was found has exited, and the new one came after the listing
+    // began.
+    const auto& facts = slot->known.facts;
+    if (facts && facts->startTicks != startTicks) slot->known.forget();
+  }
+}
+
+}  // namespace
+
+std::vector<ProcessRecord> readProcessRecords(ProcessPass& pass) {
+  pass.forEachSlot([&pass](Slot& slot) { read(pass, slot); });
+  readOrphansAgain(pass);
+  readYoungAgain(pass);
+
+  std::vector<ProcessRecord> records;
+  records.reserve(pass.slots().size());
+  for (const Slot& slot : pass.slots()) {
+    if (!slot.known.facts) continue;
+    const ProcessFacts& facts = *slot.known.facts;
+    records.push_back({.pid = slot.known.pid,
+                       .parentPID = facts.parentPID,
+                       .owner = pass.owner(),
+                       .start = pass.clock().startTime(facts.startTicks),
+                       .terminal = terminalName(facts.terminal),
+                       .residentBytes = slot.residentBytes,
+                       .name = facts.name});
+  }
+  return records;
+}
+
+}  // namespace tessaloom

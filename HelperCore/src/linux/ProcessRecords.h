@@ -1,0 +1,21 @@
+#pragma once
+
+#include <vector>
+
+#include "HelperCore/Kernel.h"
+#include "linux/ProcessPass.h"
+
+namespace tessaloom {
+
+/// The rows of the process table, by pid.
+///
+/// A start time has the resolution of a clock tick, so a pid that is reused within a tick would
+/// leave two processes with one identity. No listing shows such a process: one that started in the
+/// tick that still runs is read again once that tick is over, and whoever has the pid then differs
+/// in its start from everyone who can get the pid later.
+///
+/// Resident sizes are read every time. So is the rest of a process with a terminal, which it may
+/// lose, and of one whose parent is not known to be alive.
+std::vector<ProcessRecord> readProcessRecords(ProcessPass& pass);
+
+}  // namespace tessaloom

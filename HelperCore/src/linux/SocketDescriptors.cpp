@@ -1,0 +1,90 @@
+#include "linux/SocketDescriptors.h"
+
+#include <fcntl.h>
+#include <linux/kcmp.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <string_view>
+
+#include "linux/ProcParser.h"
+
+namespace tessaloom {
+
+namespace {
+
+std::optional<std::uint32_t> readSocketLink(const FileDescriptor& directory, std::int32_t number) {
+  std::array<char, 64> target;
+  const ssize_t length =
+      readlinkat(directory.get(), ProcPath{number}.text(), target.data(), target.size());
+  if (length <= 0) return std::nullopt;
+  return parseInodeLink("socket", {target.data(), static_cast<std::size_t>(length)});
+}
+
+/// `number`: a process or a thread.
+void addSockets(const ProcFiles& proc, std::int32_t number, std::vector<std::uint32_t>& inodes) {
+  const FileDescriptor directory = proc.open(ProcPath{number, "fd"}, O_DIRECTORY);
+  const auto descriptors = directory ? listNumbers(directory) : std::nullopt;
+  if (!descriptors) return;
+  for (const std::int32_t descriptor : *descriptors) {
+    if (auto inode = readSocketLink(directory, descriptor)) inodes.push_back(*inode);
+  }
+}
+
+}  // namespace
+
+SocketDescriptors readSocketDescriptors(const ProcFiles& proc, std::int32_t pid) {
+  SocketDescriptors sockets{.inodes = {},
+                            .networkNamespace = proc.networkNamespace(pid),
+                            .readAt = std::chrono::steady_clock::now()};
+  addSockets(proc, pid, sockets.inodes);
+  return sockets;
+}
+
+SocketDescriptors readOwnSocketDescriptors(const ProcFiles& proc, const std::vector<bool>& kept) {
+  SocketDescriptors sockets;
+  std::array<char, 4096> buffer;
+  const auto room = parseDescriptorRoom(proc.read(ProcPath{getpid(), "status"}, buffer));
+  for (std::int32_t number = 0; number < room.value_or(0); ++number) {
+    const auto index = static_cast<std::size_t>(number);
+    if (index < kept.size() && kept[index]) continue;
+    struct statx status{};
+    // Other threads open and close descriptors meanwhile, as they do in any other process.
+    if (statx(number, "", AT_EMPTY_PATH, STATX_TYPE | STATX_INO, &status) != 0) continue;
+    if (S_ISSOCK(status.stx_mode)) {
+      sockets.inodes.push_back(static_cast<std::uint32_t>(status.stx_ino));
+    }
+  }
+  return sockets;
+}
+
+std::vector<NamespaceMember> addSocketsOfThreads(const ProcFiles& proc, std::int32_t pid,
+                                                 SocketDescriptors& sockets) {
+  std::vector<NamespaceMember> members;
+  std::vector<std::int32_t> tables{pid};  // One thread for each table that was read.
+  for (const std::int32_t thread :
+       proc.listNumbers(ProcPath{pid, "task"}.text()).value_or(std::vector<std::int32_t>{})) {
+    if (thread == pid) continue;
+    const std::uint32_t network = proc.networkNamespace(thread);
+    if (network != 0 && network != sockets.networkNamespace) members.push_back({network, thread});
+    const bool isRead = std::ranges::any_of(tables, [thread](std::int32_t other) {
+      return shareDescriptors(thread, other).value_or(false);
+    });
+    if (isRead) continue;
+    addSockets(proc, thread, sockets.inodes);
+    tables.push_back(thread);
+  }
+  return members;
+}
+
+std::optional<bool> shareDescriptors(std::int32_t first, std::int32_t second) {
+  const long order = syscall(SYS_kcmp, first, second, KCMP_FILES, 0, 0);
+  if (order < 0) return std::nullopt;
+  return order == 0;
+}
+
+}  // namespace tessaloom

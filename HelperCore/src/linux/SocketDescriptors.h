@@ -1,0 +1,44 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "linux/ProcFiles.h"
+
+namespace tessaloom {
+
+/// The sockets that the descriptors of a process refer to, of whatever kind.
+struct SocketDescriptors {
+  std::vector<std::uint32_t> inodes;   ///< In the order of the descriptors.
+  std::uint32_t networkNamespace = 0;  ///< Of the process itself; 0 when it may not be known.
+  std::chrono::steady_clock::time_point readAt;
+};
+
+/// A thread in another network namespace than its process.
+struct NamespaceMember {
+  std::uint32_t networkNamespace;
+  std::int32_t thread;
+};
+
+/// Reads the links in /proc/PID/fd, which is the expensive part of listing ports: a call of the
+/// kernel for each open file. A process that may not be looked at has no sockets, as far as can be
+/// known.
+SocketDescriptors readSocketDescriptors(const ProcFiles& proc, std::int32_t pid);
+
+/// The same of this process, by its descriptors themselves, which is several times as fast.
+/// `kept`, by number, are known to be no sockets.
+SocketDescriptors readOwnSocketDescriptors(const ProcFiles& proc, const std::vector<bool>& kept);
+
+/// Adds the sockets in tables of descriptors that threads of the process have to themselves, and
+/// returns the threads that are in network namespaces of their own.
+std::vector<NamespaceMember> addSocketsOfThreads(const ProcFiles& proc, std::int32_t pid,
+                                                 SocketDescriptors& sockets);
+
+/// Whether two processes or threads share one table of descriptors. nullopt where the kernel does
+/// not say (kcmp(2)).
+std::optional<bool> shareDescriptors(std::int32_t first, std::int32_t second);
+
+}  // namespace tessaloom

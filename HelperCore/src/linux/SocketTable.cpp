@@ -1,0 +1,151 @@
+#include "linux/SocketTable.h"
+
+#include <linux/inet_diag.h>
+#include <linux/netlink.h>
+#include <linux/sock_diag.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+namespace tessaloom {
+
+namespace {
+
+struct Table {
+  std::string_view file;  ///< Below a process's folder.
+  InternetTransport transport;
+  std::uint8_t family;
+  std::uint8_t protocol;
+  std::uint32_t states;  ///< Those of the sockets that matter.
+};
+
+// A bound UDP socket is "closed", or "established" once it is connected.
+constexpr std::uint32_t listening = 1U << TCP_LISTEN;
+constexpr std::uint32_t bound = 1U << TCP_CLOSE | 1U << TCP_ESTABLISHED;
+constexpr std::array<Table, SocketTable::tableCount> tables{{
+    {"net/tcp", InternetTransport::tcp, AF_INET, IPPROTO_TCP, listening},
+    {"net/tcp6", InternetTransport::tcp, AF_INET6, IPPROTO_TCP, listening},
+    {"net/udp", InternetTransport::udp, AF_INET, IPPROTO_UDP, bound},
+    {"net/udp6", InternetTransport::udp, AF_INET6, IPPROTO_UDP, bound},
+}};
+
+constexpr std::size_t bufferSize = std::size_t{32} * 1024;
+
+/// Under churn each reading finds something new, and one that never ends helps nobody.
+constexpr int mostReadings = 8;
+
+/// How many pieces a table came in; nullopt when it cannot be read to its end.
+using Pieces = std::optional<int>;
+
+/// Calls `readOnce(reading)` until the table is whole. False when it cannot be read.
+template <class ReadOnce>
+bool readWhole(SocketsByInode& sockets, const ReadOnce& readOnce) {
+  for (int reading = 0; reading < mostReadings; ++reading) {
+    const std::size_t before = sockets.size();
+    const Pieces pieces = readOnce(reading);
+    if (!pieces) return false;
+    if (*pieces <= 1 || (reading > 0 && sockets.size() == before)) return true;
+  }
+  return true;
+}
+
+/// The kernel fills a piece of its own accord, up to a page, or as far as the reader has room.
+/// Every other reading begins with a shorter piece, so that what stands where one reading continues
+/// is in the middle of a piece of the next.
+Pieces readTextOnce(const FileDescriptor& file, int reading, InternetTransport transport,
+                    SocketsByInode& sockets) {
+  constexpr std::size_t shortPiece = 2048;
+  std::array<char, bufferSize> buffer;
+  if (lseek(file.get(), 0, SEEK_SET) != 0) return std::nullopt;
+  std::size_t begun = 0;  // The bytes of a line whose end has not been read.
+  for (int pieces = 0;; ++pieces) {
+    const std::size_t room = pieces == 0 && reading % 2 == 1 ? shortPiece : buffer.size() - begun;
+    const ssize_t length = ::read(file.get(), buffer.data() + begun, room);
+    if (length < 0) return std::nullopt;
+    const std::string_view text{buffer.data(), begun + static_cast<std::size_t>(length)};
+    if (length == 0) {
+      addSocketsOfText(text, transport, sockets);
+      return pieces;
+    }
+    const std::size_t lines = text.rfind('\n') + 1;  // 0 for none.
+    addSocketsOfText(text.substr(0, lines), transport, sockets);
+    begun = text.size() - lines;
+    if (begun == buffer.size()) return std::nullopt;
+    std::memmove(buffer.data(), buffer.data() + lines, begun);
+  }
+}
+
+bool addText(const ProcFiles& proc, std::int32_t member, const Table& table,
+             SocketsByInode& sockets) {
+  const FileDescriptor file = proc.open(ProcPath{member, table.file});
+  return file && readWhole(sockets, [&](int reading) {
+           return readTextOnce(file, reading, table.transport, sockets);
+         });
+}
+
+bool requestDump(const FileDescriptor& netlink, const Table& table) {
+  struct {
+    nlmsghdr header;
+    inet_diag_req_v2 request;
+  } message{};
+  message.header = {.nlmsg_len = sizeof message,
+                    .nlmsg_type = SOCK_DIAG_BY_FAMILY,
+                    .nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP,
+                    .nlmsg_seq = 0,
+                    .nlmsg_pid = 0};
+  message.request.sdiag_family = table.family;
+  message.request.sdiag_protocol = table.protocol;
+  message.request.idiag_states = table.states;
+  return send(netlink.get(), &message, sizeof message, 0) == static_cast<ssize_t>(sizeof message);
+}
+
+Pieces dumpOnce(const FileDescriptor& netlink, const Table& table, SocketsByInode& sockets) {
+  // The kernel fills datagrams of up to this size for a reader that offers as much.
+  std::array<std::byte, bufferSize> buffer;
+  if (!requestDump(netlink, table)) return std::nullopt;
+  for (int pieces = 0;; ++pieces) {
+    const ssize_t length = recv(netlink.get(), buffer.data(), buffer.size(), 0);
+    if (length < 0 && errno == EINTR) continue;
+    if (length <= 0) return std::nullopt;
+    switch (addSocketsOfDump({buffer.data(), static_cast<std::size_t>(length)}, table.transport,
+                             sockets)) {
+      case DumpState::more:
+        continue;
+      case DumpState::refused:
+        return std::nullopt;
+      case DumpState::interrupted:
+        return pieces + 2;
+      case DumpState::complete:
+        return pieces;  // The last datagram only says that the dump is complete.
+    }
+  }
+}
+
+bool addDump(const Table& table, SocketsByInode& sockets) {
+  const FileDescriptor netlink{socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG)};
+  return netlink &&
+         readWhole(sockets, [&](int /*reading*/) { return dumpOnce(netlink, table, sockets); });
+}
+
+}  // namespace
+
+void SocketTable::addOwnNamespace(const ProcFiles& proc) {
+  for (const Table& table : tables) {
+    if (!addDump(table, sockets_)) addText(proc, getpid(), table, sockets_);
+  }
+}
+
+void SocketTable::addFrom(const ProcFiles& proc, std::int32_t member, Progress& progress) {
+  for (std::size_t i = 0; i < tables.size(); ++i) {
+    progress[i] = progress[i] || addText(proc, member, tables[i], sockets_);
+  }
+}
+
+}  // namespace tessaloom
