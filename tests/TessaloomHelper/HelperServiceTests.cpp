@@ -121,14 +121,14 @@ TEST_F(HelperServiceTest, LeavesOnlyAfterItHasSaidSo) {
   EXPECT_EQ(tasks.entries[0].delay, 200ms);
 }
 
-/// A kernel with process 42, and a clock that a test sets.
+/// A kernel with process 42, and a wall clock that a test sets.
 class ProcessMethodsTest : public HelperServiceTest {
  protected:
   ProcessMethodsTest() {
     kernel.table = {ownRecord(42)};
     kernel.startTimes[42] = kernel.table[0].start;
     kernel.wallClock = [this] { return Instant{Instant::duration{now++}}; };
-    kernel.processClock = Instant{Instant::duration{listedAt}};
+    kernel.processClock = Instant{Instant::duration{1'700'000'100}};
   }
 
   Bytes list() {
@@ -145,7 +145,7 @@ class ProcessMethodsTest : public HelperServiceTest {
     return succeeded;
   }
 
-  static constexpr double listedAt = 1'700'000'100;
+  static constexpr double listedAt = 1'800'000'000;
   double now = listedAt;
 };
 

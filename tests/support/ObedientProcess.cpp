@@ -2,11 +2,16 @@
 // standard input. It ends when its parent closes the other end.
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <future>
 #include <thread>
 
 #include "ObedientProtocol.h"
@@ -28,6 +33,46 @@ std::int32_t forkCopy(bool outlivesParent) {
   waitForever();
   return 0;
 }
+
+/// A process that shares this one's table of descriptors; ends with it, or after a minute.
+std::int32_t forkSharing(std::int32_t closed) {
+  sigset_t wanted;
+  sigemptyset(&wanted);
+  sigaddset(&wanted, SIGUSR1);
+  sigprocmask(SIG_BLOCK, &wanted, nullptr);
+  const long copy = syscall(SYS_clone, CLONE_FILES | SIGCHLD, nullptr, nullptr, nullptr, 0L);
+  if (copy != 0) return static_cast<std::int32_t>(copy);
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  sigwaitinfo(&wanted, nullptr);
+  close(closed);
+  waitForever();
+  return 0;
+}
+
+std::int32_t enterNetwork() {
+  return unshare(CLONE_NEWNET) == 0 ? 0 : unshare(CLONE_NEWUSER | CLONE_NEWNET);
+}
+
+std::int32_t openListener() {
+  const int made = socket(AF_INET, SOCK_STREAM, 0);
+  return listen(made, 1) == 0 ? made : -1;
+}
+
+std::int32_t startThreadApart() {
+  std::promise<std::int32_t> port;
+  std::thread{[&port] {
+    unshare(CLONE_FILES);
+    unshare(CLONE_NEWNET);
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    getsockname(openListener(), reinterpret_cast<sockaddr*>(&address), &length);
+    port.set_value(ntohs(address.sin_port));
+    waitForever();
+  }}.detach();
+  return port.get_future().get();
+}
+
+void serve(char** arguments);
 
 std::int32_t takeTerminal(const char* path) {
   if (setsid() < 0) return -1;
@@ -58,10 +103,21 @@ std::int32_t obey(const Request& request, int received, char** arguments) {
     case Command::startThread:
       std::thread{waitForever}.detach();
       return 0;
+    case Command::leaveMainThread:
+      std::thread{serve, arguments}.detach();
+      pthread_exit(nullptr);
+    case Command::startThreadApart:
+      return startThreadApart();
     case Command::forkTwin:
       return forkCopy(false);
     case Command::forkHeir:
       return forkCopy(true);
+    case Command::forkSharing:
+      return forkSharing(request.first);
+    case Command::enterNetwork:
+      return enterNetwork();
+    case Command::listen:
+      return openListener();
     case Command::forkZombie: {
       pid_t zombie = fork();
       if (zombie == 0) _exit(0);
@@ -74,19 +130,23 @@ std::int32_t obey(const Request& request, int received, char** arguments) {
   return -1;
 }
 
+/// Says that it is there, and then answers requests until the other end is closed.
+void serve(char** arguments) {
+  Request request{};
+  int received = -1;
+  int shown = -1;
+  Reply reply{.result = 0};
+  while (sendMessage(channel, reply, shown) && receiveMessage(channel, request, received)) {
+    reply.result = obey(request, received, arguments);
+    shown = request.command == Command::show ? request.first : -1;
+  }
+  _exit(0);
+}
+
 }  // namespace
 
 int main(int /*count*/, char** arguments) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   signal(SIGCHLD, SIG_DFL);
-  // Whoever executed this program waits for an answer.
-  if (!sendMessage(channel, Reply{.result = 0}, -1)) return 1;
-  Request request{};
-  int received = -1;
-  while (receiveMessage(channel, request, received)) {
-    const Reply reply{.result = obey(request, received, arguments)};
-    const int shown = request.command == Command::show ? request.first : -1;
-    if (!sendMessage(channel, reply, shown)) return 1;
-  }
-  return 0;
+  serve(arguments);
 }

@@ -14,20 +14,26 @@ namespace tessaloom::obedient {
 inline constexpr int channel = 0;
 
 enum class Command : std::int32_t {
-  keep,            ///< Keeps the descriptor that comes with the request; tells its number.
-  show,            ///< Sends descriptor `first` along.
-  close,           ///< `first`.
-  duplicate,       ///< `first`; tells the new number.
-  duplicateOnto,   ///< `first` onto `second`.
-  setName,         ///< `text`.
-  hideFromOthers,  ///< Stops being dumpable.
-  becomeUser,      ///< `first`.
-  takeTerminal,    ///< Leads a session whose terminal is `text`.
-  startThread,     ///< One that sleeps.
-  forkTwin,        ///< Tells its pid; it ends with its parent.
-  forkHeir,        ///< Tells its pid; it outlives its parent, for a minute at most.
-  forkZombie,      ///< Tells its pid; it is never reaped.
-  execAgain,       ///< Executes the same program; the answer comes from the new one.
+  keep,              ///< Keeps the descriptor that comes with the request; tells its number.
+  show,              ///< Sends descriptor `first` along.
+  close,             ///< `first`.
+  duplicate,         ///< `first`; tells the new number.
+  duplicateOnto,     ///< `first` onto `second`.
+  setName,           ///< `text`.
+  hideFromOthers,    ///< Stops being dumpable.
+  becomeUser,        ///< `first`.
+  takeTerminal,      ///< Leads a session whose terminal is `text`.
+  startThread,       ///< One that sleeps.
+  leaveMainThread,   ///< Answers from another thread; the main thread exits.
+  startThreadApart,  ///< One with descriptors, and where allowed a network, of its own, that
+                     ///< listens; returns the port.
+  forkTwin,          ///< Tells its pid; it ends with its parent.
+  forkHeir,          ///< Tells its pid; it outlives its parent, for a minute at most.
+  forkSharing,       ///< With the same table of descriptors, of which it closes `first` at SIGUSR1.
+  forkZombie,        ///< Tells its pid; it is never reaped.
+  enterNetwork,      ///< A network namespace of its own; -1 where that is not allowed.
+  listen,            ///< On a port of the kernel's choice; returns the descriptor.
+  execAgain,         ///< Executes the same program; the answer comes from the new one.
 };
 
 struct Request {

@@ -81,6 +81,12 @@ TEST(StartClock, AddsTicksToAWholeTickOfTheBootAndSleepsUntilOneIsOver) {
   EXPECT_EQ(clock.startTime(99), (ProcessStartTime{1'700'000'001, 0}));
   EXPECT_EQ(clock.startTime(360'000'099), (ProcessStartTime{1'703'600'001, 0}));
 
+  // The wall clock has no part in it.
+  const Instant now = clock.now();
+  const ProcessStartTime latest = clock.startTime(clock.currentTick());
+  EXPECT_NEAR(now.time_since_epoch().count(),
+              static_cast<double>(latest.startSec) + latest.startUSec / 1e6, 0.1);
+
   StartClock ticking;
   const std::uint64_t tick = ticking.currentTick();
   ticking.sleepPast(tick);

@@ -93,6 +93,16 @@ TEST(LinuxProcesses, NoticesWhenAParentEndsWhileItsChildRests) {
   kill(heir, SIGKILL);
 }
 
+TEST(LinuxProcesses, ListsAProcessWhoseMainThreadHasExited) {
+  LinuxKernel kernel;
+  ObedientChild child;
+  const FileDescriptor socket = makeSocket(SocketUse::tcpListening);
+  child.give(socket);
+  child.ask(Command::leaveMainThread);
+  EXPECT_GT(processesOf(kernel, {child.pid()}).at(0).residentBytes, 0U);
+  EXPECT_EQ(portsOf(kernel, {child.pid()}).at(0).port(), portOf(socket));
+}
+
 TEST(LinuxProcesses, NamesTheTerminal) {
   FileDescriptor master{posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)};
   if (!master || grantpt(master.get()) != 0 || unlockpt(master.get()) != 0) {
@@ -126,11 +136,6 @@ TEST(LinuxProcesses, SignalsTheProcessThatItHoldsAndForgetsItWhenItEnded) {
     EXPECT_EQ(kernel.openProcess(child.pid())->startTime(), std::nullopt);
     EXPECT_TRUE(processesOf(kernel, {child.pid()}).empty());
   }
-}
-
-TEST(LinuxProcesses, HoldsNoThreads) {
-  LinuxKernel kernel;
-  std::thread{[&] { EXPECT_EQ(kernel.openProcess(gettid())->startTime(), std::nullopt); }}.join();
 }
 
 /// A process with a listener, and what the first listings say of both.

@@ -4,6 +4,7 @@
 #include <netinet/tcp.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <iterator>
 #include <span>
 #include <string>
@@ -111,6 +112,12 @@ TEST(SocketParser, TellsHowADumpEnds) {
   };
   EXPECT_EQ(state(Datagram{}.add(NLMSG_ERROR)), DumpState::refused);
   EXPECT_EQ(state(Datagram{}.add(NLMSG_DONE, NLM_F_DUMP_INTR)), DumpState::interrupted);
+  const std::int32_t noHandler = -ENOENT;
+  const std::int32_t noError = 0;
+  EXPECT_EQ(state(Datagram{}.add(NLMSG_DONE, 0, std::as_bytes(std::span{&noHandler, 1}))),
+            DumpState::refused);
+  EXPECT_EQ(state(Datagram{}.add(NLMSG_DONE, 0, std::as_bytes(std::span{&noError, 1}))),
+            DumpState::complete);
   EXPECT_EQ(state(Datagram{}.addSocket(diagMessage(AF_INET, TCP_ESTABLISHED, 4)).add(NLMSG_DONE)),
             DumpState::complete);
   EXPECT_EQ(describe(sockets, 4), "udp 127.0.0.1 8080");
