@@ -2,23 +2,18 @@
 
 #include <algorithm>
 #include <array>
-#include <limits>
 #include <span>
 #include <utility>
-
-#include <nlohmann/json.hpp>
 
 #include "HelperCore/BinaryAllowlist.h"
 #include "HelperProtocol/CodingError.h"
 #include "HelperProtocol/GenerationDTOError.h"
 #include "HelperProtocol/HelperCoding.h"
-#include "HelperProtocol/StrictJSON.h"
+#include "HelperProtocol/JSONReader.h"
 #include "TLFoundation/Unicode.h"
 
 namespace tessaloom {
 namespace {
-
-using nlohmann::json;
 
 // The bare "401" is deliberate, although it meets any text with these digits.
 constexpr std::array<std::string_view, 8> authenticationMarkers{
@@ -49,43 +44,46 @@ std::unexpected<GenerationErrorPayload> declared(GenerationEngineID engine, std:
   return std::unexpected(GenerationErrorPayload::withDetail(kind, engine, detail));
 }
 
-// Access to what may be missing or of another type
+// Slots keep what they met; what is missing or of another type counts as absent.
 
-const json* member(const json& object, const char* key) {
-  const auto found = object.find(key);
-  return found == object.end() ? nullptr : &*found;
+bool isTrue(const JSONSlot& slot) {
+  const bool* value = slot.get<bool>();
+  return value != nullptr && *value;
 }
 
-const json* objectMember(const json& object, const char* key) {
-  const json* value = member(object, key);
-  return value != nullptr && value->is_object() ? value : nullptr;
+/// A count of tokens: 0 for what is not an integer, does not fit or is negative.
+std::int64_t countOf(const JSONSlot& slot) {
+  const auto* count = slot.get<std::int64_t>();
+  return count != nullptr ? std::max(*count, std::int64_t{0}) : 0;
 }
 
-const std::string* stringMember(const json& object, const char* key) {
-  const json* value = member(object, key);
-  return value != nullptr ? value->get_ptr<const json::string_t*>() : nullptr;
-}
+/// An object with counts of tokens.
+struct UsageSlots {
+  explicit UsageSlots(std::string_view cachedInputKey)
+      : object{
+            {"input_tokens", &input}, {"output_tokens", &output}, {cachedInputKey, &cachedInput}} {}
 
-bool trueMember(const json& object, const char* key) {
-  const json* value = member(object, key);
-  return value != nullptr && value->is_boolean() && value->get<bool>();
-}
+  std::optional<GenerationTokens> tokens() const {
+    if (!object.is(JSONContainer::object)) return std::nullopt;
+    return GenerationTokens{
+        .input = countOf(input), .output = countOf(output), .cachedInput = countOf(cachedInput)};
+  }
 
-/// A count of tokens: 0 for what is no integer, does not fit or is negative.
-std::int64_t countMember(const json& object, const char* key) {
-  const json* value = member(object, key);
-  if (value == nullptr || !value->is_number_integer()) return 0;
-  if (value->is_number_unsigned() &&
-      value->get<std::uint64_t>() > std::uint64_t{std::numeric_limits<std::int64_t>::max()})
-    return 0;
-  return std::max(value->get<std::int64_t>(), std::int64_t{0});
-}
+  JSONSlot input;
+  JSONSlot output;
+  JSONSlot cachedInput;
+  JSONObject object;
+};
 
-/// The text under "content", when it is more than white space.
-const std::string* usableContent(const json* answer) {
-  if (answer == nullptr || !answer->is_object()) return nullptr;
-  const std::string* content = stringMember(*answer, "content");
-  return content != nullptr && !Unicode::trimmed(*content).empty() ? content : nullptr;
+/// The text under "content" of the object, without its code fence; nullopt if it is only white
+/// space.
+std::optional<std::string> usableContent(std::string_view answer) {
+  JSONSlot content;
+  JSONObject object{{"content", &content}};
+  if (JSONReader::read(answer, object)) return std::nullopt;
+  const auto* text = content.get<std::string>();
+  if (text == nullptr || Unicode::trimmed(*text).empty()) return std::nullopt;
+  return GenerationOutputParser::stripCodeFence(*text);
 }
 
 std::optional<GeneratedFields> decodedFields(const std::string& text) {
@@ -98,69 +96,64 @@ std::optional<GeneratedFields> decodedFields(const std::string& text) {
   }
 }
 
-// Codex events
+/// What codex printed; of each kind of event the last one counts.
+class EventStream {
+ public:
+  void read(std::string_view output) {
+    while (!output.empty()) {
+      const std::size_t end = output.find('\n');
+      readLine(output.substr(0, end));
+      output.remove_prefix(end == std::string_view::npos ? output.size() : end + 1);
+    }
+  }
 
-/// What a stream of events amounts to; of each kind the last one counts.
-struct EventSummary {
   std::optional<std::string> message;
   std::optional<std::string> failure;
   std::optional<GenerationTokens> tokens;
-};
 
-void noteMessage(EventSummary& summary, const json& event) {
-  const json* item = objectMember(event, "item");
-  if (item == nullptr) return;
-  const std::string* type = stringMember(*item, "type");
-  if (type == nullptr || *type != "agent_message") return;
-  if (const std::string* text = stringMember(*item, "text")) summary.message = *text;
-}
-
-void noteUsage(EventSummary& summary, const json& event) {
-  const json* usage = objectMember(event, "usage");
-  if (usage == nullptr) return;
-  summary.tokens = GenerationTokens{.input = countMember(*usage, "input_tokens"),
-                                    .output = countMember(*usage, "output_tokens"),
-                                    .cachedInput = countMember(*usage, "cached_input_tokens")};
-}
-
-void noteFailure(EventSummary& summary, const json& event) {
-  const json* error = objectMember(event, "error");
-  const std::string* text = error != nullptr ? stringMember(*error, "message") : nullptr;
-  if (text == nullptr) text = stringMember(event, "message");
-  if (text != nullptr) summary.failure = *text;
-}
-
-/// What most lines that are no event are not, and costs next to nothing to see.
-bool maybeObject(std::string_view line) {
-  constexpr std::string_view jsonSpace = " \t\r";
-  const std::size_t first = line.find_first_not_of(jsonSpace);
-  if (first == std::string_view::npos) return false;
-  return line[first] == '{' && line[line.find_last_not_of(jsonSpace)] == '}';
-}
-
-void note(EventSummary& summary, std::string_view line) {
-  if (!maybeObject(line)) return;
-  const std::optional<json> event = StrictJSON::parse(line);
-  if (!event || !event->is_object()) return;
-  const std::string* type = stringMember(*event, "type");
-  if (type == nullptr) return;
-  if (*type == "item.completed")
-    noteMessage(summary, *event);
-  else if (*type == "turn.completed")
-    noteUsage(summary, *event);
-  else if (*type == "turn.failed" || *type == "error")
-    noteFailure(summary, *event);
-}
-
-EventSummary summaryOf(std::string_view output) {
-  EventSummary summary;
-  while (!output.empty()) {
-    const std::size_t end = output.find('\n');
-    note(summary, output.substr(0, end));
-    output.remove_prefix(end == std::string_view::npos ? output.size() : end + 1);
+ private:
+  /// Most lines that are not events are not objects either, which costs next to nothing to see.
+  static bool maybeObject(std::string_view line) {
+    constexpr std::string_view jsonSpace = " \t\r";
+    const std::size_t first = line.find_first_not_of(jsonSpace);
+    if (first == std::string_view::npos) return false;
+    return line[first] == '{' && line[line.find_last_not_of(jsonSpace)] == '}';
   }
-  return summary;
-}
+
+  void readLine(std::string_view line) {
+    if (!maybeObject(line) || JSONReader::read(line, event_)) return;
+    const auto* type = type_.get<std::string>();
+    if (type == nullptr) return;
+    if (*type == "item.completed") {
+      const auto* itemType = itemType_.get<std::string>();
+      if (itemType != nullptr && *itemType == "agent_message") keep(message, itemText_);
+    } else if (*type == "turn.completed") {
+      if (const auto used = usage_.tokens()) tokens = used;
+    } else if (*type == "turn.failed" || *type == "error") {
+      if (!keep(failure, errorMessage_)) keep(failure, topMessage_);
+    }
+  }
+
+  static bool keep(std::optional<std::string>& kept, const JSONSlot& slot) {
+    const auto* text = slot.get<std::string>();
+    if (text != nullptr) kept = *text;
+    return text != nullptr;
+  }
+
+  JSONSlot type_;
+  JSONSlot itemType_;
+  JSONSlot itemText_;
+  JSONObject item_{{"type", &itemType_}, {"text", &itemText_}};
+  UsageSlots usage_{"cached_input_tokens"};
+  JSONSlot errorMessage_;
+  JSONObject error_{{"message", &errorMessage_}};
+  JSONSlot topMessage_;
+  JSONObject event_{{"type", &type_},
+                    {"item", &item_},
+                    {"usage", &usage_.object},
+                    {"error", &error_},
+                    {"message", &topMessage_}};
+};
 
 }  // namespace
 
@@ -204,10 +197,10 @@ std::string GenerationOutputParser::stripCodeFence(std::string_view text) {
 }
 
 std::expected<GeneratedFields, GenerationErrorPayload> GenerationOutputParser::decodeFields(
-    const json& value, GenerationEngineID engine) {
-  const std::optional<std::string> text = StrictJSON::serialise(value);
-  if (!text) return malformed(engine, "The command's structured output could not be read.");
-  std::optional<GeneratedFields> fields = decodedFields(*text);
+    const JSONText& value, GenerationEngineID engine) {
+  if (!value.isContainer())
+    return malformed(engine, "The command's structured output could not be read.");
+  std::optional<GeneratedFields> fields = decodedFields(value.text());
   if (!fields)
     return malformed(engine, "The command's structured output didn't match the expected fields.");
   return *std::move(fields);
@@ -218,61 +211,67 @@ GenerationOutputParser::Result GenerationOutputParser::parseClaude(std::string_v
                                                                    GenerationEngineID engine) {
   const std::string_view trimmed = Unicode::trimmed(output);
   if (trimmed.empty()) return malformed(engine, "The command produced no output.");
-  const std::optional<json> answer = StrictJSON::parse(trimmed);
-  if (!answer || !answer->is_object())
+
+  JSONSlot isError;
+  JSONSlot apiError;
+  JSONSlot result;
+  UsageSlots usage("cache_read_input_tokens");
+  JSONText structured;
+  JSONObject answer{{"is_error", &isError},
+                    {"api_error_status", &apiError},
+                    {"result", &result},
+                    {"usage", &usage.object},
+                    {"structured_output", &structured}};
+  if (JSONReader::read(trimmed, answer) || !answer.is(JSONContainer::object))
     return malformed(engine, "The command's output was not valid JSON.");
 
-  const json* apiError = member(*answer, "api_error_status");
-  if (trueMember(*answer, "is_error") || (apiError != nullptr && !apiError->is_null())) {
-    const std::string* result = stringMember(*answer, "result");
-    if (result == nullptr || result->empty())
+  if (isTrue(isError) || !apiError.isAbsent()) {
+    const auto* text = result.get<std::string>();
+    if (text == nullptr || text->empty())
       return declared(engine, "", "The command reported an error.");
-    return declared(engine, *result, *result);
+    return declared(engine, *text, *text);
   }
 
-  ParsedGeneration parsed;
-  if (const json* usage = objectMember(*answer, "usage"))
-    parsed.tokens = GenerationTokens{.input = countMember(*usage, "input_tokens"),
-                                     .output = countMember(*usage, "output_tokens"),
-                                     .cachedInput = countMember(*usage, "cache_read_input_tokens")};
-
-  const json* structured = member(*answer, "structured_output");
+  ParsedGeneration parsed{.text = {}, .fields = {}, .tokens = usage.tokens()};
   if (shape == GenerationShape::freeText) {
-    const std::string* content = usableContent(structured);
-    if (content == nullptr) return malformed(engine, "The command returned no usable content.");
-    parsed.text = stripCodeFence(*content);
+    auto content = usableContent(structured.text());
+    if (!content) return malformed(engine, "The command returned no usable content.");
+    parsed.text = *std::move(content);
     return parsed;
   }
 
-  if (structured == nullptr) return malformed(engine, "The command returned no structured output.");
-  auto fields = decodeFields(*structured, engine);
+  if (structured.text().empty())
+    return malformed(engine, "The command returned no structured output.");
+  auto fields = decodeFields(structured, engine);
   if (!fields) return std::unexpected(std::move(fields.error()));
   parsed.fields = *std::move(fields);
-  parsed.text = StrictJSON::serialise(*structured).value_or("");
+  parsed.text = structured.text();
   return parsed;
 }
 
 GenerationOutputParser::Result GenerationOutputParser::parseCodex(std::string_view output,
                                                                   GenerationShape shape,
                                                                   GenerationEngineID engine) {
-  const EventSummary summary = summaryOf(output);
-  if (summary.failure) return declared(engine, *summary.failure, *summary.failure);
+  EventStream events;
+  events.read(output);
+  if (events.failure) return declared(engine, *events.failure, *events.failure);
   const std::string_view message =
-      summary.message ? Unicode::trimmed(*summary.message) : std::string_view();
+      events.message ? Unicode::trimmed(*events.message) : std::string_view();
   if (message.empty()) return malformed(engine, "The command returned no message.");
 
-  const std::optional<json> answer = StrictJSON::parse(message);
-  ParsedGeneration parsed{.text = {}, .fields = {}, .tokens = summary.tokens};
+  ParsedGeneration parsed{.text = {}, .fields = {}, .tokens = events.tokens};
   if (shape == GenerationShape::freeText) {
-    const std::string* content = usableContent(answer ? &*answer : nullptr);
-    if (content == nullptr) return malformed(engine, "The command returned no usable content.");
-    parsed.text = stripCodeFence(*content);
+    auto content = usableContent(message);
+    if (!content) return malformed(engine, "The command returned no usable content.");
+    parsed.text = *std::move(content);
     return parsed;
   }
 
-  if (!answer || !answer->is_structured())  // A bare string or number is no message.
+  JSONText answer;
+  if (JSONReader::read(message, answer) ||
+      !answer.isContainer())  // A bare string is not a message.
     return malformed(engine, "The command's structured output was not valid JSON.");
-  auto fields = decodeFields(*answer, engine);
+  auto fields = decodeFields(answer, engine);
   if (!fields) return std::unexpected(std::move(fields.error()));
   parsed.fields = *std::move(fields);
   parsed.text = message;

@@ -24,18 +24,17 @@ bool holdsForbiddenControl(std::string_view text) {
   return false;
 }
 
-void checkLength(std::string_view text, std::int64_t limit) {
-  // A character takes at least one byte, so most texts need no counting.
-  if (std::cmp_less_equal(text.size(), limit)) return;
-  const auto count = static_cast<std::int64_t>(Unicode::characterCount(text));
-  if (count > limit) throw GenerationDTOError::textTooLong(limit, count);
-}
-
 }  // namespace
 
-BoundedText::BoundedText(std::string value, std::int64_t limit) : value_(std::move(value)) {
-  checkLength(value_, std::min(limit, maximumLength));
+BoundedText::BoundedText(std::string value, std::int64_t limit)
+    : value_(std::move(value)),
+      length_(static_cast<std::int64_t>(Unicode::characterCount(value_))) {
+  requireLength(std::min(limit, maximumLength));
   if (holdsForbiddenControl(value_)) throw GenerationDTOError::controlCharacters();
+}
+
+void BoundedText::requireLength(std::int64_t limit) const {
+  if (length_ > limit) throw GenerationDTOError::textTooLong(limit, length_);
 }
 
 }  // namespace tessaloom

@@ -57,17 +57,17 @@ GenerationDTOError GenerationDTOError::tooManyItems(std::int64_t limit, std::int
 }
 
 GenerationDTOError GenerationDTOError::unknownEngine(std::string offending) {
-  const std::string message = quoted(offending) + " names no engine.";
+  const std::string message = "Unknown engine " + quoted(offending) + ".";
   return {Case::unknownEngine, 0, 0, std::move(offending), message};
 }
 
 GenerationDTOError GenerationDTOError::unknownShape(std::string offending) {
-  const std::string message = quoted(offending) + " names no shape.";
+  const std::string message = "Unknown shape " + quoted(offending) + ".";
   return {Case::unknownShape, 0, 0, std::move(offending), message};
 }
 
 GenerationDTOError GenerationDTOError::controlCharacters() {
-  return {Case::controlCharacters, 0, 0, {}, "The text holds a control character."};
+  return {Case::controlCharacters, 0, 0, {}, "The text has a control character."};
 }
 
 }  // namespace tessaloom

@@ -2,7 +2,11 @@
 
 #include <array>
 #include <concepts>
+#include <cstddef>
+#include <exception>
 #include <functional>
+#include <limits>
+#include <new>
 #include <optional>
 #include <set>
 #include <string>
@@ -20,10 +24,9 @@
 #include "HelperProtocol/HelperCapabilities.h"
 #include "HelperProtocol/HelperDTOError.h"
 #include "HelperProtocol/HelperFreshness.h"
+#include "HelperProtocol/JSONReader.h"
 #include "HelperProtocol/ProcessMessages.h"
-#include "HelperProtocol/StrictJSON.h"
 #include "ISO8601.h"
-#include "JSONReader.h"
 #include "JSONWriter.h"
 #include "WireValues.h"
 
@@ -240,182 +243,323 @@ void write(JSONWriter& writer, const KeyedRecord auto& record) {
   writer.endObject();
 }
 
-// Reading: one specialisation for each type that a body may hold.
+// Reading: a slot for each type that a body may hold, and what its value has to be.
+
+template <class Value>
+struct SlotOf {
+  using Slot = JSONSlot;
+};
+template <class Value>
+using Slot = typename SlotOf<Value>::Slot;
 
 template <class Value>
 struct Reading;
 
-/// What `make` gives for the value of `reader`; a limit that it breaks is reported with its place.
+template <class Record, class Member>
+using MemberValue = std::remove_cvref_t<std::invoke_result_t<Member, const Record&>>;
+
+/// A slot for each member of a record.
+template <class Record>
+class RecordSlot : public JSONSlot {
+ public:
+  RecordSlot() {
+    forEach([this](std::string_view key, JSONSlot& slot) { slot.place(*this, key); });
+  }
+
+  JSONTarget* member(std::string_view name) override {
+    JSONTarget* found = nullptr;
+    forEach([&](std::string_view key, JSONSlot& slot) {
+      if (key == name) found = &slot;
+    });
+    return found;
+  }
+
+  void clear() override {
+    JSONSlot::clear();
+    forEach([](std::string_view, JSONSlot& slot) { slot.clear(); });
+  }
+
+  auto& slots() { return slots_; }
+
+ private:
+  template <class Use>
+  void forEach(Use use) {
+    std::apply(
+        [&](const auto&... fields) {
+          std::apply([&](auto&... slots) { (use(fields.key, slots), ...); }, slots_);
+        },
+        Fields<Record>::value);
+  }
+
+  template <class... Members>
+  static std::tuple<Slot<MemberValue<Record, Members>>...> makeSlots(
+      const std::tuple<Field<Members>...>& fields);
+
+  decltype(makeSlots(Fields<Record>::value)) slots_;
+};
+
+/// The elements of an array, each read as soon as it has ended. Past `kept` they are only counted.
+template <class Element, std::size_t kept = std::numeric_limits<std::size_t>::max()>
+class ArraySlot : public JSONSlot {
+ public:
+  JSONTarget* element() override {
+    finish();
+    if (error_) return nullptr;
+    current_.clear();
+    current_.place(*this, count_++);
+    isPending_ = true;
+    return &current_;
+  }
+
+  void end() override { finish(); }
+
+  void clear() override {
+    JSONSlot::clear();
+    elements_.clear();
+    count_ = 0;
+    error_ = nullptr;
+    isPending_ = false;
+  }
+
+  std::size_t count() const { return count_; }
+
+  /// Throws what was wrong with the first bad element.
+  std::vector<Element>& elements() {
+    require(JSONContainer::array);
+    if (error_) std::rethrow_exception(error_);
+    return elements_;
+  }
+
+ private:
+  void finish() {
+    if (!std::exchange(isPending_, false)) return;
+    try {
+      auto value = Reading<Element>::from(current_);
+      if (elements_.size() < kept) elements_.push_back(std::move(value));
+    } catch (const std::bad_alloc&) {
+      throw;
+    } catch (const std::exception&) {
+      error_ = std::current_exception();
+    }
+  }
+
+  std::vector<Element> elements_;
+  Slot<Element> current_;
+  std::size_t count_ = 0;
+  bool isPending_ = false;
+  std::exception_ptr error_;
+};
+
+template <class Value>
+struct SlotOf<std::optional<Value>> : SlotOf<Value> {};
+template <KeyedRecord Record>
+struct SlotOf<Record> {
+  using Slot = RecordSlot<Record>;
+};
+template <class Element>
+struct SlotOf<std::vector<Element>> {
+  using Slot = ArraySlot<Element>;
+};
+/// Lists of texts are short, and how long is checked only when all of them are read.
+template <>
+struct SlotOf<std::vector<std::string>> {
+  using Slot = ArraySlot<std::string, 100>;
+};
+template <>
+struct SlotOf<std::set<std::string>> {
+  using Slot = ArraySlot<std::string>;
+};
+
+/// What `make` returns for the value of `slot`; a limit that it breaks is reported with its place.
 template <class Make>
-auto checkedAt(const JSONReader& reader, Make make) {
+auto checkedAt(const JSONSlot& slot, Make make) {
   try {
     return make();
   } catch (const GenerationDTOError& error) {
-    throw error.at(reader.path());
+    throw error.at(slot.path());
   } catch (const HelperDTOError& error) {
-    throw error.at(reader.path());
+    throw error.at(slot.path());
   }
 }
 
 template <class Value>
-Value readMember(const JSONReader& reader, std::string_view key) {
+Value readMember(Slot<Value>& slot) {
   if constexpr (isOptional<Value>) {
-    return reader.optional(key, Reading<typename Value::value_type>::from);
+    if (slot.isAbsent()) return std::nullopt;
+    return Reading<typename Value::value_type>::from(slot);
   } else {
-    return Reading<Value>::from(reader.required(key));
+    if (slot.isAbsent()) slot.fail(Kind::keyNotFound, "is missing");
+    return Reading<Value>::from(slot);
   }
 }
 
 template <class Enum, std::size_t count>
-Enum readCase(const JSONReader& reader, const std::array<Enum, count>& cases) {
-  if (const auto found = caseNamed(reader.string(), cases)) return *found;
+Enum readCase(JSONSlot& slot, const std::array<Enum, count>& cases) {
+  if (const auto found = caseNamed(slot.string(), cases)) return *found;
   std::string names;
   for (const Enum one : cases) names.append(names.empty() ? "" : ", ").append(wireValue(one));
-  reader.fail(Kind::dataCorrupted, "is not one of " + names);
+  slot.fail(Kind::dataCorrupted, "is not one of " + names);
 }
 
 template <>
 struct Reading<bool> {
-  static bool from(const JSONReader& reader) { return reader.boolean(); }
+  static bool from(JSONSlot& slot) { return slot.boolean(); }
 };
 
 template <std::integral Integer>
 struct Reading<Integer> {
-  static Integer from(const JSONReader& reader) { return reader.integer<Integer>(); }
+  static Integer from(JSONSlot& slot) { return slot.integer<Integer>(); }
 };
 
 template <>
 struct Reading<std::string> {
-  static std::string from(const JSONReader& reader) { return reader.string(); }
+  static std::string from(JSONSlot& slot) { return std::move(slot.string()); }
 };
 
 template <>
 struct Reading<std::set<std::string>> {
-  static std::set<std::string> from(const JSONReader& reader) {
-    std::set<std::string> values;
-    reader.forEach([&](const JSONReader& element) { values.insert(element.string()); });
-    return values;
+  static std::set<std::string> from(Slot<std::set<std::string>>& slot) {
+    return {slot.elements().begin(), slot.elements().end()};
   }
 };
 
 template <class Element>
 struct Reading<std::vector<Element>> {
-  static std::vector<Element> from(const JSONReader& reader) {
-    std::vector<Element> values;
-    values.reserve(reader.size());
-    reader.forEach(
-        [&](const JSONReader& element) { values.push_back(Reading<Element>::from(element)); });
-    return values;
+  static std::vector<Element> from(Slot<std::vector<Element>>& slot) {
+    return std::move(slot.elements());
   }
 };
 
 template <>
 struct Reading<UUID> {
-  static UUID from(const JSONReader& reader) {
-    if (const auto uuid = UUID::parse(reader.string())) return *uuid;
-    reader.fail(Kind::dataCorrupted, "is not a UUID");
+  static UUID from(JSONSlot& slot) {
+    if (const auto uuid = UUID::parse(slot.string())) return *uuid;
+    slot.fail(Kind::dataCorrupted, "is not a UUID");
   }
 };
 
 template <>
 struct Reading<Instant> {
-  static Instant from(const JSONReader& reader) {
-    if (const auto instant = ISO8601::parse(reader.string())) return *instant;
-    reader.fail(Kind::dataCorrupted, "is not a date of the form 2026-11-21T10:00:00Z");
+  static Instant from(JSONSlot& slot) {
+    if (const auto instant = ISO8601::parse(slot.string())) return *instant;
+    slot.fail(Kind::dataCorrupted, "is not a date of the form 2026-11-21T10:00:00Z");
   }
 };
 
 template <>
 struct Reading<GenerationEngineID> {
-  static GenerationEngineID from(const JSONReader& reader) {
-    return readCase(reader, allGenerationEngineIDs);
-  }
+  static GenerationEngineID from(JSONSlot& slot) { return readCase(slot, allGenerationEngineIDs); }
 };
 
 template <>
 struct Reading<GenerationShape> {
-  static GenerationShape from(const JSONReader& reader) {
-    return readCase(reader, allGenerationShapes);
-  }
+  static GenerationShape from(JSONSlot& slot) { return readCase(slot, allGenerationShapes); }
 };
 
 template <>
 struct Reading<GenerationFailureKind> {
-  static GenerationFailureKind from(const JSONReader& reader) {
-    return readCase(reader, allGenerationFailureKinds);
+  static GenerationFailureKind from(JSONSlot& slot) {
+    return readCase(slot, allGenerationFailureKinds);
   }
 };
 
 template <>
 struct Reading<GenerationTimeout> {
-  static GenerationTimeout from(const JSONReader& reader) {
-    return checkedAt(reader, [&] { return GenerationTimeout(reader.integer<std::int64_t>()); });
+  static GenerationTimeout from(JSONSlot& slot) {
+    return checkedAt(slot, [&] { return GenerationTimeout(slot.integer<std::int64_t>()); });
   }
 };
 
 template <>
 struct Reading<BoundedText> {
-  static BoundedText from(const JSONReader& reader) {
-    return checkedAt(reader, [&] { return BoundedText(reader.string()); });
+  static BoundedText from(JSONSlot& slot) {
+    return checkedAt(slot, [&] { return BoundedText(std::move(slot.string())); });
   }
 };
 
 template <>
 struct Reading<ProcessID> {
-  static ProcessID from(const JSONReader& reader) {
-    return checkedAt(reader, [&] { return ProcessID(reader.integer<std::int32_t>()); });
+  static ProcessID from(JSONSlot& slot) {
+    return checkedAt(slot, [&] { return ProcessID(slot.integer<std::int32_t>()); });
   }
 };
 
 template <>
 struct Reading<Signal> {
-  static Signal from(const JSONReader& reader) {
-    const auto number = reader.integer<std::int32_t>();
+  static Signal from(JSONSlot& slot) {
+    const auto number = slot.integer<std::int32_t>();
     for (const Signal signal : allSignals) {
       if (std::to_underlying(signal) == number) return signal;
     }
-    reader.fail(Kind::dataCorrupted, "is not one of 2, 9, 15");
+    slot.fail(Kind::dataCorrupted, "is not one of 2, 9, 15");
   }
 };
 
-template <class Record, class Member>
-auto readField(const JSONReader& reader, const Field<Member>& field) {
-  using Value = std::remove_cvref_t<std::invoke_result_t<Member, const Record&>>;
-  return readMember<Value>(reader, field.key);
-}
-
 template <KeyedRecord Record>
 struct Reading<Record> {
-  static Record from(const JSONReader& reader) {
+  static Record from(RecordSlot<Record>& slot) {
+    slot.require(JSONContainer::object);
+    return std::apply([&](const auto&... fields) { return read(slot, fields...); },
+                      Fields<Record>::value);
+  }
+
+ private:
+  template <class... Members>
+  static Record read(RecordSlot<Record>& slot, const Field<Members>&... /*fields*/) {
     // Braces, because they evaluate from left to right: the first bad member is the one reported.
     return std::apply(
-        [&](const auto&... fields) { return Record{readField<Record>(reader, fields)...}; },
-        Fields<Record>::value);
+        [](auto&... slots) { return Record{readMember<MemberValue<Record, Members>>(slots)...}; },
+        slot.slots());
   }
 };
 
 template <>
 struct Reading<HelperFreshness> {
-  static HelperFreshness from(const JSONReader& reader) {
-    const bool isOutdated = readMember<bool>(reader, "isOutdated");
-    return HelperFreshness::asRead(isOutdated, readMember<bool>(reader, "willExit"));
+  static HelperFreshness from(RecordSlot<HelperFreshness>& slot) {
+    slot.require(JSONContainer::object);
+    auto& [isOutdated, willExit] = slot.slots();
+    const bool outdated = readMember<bool>(isOutdated);
+    return HelperFreshness::asRead(outdated, readMember<bool>(willExit));
+  }
+};
+
+template <>
+struct Reading<GeneratedFields> {
+  static GeneratedFields from(RecordSlot<GeneratedFields>& slot) {
+    slot.require(JSONContainer::object);
+    auto& [itemDescription, tags, globs, alwaysApply] = slot.slots();
+    auto description = readMember<std::string>(itemDescription);
+    auto tagList = readMember<std::vector<std::string>>(tags);
+    auto globList = readMember<std::vector<std::string>>(globs);
+    const bool applies = readMember<bool>(alwaysApply);
+    const std::size_t tagCount = tags.count();
+    const std::size_t globCount = globs.count();
+    return checkedAt(slot, [&] {
+      GeneratedFields::checkCounts(tagCount, globCount);
+      return GeneratedFields(description, std::move(tagList), std::move(globList), applies);
+    });
   }
 };
 
 template <>
 struct Reading<GenerationRequest> {
-  static GenerationRequest from(const JSONReader& reader) {
-    const auto instructions = readMember<BoundedText>(reader, "instructions");
-    const auto prompt = readMember<BoundedText>(reader, "prompt");
+  static GenerationRequest from(RecordSlot<GenerationRequest>& slot) {
+    slot.require(JSONContainer::object);
+    auto& [requestID, engine, shape, instructions, prompt, timeout] = slot.slots();
+    auto instructionsText = readMember<BoundedText>(instructions);
+    auto promptText = readMember<BoundedText>(prompt);
     // The prompt's own limit is the one that every bounded text has.
-    const auto checked = checkedAt(reader.required("instructions"), [&] {
-      return BoundedText(instructions.value(), GenerationRequest::instructionsLimit);
-    });
-    const auto requestID = readMember<UUID>(reader, "requestID");
-    const auto engine = readMember<GenerationEngineID>(reader, "engine");
-    const auto shape = readMember<GenerationShape>(reader, "shape");
-    const auto timeout = readMember<GenerationTimeout>(reader, "timeout");
-    return {requestID, engine, shape, checked.value(), prompt.value(), timeout};
+    checkedAt(instructions,
+              [&] { instructionsText.requireLength(GenerationRequest::instructionsLimit); });
+    const auto id = readMember<UUID>(requestID);
+    const auto engineID = readMember<GenerationEngineID>(engine);
+    const auto itsShape = readMember<GenerationShape>(shape);
+    return {id,
+            engineID,
+            itsShape,
+            std::move(instructionsText),
+            std::move(promptText),
+            readMember<GenerationTimeout>(timeout)};
   }
 };
 
@@ -430,9 +574,11 @@ std::string JSONEncoder::encode(const Record& record) const {
 
 template <class Record>
 Record JSONDecoder::decode(std::string_view body) const {
-  const auto value = StrictJSON::parse(body);
-  if (!value) throw DecodingError(Kind::dataCorrupted, "", "is not valid JSON");
-  return Reading<Record>::from(JSONReader(*value));
+  Slot<Record> slot;
+  if (const auto problem = JSONReader::read(body, slot)) {
+    throw DecodingError(Kind::dataCorrupted, "", *problem);
+  }
+  return Reading<Record>::from(slot);
 }
 
 #define TL_INSTANTIATE(Record)                                           \

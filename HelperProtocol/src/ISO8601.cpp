@@ -20,10 +20,10 @@ bool isDigit(char c) {
   return c >= '0' && c <= '9';
 }
 
-bool hasForm(std::string_view text) {
-  if (text.size() != form.size()) return false;
-  for (std::size_t i = 0; i < form.size(); ++i) {
-    if (form[i] == '0' ? !isDigit(text[i]) : text[i] != form[i]) return false;
+bool hasForm(std::string_view text, std::string_view expected) {
+  if (text.size() != expected.size()) return false;
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    if (expected[i] == '0' ? !isDigit(text[i]) : text[i] != expected[i]) return false;
   }
   return true;
 }
@@ -32,6 +32,19 @@ unsigned numberIn(std::string_view digits) {
   unsigned number = 0;
   for (const char digit : digits) number = number * 10 + static_cast<unsigned>(digit - '0');
   return number;
+}
+
+/// How far a zone is ahead of UTC: Z, +01:00 or +0100.
+std::optional<std::chrono::minutes> offsetOf(std::string_view zone) {
+  if (zone == "Z") return std::chrono::minutes(0);
+  const bool isBehind = zone.starts_with('-');
+  if (!isBehind && !zone.starts_with('+')) return std::nullopt;
+  zone.remove_prefix(1);
+  if (!hasForm(zone, "00:00") && !hasForm(zone, "0000")) return std::nullopt;
+  const std::chrono::hours hours(numberIn(zone.substr(0, 2)));
+  const std::chrono::minutes minutes(numberIn(zone.substr(zone.size() - 2)));
+  if (hours.count() > 23 || minutes.count() > 59) return std::nullopt;
+  return isBehind ? -(hours + minutes) : hours + minutes;
 }
 
 void writeNumber(std::string& text, std::size_t position, std::size_t width, std::int64_t number) {
@@ -63,7 +76,11 @@ std::optional<std::string> string(Instant instant) {
 }
 
 std::optional<Instant> parse(std::string_view text) {
-  if (!hasForm(text)) return std::nullopt;
+  constexpr std::size_t zone = form.size() - 1;
+  if (text.size() < form.size() || !hasForm(text.substr(0, zone), form.substr(0, zone))) {
+    return std::nullopt;
+  }
+  const auto offset = offsetOf(text.substr(zone));
   const std::chrono::year_month_day date(
       std::chrono::year(static_cast<int>(numberIn(text.substr(0, 4)))),
       std::chrono::month(numberIn(text.substr(5, 2))),
@@ -71,10 +88,10 @@ std::optional<Instant> parse(std::string_view text) {
   const std::chrono::hours hours(numberIn(text.substr(11, 2)));
   const std::chrono::minutes minutes(numberIn(text.substr(14, 2)));
   const std::chrono::seconds seconds(numberIn(text.substr(17, 2)));
-  if (!date.ok() || hours.count() > 23 || minutes.count() > 59 || seconds.count() > 59) {
+  if (!offset || !date.ok() || hours.count() > 23 || minutes.count() > 59 || seconds.count() > 59) {
     return std::nullopt;
   }
-  return Instant(sys_days(date) + hours + minutes + seconds);
+  return Instant(sys_days(date) + hours + minutes + seconds - *offset);
 }
 
 }  // namespace tessaloom::ISO8601

@@ -1,68 +1,232 @@
-#include "JSONReader.h"
+#include "HelperProtocol/JSONReader.h"
 
+#include <charconv>
 #include <cmath>
+#include <limits>
 #include <ranges>
-#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "JSONWriter.h"
 
 namespace tessaloom {
 namespace {
 
-const nlohmann::json* memberNamed(const nlohmann::json& object, std::string_view key) {
-  const auto member = object.find(key);
-  return member == object.end() || member->is_null() ? nullptr : &*member;
-}
+using nlohmann::json;
+
+constexpr double beyondIntegers = 9223372036854775808.0;  // 2^63
+
+/// Passes the library's events to the targets. The library keeps its own stack on the heap.
+class Router final : public nlohmann::json_sax<json> {
+ public:
+  explicit Router(JSONTarget& root) : root_(&root) {}
+
+  std::string takeProblem() { return std::move(problem_); }
+
+  bool null() override { return put(nullptr); }
+  bool boolean(bool value) override { return put(value); }
+  bool number_integer(number_integer_t value) override { return put(value); }
+  bool number_unsigned(number_unsigned_t value) override {
+    if (std::in_range<std::int64_t>(value)) return put(static_cast<std::int64_t>(value));
+    return put(static_cast<double>(value), std::to_string(value));
+  }
+  bool number_float(number_float_t value, const string_t& source) override {
+    const bool isIntegral = std::trunc(value) == value && std::abs(value) < beyondIntegers;
+    return isIntegral ? put(static_cast<std::int64_t>(value)) : put(value, source);
+  }
+  bool string(string_t& value) override { return put(std::move(value)); }
+  bool binary(binary_t& /*value*/) override { return false; }
+
+  bool start_object(std::size_t /*size*/) override { return open(JSONContainer::object); }
+  bool key(string_t& name) override {
+    auto& object = open_.back();
+    if (object.target != nullptr) object.next = object.target->member(name);
+    return true;
+  }
+  bool end_object() override { return close(); }
+  bool start_array(std::size_t /*size*/) override { return open(JSONContainer::array); }
+  bool end_array() override { return close(); }
+
+  // The library's message has numbers of its own before what is wrong, and may quote the text
+  // after.
+  bool parse_error(std::size_t position, const std::string& /*token*/,
+                   const json::exception& error) override {
+    constexpr std::string_view separator = " - ";
+    std::string_view message = error.what();
+    const auto start = message.find(separator);
+    message = start == std::string_view::npos ? "a number is out of range"
+                                              : message.substr(start + separator.size());
+    problem_ = "is not valid JSON at byte " + std::to_string(position) + ": ";
+    problem_ += message.substr(0, message.find("; last read: "));
+    return false;
+  }
+
+ private:
+  struct Container {
+    JSONTarget* target;  ///< Null while what it has is skipped.
+    bool isArray;
+    JSONTarget* next = nullptr;  ///< Where the value of the last key goes.
+  };
+
+  JSONTarget* next() {
+    if (open_.empty()) return root_;
+    const Container& container = open_.back();
+    if (container.target == nullptr) return nullptr;
+    return container.isArray ? container.target->element() : container.next;
+  }
+
+  bool put(JSONScalar value, std::string_view source = {}) {
+    if (JSONTarget* target = next()) target->scalar(std::move(value), source);
+    return true;
+  }
+
+  bool open(JSONContainer kind) {
+    if (open_.size() == JSONReader::maximumDepth) {
+      problem_ = "is nested more than " + std::to_string(JSONReader::maximumDepth) + " deep";
+      return false;
+    }
+    JSONTarget* target = next();
+    if (target != nullptr) target->begin(kind);
+    open_.push_back({.target = target, .isArray = kind == JSONContainer::array});
+    return true;
+  }
+
+  bool close() {
+    if (open_.back().target != nullptr) open_.back().target->end();
+    open_.pop_back();
+    return true;
+  }
+
+  JSONTarget* root_;
+  std::vector<Container> open_;  // outermost first
+  std::string problem_;
+};
 
 }  // namespace
 
-bool JSONReader::isAbsent(std::string_view key) const {
-  check(value_->is_object(), "is not an object");
-  return memberNamed(*value_, key) == nullptr;
-}
-
-JSONReader JSONReader::required(std::string_view key) const {
-  static const nlohmann::json nothing;
-  check(value_->is_object(), "is not an object");
-  if (const auto* member = memberNamed(*value_, key)) return {*member, *this, key};
-  JSONReader(nothing, *this, key).fail(DecodingError::Kind::keyNotFound, "is missing");
-}
-
-const std::string& JSONReader::string() const {
-  check(value_->is_string(), "is not a string");
-  return value_->get_ref<const std::string&>();
-}
-
-bool JSONReader::boolean() const {
-  check(value_->is_boolean(), "is not true or false");
-  return value_->get<bool>();
-}
-
-void JSONReader::failAsInteger() const {
-  // What stayed a double and is integral is one that no 64 bits hold.
-  constexpr double fitsAll = 9223372036854775808.0;  // 2^63
-  bool isIntegral = value_->is_number_integer();
-  if (value_->is_number_float()) {
-    const auto number = value_->get<double>();
-    isIntegral = std::abs(number) >= fitsAll && std::trunc(number) == number;
+std::optional<std::string> JSONReader::read(std::string_view text, JSONTarget& target) {
+  // The library takes a NUL for the end of its input and skips a byte order mark; JSON has neither.
+  if (const auto nul = text.find('\0'); nul != std::string_view::npos) {
+    return "is not valid JSON at byte " + std::to_string(nul + 1) + ": a NUL";
   }
-  if (isIntegral) fail(DecodingError::Kind::numberDoesNotFit, "is a number that does not fit");
+  if (text.starts_with("\xEF\xBB\xBF")) return "is not valid JSON: it has a byte order mark";
+  Router router(target);
+  if (json::sax_parse(text.data(), text.data() + text.size(), &router)) return std::nullopt;
+  return router.takeProblem();
+}
+
+void JSONSlot::begin(JSONContainer container) {
+  clear();
+  value_ = container;
+}
+
+void JSONSlot::scalar(JSONScalar value, std::string_view /*source*/) {
+  clear();
+  keep(std::move(value));
+}
+
+void JSONSlot::keep(JSONScalar value) {
+  std::visit([this](auto&& kept) { value_ = std::forward<decltype(kept)>(kept); },
+             std::move(value));
+}
+
+std::string& JSONSlot::string() {
+  auto* text = std::get_if<std::string>(&value_);
+  if (text == nullptr) fail(DecodingError::Kind::typeMismatch, "is not a string");
+  return *text;
+}
+
+bool JSONSlot::boolean() const {
+  const auto* value = get<bool>();
+  if (value == nullptr) fail(DecodingError::Kind::typeMismatch, "is not true or false");
+  return *value;
+}
+
+void JSONSlot::require(JSONContainer container) const {
+  if (is(container)) return;
+  const bool isObject = container == JSONContainer::object;
+  fail(DecodingError::Kind::typeMismatch, isObject ? "is not an object" : "is not an array");
+}
+
+void JSONSlot::failAsInteger() const {
+  // A double that is integral is one that 64 bits do not hold.
+  const auto* number = get<double>();
+  if (get<std::int64_t>() != nullptr || (number != nullptr && std::trunc(*number) == *number)) {
+    fail(DecodingError::Kind::numberDoesNotFit, "is out of range");
+  }
   fail(DecodingError::Kind::typeMismatch, "is not an integer");
 }
 
-std::string JSONReader::path() const {
-  std::vector<const JSONReader*> way;
-  for (const auto* reader = this; reader->parent_ != nullptr; reader = reader->parent_) {
-    way.push_back(reader);
-  }
+std::string JSONSlot::path() const {
+  std::vector<const JSONSlot*> way;
+  for (const auto* slot = this; slot->parent_ != nullptr; slot = slot->parent_) way.push_back(slot);
   std::string path;
-  for (const auto* reader : std::views::reverse(way)) {
-    if (reader->key_.empty()) {
-      path += '[' + std::to_string(reader->index_) + ']';
+  for (const auto* slot : std::views::reverse(way)) {
+    if (slot->key_.empty()) {
+      path += '[' + std::to_string(slot->index_) + ']';
     } else {
       if (!path.empty()) path += '.';
-      path += reader->key_;
+      path += slot->key_;
     }
   }
   return path;
+}
+
+JSONTarget* JSONObject::member(std::string_view key) {
+  for (const auto& [name, slot] : members_) {
+    if (name == key) return slot;
+  }
+  return nullptr;
+}
+
+void JSONObject::clear() {
+  JSONSlot::clear();
+  for (const auto& [name, slot] : members_) slot->clear();
+}
+
+void JSONText::scalar(JSONScalar value, std::string_view source) {
+  if (open_.empty()) clear();
+  if (const auto* text = std::get_if<std::string>(&value)) {
+    appendQuoted(text_, *text);
+  } else if (const auto* number = std::get_if<std::int64_t>(&value)) {
+    appendInteger(text_, *number);
+  } else if (const auto* truth = std::get_if<bool>(&value)) {
+    text_ += *truth ? "true" : "false";
+  } else if (std::holds_alternative<std::nullptr_t>(value)) {
+    text_ += "null";
+  } else {
+    text_ += source;
+  }
+  if (open_.empty()) keep(std::move(value));
+}
+
+void JSONText::begin(JSONContainer container) {
+  if (open_.empty()) JSONSlot::begin(container);
+  open_.push_back(container);
+  text_ += container == JSONContainer::object ? '{' : '[';
+}
+
+JSONTarget* JSONText::member(std::string_view key) {
+  if (text_.back() != '{') text_ += ',';
+  appendQuoted(text_, key);
+  text_ += ':';
+  return this;
+}
+
+JSONTarget* JSONText::element() {
+  if (text_.back() != '[') text_ += ',';
+  return this;
+}
+
+void JSONText::end() {
+  text_ += open_.back() == JSONContainer::object ? '}' : ']';
+  open_.pop_back();
+}
+
+void JSONText::clear() {
+  JSONSlot::clear();
+  text_.clear();
+  open_.clear();
 }
 
 }  // namespace tessaloom

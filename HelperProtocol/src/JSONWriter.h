@@ -7,6 +7,10 @@
 
 namespace tessaloom {
 
+/// Appends a text as a JSON string, which must be UTF-8.
+void appendQuoted(std::string& text, std::string_view value);
+void appendInteger(std::string& text, std::int64_t value);
+
 /// Appends compact JSON to one text. A listing has tens of thousands of values, so nothing is built
 /// in between. Commas are written by the container's functions; the caller keeps the nesting right.
 class JSONWriter {
@@ -23,7 +27,7 @@ class JSONWriter {
 
   /// Throws EncodingError (invalidValue) naming the last key when the text is not UTF-8.
   void string(std::string_view value);
-  void integer(std::int64_t value);
+  void integer(std::int64_t value) { appendInteger(text_, value); }
   void boolean(bool value) { text_ += value ? "true" : "false"; }
 
   /// Throws EncodingError (invalidValue) about the last key.
@@ -32,8 +36,6 @@ class JSONWriter {
   std::string take() { return std::move(text_); }
 
  private:
-  void escape(char character);
-
   std::string text_;
   std::string_view lastKey_;
 };

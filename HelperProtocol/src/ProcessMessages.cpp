@@ -5,7 +5,6 @@
 
 #include "HelperProtocol/HelperDTOError.h"
 #include "TLFoundation/DisplayString.h"
-#include "TLFoundation/HashFields.h"
 
 namespace tessaloom {
 namespace {
@@ -16,17 +15,6 @@ std::optional<std::string> cleaned(const std::optional<std::string>& text, std::
 }
 
 }  // namespace
-
-HelperDTOError::HelperDTOError(std::int32_t value, const std::string& message)
-    : std::runtime_error(message), value_(value) {}
-
-HelperDTOError HelperDTOError::invalidPID(std::int32_t value) {
-  return {value, std::to_string(value) + " is no process identifier."};
-}
-
-HelperDTOError HelperDTOError::at(const std::string& path) const {
-  return {value_, path.empty() ? what() : path + ": " + what()};
-}
 
 ProcessID::ProcessID(std::int32_t value) : value_(value) {
   if (value <= 0) throw HelperDTOError::invalidPID(value);
@@ -57,21 +45,3 @@ std::string PortSample::id() const {
 }
 
 }  // namespace tessaloom
-
-std::size_t std::hash<tessaloom::ProcessID>::operator()(
-    const tessaloom::ProcessID& pid) const noexcept {
-  return std::hash<std::int32_t>{}(pid.value());
-}
-
-std::size_t std::hash<tessaloom::ProcessSample>::operator()(
-    const tessaloom::ProcessSample& sample) const noexcept {
-  return tessaloom::hashFields(sample.pid(), sample.parentPID(), sample.tty(),
-                               sample.startedAt().time_since_epoch().count(),
-                               sample.elapsedSeconds(), sample.residentBytes(), sample.command());
-}
-
-std::size_t std::hash<tessaloom::PortSample>::operator()(
-    const tessaloom::PortSample& sample) const noexcept {
-  return tessaloom::hashFields(sample.port(), sample.transport(), sample.pid(),
-                               sample.processName(), sample.address());
-}

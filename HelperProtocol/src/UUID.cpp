@@ -65,8 +65,3 @@ std::string UUID::string() const {
 }
 
 }  // namespace tessaloom
-
-std::size_t std::hash<tessaloom::UUID>::operator()(const tessaloom::UUID& uuid) const noexcept {
-  const auto& bytes = uuid.bytes();
-  return std::hash<std::string_view>{}({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
-}

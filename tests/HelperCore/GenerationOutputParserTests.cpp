@@ -74,8 +74,8 @@ TEST(GenerationOutputParser, ReadsWhatTheEnginesPrinted) {
   const std::vector<Recording> recordings{
       {"claude-free-text.json", claude, freeText, "Hello from the loopback model. 11/7/5"},
       {"claude-item-fields.json", claude, itemFields,
-       R"({"alwaysApply":false,"globs":["**/*.md"],"itemDescription":)"
-       "\"Keeps\\tdocs \u202etidy.\",\"tags\":[\"docs\",\"style\"]}" +
+       "{\"itemDescription\":\"Keeps\\tdocs \u202etidy.\","
+       R"("tags":["docs","style"],"globs":["**/*.md"],"alwaysApply":false})" +
            fields + "11/7/5"},
       {"claude-not-signed-in.exit1.json", claude, freeText,
        "notAuthenticated: Not logged in · Please run /login"},

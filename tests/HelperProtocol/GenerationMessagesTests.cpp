@@ -105,7 +105,7 @@ TEST(GenerationDTOErrorTests, EqualOnlyWithEqualValuesAndShownOnOneLine) {
   const auto offending = "x\n\xFF" + std::string(99, 'y');
   const auto failure = failureOf([&] { generationShape(offending); });
   ASSERT_EQ(failure, GenerationDTOError::unknownShape(offending));
-  EXPECT_EQ(failure->what(), "\"x\uFFFD" + std::string(62, 'y') + "\" names no shape.");
+  EXPECT_EQ(failure->what(), "Unknown shape \"x\uFFFD" + std::string(62, 'y') + "\".");
   EXPECT_EQ(generationShape("itemFields"), GenerationShape::itemFields);
 }
 

@@ -22,6 +22,7 @@
 #include "HelperProtocol/HelperDTOError.h"
 #include "HelperProtocol/HelperFreshness.h"
 #include "HelperProtocol/ProcessMessages.h"
+#include "support/Repeated.h"
 #include "support/Thrown.h"
 
 using namespace std::string_literals;
@@ -51,7 +52,11 @@ Record decode(const std::string& body) {
 template <class Record>
 void expectWire(const Record& record, const std::string& body) {
   EXPECT_EQ(encode(record), body);
-  EXPECT_EQ(decode<Record>(body), record) << body;
+  const auto read = decode<Record>(body);
+  EXPECT_EQ(read, record) << body;
+  if constexpr (HashableRecord<Record>) {
+    EXPECT_EQ(std::hash<Record>{}(read), record.hash());
+  }
 }
 
 // The examples of the protocol's documentation are held against the coding too; these are what they
@@ -134,17 +139,21 @@ TEST(HelperCodingTests, TellsWhereABodyIsWrong) {
   };
   constexpr auto kill = refusalOf<KillRequest>;
   constexpr auto ports = refusalOf<std::vector<PortSample>>;
+  const std::string manyTags = R"({"itemDescription":"","globs":[],"alwaysApply":true,"tags":[)" +
+                               repeated("\"\",", 1'000) + "\"\"]}";
   const std::vector<Row> rows{
-      {kill, "", "The message body is not valid JSON"},
+      {kill, "",
+       "The message body is not valid JSON at byte 1: unexpected end of input; expected '[', '{', "
+       "or a literal"},
       {kill, "null", "The message body is not an object"},
       {kill, R"({"pid":null,"signal":3})", "pid is missing"},
       {kill, R"({"pid":true,"signal":9})", "pid is not an integer"},
-      {kill, R"({"pid":4.9999999999999999999,"signal":9})", "pid is not an integer"},
-      {kill, R"({"pid":2147483648,"signal":9})", "pid is a number that does not fit"},
-      {kill, R"({"pid":-2147483649,"signal":9})", "pid is a number that does not fit"},
-      {kill, R"({"pid":18446744073709551617,"signal":9})", "pid is a number that does not fit"},
-      {kill, R"({"pid":0,"signal":3})", "pid: 0 is no process identifier."},
-      {kill, R"({"pid":-2147483648,"signal":9})", "pid: -2147483648 is no process identifier."},
+      {kill, R"({"pid":5.5,"signal":9})", "pid is not an integer"},
+      {kill, R"({"pid":2147483648,"signal":9})", "pid is out of range"},
+      {kill, R"({"pid":-2147483649,"signal":9})", "pid is out of range"},
+      {kill, R"({"pid":18446744073709551617,"signal":9})", "pid is out of range"},
+      {kill, R"({"pid":0,"signal":3})", "pid: 0 is not a valid process ID."},
+      {kill, R"({"pid":-2147483648,"signal":9})", "pid: -2147483648 is not a valid process ID."},
       {ports, "{}", "The message body is not an array"},
       {ports, "[null]", "[0] is not an object"},
       {ports, R"([{"port":1,"transport":"tcp","pid":2,"processName":"","address":""},{"port":1}])",
@@ -156,9 +165,11 @@ TEST(HelperCodingTests, TellsWhereABodyIsWrong) {
        R"({"requestID":"0F8FAD5B-D9CB-469F-A165-70867728950E","engine":"codex","text":"",)"
        R"("fields":{"itemDescription":"","tags":["a",1],"globs":[],"alwaysApply":1}})",
        "fields.tags[1] is not a string"},
-      // The entries are read before they are counted.
+      // The entries are read before they are counted, and counted even where they are not kept.
       {refusalOf<GeneratedFields>, R"({"itemDescription":"","tags":[0,0,0,0,0,0,0,0,0,0,0,0,0]})",
        "tags[0] is not a string"},
+      {refusalOf<GeneratedFields>, manyTags.c_str(),
+       "The list has 1001 entries, more than the 12 allowed."},
   };
   for (const auto& row : rows) EXPECT_EQ(row.refusalOf(row.body), row.expected) << row.body;
 
@@ -171,7 +182,7 @@ TEST(HelperCodingTests, ReadsAGenerationRequestInItsOwnOrder) {
     std::string instructions, prompt, requestID, engine, shape, timeout, expected;
   };
   const std::string letters(64'000, 'x'), manyLetters(9'000, 'x');
-  const std::string control = ": The text holds a control character.";
+  const std::string control = ": The text has a control character.";
   const auto tooLong = [](const std::string& count, const std::string& limit) {
     return ": The text has " + count + " characters, more than the " + limit + " allowed.";
   };
@@ -214,6 +225,10 @@ TEST(HelperCodingTests, CleansTheTextsOfListingsThatItReads) {
   EXPECT_EQ(PortSample(8080, "tcp", 4242, "", "127.0.0.1").id(), "tcp/127.0.0.1/8080/4242");
   EXPECT_EQ((std::unordered_set<ProcessSample>{sample, sample}.size()), 1U);
   EXPECT_EQ((std::unordered_set<PortSample>{port, port}.size()), 1U);
+  const GenerationResult result{someUUID, GenerationEngineID::codex, "", {}, {}, 0};
+  auto other = result;
+  other.fields = GeneratedFields("", {"a"}, {}, false);
+  EXPECT_EQ((std::unordered_set<GenerationResult>{result, result, other}.size()), 2U);
 }
 
 ProcessSample startedAt(Instant instant) {
@@ -237,11 +252,18 @@ TEST(HelperCodingTests, WritesDatesToTheSecondRoundedDown) {
   }
 }
 
-TEST(HelperCodingTests, RefusesDatesOfAnyOtherForm) {
+TEST(HelperCodingTests, ReadsDatesWithAnOffsetAndRefusesAnyOtherForm) {
   const std::string body = encode(startedAt(instant(0)));
   const std::string epoch = "1970-01-01T00:00:00Z";
   for (const char* date :
-       {"2026-11-21T10:00:00.5Z", "2026-11-21T10:00:00+00:00", "2026-11-21T10:00:00",
+       {"1970-01-01T05:30:00+05:30", "1969-12-31T16:00:00-0800", "1970-01-01T00:00:00-00:00"}) {
+    auto changed = body;
+    changed.replace(changed.find(epoch), epoch.size(), date);
+    EXPECT_EQ(decode<ProcessSample>(changed).startedAt(), instant(0)) << date;
+  }
+  for (const char* date :
+       {"2026-11-21T10:00:00.5Z", "2026-11-21T10:00:00+24:00", "2026-11-21T10:00:00",
+        "2026-11-21T10:00:00+01", "2026-11-21T10:00:00-00:60", "2026-11-21T10:00:0000:00",
         "2026-11-21T10:00:00z", "2026-11-21 10:00:00Z", "02026-11-21T10:00:00Z",
         "-026-11-21T10:00:00Z", "2026-11-21T+1:00:00Z", "2026-02-29T10:00:00Z",
         "2026-13-01T10:00:00Z", "2026-01-00T10:00:00Z", "2026-11-21T24:00:00Z",

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
+
+#include "TLFoundation/HashFields.h"
 
 namespace tessaloom {
 
@@ -17,11 +20,18 @@ class BoundedText {
   explicit BoundedText(std::string value, std::int64_t limit = maximumLength);
 
   const std::string& value() const { return value_; }
+  /// User-perceived characters.
+  std::int64_t length() const { return length_; }
+
+  /// Throws GenerationDTOError::textTooLong if the text is longer.
+  void requireLength(std::int64_t limit) const;
 
   friend bool operator==(const BoundedText&, const BoundedText&) = default;
+  std::size_t hash() const noexcept { return hashFields(value_); }
 
  private:
   std::string value_;
+  std::int64_t length_;
 };
 
 }  // namespace tessaloom

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
 #include "HelperProtocol/GenerationEnums.h"
+#include "TLFoundation/HashFields.h"
 
 namespace tessaloom {
 
@@ -11,6 +13,7 @@ struct EngineStatusRequest {
   GenerationEngineID engine;
 
   friend bool operator==(const EngineStatusRequest&, const EngineStatusRequest&) = default;
+  std::size_t hash() const noexcept { return hashFields(engine); }
 };
 
 /// Whether an engine is installed, and which version. Absent fields have no key on the wire.
@@ -21,6 +24,9 @@ struct EngineStatus {
   std::optional<std::string> version;  ///< One line, at most 64 Unicode scalars.
 
   friend bool operator==(const EngineStatus&, const EngineStatus&) = default;
+  std::size_t hash() const noexcept {
+    return hashFields(engine, binaryFound, authenticated, version);
+  }
 };
 
 }  // namespace tessaloom

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 
 #include "HelperProtocol/GenerationEnums.h"
+#include "TLFoundation/HashFields.h"
 
 namespace tessaloom {
 
@@ -25,6 +27,7 @@ struct GenerationErrorPayload {
                                            std::optional<std::int32_t> exitCode = std::nullopt);
 
   friend bool operator==(const GenerationErrorPayload&, const GenerationErrorPayload&) = default;
+  std::size_t hash() const noexcept { return hashFields(kind, engine, exitCode, detail); }
 };
 
 }  // namespace tessaloom

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -7,6 +8,7 @@
 #include "HelperProtocol/GenerationEnums.h"
 #include "HelperProtocol/GenerationTimeout.h"
 #include "HelperProtocol/UUID.h"
+#include "TLFoundation/HashFields.h"
 
 namespace tessaloom {
 
@@ -23,6 +25,9 @@ class GenerationRequest {
   /// another order; see HelperCoding.)
   GenerationRequest(UUID requestID, GenerationEngineID engine, GenerationShape shape,
                     std::string instructions, std::string prompt, GenerationTimeout timeout);
+  /// Throws GenerationDTOError::textTooLong for `instructions`; counts nothing again.
+  GenerationRequest(UUID requestID, GenerationEngineID engine, GenerationShape shape,
+                    BoundedText instructions, BoundedText prompt, GenerationTimeout timeout);
 
   const UUID& requestID() const { return requestID_; }
   GenerationEngineID engine() const { return engine_; }
@@ -32,6 +37,9 @@ class GenerationRequest {
   GenerationTimeout timeout() const { return timeout_; }
 
   friend bool operator==(const GenerationRequest&, const GenerationRequest&) = default;
+  std::size_t hash() const noexcept {
+    return hashFields(requestID_, engine_, shape_, instructions_, prompt_, timeout_);
+  }
 
  private:
   UUID requestID_;
@@ -47,6 +55,7 @@ struct GenerationCancelRequest {
   UUID requestID;
 
   friend bool operator==(const GenerationCancelRequest&, const GenerationCancelRequest&) = default;
+  std::size_t hash() const noexcept { return hashFields(requestID); }
 };
 
 }  // namespace tessaloom

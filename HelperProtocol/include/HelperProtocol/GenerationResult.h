@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -8,6 +9,7 @@
 
 #include "HelperProtocol/GenerationEnums.h"
 #include "HelperProtocol/UUID.h"
+#include "TLFoundation/HashFields.h"
 
 namespace tessaloom {
 
@@ -26,12 +28,18 @@ class GeneratedFields {
   GeneratedFields(std::string_view itemDescription, std::vector<std::string> tags,
                   std::vector<std::string> globs, bool alwaysApply);
 
+  /// Throws GenerationDTOError::tooManyItems, for the tags before the globs.
+  static void checkCounts(std::size_t tags, std::size_t globs);
+
   const std::string& itemDescription() const { return itemDescription_; }
   const std::vector<std::string>& tags() const { return tags_; }
   const std::vector<std::string>& globs() const { return globs_; }
   bool alwaysApply() const { return alwaysApply_; }
 
   friend bool operator==(const GeneratedFields&, const GeneratedFields&) = default;
+  std::size_t hash() const noexcept {
+    return hashFields(itemDescription_, tags_, globs_, alwaysApply_);
+  }
 
  private:
   std::string itemDescription_;
@@ -47,6 +55,7 @@ struct GenerationTokens {
   std::int64_t cachedInput = 0;
 
   friend bool operator==(const GenerationTokens&, const GenerationTokens&) = default;
+  std::size_t hash() const noexcept { return hashFields(input, output, cachedInput); }
 };
 
 /// A generation that succeeded.
@@ -61,6 +70,9 @@ struct GenerationResult {
   std::int64_t durationMilliseconds;  ///< Wall time of the run.
 
   friend bool operator==(const GenerationResult&, const GenerationResult&) = default;
+  std::size_t hash() const noexcept {
+    return hashFields(requestID, engine, text, fields, tokens, durationMilliseconds);
+  }
 };
 
 }  // namespace tessaloom

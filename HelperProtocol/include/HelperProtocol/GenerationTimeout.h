@@ -2,7 +2,10 @@
 
 #include <chrono>
 #include <compare>
+#include <cstddef>
 #include <cstdint>
+
+#include "TLFoundation/HashFields.h"
 
 namespace tessaloom {
 
@@ -22,6 +25,7 @@ class GenerationTimeout {
   std::chrono::seconds duration() const { return std::chrono::seconds(seconds_); }
 
   friend auto operator<=>(const GenerationTimeout&, const GenerationTimeout&) = default;
+  std::size_t hash() const noexcept { return hashFields(seconds_); }
 
  private:
   std::int64_t seconds_;

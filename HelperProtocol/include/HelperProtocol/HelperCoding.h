@@ -20,11 +20,11 @@ class JSONEncoder {
 
 /// Reads one record from a message body.
 ///
-/// Strict: see StrictJSON. What counts for an integer is its value, not how it is written (5.0 is
+/// Strict: see JSONReader. What counts for an integer is its value, not how it is written (5.0 is
 /// one), and no boolean stands for a number or the other way round. An optional field may be null,
-/// which is the same as no key; keys that the record does not have do no harm. Dates have to be as
-/// the encoder writes them. Holds no state: make one for each
-/// message.
+/// which is the same as no key; keys that the record does not have are ignored. Dates may have a
+/// numeric offset instead of the Z. Memory is bounded by what the record keeps, whatever the body
+/// has. Holds no state: make one for each message.
 class JSONDecoder {
  public:
   /// Throws DecodingError, or what the record's own checks throw (GenerationDTOError,
@@ -37,11 +37,15 @@ class JSONDecoder {
 };
 
 /// The one JSON coding of every request and reply body.
-struct HelperCoding {
-  HelperCoding() = delete;
+namespace HelperCoding {
 
-  static JSONEncoder makeEncoder() { return {}; }
-  static JSONDecoder makeDecoder() { return {}; }
-};
+inline JSONEncoder makeEncoder() {
+  return {};
+}
+inline JSONDecoder makeDecoder() {
+  return {};
+}
+
+}  // namespace HelperCoding
 
 }  // namespace tessaloom

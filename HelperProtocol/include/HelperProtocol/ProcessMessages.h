@@ -5,10 +5,11 @@
 #include <compare>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "TLFoundation/HashFields.h"
 
 namespace tessaloom {
 
@@ -24,6 +25,7 @@ class ProcessID {
   std::int32_t value() const { return value_; }
 
   friend auto operator<=>(const ProcessID&, const ProcessID&) = default;
+  std::size_t hash() const noexcept { return hashFields(value_); }
 
  private:
   std::int32_t value_;
@@ -68,6 +70,10 @@ class ProcessSample {
   const std::string& command() const { return command_; }
 
   friend bool operator==(const ProcessSample&, const ProcessSample&) = default;
+  std::size_t hash() const noexcept {
+    return hashFields(pid_, parentPID_, tty_, startedAt_.time_since_epoch().count(),
+                      elapsedSeconds_, residentBytes_, command_);
+  }
 
  private:
   std::int32_t pid_;
@@ -99,6 +105,9 @@ class PortSample {
   std::string id() const;
 
   friend auto operator<=>(const PortSample&, const PortSample&) = default;
+  std::size_t hash() const noexcept {
+    return hashFields(port_, transport_, pid_, processName_, address_);
+  }
 
  private:
   std::int64_t port_;
@@ -109,16 +118,3 @@ class PortSample {
 };
 
 }  // namespace tessaloom
-
-template <>
-struct std::hash<tessaloom::ProcessID> {
-  std::size_t operator()(const tessaloom::ProcessID& pid) const noexcept;
-};
-template <>
-struct std::hash<tessaloom::ProcessSample> {
-  std::size_t operator()(const tessaloom::ProcessSample& sample) const noexcept;
-};
-template <>
-struct std::hash<tessaloom::PortSample> {
-  std::size_t operator()(const tessaloom::PortSample& sample) const noexcept;
-};

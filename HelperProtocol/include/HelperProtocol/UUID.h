@@ -3,10 +3,11 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "TLFoundation/HashFields.h"
 
 namespace tessaloom {
 
@@ -29,14 +30,13 @@ class UUID {
   const std::array<std::uint8_t, 16>& bytes() const { return bytes_; }
 
   friend bool operator==(const UUID&, const UUID&) = default;
+  std::size_t hash() const noexcept {
+    return hashFields(
+        std::string_view(reinterpret_cast<const char*>(bytes_.data()), bytes_.size()));
+  }
 
  private:
   std::array<std::uint8_t, 16> bytes_;
 };
 
 }  // namespace tessaloom
-
-template <>
-struct std::hash<tessaloom::UUID> {
-  std::size_t operator()(const tessaloom::UUID& uuid) const noexcept;
-};

@@ -1,0 +1,149 @@
+// A program of its own, because it replaces the allocator: what bodies and engine output may take
+// while they are read, and that no allocation that fails ends the process.
+
+#include <malloc.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdlib>
+#include <functional>
+#include <limits>
+#include <new>
+#include <stdexcept>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "HelperCore/GenerationOutputParser.h"
+#include "HelperProtocol/GenerationRequest.h"
+#include "HelperProtocol/HelperCoding.h"
+#include "support/Repeated.h"
+
+namespace {
+
+constexpr std::size_t never = std::numeric_limits<std::size_t>::max();
+
+std::atomic<std::size_t> live = 0;
+std::atomic<std::size_t> peak = 0;
+std::atomic<std::size_t> untilFailure = never;
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  if (untilFailure != never && untilFailure-- == 0) throw std::bad_alloc();
+  void* block = std::malloc(size);
+  if (block == nullptr) throw std::bad_alloc();
+  live += malloc_usable_size(block);
+  if (live > peak) peak = live.load();
+  return block;
+}
+
+void operator delete(void* block) noexcept {
+  if (block != nullptr) live -= malloc_usable_size(block);
+  std::free(block);
+}
+
+void operator delete(void* block, std::size_t /*size*/) noexcept {
+  operator delete(block);
+}
+
+namespace tessaloom {
+namespace {
+
+constexpr std::size_t mebibyte = 1'048'576;
+
+using Read = std::function<void(const std::string&)>;
+
+template <class Record>
+void readBody(const std::string& text) {
+  try {
+    static_cast<void>(HelperCoding::makeDecoder().decode<Record>(text));
+  } catch (const std::runtime_error&) {
+  }
+}
+
+void readClaude(const std::string& text) {
+  static_cast<void>(GenerationOutputParser::parseClaude(text, GenerationShape::itemFields,
+                                                        GenerationEngineID::claudeCode));
+}
+
+void readCodex(const std::string& text) {
+  static_cast<void>(GenerationOutputParser::parseCodex(text, GenerationShape::itemFields,
+                                                       GenerationEngineID::codex));
+}
+
+TEST(Memory, ReadingTakesOnlyWhatIsKept) {
+  const auto list = [](const std::string& before, const std::string& item, const std::string& after,
+                       std::size_t size) {
+    return before + repeated(item + ",", size / (item.size() + 1)) + item + after;
+  };
+  const struct {
+    const char* name;
+    Read read;
+    std::string text;
+    std::size_t most;
+  } rows[] = {
+      // The library keeps the punctuation since the last literal.
+      {"array of objects", readBody<GenerationRequest>, list("[", "{}", "]", 4 * mebibyte),
+       13 * mebibyte},
+      {"unknown key", readBody<GenerationRequest>, list("{\"a\":[", "[]", "]}", 4 * mebibyte),
+       13 * mebibyte},
+      {"array for a text", readBody<GenerationRequest>,
+       list("{\"prompt\":[", "\"\"", "]}", 4 * mebibyte), 4'096},
+      {"tags", readBody<GeneratedFields>, list("{\"tags\":[", "\"t\"", "]}", 4 * mebibyte), 16'384},
+      {"claude: objects", readClaude, list("{\"a\":[", "{}", "]}", 4 * mebibyte), 13 * mebibyte},
+      // The structured output is kept as text.
+      {"claude: tags", readClaude,
+       list("{\"structured_output\":{\"tags\":[", "\"t\"", "]}}", 4 * mebibyte), 20 * mebibyte},
+      {"codex: lines", readCodex, repeated("{}\n", 4 * mebibyte / 3), 4'096},
+  };
+  for (const auto& row : rows) {
+    const std::size_t before = live;
+    peak = before;
+    row.read(row.text);
+    EXPECT_LT(peak - before, row.most) << row.name;
+    EXPECT_EQ(live, before) << row.name;
+  }
+}
+
+// Whichever allocation fails, reading ends in std::bad_alloc and gives back what it had.
+TEST(Memory, NoFailedAllocationEndsTheProcess) {
+  const std::string fields =
+      R"({"itemDescription":"a description that is long enough","tags":["a tag that is long too"],)"
+      R"("globs":[],"alwaysApply":true})";
+  const struct {
+    Read read;
+    std::string text;
+  } rows[] = {
+      {readBody<GenerationRequest>,
+       R"({"instructions":"instructions of some length","prompt":"a prompt of some length",)"
+       R"("requestID":"0F8FAD5B-D9CB-469F-A165-70867728950E","engine":"codex","shape":"freeText",)"
+       R"("timeout":5,"unknown":[[[{"a":[]}]]]})"},
+      {readBody<GenerationRequest>, R"({"instructions":"","prompt":"\u0000","timeout":[})"},
+      {readBody<GenerationRequest>, R"({"instructions":"","prompt":"\u0000"})"},
+      {readBody<GeneratedFields>, fields},
+      {readBody<GeneratedFields>, R"({"itemDescription":"","tags":[1],"globs":[]})"},
+      {readClaude, "{\"structured_output\":" + fields + "}"},
+      {readCodex, R"({"type":"item.completed","item":{"type":"agent_message","text":"{}"}})"},
+  };
+  for (const auto& row : rows) {
+    const std::size_t before = live;
+    bool hasFailed = true;
+    for (std::size_t allocation = 0; hasFailed; ++allocation) {
+      ASSERT_LT(allocation, 1'000U);
+      bool isReported = false;
+      untilFailure = allocation;
+      try {
+        row.read(row.text);
+      } catch (const std::bad_alloc&) {
+        isReported = true;
+      }
+      hasFailed = untilFailure.exchange(never) == never;
+      EXPECT_EQ(isReported, hasFailed) << row.text;
+      EXPECT_EQ(live, before) << row.text;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace tessaloom

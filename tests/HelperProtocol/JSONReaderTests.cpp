@@ -1,0 +1,100 @@
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "HelperProtocol/JSONReader.h"
+#include "support/Repeated.h"
+
+using namespace std::string_literals;
+
+namespace tessaloom {
+namespace {
+
+std::optional<std::string> compact(const std::string& text) {
+  JSONText value;
+  if (JSONReader::read(text, value)) return std::nullopt;
+  return value.text();
+}
+
+TEST(JSONReaderTests, KeepsValuesAsTheyAreAndIntegralNumbersAsIntegers) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"5.0", "5"},
+      {"-12300e-2", "-123"},
+      {"-0.0e9", "0"},
+      {"9223372036854775807", "9223372036854775807"},
+      // Not 64-bit integers.
+      {"18446744073709551615", "18446744073709551615"},
+      {"1e300", "1e300"},
+      {"5.70", "5.70"},
+      {" [ true , { } , \"\\u00e9\\n/\" , [ ] , null ] ", "[true,{},\"\u00E9\\n/\",[],null]"},
+      {R"({"b":1,"a":{"{":[2,{"c":false}]}})", R"({"b":1,"a":{"{":[2,{"c":false}]}})"},
+  };
+  for (const auto& [text, expected] : rows) EXPECT_EQ(compact(text), expected);
+}
+
+TEST(JSONReaderTests, RefusesWhatIsNotExactlyOneValue) {
+  const std::vector<std::string> texts{
+      // No value, half a value, more than a value.
+      "", " ", "{", "{}x", "{} {}", "{}\0"s, "{}\0garbage"s, "\0{}"s, "\"\0\""s,
+      // What other readers allow.
+      "\xEF\xBB\xBF{}", "\xFF\xFE{\0}\0"s, "\u00A0{}", "{a:1}", "{'a':1}", "[1,]", "{\"a\":1,}",
+      "// no comment\n1", "NaN", "Infinity", "TRUE", "1e400", "-1e400", "+1", "01", ".5", "5.",
+      "0x10", "\"\n\"", "\"\\x41\"",
+      // Half surrogates and ill-formed text.
+      "\"\\ud800\"", "\"\\udc00\"", "\"\\ud800\\u0041\"", "\"\xED\xA0\x80\"", "\"\xC0\x80\"",
+      "\"\xF4\x90\x80\x80\"", "\"\xE2\x80\"", "\"\x80\""};
+  for (const auto& text : texts) {
+    EXPECT_FALSE(compact(text)) << testing::PrintToString(text);
+  }
+}
+
+TEST(JSONReaderTests, SaysWhatIsWrongAndWhere) {
+  const std::pair<std::string, const char*> rows[] = {
+      {"{\"a\":1", "is not valid JSON at byte 7: unexpected end of input; expected '}'"},
+      {"[1,]", "is not valid JSON at byte 4: unexpected ']'; expected '[', '{', or a literal"},
+      {"[\"\t\"]",
+       "is not valid JSON at byte 3: invalid string: control character U+0009 (HT) must be escaped "
+       "to \\u0009 or \\t"},
+      {"[1e999]", "is not valid JSON at byte 6: a number is out of range"},
+      {"[\0]"s, "is not valid JSON at byte 2: a NUL"},
+  };
+  for (const auto& [text, expected] : rows) {
+    JSONSlot value;
+    EXPECT_EQ(JSONReader::read(text, value), expected);
+  }
+}
+
+TEST(JSONReaderTests, TheLastOfDuplicateKeysCounts) {
+  JSONSlot inner, kept;
+  JSONText text;
+  JSONObject object{{"inner", &inner}};
+  JSONObject root{{"object", &object}, {"kept", &kept}, {"text", &text}};
+  EXPECT_EQ(JSONReader::read(R"({"object":{"inner":1},"kept":1,"text":[1],"object":2,"kept":[],)"
+                             R"("skipped":{"kept":3},"text":"a"})",
+                             root),
+            std::nullopt);
+  EXPECT_TRUE(inner.isAbsent());
+  EXPECT_TRUE(kept.is(JSONContainer::array));
+  EXPECT_EQ(text.text(), "\"a\"");
+}
+
+TEST(JSONReaderTests, BoundsTheDepth) {
+  const std::size_t limit = JSONReader::maximumDepth;
+  const auto nested = [](const std::string& open, const std::string& close, std::size_t depth) {
+    return repeated(open, depth) + repeated(close, depth);
+  };
+  for (const std::size_t depth : {limit + 1, std::size_t{100'000}}) {
+    JSONSlot value;
+    EXPECT_EQ(JSONReader::read(nested("[", "]", depth), value), "is nested more than 512 deep");
+    EXPECT_FALSE(compact(repeated("{\"a\":", depth)));
+  }
+  EXPECT_EQ(compact(nested("[", "]", limit)), nested("[", "]", limit));
+  EXPECT_FALSE(compact("{\"a\":" + nested("[", "]", limit) + "}"));
+}
+
+}  // namespace
+}  // namespace tessaloom
