@@ -37,7 +37,8 @@
 #include "HelperProtocol/HelperCoding.h"
 #include "HelperProtocol/Methods.h"
 #include "HelperProtocol/linux/BusHandles.h"
-#include "TLFoundation/FileDescriptor.h"
+#include "Paired.h"
+#include "TLFoundation/Pipe.h"
 
 extern char** environ;
 
@@ -45,9 +46,9 @@ namespace tessaloom {
 namespace {
 
 namespace fs = std::filesystem;
-using Microseconds = std::chrono::duration<double, std::micro>;
 using namespace std::chrono_literals;
 
+constexpr const char* echo = "sd-bus echo";
 constexpr int roundTrips = 2'000;
 constexpr int coldStarts = 20;
 constexpr int generations = 50;
@@ -55,38 +56,6 @@ constexpr std::uint64_t callTimeout = 60'000'000;  // Microseconds.
 
 void require(int result, const char* what) {
   if (result < 0) throw std::system_error(-result, std::generic_category(), what);
-}
-
-Microseconds timed(const std::function<void()>& work) {
-  const auto start = std::chrono::steady_clock::now();
-  work();
-  return std::chrono::steady_clock::now() - start;
-}
-
-Microseconds median(std::vector<Microseconds> times) {
-  const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
-  std::nth_element(times.begin(), middle, times.end());
-  return *middle;
-}
-
-/// One line of the report: what was measured, what stands beside it, and how they compare.
-void report(const char* name, const char* unit, double value, double beside) {
-  std::printf("  %-44s %9.1f %-3s %9.1f %-3s  %+9.1f %-3s  x%.2f\n", name, value, unit, beside,
-              unit, value - beside, unit, value / beside);
-}
-
-/// Measures both in turn, so that a change of the machine's mood meets both.
-void compare(const char* name, const char* unit, double unitsPerMicrosecond, int rounds,
-             const std::function<Microseconds()>& measured,
-             const std::function<Microseconds()>& beside) {
-  std::vector<Microseconds> ours;
-  std::vector<Microseconds> theirs;
-  for (int round = 0; round < rounds; ++round) {
-    ours.push_back(measured());
-    theirs.push_back(beside());
-  }
-  report(name, unit, median(ours).count() * unitsPerMicrosecond,
-         median(theirs).count() * unitsPerMicrosecond);
 }
 
 // The bus
@@ -152,64 +121,53 @@ void measureCalls() {
     return timedCall(service);
   };
 
-  std::printf("  %-44s %13s %13s\n", "", "helper", "echo service");
-  compare(
-      "cold start to first reply, by activation", "ms", 1e-3, coldStarts,
+  measurePairs(
+      {"calls", "cold start to first reply, by activation", echo}, coldStarts,
       [&] { return coldStart(helperName); }, [&] { return coldStart(echoName); });
-  const pid_t helper = processOf(bus.get(), helperName);
-  const pid_t echo = processOf(bus.get(), echoName);
-  report("idle memory, proportional set size", "KiB", memory(helper, "Pss:"), memory(echo, "Pss:"));
-  report("idle memory, resident set size", "KiB", memory(helper, "Rss:"), memory(echo, "Rss:"));
-  compare(
-      "ProtocolVersion, round trip", "us", 1, roundTrips, [&] { return timedCall(helperName); },
-      [&] { return timedCall(echoName); });
+  const pid_t helperProcess = processOf(bus.get(), helperName);
+  const pid_t echoProcess = processOf(bus.get(), echoName);
+  for (const auto& [name, field] : {std::pair{"proportional", "Pss:"}, {"resident", "Rss:"}}) {
+    printPair({"memory", name, echo}, {memory(helperProcess, field)}, {memory(echoProcess, field)});
+  }
+  measurePairs(
+      {"calls", "ProtocolVersion, round trip", echo}, roundTrips,
+      [&] { return timedCall(helperName); }, [&] { return timedCall(echoName); });
 }
 
 /// What a caller meets while another connection lists as fast as it can.
 void measureCallsBesideListings() {
   constexpr int listings = 40;
   const BusHandle bus = openBus();
-  const auto timedCall = [&] {
-    return timed([&] { call(bus.get(), helperName, methodNamed("ProtocolVersion").name); });
+  const auto timedCall = [&](const char* service) {
+    return timed([&] { call(bus.get(), service, methodNamed("ProtocolVersion").name); });
   };
-  std::vector<Microseconds> idle;
-  for (int i = 0; i < roundTrips; ++i) idle.push_back(timedCall());
-
-  std::vector<Microseconds> listed;
-  std::vector<Microseconds> beside;
   std::atomic<bool> listing = true;
   std::thread lister([&] {
     const BusHandle own = openBus();
-    for (int i = 0; i < listings; ++i)
-      listed.push_back(
-          timed([&] { call(own.get(), helperName, methodNamed("ListProcesses").name); }));
+    for (int i = 0; i < listings; ++i) {
+      call(own.get(), helperName, methodNamed("ListProcesses").name);
+    }
     listing = false;
   });
-  while (listing) beside.push_back(timedCall());
+  std::vector<double> own;
+  std::vector<double> peer;
+  while (listing) {
+    own.push_back(timedCall(helperName).count());
+    peer.push_back(timedCall(echoName).count());
+  }
   lister.join();
-
-  const auto worst = [](const std::vector<Microseconds>& times) {
-    return std::ranges::max(times).count();
-  };
-  std::printf("  %-44s %9.1f ms\n", "ListProcesses, round trip", median(listed).count() * 1e-3);
-  std::printf("  %-44s %9s %9s\n", "ProtocolVersion on another connection", "median", "worst");
-  std::printf("  %-44s %9.1f %9.1f us\n", "  while nobody lists", median(idle).count(),
-              worst(idle));
-  std::printf("  %-44s %9.1f %9.1f us\n", "  while listings follow each other",
-              median(beside).count(), worst(beside));
+  printPair({"load", "ProtocolVersion, round trip", echo}, own, peer);
+  printPair({"load", "ProtocolVersion, the slowest", echo}, {std::ranges::max(own)},
+            {std::ranges::max(peer)});
 }
 
 // Processes
 
-struct Pipe {
-  FileDescriptor read, write;
-  Pipe() {
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) require(-errno, "pipe2");
-    read = FileDescriptor(ends[0]);
-    write = FileDescriptor(ends[1]);
-  }
-};
+Pipe newPipe() {
+  auto pipe = makePipe();
+  require(pipe ? 0 : -pipe.error(), "pipe");
+  return *std::move(pipe);
+}
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
   std::vector<char*> result;
@@ -226,12 +184,12 @@ void runByHand(const CLIInvocation& invocation) {
   std::vector<std::string> variables;
   for (const auto& [name, value] : invocation.environment) variables.push_back(name + "=" + value);
 
-  Pipe input;
-  Pipe output;
+  Pipe input = newPipe();
+  Pipe output = newPipe();
   posix_spawn_file_actions_t actions;
   ::posix_spawn_file_actions_init(&actions);
-  ::posix_spawn_file_actions_adddup2(&actions, input.read.get(), STDIN_FILENO);
-  ::posix_spawn_file_actions_adddup2(&actions, output.write.get(), STDOUT_FILENO);
+  ::posix_spawn_file_actions_adddup2(&actions, input.readEnd.get(), STDIN_FILENO);
+  ::posix_spawn_file_actions_adddup2(&actions, output.writeEnd.get(), STDOUT_FILENO);
   if (invocation.workingDirectory)
     ::posix_spawn_file_actions_addchdir_np(&actions, invocation.workingDirectory->c_str());
   pid_t child = 0;
@@ -240,14 +198,14 @@ void runByHand(const CLIInvocation& invocation) {
   ::posix_spawn_file_actions_destroy(&actions);
   require(-spawned, invocation.executable.c_str());
 
-  input.read.reset();
-  output.write.reset();
+  input.readEnd.reset();
+  output.writeEnd.reset();
   const std::string text = invocation.standardInput.value_or("");
-  if (::write(input.write.get(), text.data(), text.size()) != std::ssize(text))
+  if (::write(input.writeEnd.get(), text.data(), text.size()) != std::ssize(text))
     require(-errno, "write");
-  input.write.reset();
+  input.writeEnd.reset();
   char chunk[4096];
-  while (::read(output.read.get(), chunk, sizeof chunk) > 0) {
+  while (::read(output.readEnd.get(), chunk, sizeof chunk) > 0) {
   }
   int status = 0;
   ::waitpid(child, &status, 0);
@@ -294,13 +252,13 @@ void measureGenerations(const fs::path& home) {
   };
   const auto byHand = [&] { return timed([&] { runByHand(engine); }); };
 
-  std::printf("  %-44s %13s %13s\n", "", "helper", "engine by hand");
-  compare("generation, on an open connection", "ms", 1e-3, generations, timedCall, byHand);
-  compare(
-      "generation, tessaloom-helperctl generate", "ms", 1e-3, generations,
+  const char* hand = "engine by hand";
+  measurePairs({"generations", "on an open connection", hand}, generations, timedCall, byHand);
+  measurePairs(
+      {"generations", "tessaloom-helperctl generate", hand}, generations,
       [&] { return timed([&] { runByHand(client); }); }, byHand);
-  compare(
-      "of which the client's start and end (--help)", "ms", 1e-3, generations,
+  measurePairs(
+      {"generations", "of which the client's start and end (--help)", hand}, generations,
       [&] { return timed([&] { runByHand(idleClient); }); }, byHand);
   fs::remove_all(directory);
 }

@@ -86,7 +86,7 @@ void regularExpression(benchmark::State& state, const Case& row) {
 const bool registered = [] {
   for (const auto& row : cases) {
     const std::string name = row.name;
-    benchmark::RegisterBenchmark((name + "/GlobMatcher").c_str(), globMatcher, row);
+    benchmark::RegisterBenchmark((name + "/helper").c_str(), globMatcher, row);
     if (row.fnmatch != nullptr) {
       benchmark::RegisterBenchmark((name + "/fnmatch").c_str(), systemMatcher, row);
     }

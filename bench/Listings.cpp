@@ -1,12 +1,13 @@
-// Measures the listings of processes and ports, as far as the bytes of the reply, beside the
-// system's own programs, among processes of its own making.
+// Measures the listings of processes and ports, up to the bytes of the reply, beside the system's
+// own programs, among processes of its own making.
+//
+//   ListingsBenchmark TABLE    TABLE is the table of the report that the rows belong to
 
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <functional>
@@ -19,14 +20,14 @@
 #include "HelperCore/ListeningPorts.h"
 #include "HelperCore/ProcessListing.h"
 #include "HelperProtocol/HelperCoding.h"
+#include "Paired.h"
 #include "TLFoundation/FileDescriptor.h"
+#include "linux/ResourceLimits.h"
 
 extern char** environ;
 
 namespace tessaloom {
 namespace {
-
-using Milliseconds = std::chrono::duration<double, std::milli>;
 
 /// A program that runs beside this one, with its output going nowhere or to a pipe.
 class Program {
@@ -80,18 +81,6 @@ class Load {
   FileDescriptor keepAlive_;
 };
 
-Milliseconds timed(const std::function<void()>& work) {
-  const auto start = std::chrono::steady_clock::now();
-  work();
-  return std::chrono::steady_clock::now() - start;
-}
-
-double median(std::vector<Milliseconds> times) {
-  const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
-  std::ranges::nth_element(times, middle);
-  return middle->count();
-}
-
 std::size_t listProcesses(Kernel& kernel) {
   std::vector<ProcessSample> samples;
   const Instant now = kernel.processClockTime();
@@ -112,55 +101,45 @@ void runPeer(const std::vector<std::string>& words) {
 
 struct Subject {
   const char* name;
-  std::vector<std::string> peer;
+  std::vector<std::vector<std::string>> peers;
   std::size_t (*list)(Kernel&);
 };
 
-struct Medians {
-  double peer;
-  double fresh;
-  double repeated;
-};
-
-/// All three in turn, so that a change of the machine's mood meets all.
-Medians measure(const Subject& subject, Kernel& known, int rounds) {
-  std::vector<Milliseconds> peer;
-  std::vector<Milliseconds> fresh;
-  std::vector<Milliseconds> repeated;
-  for (int round = 0; round < rounds; ++round) {
-    peer.push_back(timed([&] { runPeer(subject.peer); }));
-    std::unique_ptr<Kernel> kernel;
-    fresh.push_back(timed([&] {
-      kernel = makeSystemKernel();
-      subject.list(*kernel);
-    }));
-    repeated.push_back(timed([&] { subject.list(known); }));
+// A first listing by a new kernel object, and a repeated one by an object that has listed before.
+void measure(const std::string& table, const Subject& subject, Kernel& known, int processes,
+             int rounds) {
+  for (const auto& peer : subject.peers) {
+    const auto runsPeer = [&] { return timed([&] { runPeer(peer); }); };
+    const std::string name = subject.name;
+    measurePairs(
+        {table, name + ", first", peer.front(), processes}, rounds,
+        [&] {
+          std::unique_ptr<Kernel> fresh;
+          return timed([&] {
+            fresh = makeSystemKernel();
+            subject.list(*fresh);
+          });
+        },
+        runsPeer);
+    measurePairs(
+        {table, name + ", repeated", peer.front(), processes}, rounds,
+        [&] { return timed([&] { subject.list(known); }); }, runsPeer);
   }
-  return {median(peer), median(fresh), median(repeated)};
 }
 
-void report(const Subject& subject, int processes, int sockets, const Medians& medians) {
-  std::printf("  %-10s %6d %8d %9.2f %9.2f  x%-6.1f %9.2f  x%-6.1f %8.1f\n", subject.name,
-              processes, sockets, medians.peer, medians.fresh, medians.peer / medians.fresh,
-              medians.repeated, medians.peer / medians.repeated, medians.fresh * 1000 / processes);
-}
-
-void measureAll() {
+void measureAll(const std::string& table) {
   const std::vector<Subject> subjects{
       {"processes",
-       {"ps", "-u", std::to_string(::geteuid()), "-o", "pid,ppid,tty,lstart,rss,comm"},
+       {{"ps", "-u", std::to_string(::geteuid()), "-o", "pid,ppid,tty,lstart,rss,comm"}},
        listProcesses},
-      {"ports", {"ss", "-lntup"}, listPorts}};
+      {"ports", {{"ss", "-lntup"}, {"lsof", "-nP", "-i"}}, listPorts}};
   constexpr int descriptorsEach = 14;
   struct Size {
     int processes;
     int sockets;
     int rounds;
   };
-  constexpr Size sizes[] = {{150, 30, 31}, {1'000, 200, 21}, {1'000, 2'000, 11}, {5'000, 1'000, 7}};
-  std::printf("  %-10s %6s %8s %9s %9s  %-7s %9s  %-7s %8s\n", "listing", "own", "sockets",
-              "peer ms", "fresh ms", "", "again ms", "", "us each");
-  for (const Size& size : sizes) {
+  for (const Size& size : {Size{150, 30, 31}, Size{1'000, 200, 15}, Size{5'000, 1'000, 7}}) {
     const Load load(size.processes, descriptorsEach, size.sockets);
     const auto known = makeSystemKernel();
     // What is known about a process that rests counts when it is some seconds old.
@@ -169,7 +148,7 @@ void measureAll() {
       std::this_thread::sleep_for(std::chrono::milliseconds(2'200));
     }
     for (const Subject& subject : subjects) {
-      report(subject, size.processes, size.sockets, measure(subject, *known, size.rounds));
+      measure(table, subject, *known, size.processes, size.rounds);
     }
   }
 }
@@ -177,9 +156,14 @@ void measureAll() {
 }  // namespace
 }  // namespace tessaloom
 
-int main() {
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    std::fprintf(stderr, "usage: ListingsBenchmark TABLE\n");
+    return 2;
+  }
   try {
-    tessaloom::measureAll();
+    tessaloom::ResourceLimits::current().raise();  // As the helper does when it starts.
+    tessaloom::measureAll(argv[1]);
     return 0;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "ListingsBenchmark: %s\n", error.what());
