@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "DescriptorShortage.h"
+#include "MemoryRelease.h"
 #include "Subprocess.h"
 #include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/Unicode.h"
@@ -84,7 +86,9 @@ std::expected<RunResult, GenerationErrorPayload> CLIRunner::run(
     return std::unexpected(GenerationErrorPayload{GenerationFailureKind::cancelled, engine});
   };
   if (isEnding()) return cancelled();
-  auto process = Subprocess::launch(invocation, descriptorLimit_);
+  MemoryRelease release;
+  auto process = withDescriptors(releaseDescriptors_,
+                                 [&] { return Subprocess::launch(invocation, descriptorLimit_); });
   if (!process) return std::unexpected(launchFailure(engine, process.error()));
   const std::shared_ptr<ChildProcess>& child = process->child();
   Registration registration(*this, requestID, child);
@@ -96,6 +100,7 @@ std::expected<RunResult, GenerationErrorPayload> CLIRunner::run(
     process->awaitExit(Clock::time_point::max());
   }
   process->awaitReaders(readersGrace);
+  release.add(process->standardOutput().size() + process->standardError().size());
 
   const bool wasCancelled = registration.end();
   if (!inTime) {

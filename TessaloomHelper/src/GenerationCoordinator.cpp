@@ -4,13 +4,16 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
+#include "DescriptorShortage.h"
 #include "GenerationDirectory.h"
 #include "HelperCore/CLIInvocationBuilder.h"
 #include "HelperCore/GenerationOutputParser.h"
 #include "HelperCore/GenerationSchema.h"
+#include "MemoryRelease.h"
 #include "TLFoundation/DisplayString.h"
 #include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/Unicode.h"
@@ -19,6 +22,7 @@ namespace tessaloom {
 
 namespace {
 
+using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t diagnosticTail = 2'000;  // User-perceived characters.
@@ -53,6 +57,19 @@ GenerationCoordinator::GenerationCoordinator(CLIRunner& runner,
       temporaryDirectory_(std::move(temporaryDirectory)),
       lookups_(std::move(lookups)) {}
 
+// The user database is a file or a service, and not each of its modules says that it could not be
+// opened for want of a descriptor. A user who is truly unknown is rare and can wait.
+std::optional<CurrentUser> GenerationCoordinator::currentUser() const {
+  constexpr std::chrono::milliseconds pauses[] = {0ms, 10ms, 40ms, 160ms};
+  auto user = lookups_.currentUser();
+  for (auto pause = std::begin(pauses); !user && pause != std::end(pauses); ++pause) {
+    lookups_.releaseDescriptors();
+    std::this_thread::sleep_for(*pause);
+    user = lookups_.currentUser();
+  }
+  return user;
+}
+
 std::expected<GenerationResult, GenerationErrorPayload> GenerationCoordinator::generate(
     const GenerationRequest& request) const {
   const auto engine = request.engine();
@@ -61,17 +78,20 @@ std::expected<GenerationResult, GenerationErrorPayload> GenerationCoordinator::g
     return std::unexpected(GenerationErrorPayload::withDetail(
         GenerationFailureKind::engineRefused, engine, "Too many generations are already running."));
   }
-  const auto executable = lookups_.engine(engine, lookups_.currentUser());
+  const auto executable = lookups_.engine(engine, currentUser());
   if (!executable) return std::unexpected(executable.error());
-  const auto user = lookups_.currentUser();
+  const auto user = currentUser();
   if (!user) return std::unexpected(unknownUserFailure(engine));
 
-  const auto directory = GenerationDirectory::create(temporaryDirectory_, request.requestID());
+  const auto directory = withDescriptors(lookups_.releaseDescriptors, [&] {
+    return GenerationDirectory::create(temporaryDirectory_, request.requestID());
+  });
   if (!directory) {
     return std::unexpected(GenerationErrorPayload::withDetail(
         GenerationFailureKind::launchFailed, engine, errnoText(directory.error())));
   }
   const auto schemaFile = writeSchema(request, *directory);
+  MemoryRelease release;
 
   const auto start = Clock::now();
   const CLIInvocation invocation{
@@ -84,6 +104,7 @@ std::expected<GenerationResult, GenerationErrorPayload> GenerationCoordinator::g
   const auto run =
       runner_.run(invocation, request.requestID(), engine, request.timeout().duration());
   if (!run) return std::unexpected(run.error());
+  release.add(run->standardOutput.size() + run->standardError.size());
 
   auto parsed = parseOutput(*run, request);
   const auto end = Clock::now();  // Cleaning the text is the helper's own time.
@@ -107,13 +128,13 @@ EngineStatus GenerationCoordinator::engineStatus(const EngineStatusRequest& requ
                       .binaryFound = false,
                       .authenticated = std::nullopt,
                       .version = std::nullopt};
-  const auto executable = lookups_.engine(request.engine, lookups_.currentUser());
+  const auto executable = lookups_.engine(request.engine, currentUser());
   if (!executable) return status;
   status.binaryFound = true;
 
   Environment environment;
   std::expected<FileDescriptor, int> directory;
-  if (const auto user = lookups_.currentUser()) {
+  if (const auto user = currentUser()) {
     // The engine may want to write there; where it cannot, that is its own affair.
     directory = openPrivateDirectory(temporaryDirectory_);
     environment = CLIInvocationBuilder::environment(user->homeDirectory, user->loginName,
@@ -124,8 +145,10 @@ EngineStatus GenerationCoordinator::engineStatus(const EngineStatusRequest& requ
                             .environment = std::move(environment),
                             .workingDirectory = std::nullopt,
                             .standardInput = std::nullopt};
+  MemoryRelease release;
   const auto run = runner_.run(probe, std::nullopt, request.engine, versionTimeout);
   if (run) {
+    release.add(run->standardOutput.size() + run->standardError.size());
     status.version = DisplayString::singleLine(Unicode::trimmed(run->standardOutput), versionLimit);
   }
   return status;

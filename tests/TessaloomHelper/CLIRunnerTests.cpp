@@ -327,6 +327,17 @@ TEST_F(CLIRunnerTest, DescriptorExhaustionIsALaunchFailure) {
     EXPECT_EQ(next(), lowest) << more;
   }
   EXPECT_TRUE(launched);
+
+  // Unless this process keeps some that it can do without.
+  std::vector<FileDescriptor> kept;
+  for (int i = 0; i < 12; ++i) kept.emplace_back(::dup(STDIN_FILENO));
+  CLIRunner giving({}, [&kept] { kept.clear(); });
+  CLIRunner& localGiving = giving;
+  const rlimit tight{static_cast<rlim_t>(lowest) + 12, before.rlim_max};
+  ::setrlimit(RLIMIT_NOFILE, &tight);
+  launched = localGiving.run(invocation, std::nullopt, engine, ample).has_value();
+  ::setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_TRUE(launched);
 }
 
 TEST_F(CLIRunnerTest, ManagesWithoutTheNewerCalls) {

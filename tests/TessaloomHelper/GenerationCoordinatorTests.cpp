@@ -96,6 +96,13 @@ TEST_F(GenerationCoordinatorTest, StatusTellsWhatTheProbePrints) {
   EXPECT_EQ(runner.inFlightCount(), 0U);
 }
 
+TEST_F(GenerationCoordinatorTest, AsksForTheUserAgainOnceDescriptorsAreReleased) {
+  bool released = false;
+  lookups.releaseDescriptors = [&] { released = true; };
+  lookups.currentUser = [&] { return released ? std::optional(user) : std::nullopt; };
+  EXPECT_TRUE(coordinator().engineStatus({codex}).binaryFound);
+}
+
 TEST_F(GenerationCoordinatorTest, StatusWithoutAUserProbesInAnEmptyEnvironment) {
   const fs::path probe = home.path() / "print-env";
   std::ofstream(probe) << "#!/bin/sh\nexec " PRACTICE_ENGINE " practice no-read print-env\n";

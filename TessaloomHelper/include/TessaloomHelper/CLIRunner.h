@@ -7,11 +7,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <expected>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
 #include "HelperCore/CLIInvocation.h"
 #include "HelperProtocol/GenerationErrorPayload.h"
@@ -41,9 +43,12 @@ class CLIRunner {
   static constexpr std::chrono::seconds readersGrace{5};  ///< For output after the child's exit.
 
   /// `descriptorLimit` is what children get as their limit on descriptors, for a process that has
-  /// raised its own (Linux only).
-  explicit CLIRunner(std::optional<rlimit> descriptorLimit = std::nullopt)
-      : descriptorLimit_(descriptorLimit) {}
+  /// raised its own (Linux only). `releaseDescriptors` closes what this process keeps open only for
+  /// speed; it is called when a launch finds too many open files, before it is tried again.
+  explicit CLIRunner(
+      std::optional<rlimit> descriptorLimit = std::nullopt,
+      std::function<void()> releaseDescriptors = [] {})
+      : descriptorLimit_(descriptorLimit), releaseDescriptors_(std::move(releaseDescriptors)) {}
   CLIRunner(const CLIRunner&) = delete;
   CLIRunner& operator=(const CLIRunner&) = delete;
 
@@ -96,6 +101,7 @@ class CLIRunner {
   bool isEnding() const TL_EXCLUDES(lock_);
 
   const std::optional<rlimit> descriptorLimit_;
+  const std::function<void()> releaseDescriptors_;
   std::atomic<std::size_t> unfinished_ = 0;
   mutable Mutex lock_;
   std::unordered_map<UUID, std::shared_ptr<ChildProcess>> inFlight_ TL_GUARDED_BY(lock_);
