@@ -83,8 +83,10 @@ int serve() {
   ThreadTasks tasks;
   ThreadTasks queueTasks;
   ThreadTasks vettingTasks;
-  CLIRunner runner(limits.descriptors());
-  const GenerationCoordinator coordinator(runner, perUserTemporaryDirectory());
+  const auto releaseDescriptors = [&kernel] { kernel->releaseKeptDescriptors(); };
+  CLIRunner runner(limits.descriptors(), releaseDescriptors);
+  const GenerationCoordinator coordinator(runner, perUserTemporaryDirectory(),
+                                          {.releaseDescriptors = releaseDescriptors});
   std::optional<BusListener> listener;
   ExitWhenIdle exitWhenIdle(executable, identity, runner, tasks,
                             [&listener] { listener->leave(); });
