@@ -19,7 +19,7 @@ sys.modules["case"] = sys.modules[__name__]  # The modules with the cases import
 import honest
 from session import FILES, HELPER, Outsider, engines, eventually, footprint, process_of, status_of
 
-MODULES = ("boundary", "leaving", "shortages", "endurance")
+MODULES = ("boundary", "flatpaks", "leaving", "shortages", "endurance")
 CASES = {}
 SETTLING = 12        # Seconds.
 IDLE_TIME = 2.2      # Seconds; threads leave after 2.
