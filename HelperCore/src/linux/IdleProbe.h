@@ -36,10 +36,8 @@ class IdleProbe {
   /// The process has not been reaped, and its counters are what they were.
   bool isUnchanged() const;
 
-  /// Whether the moment lies at least `age` before `now`, so that unchanged means idle.
-  bool isOlderThan(std::chrono::nanoseconds age, Clock::time_point now) const {
-    return now - since_ >= age;
-  }
+  /// How long before `now` the moment lies.
+  Clock::duration age(Clock::time_point now) const { return now - since_; }
 
   /// Takes this moment as the one to compare with. False when the process has gone.
   bool restart();

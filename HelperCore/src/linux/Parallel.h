@@ -30,9 +30,9 @@ inline std::size_t usableProcessors() {
 /// without.
 template <class Work>
 void forEachPart(std::size_t count, const Work& work) {
-  constexpr std::size_t partSize = 32;
+  constexpr std::size_t partSize = 16;
   constexpr std::size_t mostThreads = 4;
-  constexpr std::chrono::milliseconds worthThreads{1};
+  constexpr std::chrono::microseconds worthThreads{500};
   const auto started = std::chrono::steady_clock::now();
 
   std::atomic<std::size_t> next = 0;

@@ -67,7 +67,7 @@ FileDescriptor ProcessPass::open(KnownProcess& known) {
 }
 
 void ProcessPass::restartProbe(KnownProcess& known) {
-  if (known.probe && known.probe.isUnchanged()) return;
+  if (known.probe && !isExpired(known) && known.probe.isUnchanged()) return;
   known.facts.reset();
   known.sockets.reset();
   if (known.probe && !known.probe.restart()) {

@@ -46,9 +46,11 @@ class ProcessPass {
     forEachPart(slots_.size(), [&](std::size_t index) { read(slots_[index]); });
   }
 
-  /// Whether what is known holds if its probe is unchanged.
+  /// Whether what is known holds if its probe is unchanged: between the age at which that means idle
+  /// and the one at which everything is read anew, just in case, after one to two minutes.
   bool isRemembered(const KnownProcess& known) const {
-    return known.facts && known.probe && known.probe.isOlderThan(idleAge_, startedAt_);
+    return known.facts && known.probe && known.probe.age(startedAt_) >= idleAge_ &&
+           !isExpired(known);
   }
 
   /// Starts reading a process anew: opens its `stat`, and forgets what has changed. None, and
@@ -68,13 +70,16 @@ class ProcessPass {
   const ProcFiles& proc() const { return proc_; }
   const StartClock& clock() const { return clock_; }
   std::uint32_t owner() const { return owner_; }
-  IdleProbe::Clock::time_point startedAt() const { return startedAt_; }
   bool ranOutOfDescriptors() const { return proc_.ranOutOfDescriptors(); }
 
   /// What the next listing starts with. Call it last.
   std::vector<KnownProcess> takeKnown();
 
  private:
+  /// Not all processes at once.
+  bool isExpired(const KnownProcess& known) const {
+    return known.probe.age(startedAt_) >= std::chrono::seconds{60 + known.pid % 60};
+  }
   void restartProbe(KnownProcess& known);
   bool staysTrue(const Slot& slot) const;
 

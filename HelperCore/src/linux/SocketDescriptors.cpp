@@ -38,9 +38,7 @@ void addSockets(const ProcFiles& proc, std::int32_t number, std::vector<std::uin
 }  // namespace
 
 SocketDescriptors readSocketDescriptors(const ProcFiles& proc, std::int32_t pid) {
-  SocketDescriptors sockets{.inodes = {},
-                            .networkNamespace = proc.networkNamespace(pid),
-                            .readAt = std::chrono::steady_clock::now()};
+  SocketDescriptors sockets{.inodes = {}, .networkNamespace = proc.networkNamespace(pid)};
   addSockets(proc, pid, sockets.inodes);
   return sockets;
 }

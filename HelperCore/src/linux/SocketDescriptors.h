@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -14,7 +13,6 @@ namespace tessaloom {
 struct SocketDescriptors {
   std::vector<std::uint32_t> inodes;   ///< In the order of the descriptors.
   std::uint32_t networkNamespace = 0;  ///< Of the process itself; 0 when it may not be known.
-  std::chrono::steady_clock::time_point readAt;
 };
 
 /// A thread in another network namespace than its process.

@@ -14,12 +14,6 @@ namespace tessaloom {
 namespace {
 
 using Slot = ProcessPass::Slot;
-using std::chrono::seconds;
-
-/// Between one and two minutes, so that not all processes are read again at once.
-seconds longestTrust(std::int32_t pid) {
-  return seconds{60 + pid % 60};
-}
 
 /// The descriptors that this process has open only to read others.
 std::vector<bool> keptDescriptors(ProcessPass& pass) {
@@ -35,14 +29,10 @@ std::vector<bool> keptDescriptors(ProcessPass& pass) {
   return kept;
 }
 
-void read(ProcessPass& pass, Slot& slot) {
+void read(ProcessPass& pass, Slot& slot, std::int32_t self) {
   KnownProcess& known = slot.known;
-  if (known.pid == getpid()) return;
-  if (known.sockets && pass.isRemembered(known) &&
-      pass.startedAt() - known.sockets->readAt < longestTrust(known.pid) &&
-      known.probe.isUnchanged()) {
-    return;
-  }
+  if (known.pid == self) return;
+  if (known.sockets && pass.isRemembered(known) && known.probe.isUnchanged()) return;
   const FileDescriptor stat = pass.open(known);
   if (!stat) return;
   known.sockets = readSocketDescriptors(pass.proc(), known.pid);
@@ -57,8 +47,8 @@ void read(ProcessPass& pass, Slot& slot) {
 }
 
 /// Last, when the others' descriptors are known.
-void readOwn(ProcessPass& pass) {
-  Slot* own = pass.find(getpid());
+void readOwn(ProcessPass& pass, std::int32_t self) {
+  Slot* own = pass.find(self);
   if (own == nullptr) return;
   const FileDescriptor stat = pass.open(own->known);
   if (!stat || !pass.readFacts(own->known, stat)) return;
@@ -93,8 +83,9 @@ void addForeignNamespaces(ProcessPass& pass, SocketTable& table) {
 std::vector<SocketHolder> readSocketHolders(ProcessPass& pass) {
   SocketTable table;
   table.addOwnNamespace(pass.proc());
-  pass.forEachSlot([&pass](Slot& slot) { read(pass, slot); });
-  readOwn(pass);
+  const std::int32_t self = getpid();
+  pass.forEachSlot([&pass, self](Slot& slot) { read(pass, slot, self); });
+  readOwn(pass, self);
   markSharingParents(pass);
   addForeignNamespaces(pass, table);
 

@@ -12,7 +12,7 @@ namespace tessaloom {
 /// What the sockets are is asked of the kernel every time (SocketTable). Which descriptors a
 /// process has open stays known while it does not run. Two processes that share one table of
 /// descriptors are read every time where one is the other's parent; others of that kind cannot be
-/// told from the rest, which is why nothing is believed for longer than `longestTrust`.
+/// told from the rest, which is why no probe counts for long (ProcessPass::isRemembered).
 std::vector<SocketHolder> readSocketHolders(ProcessPass& pass);
 
 }  // namespace tessaloom
