@@ -142,10 +142,10 @@ void measureAll(const std::string& table) {
   for (const Size& size : {Size{150, 30, 31}, Size{1'000, 200, 15}, Size{5'000, 1'000, 7}}) {
     const Load load(size.processes, descriptorsEach, size.sockets);
     const auto known = makeSystemKernel();
-    // What is known about a process that rests counts when it is some seconds old.
+    // What is known of a process counts when its probe is old enough.
     for (int warmUp = 0; warmUp < 3; ++warmUp) {
       for (const Subject& subject : subjects) subject.list(*known);
-      std::this_thread::sleep_for(std::chrono::milliseconds(2'200));
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
     for (const Subject& subject : subjects) {
       measure(table, subject, *known, size.processes, size.rounds);

@@ -46,8 +46,8 @@ class ProcessPass {
     forEachPart(slots_.size(), [&](std::size_t index) { read(slots_[index]); });
   }
 
-  /// Whether what is known holds if its probe is unchanged: between the age at which that means idle
-  /// and the one at which everything is read anew, just in case, after one to two minutes.
+  /// Whether what is known holds if its probe is unchanged: between the age at which that means
+  /// idle and the one at which everything is read anew, just in case, after one to two minutes.
   bool isRemembered(const KnownProcess& known) const {
     return known.facts && known.probe && known.probe.age(startedAt_) >= idleAge_ &&
            !isExpired(known);
