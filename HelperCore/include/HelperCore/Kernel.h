@@ -85,8 +85,8 @@ class ProcessHandle {
 /// read, or has gone by now, is missing from it; only memory that runs out is an exception.
 ///
 /// What an implementation keeps between calls is not seen in a result, with one exception: sockets
-/// of a process that shares its table of descriptors with another process, without being a thread
-/// of it or its child, may be up to two minutes old.
+/// of a process that shares its table of descriptors with another process, which is neither a
+/// thread of it nor its parent or child, may be up to two minutes old.
 class Kernel {
  public:
   virtual ~Kernel() = default;
@@ -113,8 +113,8 @@ class Kernel {
   virtual std::unique_ptr<ProcessHandle> openProcess(std::int32_t pid) = 0;
 
   /// Closes all descriptors that are kept between calls; waits for a listing that uses them, some
-  /// hundredths of a second. For whoever was refused a descriptor (EMFILE, ENFILE), before the next
-  /// try. The next listing keeps descriptors again.
+  /// hundredths of a second, so not for a thread that serves others. For whoever was refused a
+  /// descriptor (EMFILE, ENFILE), before the next try. The next listing keeps descriptors again.
   virtual void releaseKeptDescriptors() = 0;
 };
 

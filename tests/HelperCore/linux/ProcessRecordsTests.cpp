@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
+#include <new>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -13,6 +15,9 @@
 #include "HelperCore/linux/LiveListings.h"
 #include "linux/LinuxKernel.h"
 #include "linux/LinuxProcessHandle.h"
+#include "linux/Parallel.h"
+#include "linux/ProcessPass.h"
+#include "linux/ProcessRecords.h"
 #include "support/ObedientChild.h"
 
 namespace tessaloom {
@@ -157,6 +162,10 @@ class LinuxKernelTest : public testing::Test {
     EXPECT_EQ(portsOf(kernel, {child.pid()}), ports);
     EXPECT_EQ(processesOf(kernel, {child.pid()}), processes);
   }
+  static std::ptrdiff_t countDescriptors() {
+    return std::ranges::distance(std::filesystem::directory_iterator{"/proc/self/fd"},
+                                 std::filesystem::directory_iterator{});
+  }
 
   rlimit limit{};
   ObedientChild child;
@@ -165,16 +174,27 @@ class LinuxKernelTest : public testing::Test {
   std::vector<PortSample> ports;
 };
 
-TEST_F(LinuxKernelTest, GivesWayWhenDescriptorsRunShort) {
+TEST_F(LinuxKernelTest, GivesBackDescriptorsWhenTheyRunShort) {
   const rlimit few{512, limit.rlim_max};
   setrlimit(RLIMIT_NOFILE, &few);
+  const auto before = countDescriptors();
   listFirst();
-  // What the kernel keeps is a share; the rest was free, and is taken now.
-  std::vector<FileDescriptor> taken;
-  do {
-    taken.emplace_back(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
-  } while (taken.back());
-  expectTheSame();
+  EXPECT_GT(countDescriptors(), before);
+  kernel.releaseKeptDescriptors();
+  EXPECT_EQ(countDescriptors(), before);
+  // A signal gets the descriptors that it needs, and so does a listing.
+  for (const bool listing : {false, true}) {
+    expectTheSame();
+    std::vector<FileDescriptor> taken;
+    do {
+      taken.emplace_back(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
+    } while (taken.back());
+    if (listing) {
+      expectTheSame();
+    } else {
+      EXPECT_TRUE(kernel.openProcess(child.pid())->startTime());
+    }
+  }
 }
 
 TEST_F(LinuxKernelTest, ServesSeveralThreadsAtOnce) {
@@ -182,10 +202,56 @@ TEST_F(LinuxKernelTest, ServesSeveralThreadsAtOnce) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 3; ++i) {
     threads.emplace_back([&] {
-      for (int listing = 0; listing < 5; ++listing) expectTheSame();
+      expectTheSame();
+      kernel.releaseKeptDescriptors();
+      expectTheSame();
     });
   }
   for (std::thread& thread : threads) thread.join();
+}
+
+/// Whether one of some listings remembers the process. On a busy machine it takes a while until a
+/// process that has answered is off its processor.
+bool isEverRemembered(pid_t pid, std::chrono::nanoseconds idleAge, int listings = 4) {
+  const FileDescriptor procDirectory{open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+  const StartClock clock;
+  std::vector<KnownProcess> known;
+  for (int listing = 0; listing < listings; ++listing) {
+    ProcessPass pass(procDirectory, clock, getuid(), idleAge, std::move(known), true);
+    readProcessRecords(pass);
+    if (pass.find(pid)->isRemembered) return true;
+    known = pass.takeKnown();
+    std::this_thread::sleep_for(settled);
+  }
+  return false;
+}
+
+TEST(ProcessPass, RemembersProcessesThatHaveNotRun) {
+  ObedientChild child;
+  if (!isEverRemembered(child.pid(), settled, 20)) GTEST_SKIP() << "this kernel does not count";
+  EXPECT_FALSE(isEverRemembered(child.pid(), std::chrono::hours{1})) << "the probe is too young";
+  EXPECT_FALSE(isEverRemembered(getpid(), settled));
+  child.ask(Command::startThread);
+  EXPECT_FALSE(isEverRemembered(child.pid(), settled)) << "the other thread may have run";
+}
+
+TEST(Parallel, DoesEachPieceOnceAndThrowsWhatAThreadThrows) {
+  const auto main = std::this_thread::get_id();
+  std::vector<int> done(1'000);
+  const auto work = [&](std::size_t index) {
+    std::this_thread::sleep_for(std::chrono::microseconds{20});
+    ++done[index];
+  };
+  forEachPart(done.size(), work);
+  EXPECT_EQ(done, std::vector<int>(done.size(), 1));
+  EXPECT_THROW(forEachPart(done.size(),
+                           [&](std::size_t index) {
+                             work(index);
+                             // With one processor there is no other thread.
+                             const bool isOther = std::this_thread::get_id() != main;
+                             if (isOther || index + 1 == done.size()) throw std::bad_alloc();
+                           }),
+               std::bad_alloc);
 }
 
 }  // namespace
