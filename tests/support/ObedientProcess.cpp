@@ -75,6 +75,7 @@ std::int32_t startThreadApart() {
 void serve(char** arguments);
 
 std::int32_t takeTerminal(const char* path) {
+  signal(SIGHUP, SIG_IGN);  // It outlives the terminal.
   if (setsid() < 0) return -1;
   int terminal = open(path, O_RDWR | O_CLOEXEC);
   return terminal < 0 ? -1 : ioctl(terminal, TIOCSCTTY, 0);

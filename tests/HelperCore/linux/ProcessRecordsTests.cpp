@@ -108,18 +108,23 @@ TEST(LinuxProcesses, ListsAProcessWhoseMainThreadHasExited) {
   EXPECT_EQ(portsOf(kernel, {child.pid()}).at(0).port(), portOf(socket));
 }
 
-TEST(LinuxProcesses, NamesTheTerminal) {
+TEST(LinuxProcesses, NamesTheTerminalForAsLongAsAProcessHasIt) {
   FileDescriptor master{posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)};
   if (!master || grantpt(master.get()) != 0 || unlockpt(master.get()) != 0) {
     GTEST_SKIP() << "there are no pseudo-terminals here";
   }
   char path[64];
   ASSERT_EQ(ptsname_r(master.get(), path, sizeof path), 0);
-  LinuxKernel kernel;
+  LinuxKernel kernel{settled};
   ObedientChild child;
   ASSERT_EQ(child.ask(Command::takeTerminal, path), 0);
-  EXPECT_EQ(processesOf(kernel, {child.pid()}).at(0).tty,
-            std::string{path}.substr("/dev/"s.size()));
+  for (int listing = 0; listing < 4; ++listing) {
+    EXPECT_EQ(processesOf(kernel, {child.pid()}).at(0).tty,
+              std::string{path}.substr("/dev/"s.size()));
+    std::this_thread::sleep_for(settled * 3 / 2);
+  }
+  master.reset();
+  EXPECT_EQ(processesOf(kernel, {child.pid()}).at(0).tty, std::nullopt) << "it was hung up";
 }
 
 TEST(LinuxProcesses, SignalsTheProcessThatItHoldsAndForgetsItWhenItEnded) {
