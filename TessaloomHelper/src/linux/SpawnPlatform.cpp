@@ -103,10 +103,11 @@ TL_UNINSTRUMENTED void closeOthers() {
   for (std::uint64_t other = firstOther; other < limit[0]; ++other) ::syscall(SYS_close, other);
 }
 
-TL_UNINSTRUMENTED bool limitDescriptors(const rlimit* limit) {
-  if (limit == nullptr) return true;
+/// Refused only when somebody has lowered this process's hard limit meanwhile; then that one stays.
+TL_UNINSTRUMENTED void limitDescriptors(const rlimit* limit) {
+  if (limit == nullptr) return;
   const std::uint64_t given[2] = {limit->rlim_cur, limit->rlim_max};
-  return ::syscall(SYS_prlimit64, 0, RLIMIT_NOFILE, given, nullptr) == 0;
+  ::syscall(SYS_prlimit64, 0, RLIMIT_NOFILE, given, nullptr);
 }
 
 /// Returns only when something failed, with errno set.
@@ -122,7 +123,7 @@ TL_UNINSTRUMENTED void becomeProgram(const Program& program, const ChildEnds& en
     return;
   }
   closeOthers();
-  if (!limitDescriptors(program.descriptorLimit)) return;
+  limitDescriptors(program.descriptorLimit);
   ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &noSignals, nullptr, sizeof noSignals);
   ::syscall(SYS_execve, program.executable, program.arguments, program.environment);
 }
