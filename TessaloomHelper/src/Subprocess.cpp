@@ -86,10 +86,6 @@ std::expected<Subprocess, int> Subprocess::launch(const CLIInvocation& invocatio
       invocation, {input->readEnd.get(), output->writeEnd.get(), error->writeEnd.get()},
       std::move(wake->writeEnd), descriptorLimit);
   if (!child) return std::unexpected(child.error());
-  // The child has its ends now; what they free is enough for the descriptor of its exit.
-  for (FileDescriptor* theirs : {&input->readEnd, &output->writeEnd, &error->writeEnd}) {
-    theirs->reset();
-  }
   return Subprocess(*std::move(child), std::move(wake->readEnd), std::move(output->readEnd),
                     std::move(error->readEnd), std::move(writer));
 }

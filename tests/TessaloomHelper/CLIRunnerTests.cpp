@@ -301,7 +301,7 @@ TEST_F(CLIRunnerTest, EndAllEndsEveryRunAndEveryLaterOne) {
   auto probe = std::async(std::launch::async, [&] { return run({"hang"}); });
   EXPECT_TRUE(eventually([] { return children().size() == 2; }));
   runner.endAll();
-  auto later = run({"hang"});
+  auto later = runner.run({directory / "missing", {}, {}, {}, {}}, id, engine, ample);
   for (const auto& outcome : {registered.get(), probe.get(), later}) {
     expectFailure(outcome, Kind::cancelled);
   }
