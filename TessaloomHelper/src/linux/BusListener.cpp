@@ -111,7 +111,8 @@ class BusListener::LeaveLetter final : public BusMailbox::Letter {
 BusListener::BusListener(Environment environment)
     : environment_(std::move(environment)),
       requests_(environment_.bus),
-      vetting_(mailbox_, environment_.vettingTasks, checkOf(environment_.requirement), [] {}),
+      vetting_(mailbox_, environment_.vettingTasks, checkOf(environment_.requirement),
+               [&kernel = environment_.context.kernel] { kernel.releaseKeptDescriptors(); }),
       peers_(environment_.bus, requests_, vetting_, environment_.requirement.user(),
              environment_.queueTasks, environment_.context),
       table_(methodTable(onMethod)),
