@@ -89,14 +89,6 @@ std::string repairUTF8(std::string_view bytes) {
   return text.append(bytes, copied);
 }
 
-std::size_t scalarCount(std::string_view text) {
-  std::size_t count = 0;
-  for (std::size_t position = 0; position < text.size(); ++count) {
-    position += UTF8::decode(text, position).length;
-  }
-  return count;
-}
-
 std::size_t characterCount(std::string_view text) {
   std::size_t count = 0;
   std::size_t position = 0;

@@ -17,9 +17,6 @@ bool isValidUTF8(std::string_view bytes);
 /// section 3.9, "Substitution of Maximal Subparts").
 std::string repairUTF8(std::string_view bytes);
 
-/// The number of Unicode scalars of a valid text.
-std::size_t scalarCount(std::string_view text);
-
 /// The number of user-perceived characters (extended grapheme clusters, UAX #29) of a valid text.
 /// CR LF is one.
 std::size_t characterCount(std::string_view text);
