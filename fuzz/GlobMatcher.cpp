@@ -21,7 +21,7 @@ std::optional<GlobMatcher> matcherOf(const std::string& pattern, bool caseInsens
   try {
     return GlobMatcher(pattern, caseInsensitive);
   } catch (const GlobPatternError& error) {
-    REQUIRE(naive::failure(pattern) == error.errorCase());
+    REQUIRE(naive::failure(pattern) == error.kind());
     REQUIRE(pattern.find(error.offending()) != std::string::npos);
     return std::nullopt;
   }

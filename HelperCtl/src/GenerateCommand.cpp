@@ -31,15 +31,15 @@ std::string timeoutRange() {
 
 /// What a limit of the request says to the person who typed it.
 std::string explainLimit(const GenerationDTOError& error) {
-  switch (error.errorCase()) {
-    case GenerationDTOError::Case::textTooLong:
+  switch (error.kind()) {
+    case GenerationDTOError::Kind::textTooLong:
       return (error.limit() == GenerationRequest::instructionsLimit ? "the instructions are "
                                                                     : "the prompt is ") +
              std::to_string(error.actual()) + " characters long; the limit is " +
              std::to_string(error.limit());
-    case GenerationDTOError::Case::controlCharacters:
+    case GenerationDTOError::Kind::controlCharacters:
       return "the text contains control characters other than tab and line breaks; remove them";
-    case GenerationDTOError::Case::timeoutOutOfRange:
+    case GenerationDTOError::Kind::timeoutOutOfRange:
       return timeoutRange() + ", not " + std::to_string(error.actual());
     default:
       return error.what();
@@ -95,7 +95,7 @@ std::expected<GenerationRequest, UsageError> readRequest(const Arguments& argume
     if (!prompt) return std::unexpected(prompt.error());
     return GenerationRequest(id, *engine, shape, instructions, *prompt, *timeout);
   } catch (const GenerationDTOError& error) {
-    if (error.errorCase() == GenerationDTOError::Case::unknownShape) {
+    if (error.kind() == GenerationDTOError::Kind::unknownShape) {
       return usageError("unknown shape \"" + safeLine(shapeName) +
                         "\": use freeText or itemFields");
     }

@@ -16,20 +16,20 @@ std::string quoted(const std::string& text) {
 
 }  // namespace
 
-GenerationDTOError::GenerationDTOError(Case errorCase, std::int64_t limit, std::int64_t actual,
+GenerationDTOError::GenerationDTOError(Kind kind, std::int64_t limit, std::int64_t actual,
                                        std::string offending, const std::string& message)
     : std::runtime_error(message),
-      case_(errorCase),
+      kind_(kind),
       limit_(limit),
       actual_(actual),
       offending_(std::move(offending)) {}
 
 GenerationDTOError GenerationDTOError::at(const std::string& path) const {
-  return {case_, limit_, actual_, offending_, path.empty() ? what() : path + ": " + what()};
+  return {kind_, limit_, actual_, offending_, path.empty() ? what() : path + ": " + what()};
 }
 
 GenerationDTOError GenerationDTOError::textTooLong(std::int64_t limit, std::int64_t actual) {
-  return {Case::textTooLong,
+  return {Kind::textTooLong,
           limit,
           actual,
           {},
@@ -38,7 +38,7 @@ GenerationDTOError GenerationDTOError::textTooLong(std::int64_t limit, std::int6
 }
 
 GenerationDTOError GenerationDTOError::timeoutOutOfRange(std::int64_t seconds) {
-  return {Case::timeoutOutOfRange,
+  return {Kind::timeoutOutOfRange,
           0,
           seconds,
           {},
@@ -48,7 +48,7 @@ GenerationDTOError GenerationDTOError::timeoutOutOfRange(std::int64_t seconds) {
 }
 
 GenerationDTOError GenerationDTOError::tooManyItems(std::int64_t limit, std::int64_t actual) {
-  return {Case::tooManyItems,
+  return {Kind::tooManyItems,
           limit,
           actual,
           {},
@@ -58,16 +58,16 @@ GenerationDTOError GenerationDTOError::tooManyItems(std::int64_t limit, std::int
 
 GenerationDTOError GenerationDTOError::unknownEngine(std::string offending) {
   const std::string message = "Unknown engine " + quoted(offending) + ".";
-  return {Case::unknownEngine, 0, 0, std::move(offending), message};
+  return {Kind::unknownEngine, 0, 0, std::move(offending), message};
 }
 
 GenerationDTOError GenerationDTOError::unknownShape(std::string offending) {
   const std::string message = "Unknown shape " + quoted(offending) + ".";
-  return {Case::unknownShape, 0, 0, std::move(offending), message};
+  return {Kind::unknownShape, 0, 0, std::move(offending), message};
 }
 
 GenerationDTOError GenerationDTOError::controlCharacters() {
-  return {Case::controlCharacters, 0, 0, {}, "The text has a control character."};
+  return {Kind::controlCharacters, 0, 0, {}, "The text has a control character."};
 }
 
 }  // namespace tessaloom

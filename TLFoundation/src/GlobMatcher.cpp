@@ -13,7 +13,7 @@
 namespace tessaloom {
 namespace {
 
-using Case = GlobPatternError::Case;
+using Kind = GlobPatternError::Kind;
 
 using Characters = std::vector<std::string>;
 
@@ -96,9 +96,9 @@ bool holdsDoubleStar(std::string_view segment) {
 }
 
 void checkSegment(std::string_view segment) {
-  if (segment.empty()) throw GlobPatternError(Case::emptySegment);
+  if (segment.empty()) throw GlobPatternError(Kind::emptySegment);
   if (segment != doubleStar && holdsDoubleStar(segment)) {
-    throw GlobPatternError(Case::doubleStarWithinSegment, segment);
+    throw GlobPatternError(Kind::doubleStarWithinSegment, segment);
   }
 }
 
@@ -170,32 +170,32 @@ bool matchesPieces(const std::vector<std::string>& segments, const std::vector<S
 }  // namespace
 
 const char* GlobPatternError::what() const noexcept {
-  switch (case_) {
-    case Case::doubleStarWithinSegment:
+  switch (kind_) {
+    case Kind::doubleStarWithinSegment:
       return "doubleStarWithinSegment";
-    case Case::unsupportedCharacter:
+    case Kind::unsupportedCharacter:
       return "unsupportedCharacter";
-    case Case::emptyPattern:
+    case Kind::emptyPattern:
       return "emptyPattern";
-    case Case::leadingSlash:
+    case Kind::leadingSlash:
       return "leadingSlash";
-    case Case::trailingSlash:
+    case Kind::trailingSlash:
       return "trailingSlash";
-    case Case::emptySegment:
+    case Kind::emptySegment:
       return "emptySegment";
   }
   return "GlobPatternError";
 }
 
 void GlobMatcher::validate(std::string_view pattern) {
-  if (pattern.empty()) throw GlobPatternError(Case::emptyPattern);
+  if (pattern.empty()) throw GlobPatternError(Kind::emptyPattern);
   std::vector<std::string_view> segments;
   forEachPiece(pattern, isPlain(pattern), [&](auto segment) { segments.push_back(segment); });
-  if (segments.front().empty()) throw GlobPatternError(Case::leadingSlash);
-  if (segments.back().empty()) throw GlobPatternError(Case::trailingSlash);
+  if (segments.front().empty()) throw GlobPatternError(Kind::leadingSlash);
+  if (segments.back().empty()) throw GlobPatternError(Kind::trailingSlash);
   forEachCharacter(pattern, [](std::string_view character) {
     if (isOneOf(character, "\\[]")) {
-      throw GlobPatternError(Case::unsupportedCharacter, character);
+      throw GlobPatternError(Kind::unsupportedCharacter, character);
     }
   });
   for (const auto segment : segments) checkSegment(segment);

@@ -63,9 +63,9 @@ ReplyError describeCurrentException() {
   } catch (const DecodingError& error) {
     return helperError(decoding, error.kind(), error);
   } catch (const GenerationDTOError& error) {
-    return helperError(decoding, error.errorCase(), error);
+    return helperError(decoding, error.kind(), error);
   } catch (const HelperDTOError& error) {
-    return helperError(decoding, error.errorCase(), error);
+    return helperError(decoding, error.kind(), error);
   } catch (const EncodingError& error) {
     return helperError(encoding, error.kind(), error);
   } catch (const std::bad_alloc&) {

@@ -15,7 +15,7 @@
 namespace tessaloom {
 namespace {
 
-using Case = GlobPatternError::Case;
+using Kind = GlobPatternError::Kind;
 
 std::optional<GlobPatternError> failureOf(const std::string& pattern) {
   return thrownBy<GlobPatternError>([&] { GlobMatcher(pattern, false); });
@@ -25,15 +25,15 @@ std::optional<GlobPatternError> failureOf(const std::string& pattern) {
 TEST(GlobMatcherTests, TellsWhatItRefuses) {
   struct Row {
     const char* pattern;
-    Case expected;
+    Kind expected;
     const char* offending;
   };
   const std::vector<Row> rows{
-      {"a//x]y[abc]", Case::unsupportedCharacter, "]"},
-      {"**x\\*", Case::unsupportedCharacter, "\\"},
-      {"a//b**", Case::emptySegment, ""},
-      {"b**//a", Case::doubleStarWithinSegment, "b**"},
-      {"x/a**b", Case::doubleStarWithinSegment, "a**b"},
+      {"a//x]y[abc]", Kind::unsupportedCharacter, "]"},
+      {"**x\\*", Kind::unsupportedCharacter, "\\"},
+      {"a//b**", Kind::emptySegment, ""},
+      {"b**//a", Kind::doubleStarWithinSegment, "b**"},
+      {"x/a**b", Kind::doubleStarWithinSegment, "a**b"},
   };
   for (const auto& row : rows) {
     EXPECT_EQ(failureOf(row.pattern), GlobPatternError(row.expected, row.offending)) << row.pattern;
@@ -96,7 +96,7 @@ void compareWithNaive(const std::set<std::string>& patterns, const std::set<std:
   for (const auto& path : paths) pieces[path] = naive::pieces(path);
   for (const auto& pattern : patterns) {
     const auto failure = failureOf(pattern);
-    ASSERT_EQ(failure ? std::optional(failure->errorCase()) : std::nullopt, naive::failure(pattern))
+    ASSERT_EQ(failure ? std::optional(failure->kind()) : std::nullopt, naive::failure(pattern))
         << pattern;
     if (failure) continue;
     const GlobMatcher matcher(pattern, false);

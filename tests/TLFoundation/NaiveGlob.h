@@ -59,8 +59,8 @@ inline std::vector<Piece> pieces(const std::string& text) {
   return result;
 }
 
-inline std::optional<GlobPatternError::Case> failure(const std::string& pattern) {
-  using enum GlobPatternError::Case;
+inline std::optional<GlobPatternError::Kind> failure(const std::string& pattern) {
+  using enum GlobPatternError::Kind;
   const auto all = characters(pattern);
   if (all.empty()) return emptyPattern;
   if (all.front() == "/") return leadingSlash;

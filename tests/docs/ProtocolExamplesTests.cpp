@@ -114,9 +114,9 @@ std::pair<std::int64_t, std::string> refusal(const Recode& decode, const std::st
   } catch (const DecodingError& error) {
     return {static_cast<std::int64_t>(error.kind()), error.what()};
   } catch (const GenerationDTOError& error) {
-    return {static_cast<std::int64_t>(error.errorCase()), error.what()};
+    return {static_cast<std::int64_t>(error.kind()), error.what()};
   } catch (const HelperDTOError& error) {
-    return {static_cast<std::int64_t>(error.errorCase()), error.what()};
+    return {static_cast<std::int64_t>(error.kind()), error.what()};
   }
   return {0, "accepted"};
 }

@@ -8,11 +8,11 @@ namespace tessaloom {
 
 /// A generation record that would break one of its limits.
 ///
-/// Two errors are equal when their case and all associated values are, wherever they came up. The
-/// numeric value of a case is the code that a reply's error carries.
+/// Two errors are equal when their kind and all associated values are, wherever they came up. The
+/// numeric value of a kind is the code that a reply's error carries.
 class GenerationDTOError : public std::runtime_error {
  public:
-  enum class Case : std::int64_t {
+  enum class Kind : std::int64_t {
     textTooLong = 101,
     timeoutOutOfRange = 102,
     tooManyItems = 103,
@@ -37,7 +37,7 @@ class GenerationDTOError : public std::runtime_error {
   /// The same error, whose what() begins with the key path of the member that it is about.
   GenerationDTOError at(const std::string& path) const;
 
-  Case errorCase() const { return case_; }
+  Kind kind() const { return kind_; }
   /// The limit of textTooLong and tooManyItems; 0 for the others.
   std::int64_t limit() const { return limit_; }
   /// The actual count of textTooLong and tooManyItems, the seconds of timeoutOutOfRange; 0 for the
@@ -47,15 +47,15 @@ class GenerationDTOError : public std::runtime_error {
   const std::string& offending() const { return offending_; }
 
   friend bool operator==(const GenerationDTOError& a, const GenerationDTOError& b) {
-    return a.case_ == b.case_ && a.limit_ == b.limit_ && a.actual_ == b.actual_ &&
+    return a.kind_ == b.kind_ && a.limit_ == b.limit_ && a.actual_ == b.actual_ &&
            a.offending_ == b.offending_;
   }
 
  private:
-  GenerationDTOError(Case errorCase, std::int64_t limit, std::int64_t actual, std::string offending,
+  GenerationDTOError(Kind kind, std::int64_t limit, std::int64_t actual, std::string offending,
                      const std::string& message);
 
-  Case case_;
+  Kind kind_;
   std::int64_t limit_;
   std::int64_t actual_;
   std::string offending_;

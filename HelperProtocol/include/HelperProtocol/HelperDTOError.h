@@ -6,11 +6,11 @@
 
 namespace tessaloom {
 
-/// A process record that would break its rule. The numeric value of a case is the code that a
+/// A process record that would break its rule. The numeric value of a kind is the code that a
 /// reply's error carries.
 class HelperDTOError : public std::runtime_error {
  public:
-  enum class Case : std::int64_t { invalidPID = 201 };
+  enum class Kind : std::int64_t { invalidPID = 201 };
 
   /// A process identifier is 0 or negative.
   static HelperDTOError invalidPID(std::int32_t value);
@@ -18,7 +18,7 @@ class HelperDTOError : public std::runtime_error {
   /// The same error, whose what() begins with the key path of the member that it is about.
   HelperDTOError at(const std::string& path) const;
 
-  Case errorCase() const { return Case::invalidPID; }
+  Kind kind() const { return Kind::invalidPID; }
   std::int32_t value() const { return value_; }
 
   friend bool operator==(const HelperDTOError& a, const HelperDTOError& b) {

@@ -18,15 +18,14 @@ namespace tessaloom {
 ///
 /// Pure functions, safe from any thread, one pass over the text. They fail for no text; the
 /// caller's mistake of a negative limit ends the process.
-struct DisplayString {
-  DisplayString() = delete;
+namespace DisplayString {
 
-  /// The text for a one-line display, at most `limit` scalars: TAB, LF and CR are removed too.
-  static std::string singleLine(std::string_view text, std::int64_t limit);
+/// The text for a one-line display, at most `limit` scalars: TAB, LF and CR are removed too.
+std::string singleLine(std::string_view text, std::int64_t limit);
 
-  /// The text for a display of several lines, at most `limit` scalars: TAB and LF stay, CR is
-  /// removed.
-  static std::string multiLine(std::string_view text, std::int64_t limit);
-};
+/// The text for a display of several lines, at most `limit` scalars: TAB and LF stay, CR is
+/// removed.
+std::string multiLine(std::string_view text, std::int64_t limit);
+}  // namespace DisplayString
 
 }  // namespace tessaloom

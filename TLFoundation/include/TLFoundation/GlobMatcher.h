@@ -12,10 +12,10 @@ namespace tessaloom {
 
 /// What is wrong with a glob pattern. No text is attached: the caller presents the case.
 ///
-/// Two errors are equal when their case and their offending text are.
+/// Two errors are equal when their kind and their offending text are.
 class GlobPatternError : public std::exception {
  public:
-  enum class Case : std::uint8_t {
+  enum class Kind : std::uint8_t {
     doubleStarWithinSegment,  ///< A segment holds ** and more, as in a**b; `offending` is it.
     unsupportedCharacter,     ///< A backslash or square bracket; `offending` is it.
     emptyPattern,
@@ -24,20 +24,20 @@ class GlobPatternError : public std::exception {
     emptySegment,  ///< Two slashes are adjacent.
   };
 
-  explicit GlobPatternError(Case errorCase, std::string_view offending = {})
-      : case_(errorCase), offending_(offending) {}
+  explicit GlobPatternError(Kind kind, std::string_view offending = {})
+      : kind_(kind), offending_(offending) {}
 
-  Case errorCase() const { return case_; }
+  Kind kind() const { return kind_; }
   const std::string& offending() const { return offending_; }
-  /// The name of the case, for logs.
+  /// The name of the kind, for logs.
   const char* what() const noexcept override;
 
   friend bool operator==(const GlobPatternError& a, const GlobPatternError& b) {
-    return a.case_ == b.case_ && a.offending_ == b.offending_;
+    return a.kind_ == b.kind_ && a.offending_ == b.offending_;
   }
 
  private:
-  Case case_;
+  Kind kind_;
   std::string offending_;
 };
 
