@@ -1,11 +1,13 @@
 #include <signal.h>
 
+#include <algorithm>
 #include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "TessaloomHelper/GenerationCoordinator.h"
+#include "support/Repeated.h"
 #include "support/TemporaryDirectory.h"
 
 namespace tessaloom {
@@ -63,6 +65,13 @@ TEST_F(GenerationCoordinatorTest, DetailIsTheStartOfTheEndOfWhatTheEngineSaid) {
     detail += i % 26 == 4 ? "é" : std::string(1, static_cast<char>('a' + i % 26));
   }
   expectFailure(Kind::nonZeroExit, detail, "practice:long-stderr=10000 practice:exit=3", 3);
+}
+
+TEST_F(GenerationCoordinatorTest, CutsTheTextToItsLimit) {
+  const auto outcome = coordinator().generate(request(repeated("e\u0301", 60'000)));
+  ASSERT_TRUE(outcome);
+  const auto isScalar = [](char byte) { return (byte & 0xC0) != 0x80; };
+  EXPECT_EQ(std::ranges::count_if(outcome->text, isScalar), 100'000);
 }
 
 TEST_F(GenerationCoordinatorTest, FailsToLaunchWithoutWhatItNeeds) {

@@ -1,0 +1,9 @@
+#pragma once
+
+namespace tessaloom {
+
+/// Gives the system the memory that the process has freed but its allocator keeps. Costs some tens
+/// of microseconds, and page faults when the memory is needed again: for after large work.
+void returnFreeMemory() noexcept;
+
+}  // namespace tessaloom

@@ -1,0 +1,11 @@
+#include "TLFoundation/FreeMemory.h"
+
+#include <malloc.h>
+
+namespace tessaloom {
+
+void returnFreeMemory() noexcept {
+  ::malloc_trim(0);
+}
+
+}  // namespace tessaloom

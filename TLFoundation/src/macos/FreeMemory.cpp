@@ -1,0 +1,9 @@
+#include "TLFoundation/FreeMemory.h"
+
+namespace tessaloom {
+
+// The system's allocator gives large blocks back when they are freed, and the rest when memory gets
+// short.
+void returnFreeMemory() noexcept {}
+
+}  // namespace tessaloom
