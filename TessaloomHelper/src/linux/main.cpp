@@ -21,6 +21,7 @@
 #include "HelperProtocol/linux/SessionBus.h"
 #include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/FileDescriptor.h"
+#include "TLFoundation/FreeMemory.h"
 #include "TLFoundation/linux/ExecutablePath.h"
 #include "TessaloomHelper/CLIRunner.h"
 #include "TessaloomHelper/ExitWhenIdle.h"
@@ -64,6 +65,7 @@ FileDescriptor prepareSignals() {
 }
 
 int serve() {
+  keepLittleFreeMemory();
   secureDescriptors();
   const ResourceLimits limits = ResourceLimits::current();
   limits.raise();
