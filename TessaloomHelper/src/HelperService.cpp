@@ -22,7 +22,6 @@
 #include "HelperProtocol/HelperFreshness.h"
 #include "HelperProtocol/ProcessMessages.h"
 #include "TLFoundation/DisplayString.h"
-#include "TLFoundation/FreeMemory.h"
 
 namespace tessaloom {
 
@@ -234,7 +233,6 @@ void start(Record (*handler)(const ServiceContext&, const Request&), const Servi
         [handler, &context, request = HelperCoding::makeDecoder().decode<Request>(body), reply,
          accepted = context.coordinator.accept()] {
           answer(context, reply, [&] { return handler(context, request); });
-          returnFreeMemory();  // An engine may have printed megabytes.
         });
   } catch (...) {
     reply(currentError());

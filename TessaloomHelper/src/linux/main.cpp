@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -21,7 +22,6 @@
 #include "HelperProtocol/linux/SessionBus.h"
 #include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/FileDescriptor.h"
-#include "TLFoundation/FreeMemory.h"
 #include "TLFoundation/linux/ExecutablePath.h"
 #include "TessaloomHelper/CLIRunner.h"
 #include "TessaloomHelper/ExitWhenIdle.h"
@@ -64,8 +64,17 @@ FileDescriptor prepareSignals() {
   return signals;
 }
 
+// By itself the allocator raises both thresholds to the size of the largest block that was ever
+// freed, and then keeps blocks of that size in an arena for each thread.
+void limitFreedMemory() {
+  constexpr int threshold = 128 * 1024;
+  ::mallopt(M_MMAP_THRESHOLD, threshold);
+  ::mallopt(M_TRIM_THRESHOLD, threshold);
+  ::mallopt(M_ARENA_MAX, 2);
+}
+
 int serve() {
-  keepLittleFreeMemory();
+  limitFreedMemory();
   secureDescriptors();
   const ResourceLimits limits = ResourceLimits::current();
   limits.raise();
