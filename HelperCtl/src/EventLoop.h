@@ -17,8 +17,8 @@ class EventLoop {
   /// One descriptor besides the transport's.
   struct Watch {
     int descriptor;
-    /// Asked before each wait: the events of poll(2) that matter now (0 waits for errors alone), or
-    /// nothing to leave the descriptor out.
+    /// Asked before each wait: the events of poll(2) that matter now (POLLHUP waits for errors
+    /// alone), or nullopt to leave the descriptor out.
     std::function<std::optional<short>()> events;
     std::function<void(short)> ready;  ///< Given the returned events.
   };

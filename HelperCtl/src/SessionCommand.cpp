@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -48,6 +49,7 @@ class Session {
   std::optional<SessionLine> takeLine();
   void sendLines();
   bool send(const SessionLine& line);
+  std::optional<short> outputEvents() const;
   void write(short events);
 
   Transport& transport_;
@@ -64,6 +66,7 @@ class Session {
   std::string output_;  ///< Replies, of which `written_` bytes are out.
   std::size_t written_ = 0;
   bool outputClosed_ = false;
+  bool canPollOutput_ = true;
   bool unreachable_ = false;
   int outputError_ = 0;  ///< Of output that could not be written although it has a reader.
 };
@@ -74,9 +77,8 @@ ExitStatus Session::run() {
   loop_.watch({STDIN_FILENO,
                [this] { return mayRead() ? std::optional<short>(POLLIN) : std::nullopt; },
                [this](short) { read(); }});
-  loop_.watch({STDOUT_FILENO,
-               [this] { return std::optional<short>(output_.empty() ? short{0} : POLLOUT); },
-               [this](short events) { write(events); }});
+  loop_.watch(
+      {STDOUT_FILENO, [this] { return outputEvents(); }, [this](short events) { write(events); }});
   loop_.run([this] {
     sendLines();
     return isOver();
@@ -151,7 +153,19 @@ bool Session::send(const SessionLine& line) {
   return true;
 }
 
+// With nothing to write, it is watched for its reader alone: macOS reports a hang-up only to who
+// asks for one. Linux always does.
+std::optional<short> Session::outputEvents() const {
+  if (!output_.empty()) return POLLOUT;
+  return canPollOutput_ ? std::optional<short>(POLLHUP) : std::nullopt;
+}
+
 void Session::write(short events) {
+  // macOS polls no device but terminals. A device takes what is written to it.
+  if ((events & POLLNVAL) != 0 && ::fcntl(STDOUT_FILENO, F_GETFD) >= 0) {
+    canPollOutput_ = false;
+    events = POLLOUT;
+  }
   if ((events & POLLOUT) != 0 && !output_.empty()) {
     const std::size_t size = std::min(output_.size() - written_, writeSize);
     const ssize_t count = ::write(STDOUT_FILENO, output_.data() + written_, size);

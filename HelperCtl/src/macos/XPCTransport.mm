@@ -100,8 +100,9 @@ void XPCTransport::call(const std::string& method, const std::optional<Bytes>& b
 
   const Method* known = findMethod(method);
   if (known == nullptr) {
-    return inbox_->put(call, std::unexpected(usageError(
-                                 "unknownMethod", "\"" + method + "\" is not a method name.")));
+    CallError error = usageError("unknownMethod", "\"" + method + "\" is not a method name.");
+    error.advice = "The methods' names: tessaloom-helperctl call --help";
+    return inbox_->put(call, std::unexpected(std::move(error)));
   }
   if (known->takesRequest() != body.has_value()) {
     return inbox_->put(
