@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "OpenCalls.h"
 #include "TessaloomHelper/HelperService.h"
 
 namespace tessaloom {
@@ -13,9 +14,9 @@ namespace tessaloom {
 /// anything that a newer build could overtake.
 const ServiceContext& serviceContext();
 
-/// Marks a call as received; it counts as answered once every copy of the result is gone. The
-/// process does not leave for a newer build, nor for a signal's sake, under a call.
-std::shared_ptr<void> openCall();
+/// Marks a call as received; it counts as answered once every copy of the result is gone. A
+/// replaced helper stays until its calls are answered, one that was sent a signal for some time.
+std::shared_ptr<void> openCall(Method::Kind kind);
 
 /// From here on the signals with which a user or a session ends a process end this one in order:
 /// the engines are ended, their calls answered, and their directories removed first.

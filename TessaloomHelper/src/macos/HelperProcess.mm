@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <limits>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -20,7 +21,6 @@
 #include "HelperCore/PerUserTemporaryDirectory.h"
 #include "HelperLine.h"
 #import "HelperProtocol/macos/FoundationValues.h"
-#include "OpenCalls.h"
 
 namespace tessaloom {
 
@@ -30,6 +30,9 @@ using Clock = std::chrono::steady_clock;
 
 /// How long the process outlives its last reply, which XPC may not have sent yet.
 constexpr std::chrono::milliseconds replyGrace{200};
+/// How long a replaced helper waits for a pause between brief calls. Callers that leave none would
+/// keep it for ever; one call may then be interrupted.
+constexpr std::chrono::seconds pauseLimit{2};
 /// How long a termination signal waits for the engines, and how often it looks. launchd kills what
 /// is left after 20 seconds.
 constexpr std::chrono::seconds stopLimit{10};
@@ -65,7 +68,7 @@ class HelperProcess {
                  .maximumReplyBytes = std::numeric_limits<std::size_t>::max()} {}
 
   const ServiceContext& context() const { return context_; }
-  std::shared_ptr<void> openCall() { return openCalls_.open(); }
+  std::shared_ptr<void> openCall(Method::Kind kind) { return openCalls_.open(kind); }
   void endOnSignals();
 
  private:
@@ -83,12 +86,16 @@ class HelperProcess {
   ServiceContext context_;
   std::vector<dispatch_source_t> signalSources_;
   std::atomic<bool> isStopping_ = false;
+  std::once_flag readyToLeave_;
+  Clock::time_point pauseDeadline_;  ///< Set once, when no engine ran for the first time.
 };
 
 // No generation is registered, but one may not be launched yet or not be answered.
 void HelperProcess::leave() {
   if (isStopping_) return;
-  if (!openCalls_.areSettled(replyGrace)) {
+  std::call_once(readyToLeave_, [this] { pauseDeadline_ = Clock::now() + pauseLimit; });
+  const bool isPause = openCalls_.areSettled(replyGrace) || Clock::now() >= pauseDeadline_;
+  if (openCalls_.anyRunsEngine() || !isPause) {
     return exitWhenIdle_.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
   }
   constexpr std::string_view line = ExitWhenIdle::exitLine;
@@ -136,7 +143,7 @@ HelperProcess& helperProcess() {
 
 const ServiceContext& serviceContext() { return helperProcess().context(); }
 
-std::shared_ptr<void> openCall() { return helperProcess().openCall(); }
+std::shared_ptr<void> openCall(Method::Kind kind) { return helperProcess().openCall(kind); }
 
 void endOnSignals() { helperProcess().endOnSignals(); }
 

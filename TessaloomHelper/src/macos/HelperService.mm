@@ -12,8 +12,8 @@ using DataBlock = void (^)(NSData* _Nullable data, NSError* _Nullable error);
 
 namespace {
 
-tessaloom::ReplyHandler dataReply(DataBlock reply) {
-  return [reply, call = tessaloom::openCall()](const tessaloom::Reply& outcome) {
+tessaloom::ReplyHandler dataReply(DataBlock reply, tessaloom::Method::Kind kind) {
+  return [reply, call = tessaloom::openCall(kind)](const tessaloom::Reply& outcome) {
     if (const auto* bytes = std::get_if<tessaloom::Bytes>(&outcome)) {
       reply(tessaloom::dataFromBytes(*bytes), nil);
     } else if (const auto* error = std::get_if<tessaloom::ReplyError>(&outcome)) {
@@ -39,12 +39,13 @@ tessaloom::ReplyHandler dataReply(DataBlock reply) {
 - (void)call:(const tessaloom::Method&)method
      request:(nullable NSData*)request
        reply:(DataBlock)reply {
-  _service->call(method, tessaloom::bytesFromData(request), dataReply(reply));
+  _service->call(method, tessaloom::bytesFromData(request), dataReply(reply, method.kind));
 }
 
 - (void)protocolVersionWithReply:(void (^)(int64_t version))reply {
-  _service->call(methodNamed("ProtocolVersion"), {},
-                 [reply, call = tessaloom::openCall()](const tessaloom::Reply& outcome) {
+  static constexpr const tessaloom::Method& method = methodNamed("ProtocolVersion");
+  _service->call(method, {},
+                 [reply, call = tessaloom::openCall(method.kind)](const tessaloom::Reply& outcome) {
                    reply(std::get<std::int64_t>(outcome));
                  });
 }

@@ -2,24 +2,27 @@
 
 namespace tessaloom {
 
-std::shared_ptr<void> OpenCalls::open() {
+std::shared_ptr<void> OpenCalls::open(Method::Kind kind) {
   {
     const MutexLock locked(lock_);
-    ++open_;
+    ++open_[kind];
   }
   // Should there be no memory for it, the deleter runs at once.
-  return {this, [](OpenCalls* calls) { calls->close(); }};
+  return {this, [kind](OpenCalls* calls) {
+            const MutexLock locked(calls->lock_);
+            if (--calls->open_[kind] == 0) calls->open_.erase(kind);
+            calls->lastAnswer_ = Clock::now();
+          }};
+}
+
+bool OpenCalls::anyRunsEngine() const {
+  const MutexLock locked(lock_);
+  return open_.contains(Method::Kind::engine);
 }
 
 bool OpenCalls::areSettled(Clock::duration grace) const {
   const MutexLock locked(lock_);
-  return open_ == 0 && (!lastClosed_ || Clock::now() - *lastClosed_ >= grace);
-}
-
-void OpenCalls::close() {
-  const MutexLock locked(lock_);
-  --open_;
-  lastClosed_ = Clock::now();
+  return open_.empty() && (!lastAnswer_ || Clock::now() - *lastAnswer_ >= grace);
 }
 
 }  // namespace tessaloom

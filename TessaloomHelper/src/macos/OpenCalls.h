@@ -2,9 +2,11 @@
 
 #include <chrono>
 #include <cstddef>
+#include <map>
 #include <memory>
 #include <optional>
 
+#include "HelperProtocol/Methods.h"
 #include "TLFoundation/Mutex.h"
 
 namespace tessaloom {
@@ -16,18 +18,18 @@ class OpenCalls {
   using Clock = std::chrono::steady_clock;
 
   /// A call is open for as long as a copy of what this returns exists.
-  std::shared_ptr<void> open() TL_EXCLUDES(lock_);
+  std::shared_ptr<void> open(Method::Kind kind) TL_EXCLUDES(lock_);
+
+  bool anyRunsEngine() const TL_EXCLUDES(lock_);
 
   /// Whether no call is open and the last one was answered at least `grace` ago. XPC sends a reply
   /// after the reply block has returned, so the process must outlive its last reply.
   bool areSettled(Clock::duration grace) const TL_EXCLUDES(lock_);
 
  private:
-  void close() TL_EXCLUDES(lock_);
-
   mutable Mutex lock_;
-  std::size_t open_ TL_GUARDED_BY(lock_) = 0;
-  std::optional<Clock::time_point> lastClosed_ TL_GUARDED_BY(lock_);
+  std::map<Method::Kind, std::size_t> open_ TL_GUARDED_BY(lock_);  ///< None is 0.
+  std::optional<Clock::time_point> lastAnswer_ TL_GUARDED_BY(lock_);
 };
 
 }  // namespace tessaloom
