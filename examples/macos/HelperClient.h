@@ -6,8 +6,10 @@ NS_ASSUME_NONNULL_BEGIN
 
 /// Why a call has no result, as far as an editor tells its cases apart.
 typedef NS_ENUM(NSInteger, HelperFailure) {
-  HelperFailureConnection,  ///< The helper is missing, refused the editor, or went away.
-  HelperFailureSignIn,      ///< The engine is not signed in.
+  HelperFailureNone,
+  /// The helper is missing, refused the editor (is it signed?), or went away.
+  HelperFailureConnection,
+  HelperFailureSignIn,  ///< The engine is not signed in.
   HelperFailureCancelled,
   HelperFailureOther,  ///< Show the description.
 };
@@ -15,13 +17,18 @@ typedef NS_ENUM(NSInteger, HelperFailure) {
 /// The editor's end of the connection to the helper: what an editor does to use it on macOS.
 ///
 /// One for the whole editor, because the helper signals only processes that the same connection has
-/// listed. Blocks are called on a queue of XPC's, each exactly once.
+/// listed. Every block is called exactly once, on a queue of the system's and never before its
+/// method has returned. Safe from any thread.
 @interface HelperClient : NSObject
+
+/// Registers the helper's agent unless it is enabled. Before the first call ever: nobody can start
+/// an agent that was never registered, so the helper's own registration comes too late for it.
++ (BOOL)registerHelper:(NSError* _Nullable __autoreleasing* _Nullable)error;
 
 /// Whether an engine's executable is there, and its version.
 - (void)statusOfEngine:(NSString*)engine reply:(void (^)(BOOL isFound, NSString* version))reply;
 
-/// Generates free text. The identifier is the request's, for cancelling.
+/// Generates free text. The identifier is the request's, for cancelling: the text form of a UUID.
 - (void)generateText:(NSString*)prompt
               engine:(NSString*)engine
           identifier:(NSString*)identifier
@@ -36,7 +43,7 @@ typedef NS_ENUM(NSInteger, HelperFailure) {
 - (void)stopProcess:(int)pid reply:(void (^)(BOOL isSignalled, NSString* message))reply;
 
 /// Once after the editor starts and after it was updated: a helper whose executable was replaced
-/// leaves as soon as no generation runs, and the next call starts the new one.
+/// exits as soon as no generation runs, and the next call starts the new one.
 - (void)afterUpdate;
 
 @end

@@ -1,8 +1,13 @@
 #import "HelperClient.h"
 
+#import <ServiceManagement/ServiceManagement.h>
+
+#include <dispatch/dispatch.h>
+
 #include <exception>
-#include <functional>
+#include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
 #include "HelperProtocol/EngineStatus.h"
@@ -19,9 +24,24 @@ namespace {
 
 constexpr const char* notRead = "The helper's reply could not be read.";
 
-template <class Record>
-NSData* encoded(const Record& record) {
-  return dataFromBytes(HelperCoding::makeEncoder().encode(record));
+using DataBlock = void (^)(NSData* _Nullable data, NSError* _Nullable error);
+/// Takes the place of a result: why there is none.
+using FailureBlock = void (^)(HelperFailure failure, NSString* description);
+
+/// The body of a request. A record checks the limits that the helper checks, so what cannot be
+/// asked for ends here; as everywhere, on a queue, and no exception leaves Objective-C++.
+template <class Make>
+NSData* _Nullable encoded(FailureBlock otherwise, Make make) {
+  NSString* problem = nil;
+  try {
+    return dataFromBytes(HelperCoding::makeEncoder().encode(make()));
+  } catch (const std::exception& error) {
+    problem = stringFromText(error.what());
+  }
+  dispatch_async(dispatch_get_global_queue(QOS_CLASS_DEFAULT, 0), ^{
+    otherwise(HelperFailureOther, problem);
+  });
+  return nil;
 }
 
 template <class Record>
@@ -33,9 +53,15 @@ std::optional<Record> decoded(NSData* _Nullable data) {
   }
 }
 
+UUID identifierFrom(NSString* text) {
+  const auto identifier = UUID::parse(textFromString(text));
+  if (!identifier) throw std::invalid_argument("The identifier is not a UUID.");
+  return *identifier;
+}
+
 // Generations have their kind in the error; whatever comes from XPC itself has none.
 HelperFailure failureOf(NSError* error) {
-  const id kind = error.userInfo[@"kind"];
+  const id kind = error.userInfo[replyErrorKindKey];
   if (kind == nil) {
     return [error.domain isEqual:@"com.brindlemoor.Tessaloom.helper"] ? HelperFailureOther
                                                                       : HelperFailureConnection;
@@ -45,120 +71,143 @@ HelperFailure failureOf(NSError* error) {
   return HelperFailureOther;
 }
 
+/// A reply block that hands over the record in the reply, or why there is none.
+template <class Record>
+DataBlock reading(FailureBlock otherwise, void (^then)(const Record& record)) {
+  return ^(NSData* _Nullable data, NSError* _Nullable error) {
+    if (error != nil) {
+      otherwise(failureOf(error), error.localizedDescription);
+    } else if (const auto record = decoded<Record>(data)) {
+      then(*record);
+    } else {
+      otherwise(HelperFailureOther, stringFromText(notRead));
+    }
+  };
+}
+
 }  // namespace
 
 @implementation HelperClient {
-  NSXPCConnection* _connection;
+  std::mutex _lock;
+  NSXPCConnection* _connection;  // Guarded by the lock; nil when the next call has to make one.
 }
 
-- (instancetype)init {
-  self = [super init];
-  if (self == nil) return nil;
-  _connection =
-      [[NSXPCConnection alloc] initWithMachServiceName:@"group.com.brindlemoor.Tessaloom.helper"
-                                               options:0];
-  _connection.remoteObjectInterface =
-      [NSXPCInterface interfaceWithProtocol:@protocol(HelperServicing)];
-  // The helper left, after an update for one: the next call starts it again over this connection.
-  // What was listed is forgotten.
-  _connection.interruptionHandler = ^{
-  };
-  // The connection is of no more use: the agent is not registered, or does not admit this program.
-  _connection.invalidationHandler = ^{
-  };
-  [_connection resume];
-  return self;
++ (BOOL)registerHelper:(NSError* __autoreleasing*)error {
+  SMAppService* agent =
+      [SMAppService agentServiceWithPlistName:@"com.brindlemoor.Tessaloom.helper.plist"];
+  return agent.status == SMAppServiceStatusEnabled || [agent registerAndReturnError:error];
 }
 
 - (void)dealloc {
   [_connection invalidate];
 }
 
+- (NSXPCConnection*)connection {
+  const std::lock_guard locked(_lock);
+  if (_connection != nil) return _connection;
+  NSXPCConnection* connection =
+      [[NSXPCConnection alloc] initWithMachServiceName:@"group.com.brindlemoor.Tessaloom.helper"
+                                               options:0];
+  connection.remoteObjectInterface =
+      [NSXPCInterface interfaceWithProtocol:@protocol(HelperServicing)];
+  // An interrupted connection needs no handler: its next call starts the helper again. What was
+  // listed over it is forgotten. An invalid one is of no more use; a new one may be, once the agent
+  // is registered.
+  __weak HelperClient* weakSelf = self;
+  __weak NSXPCConnection* weakConnection = connection;
+  connection.invalidationHandler = ^{
+    [weakSelf forget:weakConnection];
+  };
+  [connection resume];
+  _connection = connection;
+  return connection;
+}
+
+- (void)forget:(nullable NSXPCConnection*)connection {
+  [connection invalidate];
+  const std::lock_guard locked(_lock);
+  if (_connection == connection) _connection = nil;
+}
+
 // XPC calls the error handler instead of a reply block whose reply will not come. XPC sets no time
 // limit, and a generation needs none: the helper keeps the request's own.
-- (id<HelperServicing>)helperOrElse:(void (^)(NSError* error))handler {
-  return [_connection remoteObjectProxyWithErrorHandler:handler];
+- (id<HelperServicing>)helperOrElse:(FailureBlock)otherwise {
+  return [[self connection] remoteObjectProxyWithErrorHandler:^(NSError* error) {
+    otherwise(HelperFailureConnection, error.localizedDescription);
+  }];
 }
 
 - (void)statusOfEngine:(NSString*)engine reply:(void (^)(BOOL, NSString*))reply {
-  const auto request = encoded(EngineStatusRequest{generationEngineID(textFromString(engine))});
-  [[self helperOrElse:^(NSError*) {
+  const FailureBlock otherwise = ^(HelperFailure, NSString*) {
     reply(NO, @"");
-  }] generationEngineStatusWithRequest:request
-                                 reply:^(NSData* data, NSError*) {
-                                   const auto status = decoded<EngineStatus>(data);
-                                   reply(status && status->binaryFound,
-                                         stringFromText(status ? status->version.value_or("")
-                                                               : std::string()));
-                                 }];
+  };
+  NSData* request = encoded(
+      otherwise, [&] { return EngineStatusRequest{generationEngineID(textFromString(engine))}; });
+  if (request == nil) return;
+  [[self helperOrElse:otherwise]
+      generationEngineStatusWithRequest:request
+                                  reply:reading<EngineStatus>(
+                                            otherwise, ^(const EngineStatus& status) {
+                                              reply(status.binaryFound,
+                                                    stringFromText(status.version.value_or("")));
+                                            })];
 }
 
 - (void)generateText:(NSString*)prompt
               engine:(NSString*)engine
           identifier:(NSString*)identifier
                reply:(void (^)(NSString* _Nullable, HelperFailure, NSString*))reply {
-  // The record checks the limits that the helper checks: a text that is too long ends here.
-  NSData* request = nil;
-  try {
-    request = encoded(GenerationRequest(
-        *UUID::parse(textFromString(identifier)), generationEngineID(textFromString(engine)),
-        GenerationShape::freeText, "", textFromString(prompt), GenerationTimeout()));
-  } catch (const std::exception& error) {
-    reply(nil, HelperFailureOther, stringFromText(error.what()));
-    return;
-  }
-  [[self helperOrElse:^(NSError* error) {
-    reply(nil, HelperFailureConnection, error.localizedDescription);
-  }] generateTextWithRequest:request
-                       reply:^(NSData* data, NSError* error) {
-                         if (error != nil) {
-                           reply(nil, failureOf(error), error.localizedDescription);
-                           return;
-                         }
-                         const auto result = decoded<GenerationResult>(data);
-                         reply(result ? stringFromText(result->text) : nil, HelperFailureOther,
-                               stringFromText(result ? "" : notRead));
-                       }];
+  const FailureBlock otherwise = ^(HelperFailure failure, NSString* description) {
+    reply(nil, failure, description);
+  };
+  NSData* request = encoded(otherwise, [&] {
+    return GenerationRequest(identifierFrom(identifier), generationEngineID(textFromString(engine)),
+                             GenerationShape::freeText, "", textFromString(prompt),
+                             GenerationTimeout());
+  });
+  if (request == nil) return;
+  [[self helperOrElse:otherwise]
+      generateTextWithRequest:request
+                        reply:reading<GenerationResult>(
+                                  otherwise, ^(const GenerationResult& result) {
+                                    reply(stringFromText(result.text), HelperFailureNone, @"");
+                                  })];
 }
 
 - (void)cancel:(NSString*)identifier reply:(void (^)(BOOL))reply {
-  const auto request = encoded(GenerationCancelRequest{*UUID::parse(textFromString(identifier))});
-  [[self helperOrElse:^(NSError*) {
+  const FailureBlock otherwise = ^(HelperFailure, NSString*) {
     reply(NO);
-  }] cancelGenerationWithRequest:request
-                           reply:^(NSData* data, NSError*) {
-                             const auto result = decoded<KillResult>(data);
-                             reply(result && result->succeeded);
-                           }];
+  };
+  NSData* request =
+      encoded(otherwise, [&] { return GenerationCancelRequest{identifierFrom(identifier)}; });
+  if (request == nil) return;
+  [[self helperOrElse:otherwise]
+      cancelGenerationWithRequest:request
+                            reply:reading<KillResult>(otherwise, ^(const KillResult& result) {
+                              reply(result.succeeded);
+                            })];
 }
 
 // The listing comes first, over the same connection: it is what allows the signal.
 - (void)stopProcess:(int)pid reply:(void (^)(BOOL, NSString*))reply {
-  const auto request = encoded(KillRequest{ProcessID(pid), Signal::terminate});
-  const auto helper = [self helperOrElse:^(NSError* error) {
-    reply(NO, error.localizedDescription);
-  }];
-  [helper listProcessesWithReply:^(NSData*, NSError* listingError) {
-    if (listingError != nil) {
-      reply(NO, listingError.localizedDescription);
-      return;
-    }
-    [helper
-        killProcessWithRequest:request
-                         reply:^(NSData* data, NSError* error) {
-                           const auto result = decoded<KillResult>(data);
-                           if (!result) {
-                             reply(NO, error != nil ? error.localizedDescription
-                                                    : stringFromText(notRead));
-                             return;
-                           }
-                           reply(result->succeeded, stringFromText(result->message.value_or("")));
-                         }];
+  const FailureBlock otherwise = ^(HelperFailure, NSString* description) {
+    reply(NO, description);
+  };
+  NSData* request =
+      encoded(otherwise, [&] { return KillRequest{ProcessID(pid), Signal::terminate}; });
+  if (request == nil) return;
+  const auto helper = [self helperOrElse:otherwise];
+  [helper listProcessesWithReply:^(NSData*, NSError* error) {
+    if (error != nil) return otherwise(failureOf(error), error.localizedDescription);
+    [helper killProcessWithRequest:request
+                             reply:reading<KillResult>(otherwise, ^(const KillResult& result) {
+                               reply(result.succeeded, stringFromText(result.message.value_or("")));
+                             })];
   }];
 }
 
 - (void)afterUpdate {
-  [[self helperOrElse:^(NSError*){
+  [[self helperOrElse:^(HelperFailure, NSString*){
   }] quitIfOutdatedWithReply:^(NSData*, NSError*){
   }];
 }
