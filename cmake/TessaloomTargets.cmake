@@ -10,6 +10,7 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
 find_package(Threads REQUIRED)
 
+# Instantiated by clang, stable_sort of the standard library of g++ 12 uses what that library deprecates.
 # g++ 12 sees null pointers and overlaps inside inlined library code that cannot be (GCC bug 105651 and its
 # like), the more so the more it optimises.
 add_library(tessaloom_settings INTERFACE)
@@ -27,6 +28,7 @@ target_compile_options(
             -Wimplicit-fallthrough
             -fno-strict-aliasing
             $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
+            $<$<CXX_COMPILER_ID:Clang>:-Wno-deprecated-declarations>
             $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wnull-dereference>
             $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>
             $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety-beta>

@@ -1,0 +1,5 @@
+#pragma once
+extern "C" {
+void objc_msgSend(void);
+SEL sel_registerName(const char* name);
+}
