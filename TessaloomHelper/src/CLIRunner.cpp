@@ -11,7 +11,6 @@
 
 #include "ChildProcess.h"
 #include "DescriptorShortage.h"
-#include "MemoryRelease.h"
 #include "Subprocess.h"
 #include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/Unicode.h"
@@ -86,7 +85,6 @@ std::expected<RunResult, GenerationErrorPayload> CLIRunner::run(
     return std::unexpected(GenerationErrorPayload{GenerationFailureKind::cancelled, engine});
   };
   if (isEnding()) return cancelled();
-  MemoryRelease release;
   auto process = withDescriptors(releaseDescriptors_,
                                  [&] { return Subprocess::launch(invocation, descriptorLimit_); });
   if (!process) return std::unexpected(launchFailure(engine, process.error()));
@@ -100,7 +98,6 @@ std::expected<RunResult, GenerationErrorPayload> CLIRunner::run(
     process->awaitExit(Clock::time_point::max());
   }
   process->awaitReaders(readersGrace);
-  release.add(process->standardOutput().size() + process->standardError().size());
 
   const bool wasCancelled = registration.end();
   if (!inTime) {

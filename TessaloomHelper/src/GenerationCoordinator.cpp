@@ -13,7 +13,6 @@
 #include "HelperCore/CLIInvocationBuilder.h"
 #include "HelperCore/GenerationOutputParser.h"
 #include "HelperCore/GenerationSchema.h"
-#include "MemoryRelease.h"
 #include "TLFoundation/DisplayString.h"
 #include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/Unicode.h"
@@ -91,7 +90,6 @@ std::expected<GenerationResult, GenerationErrorPayload> GenerationCoordinator::g
         GenerationFailureKind::launchFailed, engine, errnoText(directory.error())));
   }
   const auto schemaFile = writeSchema(request, *directory);
-  MemoryRelease release;
 
   const auto start = Clock::now();
   const CLIInvocation invocation{
@@ -104,7 +102,6 @@ std::expected<GenerationResult, GenerationErrorPayload> GenerationCoordinator::g
   const auto run =
       runner_.run(invocation, request.requestID(), engine, request.timeout().duration());
   if (!run) return std::unexpected(run.error());
-  release.add(run->standardOutput.size() + run->standardError.size());
 
   auto parsed = parseOutput(*run, request);
   const auto end = Clock::now();  // Cleaning the text is the helper's own time.
@@ -145,10 +142,8 @@ EngineStatus GenerationCoordinator::engineStatus(const EngineStatusRequest& requ
                             .environment = std::move(environment),
                             .workingDirectory = std::nullopt,
                             .standardInput = std::nullopt};
-  MemoryRelease release;
   const auto run = runner_.run(probe, std::nullopt, request.engine, versionTimeout);
   if (run) {
-    release.add(run->standardOutput.size() + run->standardError.size());
     status.version = DisplayString::singleLine(Unicode::trimmed(run->standardOutput), versionLimit);
   }
   return status;

@@ -36,9 +36,6 @@ class StreamReader {
   /// cap the pipe stays open, undrained, as long as this object lives.
   bool finished() const { return finished_; }
 
-  /// How many bytes were read, whether it is finished or not.
-  std::size_t size() const { return bytes_.size(); }
-
   /// All that the stream delivered; nothing of a stream that is not finished.
   std::string_view contents() const { return finished_ ? bytes_ : std::string_view(); }
 
