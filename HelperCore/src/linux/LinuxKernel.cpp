@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "linux/LinuxProcessHandle.h"
-#include "linux/ProcessPass.h"
 #include "linux/ProcessRecords.h"
 #include "linux/SocketHolders.h"
 
@@ -28,23 +27,25 @@ Instant LinuxKernel::processClockTime() const {
 }
 
 /// Lists with what is known, and once more without it where descriptors ran out.
-template <class List>
-auto LinuxKernel::list(std::uint32_t owner, const List& list) {
+template <class Row>
+std::vector<Row> LinuxKernel::list(std::uint32_t owner, std::vector<Row> (*read)(ProcessPass&)) {
   if (auto known = known_.tryTake()) {
     ProcessPass pass(procDirectory_, clock_, owner, idleAge_, std::exchange(*known, {}), true);
-    auto listed = list(pass);
+    auto rows = read(pass);
     if (!pass.ranOutOfDescriptors()) {
       *known = pass.takeKnown();
-      return listed;
+      return rows;
     }
   } else {
+    // NOLINTNEXTLINE(misc-const-correctness): `read` changes it
     ProcessPass pass(procDirectory_, clock_, owner, idleAge_, {}, false);
-    auto listed = list(pass);
-    if (!pass.ranOutOfDescriptors()) return listed;
+    auto rows = read(pass);
+    if (!pass.ranOutOfDescriptors()) return rows;
   }
   releaseKeptDescriptors();
+  // NOLINTNEXTLINE(misc-const-correctness): `read` changes it
   ProcessPass pass(procDirectory_, clock_, owner, idleAge_, {}, false);
-  return list(pass);
+  return read(pass);
 }
 
 std::vector<ProcessRecord> LinuxKernel::fetchAllProcessRecords(std::uint32_t owner) {

@@ -10,6 +10,7 @@
 #include "linux/Exclusive.h"
 #include "linux/IdleProbe.h"
 #include "linux/KnownProcess.h"
+#include "linux/ProcessPass.h"
 #include "linux/StartClock.h"
 
 namespace tessaloom {
@@ -32,8 +33,8 @@ class LinuxKernel final : public Kernel {
   void releaseKeptDescriptors() override;
 
  private:
-  template <class List>
-  auto list(std::uint32_t owner, const List& list);
+  template <class Row>
+  std::vector<Row> list(std::uint32_t owner, std::vector<Row> (*read)(ProcessPass&));
 
   const FileDescriptor procDirectory_;
   const StartClock clock_;

@@ -68,8 +68,7 @@ FileDescriptor ProcessPass::open(KnownProcess& known) {
 
 void ProcessPass::restartProbe(KnownProcess& known) {
   if (known.probe && !isExpired(known) && known.probe.isUnchanged()) return;
-  known.facts.reset();
-  known.sockets.reset();
+  known.sockets.reset();  // The facts are read again in any case.
   if (known.probe && !known.probe.restart()) {
     known.forget();  // All of it was about a process that has gone.
   } else if (!known.probe && known.isFromEarlier && mayKeepOne()) {
@@ -95,9 +94,9 @@ bool ProcessPass::readFacts(KnownProcess& known, const FileDescriptor& stat) con
 }
 
 /// Whether nothing but the process itself, and the end of its parent, changes what was read.
-bool ProcessPass::staysTrue(const Slot& slot) const {
-  const ProcessFacts& facts = *slot.known.facts;
-  return slot.known.probe && facts.threads == 1 && !facts.isZombie && !isYoung(facts);
+bool ProcessPass::staysTrue(const KnownProcess& known) const {
+  return known.probe && known.facts && known.facts->threads == 1 && !known.facts->isZombie &&
+         !isYoung(*known.facts);
 }
 
 std::vector<KnownProcess> ProcessPass::takeKnown() {
@@ -106,7 +105,7 @@ std::vector<KnownProcess> ProcessPass::takeKnown() {
       std::ranges::count_if(slots_, [](const Slot& slot) { return bool(slot.known.facts); })));
   for (Slot& slot : slots_) {
     if (!slot.known.facts) continue;
-    const bool isTrue = staysTrue(slot);
+    const bool isTrue = staysTrue(slot.known);
     if (!isTrue || slot.sharesDescriptors) slot.known.sockets.reset();
     if (!isTrue) slot.known.facts.reset();
     slot.known.isFromEarlier = true;

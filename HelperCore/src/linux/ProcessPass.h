@@ -81,7 +81,7 @@ class ProcessPass {
     return known.probe.age(startedAt_) >= std::chrono::seconds{60 + known.pid % 60};
   }
   void restartProbe(KnownProcess& known);
-  bool staysTrue(const Slot& slot) const;
+  bool staysTrue(const KnownProcess& known) const;
 
   const ProcFiles proc_;
   const StartClock& clock_;
