@@ -1,15 +1,18 @@
 """Who may call, and what those who may not can do to those who may."""
 
 import os
+import pathlib
 import subprocess
 import sys
 import time
 
 import honest
-from bus_peer import BUS, BUS_PATH, Peer
+from bus_peer import BUS, BUS_PATH
 from case import Skipped, case
-from session import (ACCESS_DENIED, ADDRESS, FILES, HOME, INSTALLED, LIMITS_EXCEEDED, Outsider,
-                     processes, status_of)
+from session import (ACCESS_DENIED, FILES, HOME, INSTALLED, LIMITS_EXCEEDED, Outsider,
+                     connect, eventually, processes, status_of)
+
+EDITOR = "[Application]\nname=com.brindlemoor.Tessaloom\n"
 
 
 @case(rounds=40)
@@ -59,15 +62,31 @@ def forged_answers(run):
 @case(rounds=1)
 def false_sandboxes(run):
     """Sandboxes that are no application's, and such as say that they are the editor's."""
-    name = "[Application]\nname=com.brindlemoor.Tessaloom\n"
-    rows = {"without a description": None, "that names the editor": name,
-            "with an instance": name + "[Instance]\ninstance-id=4711\n",
-            "with an instance outside": name + "[Instance]\ninstance-id=../../../proc/1/root/tmp/files\n"}
+    rows = {"without a description": None, "that names the editor": EDITOR,
+            "with an instance": EDITOR + "[Instance]\ninstance-id=4711\n",
+            "with an instance outside": EDITOR + "[Instance]\ninstance-id=../../../proc/1/root/tmp/files\n"}
     with run.load():
         for row, info in rows.items():
             with Outsider("call_from_sandbox", info=info) as liar:
                 outcomes = liar.report()
                 run.check(outcomes == [ACCESS_DENIED] * 2, f"a sandbox {row}: {outcomes}")
+
+
+@case(rounds=1, another_user=True)
+def another_user(run):
+    """Another user of the machine, even one who reaches the bus's socket."""
+    folder = pathlib.Path("/tmp/other-user")
+    if not folder.exists():
+        raise Skipped("it takes root to be two users")
+    address = os.environ["DBUS_SESSION_BUS_ADDRESS"]
+    for parent in pathlib.Path(address.removeprefix("unix:path=")).parents:
+        if parent.stat().st_uid == os.getuid():
+            parent.chmod(0o755)
+    (folder / "address.new").write_text(address)
+    (folder / "address.new").rename(folder / "address")
+    eventually((folder / "outcome").exists)
+    outcome = eventually((folder / "outcome").read_text)
+    run.check(outcome.startswith("no connection: "), outcome)
 
 
 def hang(**options):
@@ -131,7 +150,7 @@ def never_reads(run):
     with processes(500, 0), Outsider("flood", program=sys.executable) as flood:
         flood.report()
         with run.load(turns=10 * run.rounds):
-            peer, bus = Peer(ADDRESS), 0
+            peer, bus = connect(), 0
             for _ in range(50 * run.rounds):
                 started = time.monotonic()
                 peer.call(BUS, BUS_PATH, BUS, "GetId")

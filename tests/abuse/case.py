@@ -17,7 +17,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "support"))
 sys.modules["case"] = sys.modules[__name__]  # The modules with the cases import this one.
 
 import honest
-from session import FILES, HELPER, Outsider, engines, eventually, footprint, process_of, status_of
+from session import FILES, HELPER, engines, eventually, footprint, process_of
 
 MODULES = ("boundary", "flatpaks", "leaving", "shortages", "endurance")
 CASES = {}
@@ -70,15 +70,19 @@ class Run:
     def helper(self):
         return process_of(HELPER)
 
+    def warm_up(self):
+        """Has a helper do every kind of work, so that what is made once is there."""
+        for _ in range(3):
+            with self.load(turns=8):
+                pass
+        self.before = self.settle()
+
     def settle(self, before=None):
         """What the helper holds once it is idle: as before, or when it has not become that in time."""
-        caller = honest.Honest(self.ledger, self.seed)
-        caller.list()  # Forgets what was kept of processes that have ended.
-        caller.ports()
-        caller.end_sleeper()
-        caller.list()
-        caller.ports()
-        caller.close()
+        client = self.client()
+        for method in ("ListProcesses", "ListListeningPorts"):  # Forgets what was kept of processes that have ended.
+            client.ask(method, right=lambda value, error: not error)
+        client.close()
         pid, unchanged_since, held = self.helper(), time.monotonic(), {}
 
         def settled():
@@ -102,11 +106,7 @@ def run_case(name, rounds, seed):
     run, leaks, skipped = Run(rounds, seed), {}, None
     try:
         FILES.mkdir(exist_ok=True)
-        # Every kind of work, as wide as a case goes, so that what is made once is there.
-        for _ in range(3):
-            with run.load(honest.EVERYTHING, turns=8):
-                pass
-        run.before = run.settle()
+        run.warm_up()
         CASES[name][0](run)
         with run.load(turns=8):
             pass

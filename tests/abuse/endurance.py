@@ -1,6 +1,5 @@
 """The long runs; each round stands for one thing done."""
 
-import os
 import pathlib
 
 import honest

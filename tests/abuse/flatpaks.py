@@ -5,9 +5,9 @@ import shutil
 import subprocess
 
 import honest
-from bus_peer import BUS, BUS_PATH, Peer
+from bus_peer import BUS, BUS_PATH
 from case import Skipped, case
-from session import ACCESS_DENIED, ADDRESS, FILES, HELPER, HELPER_PATH, INTERFACE
+from session import ACCESS_DENIED, FILES, HELPER, HELPER_PATH, INTERFACE, connect
 
 EDITOR, OTHER = "com.brindlemoor.Tessaloom", "com.brindlemoor.Tessaloom.Other"
 PERMISSIONS = {"proxied": f"[Session Bus Policy]\n{HELPER}=talk\n", "unproxied": "[Context]\nsockets=session-bus;\n",
@@ -19,7 +19,8 @@ CALL = f"dbus-send --session --print-reply=literal --dest={HELPER} {HELPER_PATH}
 def flatpak(*words):
     # What it asks of the system's bus, nobody answers on the session's.
     runtime = f"/run/user/{os.getuid()}"
-    environment = {**os.environ, "XDG_RUNTIME_DIR": runtime, "DBUS_SYSTEM_BUS_ADDRESS": ADDRESS, "TMPDIR": "/tmp"}
+    environment = {**os.environ, "XDG_RUNTIME_DIR": runtime, "TMPDIR": "/tmp",
+                   "DBUS_SYSTEM_BUS_ADDRESS": os.environ["DBUS_SESSION_BUS_ADDRESS"]}
     environment.pop("LD_PRELOAD", None)
     done = subprocess.run(["flatpak", *words], env=environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                           stderr=subprocess.STDOUT, text=True)
@@ -82,7 +83,7 @@ def flatpaks(run):
                 said = say(application, branch)
                 right = "ServiceUnknown" if branch == "without" else "int64 1" if application == EDITOR else ACCESS_DENIED
                 run.check(right in said, f"{application} {branch}: {said}")
-    peer = Peer(ADDRESS)
+    peer = connect()
     helper = peer.call(BUS, BUS_PATH, BUS, "GetNameOwner", "s", HELPER).body[0]
     peer.close()
     forge = (f"for i in {' '.join(map(str, range(300)))}; do dbus-send --session --type=signal --dest={helper} "

@@ -14,7 +14,7 @@ import time
 import uuid
 
 from bus_peer import ERROR, Disconnected, Peer
-from session import (ADDRESS, DECODING_ERROR, FILES, GENERATION_ERROR, HELPER, HELPER_PATH, INTERFACE, eventually)
+from session import (DECODING_ERROR, FILES, GENERATION_ERROR, HELPER, HELPER_PATH, INTERFACE, eventually)
 
 PATIENCE = 20  # Seconds after which a call is lost.
 START_TOLERANCE = 1.1
@@ -46,7 +46,7 @@ class Client(Peer):
     """A connection to the helper that keeps to the rules for an editor: only its name's owner answers."""
 
     def __init__(self, ledger, timeout=PATIENCE):
-        super().__init__(ADDRESS, timeout)
+        super().__init__(os.environ["DBUS_SESSION_BUS_ADDRESS"], timeout)
         self.ledger = ledger
         self.watch(HELPER)
 

@@ -6,8 +6,9 @@ import subprocess
 import time
 
 import honest
+import manager
 from case import case
-from session import (FILES, GENERATION_ERROR, GENERATIONS, HELPER, HELPER_PATH, HOME, INSTALLED, Outsider, engines,
+from session import (FILES, GENERATION_ERROR, GENERATIONS, HELPER, HOME, INSTALLED, Outsider, engines,
                      eventually, process_of, processes, processor_seconds, replace_helper, start_helper,
                      status_of, stopped)
 
@@ -36,19 +37,24 @@ def end_helper(run):
 
 @case(rounds=6)
 def gone_at_once(run):
-    """What a caller asked for is done, also when it leaves as soon as it has asked."""
+    """What an admitted caller asks for is done, also when it leaves at once."""
     patient = run.client()
+
+    def admitted():
+        client = run.client()
+        client.ask("ProtocolVersion", right=1)
+        return client
     for turn in range(run.rounds):
-        before = turn % 2 * ["ListProcesses"]  # Waits behind these, or is the connection's first call.
+        before = turn % 2 * ["ListProcesses"]  # What it waits behind.
         request, started = hanging(patient, timeout=5)
-        leaver = run.client()
+        leaver = admitted()
         for method in before:
             leaver.start(method)
         leaver.start("CancelGeneration", {"requestID": request["requestID"]})
         leaver.close()
         patient.finish(started, CANCELLED)
 
-        leaver, up = run.client(), FILES / f"started-{turn}"
+        leaver, up = admitted(), FILES / f"started-{turn}"
         for method in before:
             leaver.start(method)
         leaver.start("GenerateText", honest.generation(f"Go on practice:touch={up}"))
@@ -80,8 +86,9 @@ def told_to_stop(run):
         run.check(status > 0, f"{number.name}: exit status {status}")
         run.check(not engines(), f"{number.name}: an engine runs on")
         run.check(not GENERATIONS.exists(), f"{number.name}: {GENERATIONS} is left")
-        log = (FILES / "helper-log").read_text()
-        run.check(log.count("helper: ") == 1, f"{number.name}: it wrote {log!r}")
+        lines = (FILES / "helper-log").read_text().splitlines()
+        lines = [line for line in lines if line.startswith("helper: ") and "register failed" not in line]
+        run.check(len(lines) == 1, f"{number.name}: it wrote {lines}")
         (FILES / "helper-log").unlink()
 
 
@@ -125,6 +132,7 @@ def stopped_bus(run):
 
 def replace(run, client):
     """Replaces the helper and has it told; its pid."""
+    client.ask("ProtocolVersion", right=1)
     old = process_of(HELPER, client)
     replace_helper()
     client.ask("QuitIfOutdated", right=OUTDATED)
@@ -150,6 +158,17 @@ def replacements(run):
     """Replaced while calls arrive (1,000 for each), it answers all of them."""
     with run.load(PORTABLE * 2):
         replace_under_load(run, 1000)
+
+
+@case(rounds=3, manager=True)
+def managed_replacements(run):
+    """The same where the user's service manager starts the helper."""
+    manager.start()
+    run.warm_up()
+    with run.load(PORTABLE * 2):
+        replace_under_load(run, 1000)
+    result = manager.result()
+    run.check(result == "success", f"the unit's result: {result}")
 
 
 @case(rounds=3)

@@ -7,14 +7,15 @@ import itertools
 import json
 import os
 import pathlib
+import random
 import sys
 import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "support"))
 
 import sandbox
-from bus_peer import (BUS, BUS_PATH, CALL, ERROR, NO_AUTO_START, RETURN, SIGNAL, Disconnected, Peer, marshal)
-from session import ACCESS_DENIED, ADDRESS, HELPER, HELPER_PATH, INTERFACE
+from bus_peer import (BUS, BUS_PATH, CALL, ERROR, RETURN, SIGNAL, Disconnected, marshal)
+from session import HELPER, HELPER_PATH, INTERFACE, connect, eventually
 
 REACH = 48  # Serials ahead that are forged: what the helper may have sent meanwhile.
 
@@ -46,7 +47,7 @@ def forge_credentials(victim, rounds):
     """Answers for the bus who a new peer is: somebody else's process."""
     facts = {"UnixUserID": ("u", os.getuid()), "ProcessID": ("u", victim)}
     for _ in range(rounds):
-        scout, liar = Peer(ADDRESS), Peer(ADDRESS)
+        scout, liar = connect(), connect()
         scout.watch(HELPER)
         liar.watch(HELPER)
         serial, helper = helper_serial(scout)
@@ -63,7 +64,7 @@ def forge_credentials(victim, rounds):
 
 def forge_replies():
     """Answers whatever the helper asks the bus, by turns with an error, with nothing and with something."""
-    peer = Peer(ADDRESS)
+    peer = connect()
     peer.watch(HELPER)
     report("ready")
     for turn in itertools.count():
@@ -81,20 +82,21 @@ def forge_replies():
 
 def forge_departures():
     """Tells the helper that everybody has left the bus, again and again."""
-    peer = Peer(ADDRESS)
+    peer = connect()
     peer.watch(HELPER)
     report("ready")
     while True:
-        _, helper = helper_serial(peer)
-        for name in peer.call(BUS, BUS_PATH, BUS, "ListNames").body[0]:
-            if name.startswith(":"):
-                peer.send_bytes(marshal(SIGNAL, peer.next_serial(), "sss", [name, name, ""], destination=helper,
-                                        path=BUS_PATH, interface=BUS, member="NameOwnerChanged"))
+        helper = next(iter(peer.owners[HELPER]))
+        own = int(peer.name.split(".")[1])
+        for name in (f":1.{number}" for number in range(own + 100)):
+            peer.send_bytes(marshal(SIGNAL, peer.next_serial(), "sss", [name, name, ""], destination=helper,
+                                    path=BUS_PATH, interface=BUS, member="NameOwnerChanged"))
+        helper_serial(peer)  # It has read them.
 
 
 def forge_answers(text):
     """Answers every new connection as the helper would."""
-    peer = Peer(ADDRESS)
+    peer = connect()
     peer.watch("")
     report("ready")
     body = json.dumps({"requestID": "00000000-0000-4000-8000-000000000000", "engine": "claudeCode", "text": text,
@@ -109,15 +111,29 @@ def forge_answers(text):
 
 def call_from_sandbox(info=None, root_answers=True):
     """Calls from a sandbox with a root of its own in which it writes what it likes."""
-    peer = Peer(ADDRESS)
+    peer = connect()
     peer.watch(HELPER)
     sandbox.enter_own_root({} if info is None else {".flatpak-info": info})
     report([ask(peer, method) for method in ("ProtocolVersion", "ListProcesses")])
 
 
+def connect_as_another():
+    """Connects as whoever this is, once a case has told the address."""
+    folder = pathlib.Path("/tmp/other-user")
+    eventually((folder / "address").exists, 60)
+    os.environ["DBUS_SESSION_BUS_ADDRESS"] = (folder / "address").read_text()
+    try:
+        peer = connect()
+        peer.watch(HELPER)
+        outcome = ask(peer, "ProtocolVersion")
+    except (Disconnected, OSError) as error:
+        outcome = f"no connection: {error}"
+    (folder / "outcome").write_text(outcome)
+
+
 def hang_in_vetting(connections, bodies=0, size=0):
     """Connects often from a root directory that never answers; calls, and waits for the end."""
-    peers = [Peer(ADDRESS) for _ in range(connections)]
+    peers = [connect() for _ in range(connections)]
     try:
         sandbox.enter_silent_root(os.environ["ABUSE_FUSE"])
     except OSError as error:
@@ -133,7 +149,7 @@ def hang_in_vetting(connections, bodies=0, size=0):
 
 def flood(method="ListProcesses"):
     """Calls without a pause and never reads."""
-    peer = Peer(ADDRESS)
+    peer = connect()
     calls = b"".join(marshal(CALL, peer.next_serial(), path=HELPER_PATH, interface=INTERFACE, member=method,
                              destination=HELPER) for _ in range(500))
     report("ready")
@@ -144,7 +160,7 @@ def flood(method="ListProcesses"):
 def vanish(rounds):
     """Connects, calls and leaves at once, in the middle of a message by turns."""
     for turn in range(rounds):
-        peer = Peer(ADDRESS)
+        peer = connect()
         data = marshal(CALL, peer.next_serial(), "ay", [bytes(3000)], path=HELPER_PATH, interface=INTERFACE,
                        member="GenerateText", destination=HELPER)
         peer.send_bytes(data[:len(data) // 2] if turn % 3 == 0 else data)
@@ -154,10 +170,9 @@ def vanish(rounds):
 
 def babble(seed, rounds):
     """Sends what no honest peer would: other types, paths, signatures, flags, and bytes that are no message."""
-    import random
     chance = random.Random(seed)
     for turn in range(rounds):
-        peer = Peer(ADDRESS)
+        peer = connect()
         body = chance.choice([("", ()), ("ay", (bytes(chance.randrange(100)),)), ("s", ("x",)), ("(ay)", ((b"",),)),
                               ("a{sv}", ({},)), ("v", (("v", ("y", 1)),)), ("ayay", (b"", b""))])
         data = marshal(chance.choice([CALL, SIGNAL, RETURN, ERROR]), peer.next_serial(), *body,

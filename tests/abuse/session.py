@@ -24,7 +24,6 @@ DECODING_ERROR = "com.brindlemoor.Tessaloom.helper.DecodingError"
 ACCESS_DENIED = "org.freedesktop.DBus.Error.AccessDenied"
 LIMITS_EXCEEDED = "org.freedesktop.DBus.Error.LimitsExceeded"
 
-ADDRESS = os.environ.get("DBUS_SESSION_BUS_ADDRESS", "")
 INSTALLED = pathlib.Path(sys.executable).parent  # This program bears the editor's name, beside the helper.
 PROGRAMS = pathlib.Path(__file__).parent.parent.parent / "bin"
 HOME = pathlib.Path(os.environ.get("HOME", "/"))
@@ -67,9 +66,13 @@ def engines():
     return running
 
 
+def connect():
+    return Peer(os.environ["DBUS_SESSION_BUS_ADDRESS"])
+
+
 def process_of(name, peer=None):
     """The process that owns a name on the bus, or None."""
-    with contextlib.closing(Peer(ADDRESS)) if peer is None else contextlib.nullcontext(peer) as peer:
+    with contextlib.nullcontext(peer) if peer else contextlib.closing(connect()) as peer:
         reply = peer.call(BUS, BUS_PATH, BUS, "GetConnectionUnixProcessID", "s", name)
         return reply.body[0] if reply and reply.type == RETURN else None
 

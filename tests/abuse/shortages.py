@@ -72,11 +72,11 @@ def no_processes(run):
         # No thread of its pool may be free: they leave when they have been idle for some seconds.
         eventually(lambda: footprint(pid)["threads"] <= run.before["threads"])
         with limited(pid, resource.RLIMIT_NPROC, 1):
-            other = run.client()
-            other.ask("GenerateText", honest.generation("Try"), LAUNCH_FAILED, (NO_MEMORY,))
-            fresh = run.client()
+            other, fresh = run.client(), run.client()
+            waiting = other.start("GenerateText", honest.generation("Try"))
             fresh.ask("CancelGeneration", {"requestID": request["requestID"]}, {"succeeded": True})
             client.finish(started, GENERATION_ERROR + "cancelled")
+            other.finish(waiting, LAUNCH_FAILED, (NO_MEMORY,))
         for caller in (other, fresh):
             caller.ask("GenerateText", request := honest.generation("Again"), honest.generated(request))
             caller.close()
