@@ -22,7 +22,10 @@ struct Check {
 };
 
 /// The way to the helper on this platform: whether there is a bus (or its like), whether it knows
-/// the helper, and whether the running helper admits this program. Ends with the first bad finding.
+/// the helper, and which process is the helper. Ends with the first bad finding.
 std::vector<Check> checkWayToHelper();
+
+/// What to do about a helper that does not answer.
+std::string adviceForSilence();
 
 }  // namespace tessaloom

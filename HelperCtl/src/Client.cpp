@@ -9,9 +9,9 @@ namespace {
 
 CallError noAnswer(std::chrono::seconds limit) {
   CallError error{
-      CallError::Category::unreachable, "timedOut",
+      CallError::Category::unreachable, std::string(timedOutError),
       "The helper did not answer within " + std::to_string(limit.count()) + " seconds."};
-  error.advice = "See what is wrong: tessaloom-helperctl doctor";
+  error.advice = "To see what is wrong: tessaloom-helperctl doctor";
   return error;
 }
 

@@ -13,6 +13,9 @@ namespace tessaloom {
 /// How long a call that the helper answers at once, or after a short probe, may take.
 inline constexpr std::chrono::seconds callPatience{60};
 
+/// The name of the error when a limit has passed.
+inline constexpr std::string_view timedOutError = "timedOut";
+
 /// One call, waited for. Without a limit it lasts until the helper answers or goes away.
 CallReply callAndWait(Transport& transport, std::string_view method,
                       const std::optional<Bytes>& body = std::nullopt,

@@ -2,11 +2,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,6 +19,7 @@
 #include "Checks.h"
 #include "Client.h"
 #include "Command.h"
+#include "EngineProbe.h"
 #include "GenerationAdvice.h"
 #include "HelperCore/BinaryAllowlist.h"
 #include "HelperCore/CurrentUser.h"
@@ -49,15 +54,22 @@ std::optional<Record> decoded(const CallReply& reply) {
   }
 }
 
-/// Whether the helper starts, admits this program and answers. The first call may start it.
+/// How long the first call may take, with the helper's start and its decision about this program.
+constexpr std::chrono::seconds firstCallPatience{20};
+
+/// Whether the helper starts, accepts this program and answers. The first call may start it.
 Check checkAnswer(Transport& transport) {
   const auto start = std::chrono::steady_clock::now();
-  const CallReply reply = callAndWait(transport, methodNamed("ProtocolVersion").name);
+  const CallReply reply =
+      callAndWait(transport, methodNamed("ProtocolVersion").name, std::nullopt, firstCallPatience);
+  if (!reply && reply.error().name == timedOutError) {
+    return {bad, "answer", reply.error().message, adviceForSilence()};
+  }
   if (!reply) return failedCall("answer", reply.error());
   const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
       std::chrono::steady_clock::now() - start);
   return {good, "answer",
-          "it admits this program; first reply after " + std::to_string(elapsed.count()) + " ms"};
+          "accepted this program; first reply after " + std::to_string(elapsed.count()) + " ms"};
 }
 
 Check checkVersion(Transport& transport) {
@@ -68,7 +80,7 @@ Check checkVersion(Transport& transport) {
   const std::string version = safeLine(capabilities->helperVersion);
   if (version == TESSALOOM_VERSION) return {good, "version", version};
   return {notice, "version", "the helper is " + version + ", this program " TESSALOOM_VERSION,
-          "After an upgrade let the old helper go: tessaloom-helperctl freshness"};
+          "After an upgrade, let the old helper exit: tessaloom-helperctl freshness"};
 }
 
 Check checkUser(const std::optional<CurrentUser>& user) {
@@ -80,13 +92,24 @@ Check checkUser(const std::optional<CurrentUser>& user) {
           safeLine(user->loginName) + ", home " + safeLine(user->homeDirectory.string())};
 }
 
-/// What keeps the helper from using a directory that is already there; empty when nothing does. It
-/// has to be a directory of this user's that nobody else can enter.
-std::string misuse(const struct stat& facts) {
-  if (!S_ISDIR(facts.st_mode)) return "is not a directory";
-  if (facts.st_uid != geteuid()) return "belongs to another user";
-  if ((facts.st_mode & 07777U) != 0700U) return "can be entered by others";
-  return {};
+/// Why the helper does not use a directory that is already there, and what to do; empty if it does.
+/// It has to be a directory of this user's, of mode 0700.
+struct Misuse {
+  std::string finding;
+  std::string remedy = {};  // NOLINT(readability-redundant-member-init): may be left out.
+};
+
+std::optional<Misuse> misuse(const struct stat& facts, const std::string& path) {
+  const std::string removal = "Remove it, as root if need be: rm -r " + path;
+  if (S_ISLNK(facts.st_mode)) return Misuse{"is a symbolic link", "Remove it: rm " + path};
+  if (!S_ISDIR(facts.st_mode)) return Misuse{"is not a directory", removal};
+  if (facts.st_uid != geteuid()) return Misuse{"belongs to another user", removal};
+  const unsigned mode = facts.st_mode & 07777U;
+  if (mode == 0700U) return std::nullopt;
+  std::array<char, 8> octal{};
+  (void)std::snprintf(octal.data(), octal.size(), "%04o", mode);
+  return Misuse{"has mode " + std::string(octal.data()) + " instead of 0700",
+                "Set its mode: chmod 0700 " + path};
 }
 
 Check checkTemporaryDirectory() {
@@ -94,112 +117,185 @@ Check checkTemporaryDirectory() {
   const std::string path = safeLine(place.string());
   struct stat facts{};
   const bool exists = lstat(place.c_str(), &facts) == 0;
-  if (exists && !misuse(facts).empty()) {
-    return {bad, "temporary files", path + " " + misuse(facts),
-            "Remove it, as root if need be: rm -r " + path};
+  if (exists) {
+    if (const auto problem = misuse(facts, path)) {
+      return {bad, "temporary files", path + " " + problem->finding, problem->remedy};
+    }
   }
   // The helper makes the directory when it needs it.
   std::string probe = (exists ? place : place.parent_path()).string() + "/tessaloom-doctor-XXXXXX";
   if (mkdtemp(probe.data()) == nullptr) {
     const std::string folder = safeLine(std::filesystem::path(probe).parent_path().string());
     return {bad, "temporary files", folder + ": " + errnoText(errno),
-            "See its permissions and free space: ls -ld " + folder + "; df " + folder};
+            "Check its permissions and free space: ls -ld " + folder + "; df " + folder};
   }
   rmdir(probe.c_str());
-  return {good, "temporary files", path + " can be written"};
+  return {good, "temporary files", path + " is writable"};
 }
 
-/// What stands in the search locations under the engine's name and was refused, file by file.
-std::string refusedCandidates(std::string_view name, const CurrentUser& user) {
-  std::string refused;
+/// The files of the engine's name in the search locations that were rejected, and what to do.
+std::string rejectedCandidates(std::string_view name, const CurrentUser& user) {
+  std::string remedies;
   for (const auto& location : BinaryAllowlist::searchLocations(user.homeDirectory)) {
     const auto candidate =
         BinaryAllowlist::resolve(name, {location}, getuid(), BinaryAllowlist::readFacts);
     if (candidate || std::holds_alternative<Rejection::NotFound>(candidate.error())) continue;
     const std::string path = (location / name).string();
-    refused += refused.empty() ? "" : "; ";
+    remedies += remedies.empty() ? "" : "; ";
     if (std::holds_alternative<Rejection::WrongOwner>(candidate.error())) {
-      refused += "make it your own: sudo chown " + user.loginName + " $(readlink -f " + path + ")";
+      remedies += "Make it your own: sudo chown " + user.loginName + " $(readlink -f " + path + ")";
     } else if (std::holds_alternative<Rejection::WritableByGroupOrOther>(candidate.error())) {
-      refused += "take the right to write from others: chmod go-w $(readlink -f " + path + ")";
+      remedies += "Remove write permission for others: chmod go-w $(readlink -f " + path + ")";
     } else {
-      refused += "make it an executable file, or remove it: " + path;
+      remedies += "Make it an executable file, or remove it: " + path;
     }
   }
-  return refused;
+  return remedies;
+}
+
+/// Where this person's shell finds a program.
+std::optional<std::filesystem::path> foundInPath(const std::string& name) {
+  const char* variable = std::getenv("PATH");  // NOLINT(concurrency-mt-unsafe): one thread.
+  std::istringstream folders(variable == nullptr ? "" : variable);
+  for (std::string folder; std::getline(folders, folder, ':');) {
+    const auto candidate = std::filesystem::path(folder) / name;
+    struct stat facts{};
+    if (folder.starts_with('/') && stat(candidate.c_str(), &facts) == 0 && S_ISREG(facts.st_mode) &&
+        access(candidate.c_str(), X_OK) == 0) {
+      return candidate;
+    }
+  }
+  return std::nullopt;
+}
+
+std::string howToLink(const std::filesystem::path& program) {
+  return "mkdir -p ~/.local/bin && ln -s " + program.string() + " ~/.local/bin/";
 }
 
 std::string howToInstall(GenerationEngineID engine) {
   return std::string("To use it: npm install -g ") +
          (engine == GenerationEngineID::codex ? "@openai/codex" : "@anthropic-ai/claude-code") +
-         ", or put it into ~/.local/bin.";
+         ", or put it into ~/.local/bin";
 }
 
-/// What the helper says about an engine; nothing when it cannot be asked.
-std::optional<CallReply> askAboutEngine(Transport* transport, GenerationEngineID engine) {
-  if (transport == nullptr) return std::nullopt;
-  const Bytes body = HelperCoding::makeEncoder().encode(EngineStatusRequest{engine});
-  return callAndWait(*transport, methodNamed("GenerationEngineStatus").name, body);
+/// The oldest version that knows all options that the helper uses.
+using Version = std::array<int, 3>;
+constexpr Version minimumVersion(GenerationEngineID engine) {
+  return engine == GenerationEngineID::codex ? Version{0, 169, 0} : Version{2, 1, 329};
 }
 
-/// An engine that is not there, and why, as this program sees it.
+std::string text(const Version& version) {
+  return std::to_string(version[0]) + "." + std::to_string(version[1]) + "." +
+         std::to_string(version[2]);
+}
+
+/// The first three numbers that points join.
+std::optional<Version> versionIn(const std::string& line) {
+  static const std::regex pattern(R"((\d{1,6})\.(\d{1,6})\.(\d{1,6}))");
+  std::smatch match;
+  if (!std::regex_search(line, match, pattern)) return std::nullopt;
+  return Version{std::stoi(match[1]), std::stoi(match[2]), std::stoi(match[3])};
+}
+
+struct EngineCheck {
+  Check check;
+  bool isUsable;
+};
+
+/// An engine that the helper does not find, and why, as this program sees it.
 Check checkMissingEngine(GenerationEngineID engine, const std::optional<CurrentUser>& user) {
   const std::string subject(wireValue(engine));
+  const std::string name(executableName(engine));
   const auto executable = resolveEngine(engine, user);
   if (executable) {
     return {notice, subject,
             safeLine(executable->string()) + " is here, but the helper does not find it",
             "The helper may run with another home directory or in a container."};
   }
-  std::string remedy = user ? refusedCandidates(executableName(engine), *user) : std::string();
-  if (remedy.empty()) remedy = howToInstall(engine);
-  return {notice, subject, safeLine(executable.error().detail.value_or("not usable")),
-          safeLine(remedy)};
-}
-
-Check checkFoundEngine(GenerationEngineID engine, const std::optional<CurrentUser>& user,
-                       const std::optional<std::string>& version) {
-  const auto executable = resolveEngine(engine, user);
-  const std::string path = executable ? safeLine(executable->string()) : "found by the helper";
-  Check check{good, std::string(wireValue(engine)), path};
-  if (version && !version->empty()) {
-    check.finding += ", version " + safeLine(*version);
-  } else {
-    check.outcome = notice;
-    check.finding += ", but it does not tell its version within 10 seconds";
-    check.remedy =
-        "See how it answers by itself: " + std::string(executableName(engine)) + " --version";
+  Check check{notice, subject, safeLine(executable.error().detail.value_or("not usable"))};
+  if (!user) return check;
+  check.remedy = rejectedCandidates(name, *user);
+  if (!check.remedy.empty()) return check;
+  check.remedy = howToInstall(engine);
+  if (const auto program = foundInPath(name)) {
+    check.finding = safeLine(program->string()) + " is where the helper does not look";
+    check.remedy = "Link it to where it does: " + howToLink(*program);
   }
   return check;
 }
 
-Check checkEngine(Transport* transport, GenerationEngineID engine,
-                  const std::optional<CurrentUser>& user, bool& isAnyUsable) {
-  const std::string subject(wireValue(engine));
-  const std::optional<CallReply> reply = askAboutEngine(transport, engine);
-  if (!reply) {
-    const auto executable = resolveEngine(engine, user);
-    if (!executable) return checkMissingEngine(engine, user);
-    isAnyUsable = true;
-    return {good, subject, safeLine(executable->string())};
+/// What to do about an engine that does not start or report its version.
+std::string adviceForProbe(const std::filesystem::path& executable, const CurrentUser& user) {
+  const std::string interpreter = interpreterOf(executable);
+  const std::string name = std::filesystem::path(interpreter).filename().string();
+  const auto locations = BinaryAllowlist::searchLocations(user.homeDirectory);
+  const bool isReachable =
+      interpreter.empty() || std::ranges::any_of(locations, [&](const auto& l) {
+        return access((l / interpreter).c_str(), X_OK) == 0;
+      });
+  if (isReachable) {
+    return "Run `" + safeLine(executable.string()) + " --version` to see how it responds.";
   }
-  if (!*reply) return failedCall(subject, reply->error());
-  const auto status = decoded<EngineStatus>(*reply);
-  if (!status) return unreadable(subject);
-  if (!status->binaryFound) return checkMissingEngine(engine, user);
-  isAnyUsable = true;
-  return checkFoundEngine(engine, user, status->version);
+  if (interpreter.starts_with('/')) return "Install the engine again.";
+  const auto program = foundInPath(name);
+  return "Engines find programs only where the helper looks for engines. " +
+         (program ? "Link " + name + " there: " + howToLink(*program)
+                  : "Install " + name + " there, for example in ~/.local/bin");
 }
 
-std::vector<Check> checkEngines(Transport* transport, const std::optional<CurrentUser>& user) {
-  std::vector<Check> checks;
-  checks.reserve(allGenerationEngineIDs.size());
-  bool isAnyUsable = false;
-  for (const GenerationEngineID engine : allGenerationEngineIDs) {
-    checks.push_back(checkEngine(transport, engine, user, isAnyUsable));
+EngineCheck checkFoundEngine(GenerationEngineID engine, const std::optional<CurrentUser>& user,
+                             std::string version) {
+  Check check{good, std::string(wireValue(engine)), ""};
+  const auto executable = resolveEngine(engine, user);
+  check.finding = executable ? safeLine(executable->string()) : "found by the helper";
+  if (version.empty() && executable) {
+    const EngineProbe probe = probeEngine(*executable, *user);
+    if (!probe.problem.empty()) {
+      check.outcome = bad;
+      check.finding += " did not report its version: " + probe.problem;
+      check.remedy = safeLine(adviceForProbe(*executable, *user));
+      return {check, false};
+    }
+    version = probe.version;
   }
-  if (!isAnyUsable) {
-    for (Check& check : checks) check.outcome = bad;
+  check.finding += ", version " + (version.empty() ? "unknown" : safeLine(version));
+  const auto number = versionIn(version);
+  if (!number || *number >= minimumVersion(engine)) return {check, true};
+  check.outcome = bad;
+  check.finding += ", is too old: the helper needs " + text(minimumVersion(engine)) + " or later";
+  check.remedy = std::string("Update it: ") + std::string(executableName(engine)) + " update";
+  return {check, false};
+}
+
+/// Asks the helper about an engine or, where there is none to ask, looks itself.
+EngineCheck checkEngine(Transport* transport, GenerationEngineID engine,
+                        const std::optional<CurrentUser>& user) {
+  const std::string subject(wireValue(engine));
+  if (transport == nullptr) {
+    if (resolveEngine(engine, user)) return checkFoundEngine(engine, user, "");
+    return {checkMissingEngine(engine, user), false};
+  }
+  const Bytes body = HelperCoding::makeEncoder().encode(EngineStatusRequest{engine});
+  const CallReply reply = callAndWait(*transport, methodNamed("GenerationEngineStatus").name, body);
+  if (!reply) return {failedCall(subject, reply.error()), false};
+  const auto status = decoded<EngineStatus>(reply);
+  if (!status) return {unreadable(subject), false};
+  if (status->binaryFound) return checkFoundEngine(engine, user, status->version.value_or(""));
+  return {checkMissingEngine(engine, user), false};
+}
+
+/// One engine that can be used is enough: then what is wrong with another is only worth a note.
+std::vector<Check> checkEngines(Transport* transport, const std::optional<CurrentUser>& user) {
+  std::vector<EngineCheck> engines;
+  engines.reserve(allGenerationEngineIDs.size());
+  for (const GenerationEngineID engine : allGenerationEngineIDs) {
+    engines.push_back(checkEngine(transport, engine, user));
+  }
+  const bool isAnyUsable = std::ranges::any_of(engines, &EngineCheck::isUsable);
+  std::vector<Check> checks;
+  for (EngineCheck& engine : engines) {
+    if (!engine.isUsable) engine.check.outcome = isAnyUsable ? notice : bad;
+    checks.push_back(std::move(engine.check));
   }
   return checks;
 }
@@ -265,12 +361,14 @@ CommandResult runDoctor(const Arguments& arguments) {
   const bool isSound =
       std::ranges::none_of(checks, [](const Check& c) { return c.outcome == bad; });
   if (arguments.has(jsonOption.name)) {
-    console::printBody(
+    console::printJSON(
         asJSON(checks).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
   } else {
     for (const Check& check : checks) show(check);
-    console::print(isSound ? "\nText can be generated.\n"
-                           : "\nText cannot be generated until what is marked bad is put right.\n");
+    console::print(
+        isSound ? "\nText can be generated, if the engine is signed in: that shows only when it is "
+                  "used.\n"
+                : "\nText cannot be generated until the problems marked \"bad\" are fixed.\n");
   }
   return isSound ? ExitStatus::done : ExitStatus::refused;
 }

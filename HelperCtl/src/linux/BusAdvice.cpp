@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "TLFoundation/linux/ExecutablePath.h"
+
 namespace tessaloom {
 namespace {
 
@@ -12,10 +14,9 @@ constexpr std::string_view busErrors = "org.freedesktop.DBus.Error.";
 /// The executable of that name in this program's own folder, or just the name.
 std::string besideThisProgram(std::string_view name) {
   std::error_code error;
-  const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+  const auto self = ownExecutablePath().value_or(std::filesystem::path());
   const auto candidate = self.parent_path() / name;
-  return !error && std::filesystem::exists(candidate, error) ? candidate.string()
-                                                             : std::string(name);
+  return std::filesystem::exists(candidate, error) ? candidate.string() : std::string(name);
 }
 
 std::string startByHand() {
@@ -37,7 +38,7 @@ std::string adviceForBusError(std::string_view name) {
            "`tessaloom-helperctl doctor`.";
   }
   if (name == "AccessDenied") {
-    return "The helper admits only programs that run as the same user, outside a sandbox and from "
+    return "The helper accepts only programs that run as the same user, outside a sandbox and from "
            "the helper's own folder. Use the tessaloom-helperctl that was installed with it.";
   }
   if (name == "LimitsExceeded") return "Wait for earlier calls to be answered first.";

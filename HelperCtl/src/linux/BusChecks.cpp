@@ -1,7 +1,13 @@
+#include <pwd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdint>
+#include <expected>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,105 +18,196 @@
 #include "Console.h"
 #include "HelperProtocol/HelperConstants.h"
 #include "HelperProtocol/linux/BusHandles.h"
+#include "HelperProtocol/linux/BusRequests.h"
+#include "HelperProtocol/linux/SessionBus.h"
+#include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/linux/ExecutablePath.h"
 #include "Transport.h"
 
 namespace tessaloom {
 namespace {
 
-constexpr const char* busName = "org.freedesktop.DBus";
-constexpr const char* busPath = "/org/freedesktop/DBus";
-constexpr std::uint64_t patience = 5'000'000;  // Microseconds.
+using console::safeLine;
+using enum Check::Outcome;
 
-/// Asks the bus itself; nothing when it answers with an error.
-BusMessage askBus(sd_bus* bus, const char* member, const std::optional<std::string>& argument) {
-  sd_bus_message* request = nullptr;
-  if (sd_bus_message_new_method_call(bus, &request, busName, busPath, busName, member) < 0) {
-    return nullptr;
+constexpr std::chrono::seconds patience{5};
+constexpr const char* helperFile = "tessaloom-helper";
+
+/// What is asked of the bus itself.
+class BusQuestions {
+ public:
+  explicit BusQuestions(BusHandle bus) : bus_(bus.release()), requests_(bus_.get()) {}
+
+  /// The reply, or the errno: ETIMEDOUT if the bus does not answer, EBADMSG for an error.
+  std::expected<BusMessage, int> ask(const char* member,
+                                     const std::optional<std::string>& argument = std::nullopt) {
+    sd_bus_message* created = nullptr;
+    int result =
+        sd_bus_message_new_method_call(bus_.get(), &created, BusRequests::busName,
+                                       BusRequests::busPath, BusRequests::busInterface, member);
+    const BusMessage call(created);
+    if (result >= 0 && argument) result = sd_bus_message_append(created, "s", argument->c_str());
+    if (result < 0) return std::unexpected(-result);
+    auto reply = requests_.callAndWait(created, std::chrono::steady_clock::now() + patience);
+    if (reply && sd_bus_message_is_method_error(reply->get(), nullptr) > 0) {
+      return std::unexpected(EBADMSG);
+    }
+    return reply;
   }
-  const BusMessage owned(request);
-  if (argument && sd_bus_message_append(request, "s", argument->c_str()) < 0) return nullptr;
-  sd_bus_message* reply = nullptr;
-  if (sd_bus_call(bus, request, patience, nullptr, &reply) < 0) return nullptr;
-  return BusMessage(reply);
-}
 
-std::optional<pid_t> helperProcess(sd_bus* bus) {
-  const BusMessage reply =
-      askBus(bus, "GetConnectionUnixProcessID", std::string(HelperConstants::machServiceName));
-  std::uint32_t pid = 0;
-  if (!reply || sd_bus_message_read(reply.get(), "u", &pid) <= 0) return std::nullopt;
-  return static_cast<pid_t>(pid);
-}
-
-bool isActivatable(sd_bus* bus) {
-  const BusMessage reply = askBus(bus, "ListActivatableNames", std::nullopt);
-  if (!reply || sd_bus_message_enter_container(reply.get(), 'a', "s") <= 0) return false;
-  const char* name = nullptr;
-  while (sd_bus_message_read(reply.get(), "s", &name) > 0) {
-    if (name == HelperConstants::machServiceName) return true;
+  /// A number that the bus knows of the owner of a name.
+  std::optional<std::uint32_t> number(const char* member, std::string_view name) {
+    const auto reply = ask(member, std::string(name));
+    std::uint32_t value = 0;
+    if (!reply || sd_bus_message_read(reply->get(), "u", &value) <= 0) return std::nullopt;
+    return value;
   }
-  return false;
-}
 
-/// Whether another file, or none, stands where the process was started from.
+  /// The user that the bus runs as (unix(7), SO_PEERCRED).
+  std::optional<uid_t> owner() const {
+    struct ucred credentials{};
+    socklen_t size = sizeof credentials;
+    const int descriptor = sd_bus_get_fd(bus_.get());
+    if (getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
+      return std::nullopt;
+    }
+    return credentials.uid;
+  }
+
+  bool canStartHelper() {
+    const auto reply = ask("ListActivatableNames");
+    if (!reply || sd_bus_message_enter_container(reply->get(), 'a', "s") <= 0) return false;
+    const char* name = nullptr;
+    while (sd_bus_message_read(reply->get(), "s", &name) > 0) {
+      if (name == HelperConstants::machServiceName) return true;
+    }
+    return false;
+  }
+
+ private:
+  /// Closed without waiting for a bus that may have stopped.
+  std::unique_ptr<sd_bus, BusRelease<sd_bus_close_unref>> bus_;
+  BusRequests requests_;
+};
+
+/// Whether another file, or none, is where the process was started from.
 bool isReplaced(pid_t process, const std::filesystem::path& executable) {
   std::error_code error;
   return !std::filesystem::equivalent("/proc/" + std::to_string(process) + "/exe", executable,
                                       error);
 }
 
+/// Whether a signal or a debugger has stopped the process (proc(5), the state in /proc/PID/status).
+bool isStopped(pid_t process) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/status");
+  for (std::string line; std::getline(file, line);) {
+    if (line.starts_with("State:"))
+      return line.find_first_of("Tt", 6) == line.find_first_not_of(" \t", 6);
+  }
+  return false;
+}
+
+std::string userName(std::uint32_t uid) {
+  const struct passwd* entry = getpwuid(uid);  // NOLINT(concurrency-mt-unsafe): one thread.
+  return entry != nullptr ? safeLine(entry->pw_name) : "user " + std::to_string(uid);
+}
+
+std::optional<Check> checkSandbox() {
+  if (access("/.flatpak-info", F_OK) != 0) return std::nullopt;
+  return Check{bad, "sandbox",
+               "this program runs in a sandbox, where the helper accepts only the editor",
+               "Run it outside: flatpak-spawn --host tessaloom-helperctl doctor. An editor in a "
+               "sandbox needs --talk-name=" +
+                   std::string(HelperConstants::machServiceName)};
+}
+
+/// A bus of another user's, as under sudo: it turns this program away.
+std::optional<Check> checkBusOwner(const BusQuestions& bus) {
+  const auto owner = bus.owner();
+  if (!owner || *owner == geteuid()) return std::nullopt;
+  return Check{
+      bad, "session bus",
+      "it belongs to " + userName(*owner) + ", but this program runs as " + userName(geteuid()),
+      "Run this program as " + userName(*owner) + ", without sudo."};
+}
+
 Check checkRunningHelper(pid_t pid) {
+  const std::string number = std::to_string(pid);
   const auto helper = executablePath(pid).value_or(std::filesystem::path());
   const auto self = ownExecutablePath().value_or(std::filesystem::path());
-  Check check{
-      Check::Outcome::good, "helper",
-      "running as process " + std::to_string(pid) + ", " + console::safeLine(helper.string())};
+  const std::string path = safeLine(helper.string());
+  if (!helper.empty() && helper.filename() != helperFile) {
+    return {bad, "helper",
+            "its name on the bus belongs to another program, process " + number + ", " + path,
+            "End that program: kill " + number};
+  }
+  if (isStopped(pid)) {
+    return {bad, "helper", "process " + number + " is stopped, so it does not answer",
+            "Let it continue: kill -CONT " + number};
+  }
+  Check check{good, "helper", "running as process " + number + ", " + path};
   if (helper.parent_path() != self.parent_path()) {
-    check.outcome = Check::Outcome::notice;
-    check.remedy = "This program is in another folder (" +
-                   console::safeLine(self.parent_path().string()) +
-                   "), so the helper will not admit it. Use the one beside the helper.";
+    check.outcome = notice;
+    check.remedy = "This program is in another folder (" + safeLine(self.parent_path().string()) +
+                   "), so the helper will not accept it. Use the one beside the helper.";
   } else if (isReplaced(pid, helper)) {
-    check.outcome = Check::Outcome::notice;
-    check.finding += ", which was replaced since";
-    check.remedy = "Let the old one leave when it is idle: tessaloom-helperctl freshness";
+    check.outcome = notice;
+    check.finding += ", which has been replaced since";
+    check.remedy = "To let the old one exit when idle: tessaloom-helperctl freshness";
   }
   return check;
+}
+
+std::optional<pid_t> helperProcess(BusQuestions& bus) {
+  const auto pid = bus.number("GetConnectionUnixProcessID", HelperConstants::machServiceName);
+  return pid ? std::optional(static_cast<pid_t>(*pid)) : std::nullopt;
 }
 
 }  // namespace
 
 std::vector<Check> checkWayToHelper() {
-  sd_bus* opened = nullptr;
-  const auto transport = openTransport();
-  const bool connected = transport && sd_bus_open_user(&opened) >= 0;
-  const BusHandle bus(opened);
-  if (!connected || !askBus(bus.get(), "GetId", std::nullopt)) {
-    const std::string why = transport ? "The bus does not answer." : transport.error().message;
-    return {{Check::Outcome::bad, "session bus", console::safeLine(why),
-             transport ? "See that a session bus runs: echo $DBUS_SESSION_BUS_ADDRESS"
-                       : transport.error().advice}};
+  if (const auto sandbox = checkSandbox()) return {*sandbox};
+  if (const auto transport = openTransport(); !transport) {
+    return {{bad, "session bus", safeLine(transport.error().message), transport.error().advice}};
   }
-  std::vector<Check> checks{{Check::Outcome::good, "session bus", "it answers"}};
-  const bool activatable = isActivatable(bus.get());
-  if (const auto pid = helperProcess(bus.get())) {
-    checks.push_back(checkRunningHelper(static_cast<pid_t>(*pid)));
-    if (!activatable) {
-      checks.push_back({Check::Outcome::notice, "activation",
-                        "the bus cannot start the helper by itself",
+  auto opened = openSessionBus();
+  if (!opened) return {{bad, "session bus", errnoText(opened.error())}};
+  BusQuestions bus(*std::move(opened));
+  if (const auto owner = checkBusOwner(bus)) return {*owner};
+  if (const auto reply = bus.ask("GetId"); !reply) {
+    return {{bad, "session bus",
+             reply.error() == ETIMEDOUT
+                 ? "it does not answer within " + std::to_string(patience.count()) + " seconds"
+                 : errnoText(reply.error()),
+             "Check that a session bus is running: echo $DBUS_SESSION_BUS_ADDRESS"}};
+  }
+  std::vector<Check> checks{{good, "session bus", "it answers"}};
+  const bool canStart = bus.canStartHelper();
+  if (const auto pid = helperProcess(bus)) {
+    checks.push_back(checkRunningHelper(*pid));
+    if (!canStart) {
+      checks.push_back({notice, "activation", "the bus cannot start the helper on demand",
                         "Install the package, so that the helper starts when it is needed."});
     }
-  } else if (activatable) {
-    checks.push_back({Check::Outcome::good, "helper", "not running; the bus starts it on demand"});
+  } else if (canStart) {
+    checks.push_back({good, "helper", "not running; the bus starts it on demand"});
   } else {
-    checks.push_back({Check::Outcome::bad, "helper",
-                      "not running, and the bus does not know how to start it",
+    checks.push_back({bad, "helper", "not running, and the bus does not know how to start it",
                       "Install the package, or start tessaloom-helper by hand. A bus that was "
                       "already running reads a new activation file after: busctl --user call "
                       "org.freedesktop.DBus / org.freedesktop.DBus ReloadConfig"});
   }
   return checks;
+}
+
+std::string adviceForSilence() {
+  auto opened = openSessionBus();
+  if (!opened) return {};
+  BusQuestions bus(*std::move(opened));
+  const auto pid = helperProcess(bus);
+  if (!pid) return "See the journal: journalctl --user";
+  return "It runs as process " + std::to_string(*pid) +
+         ". End it, and the next call starts a new one: kill " + std::to_string(*pid);
 }
 
 }  // namespace tessaloom

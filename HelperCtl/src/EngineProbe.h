@@ -1,0 +1,24 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "HelperCore/CurrentUser.h"
+
+namespace tessaloom {
+
+/// What came of asking an engine for its version.
+struct EngineProbe {
+  std::string version;  ///< The first line that it printed; empty if it failed.
+  std::string problem;  ///< Why it failed, one line; empty if it did not.
+};
+
+/// Runs `executable --version` with the environment that the helper gives to engines, for as long
+/// as the helper waits. Throws std::system_error if no process can be started at all.
+EngineProbe probeEngine(const std::filesystem::path& executable, const CurrentUser& user);
+
+/// The program that runs a script, as its first line names it: "node" for "#!/usr/bin/env node";
+/// empty if the file is not a script.
+std::string interpreterOf(const std::filesystem::path& executable);
+
+}  // namespace tessaloom
