@@ -58,7 +58,7 @@ void printError(std::string_view message, std::string_view advice = {});
 /// Plain text on standard error.
 void printToError(std::string_view text);
 
-/// What stands for the rest of a text that was cut, one column wide.
+/// The mark of a text that was cut, one column wide.
 std::string_view ellipsis();
 
 /// Text from outside, fit for a terminal: one line, or several with TAB and LF kept.

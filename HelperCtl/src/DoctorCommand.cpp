@@ -16,9 +16,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Checks.h"
 #include "Client.h"
 #include "Command.h"
+#include "DoctorChecks.h"
 #include "EngineProbe.h"
 #include "GenerationAdvice.h"
 #include "HelperCore/BinaryAllowlist.h"

@@ -70,7 +70,7 @@ int start(const std::filesystem::path& executable, const CurrentUser& user, int 
 }
 
 /// The child's status once it has exited and what it wrote has been read; nullopt if the time was
-/// up first. What it leaves running may keep its streams open.
+/// up first. Processes that it started may keep its streams open.
 std::optional<int> await(pid_t pid, std::array<pollfd, 2> streams,
                          std::array<std::string, 2>& texts) {
   constexpr std::chrono::milliseconds step{20};

@@ -30,7 +30,7 @@ class EventLoop {
   /// Calls `tick` at this interval, the first time one interval from now.
   void every(std::chrono::milliseconds interval, std::function<void()> tick);
 
-  /// Runs handlers until `done` holds (true) or `deadline` has passed (false).
+  /// Runs handlers until `done` returns true (true) or `deadline` has passed (false).
   bool run(const std::function<bool()>& done,
            std::optional<Clock::time_point> deadline = std::nullopt);
 

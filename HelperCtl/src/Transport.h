@@ -53,7 +53,7 @@ class Transport {
 
   /// Sends `body`, or no argument at all when there is none, to `method` (a name as in
   /// "GenerateText"). The handler is called exactly once, from `process` and never from `call`; it
-  /// may make further calls. A call never expires by itself. What the transport cannot send is
+  /// may make further calls. A call has no time limit. What the transport cannot send is
   /// answered like an error of the helper's. Handlers that are still waiting when the transport
   /// goes away are dropped.
   virtual void call(const std::string& method, const std::optional<Bytes>& body,

@@ -58,7 +58,7 @@ using WhenAnswered = std::function<void(Reply)>;
 
 /// GDBus drops an error's description when it makes a GError of an error reply that has more than
 /// one argument. That is why this program sends messages itself instead of
-/// g_dbus_connection_call(). The second argument is a dictionary, which holds nothing that the
+/// g_dbus_connection_call(). The second argument is a dictionary, which says nothing that the
 /// error's name lacks.
 Failure failureOf(GDBusMessage* reply) {
   Failure failure{g_dbus_message_get_error_name(reply), ""};
@@ -192,7 +192,7 @@ class Helper {
     filter_ = g_dbus_connection_add_filter(
         bus_, &ReplyFilter::filter, new ReplyFilter,
         [](gpointer replies) { delete static_cast<ReplyFilter*>(replies); });
-    // Before the first call, so that the bus tells the owner before the owner answers.
+    // Before the first call, so that the bus reports the owner before the owner replies.
     watch_ = g_bus_watch_name_on_connection(bus_, helperName, G_BUS_NAME_WATCHER_FLAGS_NONE,
                                             &Helper::appeared, &Helper::vanished, this, nullptr);
   }
@@ -349,7 +349,7 @@ int generate(Helper& helper, std::string_view engine, std::string_view prompt) {
 
 /// The answer to a cancelled generation is the generation's own: an error of the kind "cancelled".
 /// The cancel call only says whether an engine was running at that moment. Until it was launched
-/// nothing can be signalled, so the call is repeated.
+/// nothing can be signaled, so the call is repeated.
 int cancel(Helper& helper, std::string_view engine, std::string_view prompt) {
   const json request = generationRequest(engine, prompt);
   std::optional<Reply> reply;
@@ -393,7 +393,7 @@ int stopProgram(Helper& helper) {
   if (!result) return complain(result.error());
   // A refusal is a reply like any other: it says in a sentence for the user why.
   if (!(*result)["succeeded"]) {
-    return complain({"", text(*result, "message", "The process was not signalled.")});
+    return complain({"", text(*result, "message", "The process was not signaled.")});
   }
   g_subprocess_wait(program, nullptr, nullptr);
   std::puts("Stopped.");

@@ -14,8 +14,8 @@
 #include <string_view>
 #include <system_error>
 
-#include "Checks.h"
 #include "Console.h"
+#include "DoctorChecks.h"
 #include "HelperProtocol/HelperConstants.h"
 #include "HelperProtocol/linux/BusHandles.h"
 #include "HelperProtocol/linux/BusRequests.h"

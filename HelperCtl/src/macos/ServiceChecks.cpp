@@ -1,15 +1,15 @@
-#include "Checks.h"
+#include "DoctorChecks.h"
 
 namespace tessaloom {
 
 std::vector<Check> checkWayToHelper() {
-  // There is nothing to ask before the first call: launchd tells whether it knows the helper, and
-  // the helper whether it admits this program, only by how that call ends.
+  // There is nothing to ask before the first call: whether launchd knows
+  // the helper, and whether the helper accepts this program, shows only in how that call ends.
   return {};
 }
 
 std::string adviceForSilence() {
-  return "End it, and the next call starts a new one: pkill -x TessaloomHelper";
+  return "End it in Activity Monitor, and the next call starts a new one.";
 }
 
 }  // namespace tessaloom

@@ -5,12 +5,14 @@
 
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 #include "GenerationDirectory.h"
@@ -73,6 +75,20 @@ void limitFreedMemory() {
   ::mallopt(M_ARENA_MAX, 2);
 }
 
+// Somebody who starts the helper to see what it is gets an answer instead of a helper.
+bool describe(std::string_view option) {
+  const bool wantsVersion = option == "--version" || option == "-V";
+  if (!wantsVersion && option != "--help" && option != "-h") return false;
+  std::fputs("tessaloom-helper " TESSALOOM_VERSION "\n", stdout);
+  if (!wantsVersion) {
+    std::fputs(
+        "The companion process of the Tessaloom document editor. The session bus starts it with\n"
+        "the first call; it has no options. To call it: tessaloom-helperctl --help\n",
+        stdout);
+  }
+  return true;
+}
+
 int serve() {
   limitFreedMemory();
   secureDescriptors();
@@ -131,7 +147,8 @@ int serve() {
 
 }  // namespace tessaloom
 
-int main() {
+int main(int argc, char** argv) {
+  if (argc > 1 && tessaloom::describe(argv[1])) return 0;
   try {
     return tessaloom::serve();
   } catch (const std::exception& error) {
