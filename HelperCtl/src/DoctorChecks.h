@@ -1,8 +1,12 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "HelperCore/CurrentUser.h"
+#include "Transport.h"
 
 namespace tessaloom {
 
@@ -24,6 +28,14 @@ struct Check {
 /// The way to the helper on this platform: whether there is a bus (or its like), whether it knows
 /// the helper, and which process is the helper. Ends with the first bad finding.
 std::vector<Check> checkWayToHelper();
+
+/// Each engine, as the helper sees it and, where it cannot be asked (null), as this program does.
+/// One engine that can be used is enough: then what is wrong with another is only a notice.
+std::vector<Check> checkEngines(Transport* transport, const std::optional<CurrentUser>& user);
+
+/// A call that was answered with an error, and a reply that is not the expected record.
+Check failedCall(const std::string& subject, const CallError& error);
+Check unreadableReply(const std::string& subject);
 
 /// What to do about a helper that does not answer.
 std::string adviceForSilence();

@@ -29,7 +29,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds timeLimit{10};
 constexpr std::size_t outputLimit = 64 * 1024;
 
 Pipe openPipe() {
@@ -74,7 +73,7 @@ int start(const std::filesystem::path& executable, const CurrentUser& user, int 
 std::optional<int> await(pid_t pid, std::array<pollfd, 2> streams,
                          std::array<std::string, 2>& texts) {
   constexpr std::chrono::milliseconds step{20};
-  const auto deadline = Clock::now() + timeLimit;
+  const auto deadline = Clock::now() + probeTimeLimit;
   std::optional<int> status;
   while (Clock::now() < deadline) {
     const int ready = poll(streams.data(), streams.size(), static_cast<int>(step.count()));
@@ -121,6 +120,10 @@ std::string endProblem(int status, const std::string& errorText) {
 
 }  // namespace
 
+EngineProbe hungProbe() {
+  return {"", "it did not end within " + std::to_string(probeTimeLimit.count()) + " seconds"};
+}
+
 EngineProbe probeEngine(const std::filesystem::path& executable, const CurrentUser& user) {
   Pipe output = openPipe();
   Pipe error = openPipe();
@@ -138,7 +141,7 @@ EngineProbe probeEngine(const std::filesystem::path& executable, const CurrentUs
   if (!status) {
     (void)::kill(-pid, SIGKILL);
     waitpid(pid, nullptr, 0);
-    return {"", "it did not end within " + std::to_string(timeLimit.count()) + " seconds"};
+    return hungProbe();
   }
   if (*status != 0) return {"", endProblem(*status, texts[1])};
   const std::string version = firstLine(texts[0]);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 
@@ -13,8 +14,14 @@ struct EngineProbe {
   std::string problem;  ///< Why it failed, one line; empty if it did not.
 };
 
-/// Runs `executable --version` with the environment that the helper gives to engines, for as long
-/// as the helper waits. Throws std::system_error if no process can be started at all.
+/// As long as the helper waits for it.
+inline constexpr std::chrono::seconds probeTimeLimit{10};
+
+/// The outcome for an engine that did not end in that time.
+EngineProbe hungProbe();
+
+/// Runs `executable --version` with the environment that the helper gives to engines. Throws
+/// std::system_error if no process can be started at all.
 EngineProbe probeEngine(const std::filesystem::path& executable, const CurrentUser& user);
 
 /// The program that runs a script, as its first line names it: "node" for "#!/usr/bin/env node";

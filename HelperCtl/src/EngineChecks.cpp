@@ -1,0 +1,206 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "CallCommands.h"
+#include "Client.h"
+#include "DoctorChecks.h"
+#include "EngineProbe.h"
+#include "HelperCore/BinaryAllowlist.h"
+#include "HelperProtocol/EngineStatus.h"
+#include "HelperProtocol/HelperCoding.h"
+#include "HelperProtocol/Methods.h"
+
+namespace tessaloom {
+namespace {
+
+using console::safeLine;
+using enum Check::Outcome;
+
+/// The files of the engine's name in the search locations that were rejected, and what to do.
+std::string rejectedCandidates(std::string_view name, const CurrentUser& user) {
+  std::string remedies;
+  for (const auto& location : BinaryAllowlist::searchLocations(user.homeDirectory)) {
+    const auto candidate =
+        BinaryAllowlist::resolve(name, {location}, getuid(), BinaryAllowlist::readFacts);
+    if (candidate || std::holds_alternative<Rejection::NotFound>(candidate.error())) continue;
+    const std::string path = (location / name).string();
+    remedies += remedies.empty() ? "" : "; ";
+    if (std::holds_alternative<Rejection::WrongOwner>(candidate.error())) {
+      remedies += "Make it your own: sudo chown " + user.loginName + " $(readlink -f " + path + ")";
+    } else if (std::holds_alternative<Rejection::WritableByGroupOrOther>(candidate.error())) {
+      remedies += "Remove write permission for others: chmod go-w $(readlink -f " + path + ")";
+    } else {
+      remedies += "Make it an executable file, or remove it: " + path;
+    }
+  }
+  return remedies;
+}
+
+/// Where this person's shell finds a program.
+std::optional<std::filesystem::path> foundInPath(const std::string& name) {
+  const char* variable = std::getenv("PATH");  // NOLINT(concurrency-mt-unsafe): one thread.
+  std::istringstream folders(variable == nullptr ? "" : variable);
+  for (std::string folder; std::getline(folders, folder, ':');) {
+    const auto candidate = std::filesystem::path(folder) / name;
+    struct stat facts{};
+    if (folder.starts_with('/') && stat(candidate.c_str(), &facts) == 0 && S_ISREG(facts.st_mode) &&
+        access(candidate.c_str(), X_OK) == 0) {
+      return candidate;
+    }
+  }
+  return std::nullopt;
+}
+
+std::string howToLink(const std::filesystem::path& program) {
+  return "mkdir -p ~/.local/bin && ln -s " + program.string() + " ~/.local/bin/";
+}
+
+std::string howToInstall(GenerationEngineID engine) {
+  return std::string("To use it: npm install -g ") +
+         (engine == GenerationEngineID::codex ? "@openai/codex" : "@anthropic-ai/claude-code") +
+         ", or put it into ~/.local/bin";
+}
+
+/// The oldest version that knows all options that the helper uses.
+using Version = std::array<int, 3>;
+constexpr Version minimumVersion(GenerationEngineID engine) {
+  return engine == GenerationEngineID::codex ? Version{0, 169, 0} : Version{2, 1, 329};
+}
+
+std::string text(const Version& version) {
+  return std::to_string(version[0]) + "." + std::to_string(version[1]) + "." +
+         std::to_string(version[2]);
+}
+
+/// The first three numbers that points join.
+std::optional<Version> versionIn(const std::string& line) {
+  static const std::regex pattern(R"((\d{1,6})\.(\d{1,6})\.(\d{1,6}))");
+  std::smatch match;
+  if (!std::regex_search(line, match, pattern)) return std::nullopt;
+  return Version{std::stoi(match[1]), std::stoi(match[2]), std::stoi(match[3])};
+}
+
+struct EngineCheck {
+  Check check;
+  bool isUsable;
+};
+
+/// An engine that the helper does not find, and why, as this program sees it.
+Check checkMissingEngine(GenerationEngineID engine, const std::optional<CurrentUser>& user) {
+  const std::string subject(wireValue(engine));
+  const std::string name(executableName(engine));
+  const auto executable = resolveEngine(engine, user);
+  if (executable) {
+    return {notice, subject,
+            safeLine(executable->string()) + " is here, but the helper does not find it",
+            "The helper may run with another home directory or in a container."};
+  }
+  Check check{notice, subject, safeLine(executable.error().detail.value_or("not usable"))};
+  if (!user) return check;
+  check.remedy = rejectedCandidates(name, *user);
+  if (!check.remedy.empty()) return check;
+  check.remedy = howToInstall(engine);
+  if (const auto program = foundInPath(name)) {
+    check.finding = safeLine(program->string()) + " is where the helper does not look";
+    check.remedy = "Link it to where it does: " + howToLink(*program);
+  }
+  return check;
+}
+
+/// What to do about an engine that does not start or report its version.
+std::string adviceForProbe(const std::filesystem::path& executable, const CurrentUser& user) {
+  const std::string interpreter = interpreterOf(executable);
+  const std::string name = std::filesystem::path(interpreter).filename().string();
+  const auto locations = BinaryAllowlist::searchLocations(user.homeDirectory);
+  const bool isReachable =
+      interpreter.empty() || std::ranges::any_of(locations, [&](const auto& l) {
+        return access((l / interpreter).c_str(), X_OK) == 0;
+      });
+  if (isReachable) {
+    return "Run `" + safeLine(executable.string()) + " --version` to see how it responds.";
+  }
+  if (interpreter.starts_with('/')) return "Install the engine again.";
+  const auto program = foundInPath(name);
+  return "Engines find programs only where the helper looks for engines. " +
+         (program ? "Link " + name + " there: " + howToLink(*program)
+                  : "Install " + name + " there, for example in ~/.local/bin");
+}
+
+EngineCheck checkFoundEngine(GenerationEngineID engine, const std::optional<CurrentUser>& user,
+                             std::string version, bool hasHung = false) {
+  Check check{good, std::string(wireValue(engine)), ""};
+  const auto executable = resolveEngine(engine, user);
+  check.finding = executable ? safeLine(executable->string()) : "found by the helper";
+  if (version.empty() && executable) {
+    // A helper that got no version in all the time that it waits need not be proved right.
+    const EngineProbe probe = hasHung ? hungProbe() : probeEngine(*executable, *user);
+    if (!probe.problem.empty()) {
+      check.outcome = bad;
+      check.finding += " did not report its version: " + probe.problem;
+      check.remedy = safeLine(adviceForProbe(*executable, *user));
+      return {check, false};
+    }
+    version = probe.version;
+  }
+  check.finding += ", version " + (version.empty() ? "unknown" : safeLine(version));
+  const auto number = versionIn(version);
+  if (!number || *number >= minimumVersion(engine)) return {check, true};
+  check.outcome = bad;
+  check.finding += ", is too old: the helper needs " + text(minimumVersion(engine)) + " or later";
+  check.remedy = std::string("Update it: ") + std::string(executableName(engine)) + " update";
+  return {check, false};
+}
+
+/// Asks the helper about an engine or, where there is none to ask, looks itself.
+EngineCheck checkEngine(Transport* transport, GenerationEngineID engine,
+                        const std::optional<CurrentUser>& user) {
+  const std::string subject(wireValue(engine));
+  if (transport == nullptr) {
+    if (resolveEngine(engine, user)) return checkFoundEngine(engine, user, "");
+    return {checkMissingEngine(engine, user), false};
+  }
+  const Bytes body = HelperCoding::makeEncoder().encode(EngineStatusRequest{engine});
+  const auto start = std::chrono::steady_clock::now();
+  const CallReply reply = callAndWait(*transport, methodNamed("GenerationEngineStatus").name, body);
+  const bool hasHung = std::chrono::steady_clock::now() - start >= probeTimeLimit;
+  if (!reply) return {failedCall(subject, reply.error()), false};
+  const auto status = decodeReply<EngineStatus>(*reply);
+  if (!status) return {unreadableReply(subject), false};
+  if (status->binaryFound) {
+    return checkFoundEngine(engine, user, status->version.value_or(""), hasHung);
+  }
+  return {checkMissingEngine(engine, user), false};
+}
+
+}  // namespace
+
+std::vector<Check> checkEngines(Transport* transport, const std::optional<CurrentUser>& user) {
+  std::vector<EngineCheck> engines;
+  engines.reserve(allGenerationEngineIDs.size());
+  for (const GenerationEngineID engine : allGenerationEngineIDs) {
+    engines.push_back(checkEngine(transport, engine, user));
+  }
+  const bool isAnyUsable = std::ranges::any_of(engines, &EngineCheck::isUsable);
+  std::vector<Check> checks;
+  for (EngineCheck& engine : engines) {
+    if (!engine.isUsable) engine.check.outcome = isAnyUsable ? notice : bad;
+    checks.push_back(std::move(engine.check));
+  }
+  return checks;
+}
+
+}  // namespace tessaloom
