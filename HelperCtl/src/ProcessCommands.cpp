@@ -176,9 +176,10 @@ bool Listing<Record>::isChosen(const Record& record) const {
 template <class Record>
 void Listing<Record>::choose(std::vector<Record>& records) const {
   std::erase_if(records, [this](const Record& record) { return !isChosen(record); });
-  // The first column settles what the chosen one leaves open.
-  std::ranges::stable_sort(records, columns_.front().isBefore);
-  std::ranges::stable_sort(records, order_->isBefore);
+  std::ranges::sort(records, [this](const Record& a, const Record& b) {
+    if (order_->isBefore(a, b) || order_->isBefore(b, a)) return order_->isBefore(a, b);
+    return columns_.front().isBefore(a, b);
+  });
 }
 
 template <class Record>
