@@ -434,12 +434,14 @@ void tellObjects() {
   startThread("objects", tellObjects);
   const int listening = checkIn(_name);
   if (listening < 0) return logLine("not launchd's: nobody is served");
-  startThread("xpc-listener", [self, listening] {
+  // Nothing but its owner keeps a listener.
+  __unsafe_unretained NSXPCListener* const listener = self;
+  startThread("xpc-listener", [listener, listening] {
     for (;;) {
       const int accepted = ::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC);
       if (accepted < 0) continue;
       @autoreleasepool {
-        [self offer:accepted];
+        [listener offer:accepted];
       }
     }
   });
