@@ -253,11 +253,12 @@ TEST(LinuxListingsUnderChurn, EqualThoseOfAFreshStart) {
     const auto comparePorts = [&] {
       EXPECT_EQ(portsOf(kernel, pids), portsOf(fresh, pids)) << "after step " << round;
     };
-    // What one listing reads, the other may believe.
-    if (round % 2 == 0) comparePorts();
+    // What one listing reads, the other may believe: at times the ports are not asked for.
+    const bool withPorts = round % 12 < 4 || round % 12 == 11;
+    if (withPorts && round % 2 == 0) comparePorts();
     EXPECT_EQ(comparable(processesOf(kernel, pids)), comparable(processesOf(fresh, pids)))
         << "after step " << round;
-    if (round % 2 == 1) comparePorts();
+    if (withPorts && round % 2 == 1) comparePorts();
     if (testing::Test::HasFailure()) return;
   }
 }
