@@ -17,7 +17,7 @@ using std::chrono::milliseconds;
 class PeerVettingTest : public testing::Test {
  protected:
   PeerVetting make(milliseconds limit = PeerVetting::timeLimit) {
-    return {mailbox, tasks, [this](pid_t process) { return check(process); },
+    return {completions, tasks, [this](pid_t process) { return check(process); },
             [this] { hasDescriptors = releasesEnough; }, limit};
   }
 
@@ -42,7 +42,7 @@ class PeerVettingTest : public testing::Test {
       const auto task = std::move(tasks.entries[i].task);
       tasks.entries.erase(tasks.entries.begin() + static_cast<std::ptrdiff_t>(i));
       task();
-      mailbox.openAll();
+      completions.runAll();
       ++count;
     }
     return count;
@@ -54,7 +54,7 @@ class PeerVettingTest : public testing::Test {
   }
 
   ManualTasks tasks;
-  BusMailbox mailbox;
+  CompletionQueue completions;
   std::map<pid_t, std::vector<Result>> results;
   bool hasDescriptors = true;
   bool releasesEnough = true;

@@ -13,10 +13,10 @@
 
 #include <systemd/sd-daemon.h>
 
-#include "HelperLine.h"
 #include "HelperProtocol/HelperConstants.h"
 #include "HelperProtocol/Methods.h"
 #include "HelperProtocol/linux/BusCallback.h"
+#include "Log.h"
 #include "TLFoundation/ErrnoText.h"
 #include "linux/FlatpakInstance.h"
 #include "linux/PeerFacts.h"
@@ -91,7 +91,7 @@ class BusListener::AcceptedCall final : public BusCall {
   AcceptedCall(BusListener& listener, BusMessage call, std::string callSender, CallWeight load)
       : BusCall(std::move(call), std::move(callSender), load), listener_(listener) {}
 
-  void open() override { listener_.finish(*this); }
+  void run() override { listener_.finish(*this); }
 
   std::list<AcceptedCall>::iterator position;
 
@@ -99,10 +99,10 @@ class BusListener::AcceptedCall final : public BusCall {
   BusListener& listener_;
 };
 
-class BusListener::LeaveLetter final : public BusMailbox::Letter {
+class BusListener::LeaveCompletion final : public CompletionQueue::Completion {
  public:
-  explicit LeaveLetter(BusListener& listener) : listener_(listener) {}
-  void open() override { listener_.beginLeaving(); }
+  explicit LeaveCompletion(BusListener& listener) : listener_(listener) {}
+  void run() override { listener_.beginLeaving(); }
 
  private:
   BusListener& listener_;
@@ -111,12 +111,12 @@ class BusListener::LeaveLetter final : public BusMailbox::Letter {
 BusListener::BusListener(Environment environment)
     : environment_(std::move(environment)),
       requests_(environment_.bus),
-      vetting_(mailbox_, environment_.vettingTasks, checkOf(environment_.requirement),
+      vetting_(completions_, environment_.vettingTasks, checkOf(environment_.requirement),
                [&kernel = environment_.context.kernel] { kernel.releaseKeptDescriptors(); }),
       peers_(environment_.bus, requests_, vetting_, environment_.requirement.user(),
              environment_.queueTasks, environment_.context),
       table_(methodTable(onMethod)),
-      leaveLetter_(std::make_unique<LeaveLetter>(*this)) {}
+      leaveCompletion_(std::make_unique<LeaveCompletion>(*this)) {}
 
 BusListener::~BusListener() = default;
 
@@ -142,7 +142,7 @@ std::expected<void, std::string> BusListener::start() {
 
 int BusListener::run() {
   for (;;) {
-    mailbox_.openAll();
+    completions_.runAll();
     sendBacklog();
     const int processed = sd_bus_process(environment_.bus, nullptr);
     if (processed == -ENOMEM && waitForMemory()) continue;
@@ -156,7 +156,7 @@ int BusListener::run() {
 }
 
 void BusListener::leave() noexcept {
-  if (!isLeaveRequested_.exchange(true)) mailbox_.post(*leaveLetter_);
+  if (!isLeaveRequested_.exchange(true)) completions_.post(*leaveCompletion_);
 }
 
 // A call of an admitted caller, of a method with the right signature.
@@ -176,7 +176,7 @@ int BusListener::accept(sd_bus_message* message) {
                                       "Too many calls are waiting, or too large ones.");
   }
 
-  const auto reply = std::make_shared<CallTicket>(mailbox_);
+  const auto reply = std::make_shared<Responder>(completions_);
   std::function<void()> job = [connection = caller->connection, method, body = Bytes(*request),
                                reply]() mutable {
     if (connection->isGone) return;
@@ -278,12 +278,12 @@ std::optional<int> BusListener::advanceStopping() {
 }
 
 int BusListener::endAtOnce(std::string_view reason) {
-  writeHelperLine(reason);
+  logLine(reason);
   const auto deadline = Clock::now() + stopLimit;
   while (!calls_.empty() && Clock::now() < deadline) {
     environment_.endEngines();
-    waitForMail();
-    mailbox_.openAll();
+    waitForCompletions();
+    completions_.runAll();
   }
   return 1;
 }
@@ -308,7 +308,7 @@ void BusListener::wait() {
       pollfd{.fd = sd_bus_get_fd(environment_.bus),
              .events = static_cast<short>(events),
              .revents = 0},
-      pollfd{.fd = mailbox_.descriptor(), .events = POLLIN, .revents = 0},
+      pollfd{.fd = completions_.descriptor(), .events = POLLIN, .revents = 0},
       pollfd{.fd = environment_.signals.get(), .events = POLLIN, .revents = 0}};
   if (::ppoll(watched.data(), watched.size(), limit ? &timeout : nullptr, nullptr) <= 0) return;
   if (watched[2].revents != 0) readSignals();
@@ -318,14 +318,14 @@ void BusListener::wait() {
 // Answers that go out make room; a process that nothing helps leaves, and the next call starts one.
 bool BusListener::waitForMemory() {
   static_cast<void>(::malloc_trim(0));
-  waitForMail();
+  waitForCompletions();
   if (!starvedSince_) starvedSince_ = Clock::now();
   return Clock::now() - *starvedSince_ < starvationLimit;
 }
 
-void BusListener::waitForMail() {
-  pollfd mail{.fd = mailbox_.descriptor(), .events = POLLIN, .revents = 0};
-  ::poll(&mail, 1, static_cast<int>(stopTick.count()));
+void BusListener::waitForCompletions() {
+  pollfd posted{.fd = completions_.descriptor(), .events = POLLIN, .revents = 0};
+  ::poll(&posted, 1, static_cast<int>(stopTick.count()));
 }
 
 void BusListener::readSignals() {

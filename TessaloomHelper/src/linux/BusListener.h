@@ -21,7 +21,7 @@
 #include "TessaloomHelper/HelperService.h"
 #include "TessaloomHelper/Tasks.h"
 #include "linux/BusCall.h"
-#include "linux/BusMailbox.h"
+#include "linux/CompletionQueue.h"
 #include "linux/PeerRegistry.h"
 #include "linux/PeerRequirement.h"
 #include "linux/PeerVetting.h"
@@ -31,8 +31,8 @@ namespace tessaloom {
 /// Serves the helper's interface on the session bus.
 ///
 /// One thread, the one that calls run(), owns the connection, because not even the reference counts
-/// of sd-bus's objects are atomic. Methods run on other threads and send their outcome back by
-/// mail.
+/// of sd-bus's objects are atomic. Methods run on other threads and send their outcome back
+/// through a completion queue.
 ///
 /// How it ends: leave() gives the name up, answers every call that was routed to it before, however
 /// long an engine takes, and then goes. A termination signal and the loss of the bus end the
@@ -76,7 +76,7 @@ class BusListener {
   enum class Phase : std::uint8_t { serving, leaving, stopping };
 
   class AcceptedCall;
-  class LeaveLetter;
+  class LeaveCompletion;
 
   int accept(sd_bus_message* message);
   void finish(AcceptedCall& call);
@@ -92,7 +92,7 @@ class BusListener {
   int endAtOnce(std::string_view reason);
   void sendBacklog();
   void wait();
-  void waitForMail();
+  void waitForCompletions();
   bool waitForMemory();
   void readSignals();
 
@@ -102,7 +102,7 @@ class BusListener {
   static int onRoundTrip(sd_bus_message* reply, void* userdata, sd_bus_error* error);
 
   Environment environment_;
-  BusMailbox mailbox_;
+  CompletionQueue completions_;
   BusRequests requests_;
   PeerVetting vetting_;
   PeerRegistry peers_;
@@ -114,7 +114,7 @@ class BusListener {
   std::size_t engineCalls_ = 0;
 
   Phase phase_ = Phase::serving;
-  std::unique_ptr<LeaveLetter> leaveLetter_;
+  std::unique_ptr<LeaveCompletion> leaveCompletion_;
   std::atomic<bool> isLeaveRequested_ = false;
   bool isReleased_ = false;
   std::chrono::steady_clock::time_point stopDeadline_;

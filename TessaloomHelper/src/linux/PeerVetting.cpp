@@ -26,9 +26,9 @@ PeerVetting::Vetting::Vetting(PeerVetting& owner, pid_t checked, Handler whenDon
       handler(std::move(whenDone)),
       deadline(Clock::now() + owner.limit_) {}
 
-PeerVetting::PeerVetting(BusMailbox& mailbox, Tasks& tasks, Check check,
+PeerVetting::PeerVetting(CompletionQueue& completions, Tasks& tasks, Check check,
                          std::function<void()> releaseDescriptors, std::chrono::milliseconds limit)
-    : mailbox_(mailbox),
+    : completions_(completions),
       tasks_(tasks),
       check_(std::move(check)),
       releaseDescriptors_(std::move(releaseDescriptors)),
@@ -74,10 +74,10 @@ void PeerVetting::startWaiting() {
     try {
       tasks_.runConcurrently(QualityOfService::userInitiated, [&vetting] {
         vetting.result = vetting.vetting.check(vetting.process);
-        vetting.vetting.mailbox_.post(vetting);
+        vetting.vetting.completions_.post(vetting);
       });
     } catch (const std::exception&) {
-      mailbox_.post(vetting);  // Without a result.
+      completions_.post(vetting);  // Without a result.
     }
   }
 }
@@ -119,7 +119,7 @@ void PeerVetting::setTimer() {
   if (timer_.isSet || next == vettings_.end()) return;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(next->deadline - Clock::now());
   tasks_.runAfter(std::max(left, std::chrono::milliseconds(0)), QualityOfService::utility,
-                  [this] { mailbox_.post(timer_); });
+                  [this] { completions_.post(timer_); });
   timer_.isSet = true;
 }
 

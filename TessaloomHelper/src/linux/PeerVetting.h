@@ -11,7 +11,7 @@
 #include <unordered_set>
 
 #include "TessaloomHelper/Tasks.h"
-#include "linux/BusMailbox.h"
+#include "linux/CompletionQueue.h"
 
 namespace tessaloom {
 
@@ -43,7 +43,7 @@ class PeerVetting {
 
   /// `tasks` runs the checks and nothing else. `releaseDescriptors` closes what is only kept for
   /// speed; it is called on other threads, before a check that lacked descriptors is repeated.
-  PeerVetting(BusMailbox& mailbox, Tasks& tasks, Check check,
+  PeerVetting(CompletionQueue& completions, Tasks& tasks, Check check,
               std::function<void()> releaseDescriptors,
               std::chrono::milliseconds limit = timeLimit);
   PeerVetting(const PeerVetting&) = delete;
@@ -56,9 +56,9 @@ class PeerVetting {
   using Clock = std::chrono::steady_clock;
   enum class State : std::uint8_t { waiting, running, stuck };
 
-  struct Vetting final : BusMailbox::Letter {
+  struct Vetting final : CompletionQueue::Completion {
     Vetting(PeerVetting& owner, pid_t checked, Handler whenDone);
-    void open() override { vetting.finish(*this); }
+    void run() override { vetting.finish(*this); }
 
     PeerVetting& vetting;
     pid_t process;
@@ -69,9 +69,9 @@ class PeerVetting {
     std::list<Vetting>::iterator position;
   };
 
-  struct Timer final : BusMailbox::Letter {
+  struct Timer final : CompletionQueue::Completion {
     explicit Timer(PeerVetting& owner) : vetting(owner) {}
-    void open() override { vetting.expire(); }
+    void run() override { vetting.expire(); }
 
     PeerVetting& vetting;
     bool isSet = false;
@@ -83,7 +83,7 @@ class PeerVetting {
   void expire();
   void setTimer();
 
-  BusMailbox& mailbox_;
+  CompletionQueue& completions_;
   Tasks& tasks_;
   Check check_;
   std::function<void()> releaseDescriptors_;

@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-#include "HelperLine.h"
 #include "HelperProtocol/linux/BusHandles.h"
+#include "Log.h"
 #include "TLFoundation/ErrnoText.h"
 
 namespace tessaloom {
@@ -69,7 +69,7 @@ void registerUserUnit(sd_bus* bus, std::chrono::microseconds limit) {
   const auto deadline = Clock::now() + limit;
   auto enabled = isEnabled(bus, deadline);
   if (enabled && !*enabled) enabled = enable(bus, deadline);
-  if (!enabled) writeHelperLine("systemd user unit register failed: " + enabled.error());
+  if (!enabled) logLine("systemd user unit register failed: " + enabled.error());
 }
 
 }  // namespace tessaloom

@@ -19,9 +19,9 @@
 #include "HelperCore/ExecutableIdentity.h"
 #include "HelperCore/Kernel.h"
 #include "HelperCore/PerUserTemporaryDirectory.h"
-#include "HelperLine.h"
 #include "HelperProtocol/HelperConstants.h"
 #include "HelperProtocol/linux/SessionBus.h"
+#include "Log.h"
 #include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/FileDescriptor.h"
 #include "TLFoundation/linux/ExecutablePath.h"
@@ -100,7 +100,7 @@ int serve() {
 
   const auto bus = openSessionBus();
   if (!bus) {
-    writeHelperLine("could not connect to the session bus: " + errnoText(bus.error()));
+    logLine("could not connect to the session bus: " + errnoText(bus.error()));
     return 1;
   }
   registerUserUnit(bus->get(), registrationLimit);
@@ -133,8 +133,8 @@ int serve() {
                                .signals = signals,
                                .endEngines = [&runner] { runner.endAll(); }});
   if (const auto started = listener->start(); !started) {
-    writeHelperLine("could not take the name " + std::string(HelperConstants::machServiceName) +
-                    ": " + started.error());
+    logLine("could not take the name " + std::string(HelperConstants::machServiceName) + ": " +
+            started.error());
     return 1;
   }
   const int status = listener->run();
@@ -152,7 +152,7 @@ int main(int argc, char** argv) {
   try {
     return tessaloom::serve();
   } catch (const std::exception& error) {
-    tessaloom::writeHelperLine(std::string("could not start: ") + error.what());
+    tessaloom::logLine(std::string("could not start: ") + error.what());
     return 1;
   }
 }

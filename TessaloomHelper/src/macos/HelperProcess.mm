@@ -19,8 +19,8 @@
 #import "DispatchTasks.h"
 #include "HelperCore/Kernel.h"
 #include "HelperCore/PerUserTemporaryDirectory.h"
-#include "HelperLine.h"
 #import "HelperProtocol/macos/FoundationValues.h"
+#include "Log.h"
 
 namespace tessaloom {
 
@@ -126,7 +126,7 @@ void HelperProcess::stop(int signal) {
 
 void HelperProcess::exitOnceSettled(int signal, Clock::time_point deadline) {
   if (openCalls_.areSettled(replyGrace) || Clock::now() >= deadline) {
-    writeHelperLine("ended by signal " + std::to_string(signal));
+    logLine("ended by signal " + std::to_string(signal));
     std::exit(128 + signal);
   }
   tasks_.runAfter(stopTick, QualityOfService::utility,

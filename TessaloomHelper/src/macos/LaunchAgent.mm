@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "HelperLine.h"
 #import "HelperProtocol/macos/FoundationValues.h"
+#include "Log.h"
 
 namespace tessaloom {
 
@@ -21,7 +21,7 @@ void registerLaunchAgent() {
 
   NSError* error = nil;
   if ([agent registerAndReturnError:&error]) return;
-  writeHelperLine("SMAppService.agent register failed", textFromString(error.description));
+  logLine("SMAppService.agent register failed", textFromString(error.description));
 }
 
 }  // namespace tessaloom

@@ -8,6 +8,6 @@ namespace tessaloom {
 /// standard error, at once, so that lines
 /// of several threads do not mix. Text and cause are each cleaned to one line and cut to 500
 /// Unicode scalars. Failures are ignored.
-void writeHelperLine(std::string_view text, std::string_view cause = {});
+void logLine(std::string_view text, std::string_view cause = {});
 
 }  // namespace tessaloom

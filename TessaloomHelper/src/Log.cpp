@@ -1,4 +1,4 @@
-#include "HelperLine.h"
+#include "Log.h"
 
 #include <unistd.h>
 
@@ -8,7 +8,7 @@
 
 namespace tessaloom {
 
-void writeHelperLine(std::string_view text, std::string_view cause) {
+void logLine(std::string_view text, std::string_view cause) {
   constexpr std::int64_t limit = 500;  // Unicode scalars.
   // The cause is cleaned on its own: cleaning trims the ends.
   const std::string end = cause.empty() ? "" : ": " + DisplayString::singleLine(cause, limit);

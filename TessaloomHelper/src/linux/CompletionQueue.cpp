@@ -1,0 +1,51 @@
+#include "linux/CompletionQueue.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <system_error>
+#include <utility>
+
+namespace tessaloom {
+
+CompletionQueue::CompletionQueue() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (!wake_) throw std::system_error(errno, std::generic_category(), "eventfd");
+}
+
+void CompletionQueue::post(Completion& completion) noexcept {
+  completion.next_ = nullptr;
+  {
+    const MutexLock lock(lock_);
+    const bool wasEmpty = first_ == nullptr;
+    *end_ = &completion;
+    end_ = &completion.next_;
+    // Whoever made the queue non-empty wakes the reader, which takes all.
+    if (!wasEmpty) return;
+  }
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const auto written = ::write(wake_.get(), &one, sizeof one);
+}
+
+void CompletionQueue::runAll() {
+  if (isEmpty()) return;
+  // Before the completions are taken: one that is posted in between wakes the reader once too often
+  // rather than never.
+  std::uint64_t count = 0;
+  [[maybe_unused]] const auto cleared = ::read(wake_.get(), &count, sizeof count);
+  Completion* completion = nullptr;
+  {
+    const MutexLock lock(lock_);
+    completion = std::exchange(first_, nullptr);
+    end_ = &first_;
+  }
+  while (completion != nullptr) std::exchange(completion, completion->next_)->run();
+}
+
+bool CompletionQueue::isEmpty() {
+  const MutexLock lock(lock_);
+  return first_ == nullptr;
+}
+
+}  // namespace tessaloom
