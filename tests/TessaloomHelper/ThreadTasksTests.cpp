@@ -37,7 +37,7 @@ TEST(ThreadTasksTest, IdleThreadsLeave) {
   const auto before = threadCount();
   ThreadTasks tasks;
   meet(tasks, 16);
-  EXPECT_TRUE(eventually([&] { return threadCount() == before + 2; }));
+  EXPECT_TRUE(eventually([&] { return threadCount() == before + 1; }));
   meet(tasks, 2);
 }
 

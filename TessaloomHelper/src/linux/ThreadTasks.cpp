@@ -7,19 +7,12 @@
 namespace tessaloom {
 
 ThreadTasks::ThreadTasks() {
-  timekeeper_ = std::thread([this] { keepTime(); });
-  std::error_code error;
-  {
-    const MutexLock locked(lock_);
-    error = startWorker();
-  }
-  if (!error) return;
-  stop();
-  throw std::system_error(error);
+  const MutexLock locked(lock_);
+  if (const auto error = startWorker()) throw std::system_error(error);
 }
 
 ThreadTasks::~ThreadTasks() {
-  stop();
+  join();
 }
 
 void ThreadTasks::runConcurrently(QualityOfService /*quality*/, std::function<void()> task) {
@@ -36,7 +29,22 @@ void ThreadTasks::runAfter(std::chrono::milliseconds delay, QualityOfService /*q
   const MutexLock locked(lock_);
   const auto later = std::ranges::upper_bound(delayed_, entry.front().due, {}, &Entry::due);
   delayed_.splice(later, entry);
-  timesChanged_.notify_one();
+  keepTime();
+  workChanged_.notify_all();
+}
+
+bool ThreadTasks::stop(std::chrono::milliseconds limit) {
+  const auto deadline = Clock::now() + limit;
+  {
+    Entries dropped;  // Destroyed after the lock is released.
+    MutexLock locked(lock_);
+    dropped.swap(delayed_);
+    while (!accepted_.empty() || idle_ < workers_.size()) {
+      if (becameIdle_.wait_until(locked, deadline) == std::cv_status::timeout) return false;
+    }
+  }
+  join();
+  return true;
 }
 
 void ThreadTasks::accept(Entries entry) {
@@ -45,7 +53,21 @@ void ThreadTasks::accept(Entries entry) {
     // When there is none to be had, a worker that exists takes the task once it is free.
     [[maybe_unused]] const auto error = startWorker();
   }
-  taskAccepted_.notify_one();
+  workChanged_.notify_one();
+}
+
+void ThreadTasks::acceptDue() {
+  while (!stopping_ && !delayed_.empty() && delayed_.front().due <= Clock::now()) {
+    Entries entry;
+    entry.splice(entry.end(), delayed_, delayed_.begin());
+    accept(std::move(entry));
+  }
+}
+
+// Idle workers keep the time of delayed tasks, so there has to be one.
+void ThreadTasks::keepTime() {
+  if (delayed_.empty() || idle_ > 0 || workers_.size() >= maximumThreads || stopping_) return;
+  [[maybe_unused]] const auto error = startWorker();
 }
 
 std::error_code ThreadTasks::startWorker() try {
@@ -60,17 +82,22 @@ std::error_code ThreadTasks::startWorker() try {
   return std::make_error_code(std::errc::not_enough_memory);
 }
 
-/// Whether there is a task to take; otherwise the worker is to leave.
+/// Whether there is a task to take; otherwise the worker is to exit.
 bool ThreadTasks::awaitTask(MutexLock& locked) {
+  const auto idleUntil = Clock::now() + idleTime;
   ++idle_;
-  bool idledLong = false;
-  while (accepted_.empty() && !stopping_) {
-    const bool isLast = workers_.size() == 1;
-    if (idledLong && !isLast) break;
-    if (isLast) {
-      taskAccepted_.wait(locked);
+  for (;;) {
+    acceptDue();
+    if (!accepted_.empty() || stopping_) break;
+    if (idle_ == workers_.size()) becameIdle_.notify_all();
+    const bool isNeeded = workers_.size() == 1 || (idle_ == 1 && !delayed_.empty());
+    if (!isNeeded && Clock::now() >= idleUntil) break;
+    auto wakeAt = isNeeded ? Clock::time_point::max() : idleUntil;
+    if (!delayed_.empty()) wakeAt = std::min(wakeAt, delayed_.front().due);
+    if (wakeAt == Clock::time_point::max()) {
+      workChanged_.wait(locked);
     } else {
-      idledLong = taskAccepted_.wait_for(locked, idleTime) == std::cv_status::timeout;
+      workChanged_.wait_until(locked, wakeAt);
     }
   }
   --idle_;
@@ -84,47 +111,28 @@ void ThreadTasks::work(Threads::iterator self) {
     while (awaitTask(locked)) {
       Entries mine;
       mine.splice(mine.end(), accepted_, accepted_.begin());
+      keepTime();
       locked.unlock();
       mine.front().task();
       mine.clear();  // What the task holds may take any lock as it goes.
       locked.lock();
     }
     if (stopping_) return;  // Joined where it stands.
-    earlier.swap(departed_);
-    departed_.splice(departed_.end(), workers_, self);
+    earlier.swap(exited_);
+    exited_.splice(exited_.end(), workers_, self);
   }
-  // A thread cannot join itself, so the next one to leave does it.
+  // A thread cannot join itself, so the next one to exit does it.
   for (std::thread& thread : earlier) thread.join();
 }
 
-void ThreadTasks::keepTime() {
-  MutexLock locked(lock_);
-  while (!stopping_) {
-    if (delayed_.empty()) {
-      timesChanged_.wait(locked);
-    } else if (const auto due = delayed_.front().due; due > Clock::now()) {
-      timesChanged_.wait_until(locked, due);
-    } else {
-      Entries entry;
-      entry.splice(entry.end(), delayed_, delayed_.begin());
-      accept(std::move(entry));
-    }
-  }
-}
-
-void ThreadTasks::stop() {
+void ThreadTasks::join() {
   Threads threads;
   {
     const MutexLock locked(lock_);
     stopping_ = true;
-    taskAccepted_.notify_all();
-    timesChanged_.notify_one();
-  }
-  timekeeper_.join();
-  {
+    workChanged_.notify_all();
     // From here on nobody else changes these lists; splicing keeps the workers' places in them.
-    const MutexLock locked(lock_);
-    threads.splice(threads.end(), departed_);
+    threads.splice(threads.end(), exited_);
     threads.splice(threads.end(), workers_);
   }
   for (std::thread& thread : threads) thread.join();

@@ -13,9 +13,8 @@
 
 namespace tessaloom {
 
-/// A pool of threads that grows when a task finds none idle and shrinks when threads stay idle, and
-/// one more thread that keeps the time of delayed tasks. The quality of service makes no
-/// difference.
+/// A pool of threads that grows when a task finds none idle and shrinks when threads stay idle. The
+/// quality of service makes no difference.
 ///
 /// Up to `maximumThreads` tasks run at once; what comes on top waits in the order it came. When the
 /// system refuses a thread, tasks wait for the ones there are, of which one always exists. An idle
@@ -26,8 +25,8 @@ namespace tessaloom {
 class ThreadTasks final : public Tasks {
  public:
   static constexpr std::size_t maximumThreads = 64;
-  static constexpr std::chrono::seconds idleTime{
-      2};  ///< A thread leaves after that, save the last.
+  /// After that an idle thread exits, unless it is the last.
+  static constexpr std::chrono::seconds idleTime{2};
 
   /// Throws std::system_error when the system gives no thread to start with.
   ThreadTasks();
@@ -39,6 +38,10 @@ class ThreadTasks final : public Tasks {
       TL_EXCLUDES(lock_);
   void runAfter(std::chrono::milliseconds delay, QualityOfService quality,
                 std::function<void()> task) override TL_EXCLUDES(lock_);
+
+  /// Does what destruction does, unless tasks still run after `limit`: then it returns false, and
+  /// only delayed tasks have been dropped. Nothing must be handed in meanwhile or later.
+  bool stop(std::chrono::milliseconds limit) TL_EXCLUDES(lock_);
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -52,22 +55,22 @@ class ThreadTasks final : public Tasks {
   using Entries = std::list<Entry>;
 
   void accept(Entries entry) TL_REQUIRES(lock_);
+  void acceptDue() TL_REQUIRES(lock_);
   std::error_code startWorker() TL_REQUIRES(lock_);
+  void keepTime() TL_REQUIRES(lock_);
   bool awaitTask(MutexLock& locked) TL_REQUIRES(lock_);
   void work(Threads::iterator self) TL_EXCLUDES(lock_);
-  void keepTime() TL_EXCLUDES(lock_);
-  void stop() TL_EXCLUDES(lock_);
+  void join() TL_EXCLUDES(lock_);
 
   Mutex lock_;
-  std::condition_variable_any taskAccepted_;
-  std::condition_variable_any timesChanged_;
+  std::condition_variable_any workChanged_;
+  std::condition_variable_any becameIdle_;
   Entries accepted_ TL_GUARDED_BY(lock_);
   Entries delayed_ TL_GUARDED_BY(lock_);  ///< In the order in which they fall due.
   Threads workers_ TL_GUARDED_BY(lock_);
-  Threads departed_ TL_GUARDED_BY(lock_);  ///< Idle ones that left and were not joined yet.
+  Threads exited_ TL_GUARDED_BY(lock_);  ///< Idle ones that have not been joined yet.
   std::size_t idle_ TL_GUARDED_BY(lock_) = 0;
   bool stopping_ TL_GUARDED_BY(lock_) = false;
-  std::thread timekeeper_;
 };
 
 }  // namespace tessaloom
