@@ -1,11 +1,12 @@
 #include "linux/UserUnit.h"
 
-#include <algorithm>
+#include <chrono>
 #include <expected>
 #include <string>
 #include <string_view>
 
 #include "HelperProtocol/linux/BusHandles.h"
+#include "HelperProtocol/linux/BusRequests.h"
 #include "Log.h"
 #include "TLFoundation/ErrnoText.h"
 
@@ -19,8 +20,9 @@ constexpr const char* unit = "com.brindlemoor.Tessaloom.helper.service";
 
 // The manager's reply or the text of what went wrong. `append` adds the call's arguments.
 template <class Append>
-std::expected<BusMessage, std::string> callManager(sd_bus* bus, Clock::time_point deadline,
-                                                   const char* method, Append append) {
+std::expected<BusMessage, std::string> callManager(sd_bus* bus, BusRequests& requests,
+                                                   Clock::time_point deadline, const char* method,
+                                                   Append append) {
   sd_bus_message* created = nullptr;
   int result = sd_bus_message_new_method_call(bus, &created, "org.freedesktop.systemd1",
                                               "/org/freedesktop/systemd1",
@@ -31,21 +33,18 @@ std::expected<BusMessage, std::string> callManager(sd_bus* bus, Clock::time_poin
   if (result >= 0) result = append(call.get());
   if (result < 0) return std::unexpected(errnoText(-result));
 
-  // A limit of 0 would mean the library's own, which is long.
-  const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now());
-  const auto limit = static_cast<std::uint64_t>(std::max<std::int64_t>(left.count(), 1));
-  BusError error;
-  sd_bus_message* reply = nullptr;
-  result = sd_bus_call(bus, call.get(), limit, error.get(), &reply);
-  BusMessage owned(reply);
-  if (result >= 0) return owned;
-  return std::unexpected(error.message() != nullptr ? error.message() : errnoText(-result));
+  auto reply = requests.callAndWait(call.get(), deadline);
+  if (!reply) return std::unexpected(errnoText(reply.error()));
+  const sd_bus_error* error = sd_bus_message_get_error(reply->get());
+  if (error == nullptr) return *std::move(reply);
+  return std::unexpected(error->message != nullptr ? error->message : error->name);
 }
 
-std::expected<bool, std::string> isEnabled(sd_bus* bus, Clock::time_point deadline) {
-  const auto reply = callManager(bus, deadline, "GetUnitFileState", [](sd_bus_message* call) {
-    return sd_bus_message_append(call, "s", unit);
-  });
+std::expected<bool, std::string> isEnabled(sd_bus* bus, BusRequests& requests,
+                                           Clock::time_point deadline) {
+  const auto reply =
+      callManager(bus, requests, deadline, "GetUnitFileState",
+                  [](sd_bus_message* call) { return sd_bus_message_append(call, "s", unit); });
   if (!reply) return std::unexpected(reply.error());
   const char* state = nullptr;
   const int result = sd_bus_message_read(reply->get(), "s", &state);
@@ -53,12 +52,14 @@ std::expected<bool, std::string> isEnabled(sd_bus* bus, Clock::time_point deadli
   return std::string_view(state).starts_with("enabled");  // or "enabled-runtime"
 }
 
-std::expected<bool, std::string> enable(sd_bus* bus, Clock::time_point deadline) {
-  const auto reply = callManager(bus, deadline, "EnableUnitFiles", [](sd_bus_message* call) {
-    constexpr int forThisBootOnly = 0;
-    constexpr int replacingLinks = 0;
-    return sd_bus_message_append(call, "asbb", 1, unit, forThisBootOnly, replacingLinks);
-  });
+std::expected<bool, std::string> enable(sd_bus* bus, BusRequests& requests,
+                                        Clock::time_point deadline) {
+  const auto reply =
+      callManager(bus, requests, deadline, "EnableUnitFiles", [](sd_bus_message* call) {
+        constexpr int forThisBootOnly = 0;
+        constexpr int replacingLinks = 0;
+        return sd_bus_message_append(call, "asbb", 1, unit, forThisBootOnly, replacingLinks);
+      });
   if (!reply) return std::unexpected(reply.error());
   return true;
 }
@@ -67,9 +68,10 @@ std::expected<bool, std::string> enable(sd_bus* bus, Clock::time_point deadline)
 
 void registerUserUnit(sd_bus* bus, std::chrono::microseconds limit) {
   const auto deadline = Clock::now() + limit;
-  auto enabled = isEnabled(bus, deadline);
-  if (enabled && !*enabled) enabled = enable(bus, deadline);
-  if (!enabled) logLine("systemd user unit register failed: " + enabled.error());
+  BusRequests requests(bus);
+  auto enabled = isEnabled(bus, requests, deadline);
+  if (enabled && !*enabled) enabled = enable(bus, requests, deadline);
+  if (!enabled) logLine("systemd user unit register failed", enabled.error());
 }
 
 }  // namespace tessaloom
