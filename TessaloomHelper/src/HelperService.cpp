@@ -143,7 +143,7 @@ std::int64_t protocolVersion(Connection /*connection*/) {
   return HelperConstants::protocolVersion;
 }
 
-void listProcesses(Connection connection, const Bytes& /*request*/, const ReplyHandler& reply) {
+void listProcesses(Connection connection, std::string_view /*request*/, const ReplyHandler& reply) {
   const ServiceContext& context = connection.context;
   std::vector<RawProcess> rows;
   auto list = [&] {
@@ -190,7 +190,8 @@ KillResult cancelGeneration(Connection connection, const GenerationCancelRequest
   return {.succeeded = connection.context.coordinator.cancel(request)};
 }
 
-void quitIfOutdated(Connection connection, const Bytes& /*request*/, const ReplyHandler& reply) {
+void quitIfOutdated(Connection connection, std::string_view /*request*/,
+                    const ReplyHandler& reply) {
   ExitWhenIdle& exit = connection.context.exitWhenIdle;
   bool isReplaced = false;
   answer(connection.context, reply, [&] {
@@ -209,31 +210,30 @@ EngineStatus generationEngineStatus(const ServiceContext& context,
 }  // namespace handlers
 
 template <class Record>
-Record handle(Record (*handler)(Connection), Connection connection, const Bytes& /*body*/) {
+Record handle(Record (*handler)(Connection), Connection connection, std::string_view /*body*/) {
   return handler(connection);
 }
 
 template <class Record, class Request>
 Record handle(Record (*handler)(Connection, const Request&), Connection connection,
-              const Bytes& body) {
+              std::string_view body) {
   return handler(connection, HelperCoding::makeDecoder().decode<Request>(body));
 }
 
 template <auto handler>
-void atOnce(Connection connection, const Bytes& body, const ReplyHandler& reply) {
+void atOnce(Connection connection, std::string_view body, const ReplyHandler& reply) {
   answer(connection.context, reply, [&] { return handle(handler, connection, body); });
 }
 
 template <class Record, class Request>
 void start(Record (*handler)(const ServiceContext&, const Request&), const ServiceContext& context,
-           const Bytes& body, const ReplyHandler& reply) {
+           std::string_view body, const ReplyHandler& reply) {
   try {
-    context.tasks.runConcurrently(
-        QualityOfService::userInitiated,
-        [handler, &context, request = HelperCoding::makeDecoder().decode<Request>(body), reply,
-         accepted = context.coordinator.accept()] {
-          answer(context, reply, [&] { return handler(context, request); });
-        });
+    context.runEngineCall([handler, &context,
+                           request = HelperCoding::makeDecoder().decode<Request>(body), reply,
+                           accepted = context.coordinator.accept()] {
+      answer(context, reply, [&] { return handler(context, request); });
+    });
   } catch (...) {
     reply(currentError());
   }
@@ -241,13 +241,13 @@ void start(Record (*handler)(const ServiceContext&, const Request&), const Servi
 
 // Decodes the request here and does the work elsewhere, for as long as an engine takes.
 template <auto handler>
-void concurrently(Connection connection, const Bytes& body, const ReplyHandler& reply) {
+void concurrently(Connection connection, std::string_view body, const ReplyHandler& reply) {
   start(handler, connection.context, body, reply);
 }
 
 struct Binding {
   const Method& method;
-  void (*call)(Connection connection, const Bytes& body, const ReplyHandler& reply);
+  void (*call)(Connection connection, std::string_view body, const ReplyHandler& reply);
 };
 
 constexpr std::array bindings{
@@ -272,7 +272,8 @@ static_assert(std::ranges::all_of(methods, isBound), "a method has no handler");
 
 HelperService::HelperService(const ServiceContext& context) : context_(context) {}
 
-void HelperService::call(const Method& method, const Bytes& request, const ReplyHandler& reply) {
+void HelperService::call(const Method& method, std::string_view request,
+                         const ReplyHandler& reply) {
   for (const Binding& binding : bindings) {
     if (&binding.method == &method) return binding.call({context_, provenance_}, request, reply);
   }

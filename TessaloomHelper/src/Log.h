@@ -4,10 +4,9 @@
 
 namespace tessaloom {
 
-/// Writes "helper: ", the text, a colon and the cause if there is one, and a line feed to
-/// standard error, at once, so that lines
-/// of several threads do not mix. Text and cause are each cleaned to one line and cut to 500
-/// Unicode scalars. Failures are ignored.
+/// Writes "helper: ", the text, a colon and the cause if there is one, and a line feed to standard
+/// error, at once, so that lines of several threads do not mix. Text and cause are each cleaned to
+/// one line and cut to 500 Unicode scalars. Failures are ignored.
 void logLine(std::string_view text, std::string_view cause = {});
 
 }  // namespace tessaloom

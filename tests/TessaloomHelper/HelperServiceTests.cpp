@@ -51,7 +51,11 @@ class HelperServiceTest : public testing::Test {
   ServiceContext context{.coordinator = coordinator,
                          .kernel = kernel,
                          .exitWhenIdle = exit,
-                         .tasks = tasks,
+                         .runEngineCall =
+                             [this](std::function<void()> work) {
+                               tasks.runConcurrently(QualityOfService::userInitiated,
+                                                     std::move(work));
+                             },
                          .shortVersion = "1.0.0",
                          .maximumReplyBytes = 1'000};
   HelperService service{context};
@@ -79,7 +83,6 @@ TEST_F(HelperServiceTest, DecodesBeforeItMovesTheWork) {
   service.call(methodNamed("GenerationEngineStatus"), R"({"engine":"codex"})", reply());
   EXPECT_TRUE(replies.empty());
   ASSERT_EQ(tasks.entries.size(), 2U);
-  EXPECT_EQ(tasks.entries[0].quality, QualityOfService::userInitiated);
   EXPECT_EQ(runner.unfinishedCount(), 2U);
   tasks.run();
   EXPECT_EQ(replies.size(), 2U);

@@ -80,6 +80,8 @@ struct ProcessFootprint {
 };
 
 ProcessFootprint footprintOf(pid_t process);
+/// Clock ticks that a process has run.
+long processorTime(pid_t process);
 std::vector<pid_t> childrenOf(pid_t process);
 /// One that has exited and was not waited for yet is not alive.
 bool isGroupAlive(pid_t group);

@@ -45,6 +45,17 @@ ProcessFootprint footprintOf(pid_t process) {
           .children = childrenOf(process).size()};
 }
 
+long processorTime(pid_t process) {
+  const std::string stat = textOf("/proc/" + std::to_string(process) + "/stat");
+  std::istringstream fields(stat.substr(stat.rfind(')') + 1));
+  std::string skipped;
+  for (int field = 3; field < 14; ++field) fields >> skipped;
+  long user = 0;
+  long system = 0;
+  fields >> user >> system;
+  return user + system;
+}
+
 std::vector<pid_t> childrenOf(pid_t process) {
   std::vector<pid_t> children;
   for (const ProcessRow& row : allProcesses()) {

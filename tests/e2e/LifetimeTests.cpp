@@ -101,16 +101,43 @@ TEST_F(Lifetime, ReplacedHelpersLeaveOnceIdleAndLoseNoCall) {
   EXPECT_EQ(occurrences(bus.log(), exitLine), static_cast<std::size_t>(turns));
 }
 
-TEST_F(Lifetime, EndsItsEnginesWhenItIsToldToStop) {
+TEST_F(Lifetime, EndsItsEnginesOnEverySignalThatIsSentToEndIt) {
+  for (const int signal : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGALRM, SIGXCPU}) {
+    SCOPED_TRACE(signal);
+    Child helper = bus.startHelper();
+    ASSERT_TRUE(eventually([&] { return client.helperProcess() == helper.pid(); }));
+    helper.signal(SIGXFSZ);  // Ignored.
+    const std::string up = "up" + std::to_string(signal);
+    const std::string resist = signal == SIGTERM ? "practice:ignore-term" : "";
+    const Request request{.prompt = "Resist " + resist + touch(up) + " practice:hang"};
+    const auto generation = client.send("GenerateText", request.body());
+    ASSERT_TRUE(awaitFile(up));
+    helper.signal(signal);
+    EXPECT_EQ(client.await(generation).errorName, "com.brindlemoor.Tessaloom.generation.cancelled");
+    EXPECT_EQ(helper.wait(), 128 + signal);
+    const std::string line = "helper: ended by signal " + std::to_string(signal) + "\n";
+    EXPECT_EQ(occurrences(bus.helperLog(), line), 1U);
+    EXPECT_FALSE(hasDirectory(request));
+  }
+}
+
+TEST_F(Lifetime, RestsAndHearsSignalsWhileTheBusTakesNothing) {
   Child helper = bus.startHelper();
   ASSERT_TRUE(eventually([&] { return client.helperProcess() == helper.pid(); }));
-  const Request request{.prompt = "Resist practice:ignore-term" + touch("up") + " practice:hang"};
-  const auto generation = client.send("GenerateText", request.body());
-  ASSERT_TRUE(awaitFile("up"));
+  std::vector<std::shared_ptr<BusClient::Pending>> listings;
+  for (int i = 0; i < 64; ++i) listings.push_back(client.send("ListProcesses"));
+  client.await(listings.front());
+  bus.suspend();
+  auto used = processorTime(helper.pid());
+  EXPECT_TRUE(eventually([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    return std::exchange(used, processorTime(helper.pid())) == processorTime(helper.pid());
+  }));
+  const auto start = std::chrono::steady_clock::now();
   helper.signal(SIGTERM);
-  EXPECT_EQ(client.await(generation).errorName, "com.brindlemoor.Tessaloom.generation.cancelled");
-  EXPECT_EQ(helper.wait(), 0);
-  EXPECT_FALSE(hasDirectory(request));
+  EXPECT_EQ(helper.wait(), 128 + SIGTERM);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  bus.resume();
 }
 
 TEST_F(Lifetime, EndsWithItsBus) {

@@ -52,6 +52,8 @@ class PrivateBus {
   std::string helperLog() const;
 
   void end() { bus_.signal(SIGKILL); }
+  void suspend() { bus_.signal(SIGSTOP); }
+  void resume() { bus_.signal(SIGCONT); }
 
  private:
   TemporaryDirectory root_;

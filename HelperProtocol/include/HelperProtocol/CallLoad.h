@@ -13,12 +13,14 @@ struct CallWeight {
   std::size_t bytes;  ///< Of the request.
 };
 
-/// How much one caller has waiting, and whether the helper takes more of it. The limits stop
-/// accidents and floods: the service itself refuses a fourth generation, far below them.
+/// How many calls one process has unanswered, over all of its connections, and whether the helper
+/// takes more of it. The limits stop accidents and floods: the service itself refuses a fourth
+/// generation, far below them.
 class CallLoad {
  public:
   static constexpr std::size_t maximumBytes = 16UL * 1'048'576;  ///< Of each kind.
-  static constexpr std::array<std::size_t, 3> maximumCalls{64, 16, 16};
+  /// In the order of the kinds.
+  static constexpr std::array<std::size_t, Method::kindCount> maximumCalls{64, 64, 16, 16, 16};
 
   bool fits(CallWeight call) const {
     const auto& [calls, bytes] = sums_[index(call.kind)];
@@ -51,7 +53,7 @@ class CallLoad {
 
   static constexpr std::size_t index(Method::Kind kind) { return static_cast<std::size_t>(kind); }
 
-  std::array<Sum, maximumCalls.size()> sums_{};
+  std::array<Sum, Method::kindCount> sums_{};
 };
 
 }  // namespace tessaloom

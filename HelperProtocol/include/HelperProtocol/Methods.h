@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
@@ -10,10 +11,13 @@ namespace tessaloom {
 /// each row, and both ends of both transports send and receive by it.
 struct Method {
   enum class Kind : std::uint8_t {
+    immediate,     ///< Replies with what is in memory: neither a system call nor a wait.
     brief,         ///< Replies as soon as the result has been computed.
-    engine,        ///< Replies once an engine has run.
+    generation,    ///< Replies once an engine has generated.
+    probe,         ///< Replies once an engine has said its version.
     cancellation,  ///< Ends an engine's run, and so must never wait behind one.
   };
+  static constexpr std::size_t kindCount = 5;
 
   const char* name;      ///< On the bus, and in the command-line client.
   const char* selector;  ///< In the Objective-C protocol.
@@ -27,7 +31,7 @@ struct Method {
 
 inline constexpr std::array methods{
     Method{"ProtocolVersion", "protocolVersionWithReply:", nullptr, "the integer 1", "x",
-           Method::Kind::brief},
+           Method::Kind::immediate},
     Method{"ListProcesses", "listProcessesWithReply:", nullptr, "array of ProcessSample", "ay",
            Method::Kind::brief},
     Method{"KillProcess", "killProcessWithRequest:reply:", "KillRequest", "KillResult", "ay",
@@ -35,15 +39,15 @@ inline constexpr std::array methods{
     Method{"ListListeningPorts", "listListeningPortsWithReply:", nullptr, "array of PortSample",
            "ay", Method::Kind::brief},
     Method{"HelperCapabilities", "helperCapabilitiesWithReply:", nullptr, "HelperCapabilities",
-           "ay", Method::Kind::brief},
+           "ay", Method::Kind::immediate},
     Method{"GenerateText", "generateTextWithRequest:reply:", "GenerationRequest",
-           "GenerationResult", "ay", Method::Kind::engine},
+           "GenerationResult", "ay", Method::Kind::generation},
     Method{"CancelGeneration", "cancelGenerationWithRequest:reply:", "GenerationCancelRequest",
            "KillResult", "ay", Method::Kind::cancellation},
     Method{"QuitIfOutdated", "quitIfOutdatedWithReply:", nullptr, "HelperFreshness", "ay",
            Method::Kind::brief},
     Method{"GenerationEngineStatus", "generationEngineStatusWithRequest:reply:",
-           "EngineStatusRequest", "EngineStatus", "ay", Method::Kind::engine},
+           "EngineStatusRequest", "EngineStatus", "ay", Method::Kind::probe},
 };
 
 /// The method with that name; null if there is none.

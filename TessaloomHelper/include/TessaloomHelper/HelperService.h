@@ -2,7 +2,9 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <string>
+#include <string_view>
 
 #include "HelperCore/Kernel.h"
 #include "HelperCore/ProvenanceCache.h"
@@ -10,7 +12,6 @@
 #include "HelperProtocol/Reply.h"
 #include "TessaloomHelper/ExitWhenIdle.h"
 #include "TessaloomHelper/GenerationCoordinator.h"
-#include "TessaloomHelper/Tasks.h"
 
 namespace tessaloom {
 
@@ -19,7 +20,9 @@ struct ServiceContext {
   const GenerationCoordinator& coordinator;
   Kernel& kernel;
   ExitWhenIdle& exitWhenIdle;
-  Tasks& tasks;
+  /// Carries out the rest of an engine call, once its request has been decoded: on another thread,
+  /// or at once if calls come on threads that may wait for an engine.
+  std::function<void(std::function<void()>)> runEngineCall;
   std::string shortVersion;  ///< The version the build was given; cleaned and cut to 32 scalars
                              ///< when answered.
   std::size_t maximumReplyBytes;  ///< A larger reply becomes an encoding error.
@@ -31,10 +34,10 @@ class HelperService {
   explicit HelperService(const ServiceContext& context);
 
   /// Carries out one call, `method` being a row of `methods` and `request` the body where it takes
-  /// one. The connection's calls come one after the other. `reply` is called exactly once: by
-  /// methods that run an engine later, from another thread, and perhaps after this object is gone;
-  /// by the others before this returns.
-  void call(const Method& method, const Bytes& request, const ReplyHandler& reply);
+  /// one. The connection's calls come one after the other; only those that run an engine may come
+  /// beside others. `reply` is called exactly once: by methods that run an engine from
+  /// `runEngineCall`, and perhaps after this object is gone; by the others before this returns.
+  void call(const Method& method, std::string_view request, const ReplyHandler& reply);
 
  private:
   /// For how long a process may be signalled after it was listed.

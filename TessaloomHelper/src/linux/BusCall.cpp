@@ -55,6 +55,15 @@ struct ReplyMessage {
 
 }  // namespace
 
+std::expected<std::string_view, int> requestOf(sd_bus_message* call, const Method& method) {
+  if (!method.takesRequest()) return std::string_view();
+  const void* bytes = nullptr;
+  std::size_t size = 0;
+  const int result = sd_bus_message_read_array(call, 'y', &bytes, &size);
+  if (result < 0) return std::unexpected(result);
+  return std::string_view(static_cast<const char*>(bytes), size);
+}
+
 int sendReply(sd_bus_message* call, const CallOutcome& outcome) {
   ReplyMessage message(call);
   int result = std::visit(message, outcome);

@@ -1,48 +1,54 @@
 #pragma once
 
 #include <cstdint>
+#include <expected>
 #include <memory>
-#include <string>
+#include <string_view>
 #include <utility>
 #include <variant>
 
 #include "HelperProtocol/CallLoad.h"
+#include "HelperProtocol/Methods.h"
 #include "HelperProtocol/Reply.h"
 #include "HelperProtocol/linux/BusHandles.h"
 #include "linux/CompletionQueue.h"
+#include "linux/PeerConnection.h"
 
 namespace tessaloom {
 
-/// What a call came to; nothing when its work ended without an answer.
+/// How a call ended; std::monostate when its work ended without a reply.
 using CallOutcome = std::variant<std::monostate, Bytes, std::int64_t, ReplyError>;
 
-/// One accepted call. Lives on the bus's thread until its outcome comes back through the completion
-/// queue.
+/// One accepted call. Lives on the bus's thread; comes back through the completion queue once its
+/// outcome is known.
 class BusCall : public CompletionQueue::Completion {
  public:
   BusMessage message;
-  std::string sender;
+  const Method& method;
+  std::shared_ptr<PeerConnection> connection;
   CallWeight weight;
   CallOutcome outcome;  ///< Written by the worker, before it posts the completion.
 
  protected:
-  BusCall(BusMessage callMessage, std::string callSender, CallWeight callWeight)
-      : message(std::move(callMessage)), sender(std::move(callSender)), weight(callWeight) {}
+  BusCall(BusMessage callMessage, const Method& calledMethod,
+          std::shared_ptr<PeerConnection> caller, CallWeight callWeight)
+      : message(std::move(callMessage)),
+        method(calledMethod),
+        connection(std::move(caller)),
+        weight(callWeight) {}
 };
 
-/// The worker's end of a call: carries the outcome back exactly once. When the last copy goes
-/// without an answer (the work could not be started, say), the call comes back without one.
+/// The worker's end of a call: carries the outcome back exactly once. When it is destroyed without
+/// an outcome (the work could not be started, say), the call comes back without one.
 class Responder {
  public:
-  explicit Responder(CompletionQueue& completions) : completions_(completions) {}
-  ~Responder() { answer(CallOutcome()); }
+  Responder(CompletionQueue& completions, BusCall& call)
+      : completions_(completions), call_(&call) {}
+  ~Responder() { respond(CallOutcome()); }
   Responder(const Responder&) = delete;
   Responder& operator=(const Responder&) = delete;
 
-  /// The call to answer; until there is one, nothing is carried.
-  void bind(BusCall& call) { call_ = &call; }
-
-  void answer(CallOutcome outcome) noexcept {
+  void respond(CallOutcome outcome) noexcept {
     if (call_ == nullptr) return;
     call_->outcome = std::move(outcome);
     completions_.post(*std::exchange(call_, nullptr));
@@ -50,12 +56,13 @@ class Responder {
 
  private:
   CompletionQueue& completions_;
-  BusCall* call_ = nullptr;
+  BusCall* call_;
 };
 
-using CallReply = std::shared_ptr<Responder>;
+/// A view of a request's bytes, which the message owns; a negative errno on failure.
+std::expected<std::string_view, int> requestOf(sd_bus_message* call, const Method& method);
 
-/// Sends what a call came to: its return value, or an error whose second argument says more than
+/// Sends the reply to a call: its return value, or an error whose second argument says more than
 /// its name. Returns a negative errno when not even an error could be sent.
 int sendReply(sd_bus_message* call, const CallOutcome& outcome);
 

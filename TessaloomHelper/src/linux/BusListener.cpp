@@ -2,13 +2,13 @@
 
 #include <malloc.h>
 #include <poll.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <ctime>
+#include <system_error>
 #include <utility>
 
 #include <systemd/sd-daemon.h>
@@ -17,7 +17,6 @@
 #include "HelperProtocol/Methods.h"
 #include "HelperProtocol/linux/BusCallback.h"
 #include "Log.h"
-#include "TLFoundation/ErrnoText.h"
 #include "linux/FlatpakInstance.h"
 #include "linux/PeerFacts.h"
 
@@ -25,13 +24,14 @@ namespace tessaloom {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr std::chrono::milliseconds stopTick{100};
 constexpr std::chrono::seconds starvationLimit{5};
-// A caller that keeps calling by the unique name could hold a leaving helper for ever.
+// Callers that are being vetted hold an exiting helper no longer than this.
+constexpr std::chrono::seconds vettingLimit{6};
+// Nor does a caller that keeps calling by the unique name.
 constexpr int maximumRoundTrips = 20;
-constexpr std::uint64_t maximumQueuedReplies = 64;
+// Whatever else happens is looked at after this many messages.
+constexpr int maximumBurst = 64;
 
 const std::string serviceName(HelperConstants::machServiceName);
 
@@ -50,24 +50,16 @@ std::vector<sd_bus_vtable> methodTable(sd_bus_message_handler_t handler) {
   return table;
 }
 
-// A view of the request's bytes, which the message owns.
-std::expected<std::string_view, int> requestOf(sd_bus_message* call, const Method& method) {
-  if (!method.takesRequest()) return std::string_view();
-  const void* bytes = nullptr;
-  std::size_t size = 0;
-  const int result = sd_bus_message_read_array(call, 'y', &bytes, &size);
-  if (result < 0) return std::unexpected(result);
-  return std::string_view(static_cast<const char*>(bytes), size);
-}
+using std::chrono::microseconds;
+constexpr microseconds forEver = microseconds::max();
 
-// How long the library wants to wait at most; nothing when for ever.
-std::optional<std::chrono::microseconds> waitLimit(sd_bus* bus) {
+// How long the library wants to wait at most.
+microseconds waitLimit(sd_bus* bus) {
   std::uint64_t wakeAt = UINT64_MAX;  // Microseconds of the monotonic clock.
-  if (sd_bus_get_timeout(bus, &wakeAt) < 0 || wakeAt == UINT64_MAX) return std::nullopt;
+  if (sd_bus_get_timeout(bus, &wakeAt) < 0 || wakeAt == UINT64_MAX) return forEver;
   const auto now =
-      std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch());
-  const auto left = std::chrono::microseconds(static_cast<std::int64_t>(wakeAt)) - now;
-  return std::max(left, std::chrono::microseconds(0));
+      std::chrono::duration_cast<microseconds>(std::chrono::steady_clock::now().time_since_epoch());
+  return std::max(microseconds(static_cast<std::int64_t>(wakeAt)) - now, microseconds(0));
 }
 
 PeerVetting::Check checkOf(PeerRequirement requirement) {
@@ -79,25 +71,17 @@ PeerVetting::Check checkOf(PeerRequirement requirement) {
   };
 }
 
-timespec timespecOf(std::chrono::nanoseconds duration) {
+timespec timespecOf(microseconds duration) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
-  return {.tv_sec = seconds.count(), .tv_nsec = (duration - seconds).count()};
+  return {.tv_sec = seconds.count(),
+          .tv_nsec = std::chrono::nanoseconds(duration - seconds).count()};
+}
+
+void require(int result, const char* what) {
+  if (result < 0) throw std::system_error(-result, std::generic_category(), what);
 }
 
 }  // namespace
-
-class BusListener::AcceptedCall final : public BusCall {
- public:
-  AcceptedCall(BusListener& listener, BusMessage call, std::string callSender, CallWeight load)
-      : BusCall(std::move(call), std::move(callSender), load), listener_(listener) {}
-
-  void run() override { listener_.finish(*this); }
-
-  std::list<AcceptedCall>::iterator position;
-
- private:
-  BusListener& listener_;
-};
 
 class BusListener::LeaveCompletion final : public CompletionQueue::Completion {
  public:
@@ -111,45 +95,34 @@ class BusListener::LeaveCompletion final : public CompletionQueue::Completion {
 BusListener::BusListener(Environment environment)
     : environment_(std::move(environment)),
       requests_(environment_.bus),
+      name_(requests_, serviceName),
+      scheduler_(environment_.bus, completions_, environment_.engineTasks),
       vetting_(completions_, environment_.vettingTasks, checkOf(environment_.requirement),
                [&kernel = environment_.context.kernel] { kernel.releaseKeptDescriptors(); }),
       peers_(environment_.bus, requests_, vetting_, environment_.requirement.user(),
              environment_.queueTasks, environment_.context),
       table_(methodTable(onMethod)),
-      leaveCompletion_(std::make_unique<LeaveCompletion>(*this)) {}
-
-BusListener::~BusListener() = default;
-
-std::expected<void, std::string> BusListener::start() {
-  sd_bus* bus = environment_.bus;
-  const auto failure = [](int result) { return std::unexpected(errnoText(-result)); };
+      leaveCompletion_(std::make_unique<LeaveCompletion>(*this)) {
   // Filters see a call before the library answers what it knows by itself (introspection, pings):
   // nobody who is not admitted gets past.
   sd_bus_slot* slot = nullptr;
-  int result = sd_bus_add_filter(bus, &slot, onCall, this);
-  if (result < 0) return failure(result);
+  require(sd_bus_add_filter(environment_.bus, &slot, onCall, this), "sd_bus_add_filter");
   filter_.reset(slot);
-  result = sd_bus_add_object_vtable(bus, &slot, HelperConstants::objectPath,
-                                    HelperConstants::interfaceName, table_.data(), this);
-  if (result < 0) return failure(result);
+  require(sd_bus_add_object_vtable(environment_.bus, &slot, HelperConstants::objectPath,
+                                   HelperConstants::interfaceName, table_.data(), this),
+          "sd_bus_add_object_vtable");
   object_.reset(slot);
-  result = sd_bus_request_name(bus, serviceName.c_str(), 0);
-  if (result == -EEXIST) return std::unexpected("another process has it");
-  if (result < 0) return failure(result);
-  sd_notify(0, "READY=1");
-  return {};
 }
 
+BusListener::~BusListener() = default;
+
 int BusListener::run() {
+  name_.acquire();
   for (;;) {
     completions_.runAll();
-    sendBacklog();
-    const int processed = sd_bus_process(environment_.bus, nullptr);
-    if (processed == -ENOMEM && waitForMemory()) continue;
-    if (processed == -ENOMEM) return endAtOnce("no memory to read a message from the session bus");
-    if (processed < 0) return endAtOnce("the session bus was lost");
-    starvedSince_.reset();
-    if (processed > 0) continue;
+    scheduler_.sendReplies();
+    if (const auto status = process()) return *status;
+    if (burst_ > 0 && burst_ < maximumBurst) continue;
     if (const auto status = advance()) return *status;
     wait();
   }
@@ -159,97 +132,37 @@ void BusListener::leave() noexcept {
   if (!isLeaveRequested_.exchange(true)) completions_.post(*leaveCompletion_);
 }
 
+// Handles one message. While replies wait for the bus to take them, nothing more is read: what
+// callers ask faster than the bus takes the answers would fill this process. Then only writing goes
+// on, when the bus is ready for it.
+std::optional<int> BusListener::process() {
+  const bool mayRead = std::exchange(isBusReady_, false) || scheduler_.hasRoom();
+  const int processed = mayRead ? sd_bus_process(environment_.bus, nullptr) : 0;
+  burst_ = processed > 0 ? burst_ + 1 : 0;
+  if (processed >= 0) {
+    starvedSince_.reset();
+    return std::nullopt;
+  }
+  if (processed != -ENOMEM) return endAtOnce("the session bus was lost");
+  if (waitForMemory()) return std::nullopt;
+  return endAtOnce("no memory to read a message from the session bus");
+}
+
 // A call of an admitted caller, of a method with the right signature.
 int BusListener::accept(sd_bus_message* message) {
-  Peer* caller = peers_.find(sd_bus_message_get_sender(message));
+  const Peer* peer = peers_.find(sd_bus_message_get_sender(message));
   const Method* method = findMethod(sd_bus_message_get_member(message));
-  if (caller == nullptr || !caller->connection || method == nullptr) return -EINVAL;
+  if (peer == nullptr || !peer->connection || method == nullptr) return -EINVAL;
   if (phase_ == Phase::stopping) {
     return sd_bus_reply_method_errorf(message, SD_BUS_ERROR_FAILED, "The helper is stopping.");
   }
-  const auto request = requestOf(message, *method);
-  if (!request) return request.error();
-  const CallWeight weight{.kind = method->kind, .bytes = request->size()};
-  const bool runsEngine = weight.kind == Method::Kind::engine;
-  if (!caller->waiting.fits(weight) || (runsEngine && engineCalls_ >= maximumEngineCalls)) {
-    return sd_bus_reply_method_errorf(message, SD_BUS_ERROR_LIMITS_EXCEEDED,
-                                      "Too many calls are waiting, or too large ones.");
-  }
-
-  const auto reply = std::make_shared<Responder>(completions_);
-  std::function<void()> job = [connection = caller->connection, method, body = Bytes(*request),
-                               reply]() mutable {
-    if (connection->isGone) return;
-    try {
-      connection->service.call(*method, body, [reply](Reply outcome) {
-        std::visit([&](auto&& value) { reply->answer(std::move(value)); }, std::move(outcome));
-      });
-    } catch (const std::exception&) {
-      reply->answer(CallOutcome());  // No memory to begin with.
-    }
-  };
-  calls_.emplace_back(*this, retain(message), caller->name, weight);
-  calls_.back().position = std::prev(calls_.end());
-  caller->waiting.add(weight);
-  if (runsEngine) ++engineCalls_;
-  reply->bind(calls_.back());
-  try {
-    caller->connection->queue.submit(std::move(job));
-  } catch (const std::exception&) {
-    reply->answer(CallOutcome());  // Nor for a place in the queue.
-  }
-  return 1;
-}
-
-void BusListener::finish(AcceptedCall& call) {
-  if (call.weight.kind == Method::Kind::engine) --engineCalls_;
-  // The answer for a caller that has gone is dropped.
-  if (Peer* caller = peers_.find(call.sender)) {
-    caller->waiting.remove(call.weight);
-    sendReply(call.message.get(), call.outcome);
-  }
-  calls_.erase(call.position);
-}
-
-void BusListener::beginLeaving() {
-  if (phase_ != Phase::serving) return;
-  phase_ = Phase::leaving;
-  releaseName();
-}
-
-void BusListener::beginStopping() {
-  if (phase_ == Phase::stopping) return;
-  stopDeadline_ = Clock::now() + stopLimit;
-  if (std::exchange(phase_, Phase::stopping) == Phase::serving) releaseName();
-}
-
-// The service manager hears of it first: a start of the unit that the bus then asks for waits for
-// this process's end, where it would be taken as done already while the unit counts as running.
-void BusListener::releaseName() {
-  sd_notify(0, "STOPPING=1");
-  const int result =
-      sd_bus_release_name_async(environment_.bus, nullptr, serviceName.c_str(), onReleased, this);
-  isReleased_ = result < 0;
-}
-
-void BusListener::startRoundTrip() {
-  ++roundTrips_;
-  arrivalsWhenAsked_ = arrivals_;
-  const int result = sd_bus_call_method_async(environment_.bus, nullptr, "org.freedesktop.DBus",
-                                              "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                                              "GetId", onRoundTrip, this, nullptr);
-  isAsking_ = result >= 0;
-  if (!isAsking_) arrivalsConfirmed_ = arrivals_;
-}
-
-// The library wants to write for as long as something is queued.
-bool BusListener::isSettled() const {
-  return isReleased_ && calls_.empty() && !peers_.hasHeldCalls() &&
-         (sd_bus_get_events(environment_.bus) & POLLOUT) == 0;
+  return scheduler_.accept(message, *method, peer->connection);
 }
 
 std::optional<int> BusListener::advance() {
   switch (phase_) {
+    case Phase::starting:
+      return advanceStarting();
     case Phase::serving:
       return std::nullopt;
     case Phase::leaving:
@@ -260,7 +173,53 @@ std::optional<int> BusListener::advance() {
   return std::nullopt;
 }
 
+std::optional<int> BusListener::advanceStarting() {
+  if (name_.isOwned()) {
+    phase_ = Phase::serving;
+    sd_notify(0, "READY=1");
+  } else if (!name_.isPending()) {
+    logLine("could not take the name " + serviceName, name_.failure().value_or(""));
+    return 1;
+  }
+  return std::nullopt;
+}
+
+// The service manager hears of it first: a start of the unit that the bus then asks for waits for
+// this process's end, where it would be taken as done already while the unit counts as running.
+void BusListener::beginLeaving() {
+  isLeaveRequested_ = false;
+  if (phase_ != Phase::serving) return;
+  // A call may have come since the check. Without the name, this process could not be asked to
+  // cancel it.
+  if (scheduler_.hasEngineCalls()) {
+    return environment_.context.exitWhenIdle.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
+  }
+  phase_ = Phase::leaving;
+  sd_notify(0, "STOPPING=1");
+  name_.release();
+}
+
+// The bus may deliver calls until it has taken the name back. One that runs an engine belongs to
+// whoever has the name, so the name is asked for again; the bus then hands over the calls that it
+// has kept for the next owner. Only when there is one already, the engine runs without the name.
+void BusListener::takeNameBack() {
+  name_.acquire();
+  // A manager that was told of a stop kills the process when that takes too long; a generation and
+  // its end take less than this.
+  sd_notify(0, "EXTEND_TIMEOUT_USEC=330000000");
+}
+
 std::optional<int> BusListener::advanceLeaving() {
+  if (name_.isPending()) return std::nullopt;
+  if (name_.isOwned()) {
+    phase_ = Phase::serving;
+    environment_.context.exitWhenIdle.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
+    return std::nullopt;
+  }
+  if (scheduler_.hasEngineCalls() && !name_.failure()) {
+    takeNameBack();
+    return std::nullopt;
+  }
   if (!isSettled() || isAsking_) return std::nullopt;
   if (arrivalsConfirmed_ != arrivals_ && roundTrips_ < maximumRoundTrips) {
     startRoundTrip();
@@ -271,16 +230,58 @@ std::optional<int> BusListener::advanceLeaving() {
   return 0;
 }
 
+void BusListener::beginStopping(int signal) {
+  if (phase_ == Phase::stopping) return;
+  phase_ = Phase::stopping;
+  stopSignal_ = signal;
+  stopDeadline_ = Clock::now() + stopLimit;
+  lastProgress_ = Clock::now();
+  sd_notify(0, "STOPPING=1");
+}
+
 std::optional<int> BusListener::advanceStopping() {
-  if (isSettled() || Clock::now() >= stopDeadline_) return 0;
   environment_.endEngines();
-  return std::nullopt;
+  if (!name_.isPending()) name_.release();
+  const auto now = Clock::now();
+  const std::size_t unanswered = scheduler_.unansweredCount();
+  const bool hasProgress = std::exchange(unanswered_, unanswered) != unanswered;
+  if (hasProgress || scheduler_.hasRunningCalls()) lastProgress_ = now;
+  const bool isOver = now >= stopDeadline_ || now - lastProgress_ >= busLimit;
+  if (!isOver && !isSettled()) return std::nullopt;
+  logLine("ended by signal " + std::to_string(stopSignal_));
+  return 128 + stopSignal_;
+}
+
+// The library wants to write for as long as something is queued.
+bool BusListener::isSettled() {
+  if (name_.isOwned() || name_.isPending() || scheduler_.unansweredCount() > 0) return false;
+  if ((sd_bus_get_events(environment_.bus) & POLLOUT) != 0) return false;
+  if (!peers_.hasHeldCalls()) return true;
+  if (!vettedSince_) vettedSince_ = Clock::now();
+  return Clock::now() - *vettedSince_ >= vettingLimit;
+}
+
+void BusListener::startRoundTrip() {
+  ++roundTrips_;
+  auto request = requests_.askBus(
+      "GetId",
+      [this, asked = arrivals_](sd_bus_message*) {
+        isAsking_ = false;
+        arrivalsConfirmed_ = asked;
+      },
+      "");
+  isAsking_ = request.has_value();
+  if (request) {
+    roundTrip_ = *std::move(request);
+  } else {
+    arrivalsConfirmed_ = arrivals_;
+  }
 }
 
 int BusListener::endAtOnce(std::string_view reason) {
   logLine(reason);
   const auto deadline = Clock::now() + stopLimit;
-  while (!calls_.empty() && Clock::now() < deadline) {
+  while (scheduler_.hasRunningCalls() && Clock::now() < deadline) {
     environment_.endEngines();
     waitForCompletions();
     completions_.runAll();
@@ -288,34 +289,30 @@ int BusListener::endAtOnce(std::string_view reason) {
   return 1;
 }
 
-// The bus reads every connection by small turns. Callers that ask faster than it takes the answers
-// would otherwise fill this process with them: while these are written, nothing more is read, and
-// finished calls keep counting against their callers' limits.
-void BusListener::sendBacklog() {
-  std::uint64_t queued = 0;
-  if (sd_bus_get_n_queued_write(environment_.bus, &queued) < 0) return;
-  if (queued > maximumQueuedReplies) sd_bus_flush(environment_.bus);
-}
-
 void BusListener::wait() {
-  auto limit = waitLimit(environment_.bus);
-  if (phase_ == Phase::stopping) {
-    limit = std::min<std::chrono::microseconds>(limit.value_or(stopTick), stopTick);
+  const bool mayRead = scheduler_.hasRoom();
+  microseconds limit = mayRead ? waitLimit(environment_.bus) : forEver;
+  if (phase_ == Phase::leaving || phase_ == Phase::stopping) {
+    limit = std::min<microseconds>(limit, stopTick);
   }
-  const timespec timeout = timespecOf(limit.value_or(std::chrono::microseconds(0)));
-  const int events = std::max(sd_bus_get_events(environment_.bus), 0);
+  if (std::exchange(burst_, 0) > 0) limit = microseconds(0);
+  if (limit > microseconds(0)) scheduler_.releaseMemory();
+  const timespec timeout = timespecOf(limit);
+  const int events = mayRead ? std::max(sd_bus_get_events(environment_.bus), 0) : POLLOUT;
   std::array<pollfd, 3> watched{
       pollfd{.fd = sd_bus_get_fd(environment_.bus),
              .events = static_cast<short>(events),
              .revents = 0},
       pollfd{.fd = completions_.descriptor(), .events = POLLIN, .revents = 0},
-      pollfd{.fd = environment_.signals.get(), .events = POLLIN, .revents = 0}};
-  if (::ppoll(watched.data(), watched.size(), limit ? &timeout : nullptr, nullptr) <= 0) return;
+      pollfd{.fd = environment_.signals.descriptor(), .events = POLLIN, .revents = 0}};
+  const timespec* end = limit == forEver ? nullptr : &timeout;
+  if (::ppoll(watched.data(), watched.size(), end, nullptr) <= 0) return;
+  isBusReady_ = watched[0].revents != 0;
   if (watched[2].revents != 0) readSignals();
 }
 
 // A message that finds no memory stays where it is, and would be tried again without a pause.
-// Answers that go out make room; a process that nothing helps leaves, and the next call starts one.
+// Answers that go out make room; a process that nothing helps exits, and the next call starts one.
 bool BusListener::waitForMemory() {
   static_cast<void>(::malloc_trim(0));
   waitForCompletions();
@@ -329,10 +326,7 @@ void BusListener::waitForCompletions() {
 }
 
 void BusListener::readSignals() {
-  signalfd_siginfo signal{};
-  while (::read(environment_.signals.get(), &signal, sizeof signal) == sizeof signal) {
-    beginStopping();
-  }
+  while (const auto signal = environment_.signals.next()) beginStopping(*signal);
 }
 
 int BusListener::onCall(sd_bus_message* call, void* userdata, sd_bus_error*) {
@@ -347,18 +341,6 @@ int BusListener::onCall(sd_bus_message* call, void* userdata, sd_bus_error*) {
 
 int BusListener::onMethod(sd_bus_message* call, void* userdata, sd_bus_error*) {
   return withoutExceptions([&] { return static_cast<BusListener*>(userdata)->accept(call); });
-}
-
-int BusListener::onReleased(sd_bus_message*, void* userdata, sd_bus_error*) {
-  static_cast<BusListener*>(userdata)->isReleased_ = true;
-  return 0;
-}
-
-int BusListener::onRoundTrip(sd_bus_message*, void* userdata, sd_bus_error*) {
-  auto& listener = *static_cast<BusListener*>(userdata);
-  listener.isAsking_ = false;
-  listener.arrivalsConfirmed_ = listener.arrivalsWhenAsked_;
-  return 0;
 }
 
 }  // namespace tessaloom

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <expected>
 #include <functional>
-#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,80 +16,78 @@
 
 #include "HelperProtocol/linux/BusHandles.h"
 #include "HelperProtocol/linux/BusRequests.h"
-#include "TLFoundation/FileDescriptor.h"
 #include "TessaloomHelper/HelperService.h"
 #include "TessaloomHelper/Tasks.h"
-#include "linux/BusCall.h"
+#include "linux/BusName.h"
+#include "linux/CallScheduler.h"
 #include "linux/CompletionQueue.h"
 #include "linux/PeerRegistry.h"
 #include "linux/PeerRequirement.h"
 #include "linux/PeerVetting.h"
+#include "linux/StopSignals.h"
 
 namespace tessaloom {
 
 /// Serves the helper's interface on the session bus.
 ///
 /// One thread, the one that calls run(), owns the connection, because not even the reference counts
-/// of sd-bus's objects are atomic. Methods run on other threads and send their outcome back
-/// through a completion queue.
+/// of sd-bus's objects are atomic. Methods run on other threads and send their outcome back through
+/// a completion queue.
 ///
-/// How it ends: leave() gives the name up, answers every call that was routed to it before, however
-/// long an engine takes, and then goes. A termination signal and the loss of the bus end the
-/// engines first and wait for them no longer than `stopLimit`.
+/// How it ends: leave() gives the name up, as soon as no call is unfinished that runs an engine,
+/// answers every call that was routed to it before, and then exits. A signal and the loss of the
+/// bus end the engines first and wait for them no longer than `stopLimit`.
 class BusListener {
  public:
-  /// Calls of all callers that may run an engine at once; each keeps a thread of `tasks`, of which
-  /// some must stay free.
-  static constexpr std::size_t maximumEngineCalls = 48;
-
   static constexpr std::chrono::seconds stopLimit{10};
+  /// How long the bus may take to accept a reply or give the name back before a signal ends the
+  /// helper without it.
+  static constexpr std::chrono::seconds busLimit{2};
 
-  /// What the listener works with; everything outlives it. `tasks` may be full of engines' work,
-  /// `queueTasks` runs only the callers' queues, which never wait for an engine, `vettingTasks`
-  /// only looks at callers. `signals` is a signalfd. `endEngines` ends what runs and may be called
-  /// repeatedly.
+  /// What the listener works with; everything outlives it. `engineTasks` may be full of engines'
+  /// work, `queueTasks` runs only the peers' queues, which never wait for an engine, `vettingTasks`
+  /// only looks at peers. `endEngines` ends what runs and may be called repeatedly.
   struct Environment {
     sd_bus* bus;
     const ServiceContext& context;
-    Tasks& tasks;
+    Tasks& engineTasks;
     Tasks& queueTasks;
     Tasks& vettingTasks;
     PeerRequirement requirement;
-    const FileDescriptor& signals;
+    const StopSignals& signals;
     std::function<void()> endEngines;
   };
 
+  /// Throws std::system_error when the bus library or the system lacks memory or descriptors.
   explicit BusListener(Environment environment);
   ~BusListener();
 
-  /// Takes the name and tells the service manager. The text of what is wrong on failure.
-  std::expected<void, std::string> start();
-
-  /// Serves until the end; the process's exit status.
+  /// Takes the name, tells the service manager, and serves until the end. The process's exit
+  /// status: 0 after leave(), 128 and the signal's number after a signal, 1 when the name is not to
+  /// be had or the bus is lost.
   int run();
 
   /// Asks for the orderly end. Any thread, any number of times.
   void leave() noexcept;
 
  private:
-  enum class Phase : std::uint8_t { serving, leaving, stopping };
+  enum class Phase : std::uint8_t { starting, serving, leaving, stopping };
+  using Clock = std::chrono::steady_clock;
 
-  class AcceptedCall;
   class LeaveCompletion;
 
   int accept(sd_bus_message* message);
-  void finish(AcceptedCall& call);
-
-  void beginLeaving();
-  void beginStopping();
-  void releaseName();
-  void startRoundTrip();
-  bool isSettled() const;
+  std::optional<int> process();
   std::optional<int> advance();
+  std::optional<int> advanceStarting();
   std::optional<int> advanceLeaving();
   std::optional<int> advanceStopping();
+  void beginLeaving();
+  void beginStopping(int signal);
+  void takeNameBack();
+  bool isSettled();
+  void startRoundTrip();
   int endAtOnce(std::string_view reason);
-  void sendBacklog();
   void wait();
   void waitForCompletions();
   bool waitForMemory();
@@ -98,34 +95,37 @@ class BusListener {
 
   static int onCall(sd_bus_message* call, void* userdata, sd_bus_error* error);
   static int onMethod(sd_bus_message* call, void* userdata, sd_bus_error* error);
-  static int onReleased(sd_bus_message* reply, void* userdata, sd_bus_error* error);
-  static int onRoundTrip(sd_bus_message* reply, void* userdata, sd_bus_error* error);
 
   Environment environment_;
   CompletionQueue completions_;
   BusRequests requests_;
+  BusName name_;
+  CallScheduler scheduler_;
   PeerVetting vetting_;
   PeerRegistry peers_;
-  std::list<AcceptedCall> calls_;
   std::vector<sd_bus_vtable> table_;  ///< Must outlive `object_`, which points into it.
   BusSlot filter_;
   BusSlot object_;
 
-  std::size_t engineCalls_ = 0;
+  Phase phase_ = Phase::starting;
+  bool isBusReady_ = false;  ///< Whether the connection can be read or written.
+  int burst_ = 0;            ///< Messages handled since the last look at everything else.
+  std::optional<Clock::time_point> starvedSince_;
 
-  Phase phase_ = Phase::serving;
   std::unique_ptr<LeaveCompletion> leaveCompletion_;
   std::atomic<bool> isLeaveRequested_ = false;
-  bool isReleased_ = false;
-  std::chrono::steady_clock::time_point stopDeadline_;
-  std::optional<std::chrono::steady_clock::time_point> starvedSince_;
+  int stopSignal_ = 0;
+  Clock::time_point stopDeadline_;
+  std::size_t unanswered_ = 0;        ///< Calls, when last looked at while stopping.
+  Clock::time_point lastProgress_{};  ///< When that was last another number.
+  std::optional<Clock::time_point> vettedSince_;
 
   // A round trip to the bus that begins when everything is answered and ends without another call
   // proves that the answers were carried and that nothing is on its way by the name.
   std::uint64_t arrivals_ = 0;  ///< Calls that were read.
-  bool isAsking_ = false;
-  std::uint64_t arrivalsWhenAsked_ = 0;
   std::optional<std::uint64_t> arrivalsConfirmed_;
+  BusRequest roundTrip_;
+  bool isAsking_ = false;
   int roundTrips_ = 0;
 };
 

@@ -210,9 +210,9 @@ void PeerRegistry::receiveCredentials(const std::string& name, sd_bus_message* r
   }
   const auto credentials = readCredentials(reply);
   if (!credentials || credentials->user != user_ || !credentials->process) return refuse(*peer);
-  const bool isStarted =
-      vetting_.start(static_cast<pid_t>(*credentials->process),
-                     [this, name](PeerVetting::Result result) { decide(name, result); });
+  peer->process = static_cast<pid_t>(*credentials->process);
+  const bool isStarted = vetting_.start(
+      peer->process, [this, name](PeerVetting::Result result) { decide(name, result); });
   if (!isStarted) postpone(*peer);
 }
 
@@ -240,7 +240,7 @@ void PeerRegistry::decide(const std::string& name, PeerVetting::Result result) {
 
 void PeerRegistry::admit(Peer& peer) {
   if (admitted_ >= maximumAdmitted) return postpone(peer);
-  peer.connection = std::make_shared<PeerConnection>(context_, queueTasks_);
+  peer.connection = std::make_shared<PeerConnection>(context_, queueTasks_, peer.process);
   peer.state = AdmissionState::admitted;
   ++admitted_;
   // Back to where they came from, ahead of everything that was not read yet.

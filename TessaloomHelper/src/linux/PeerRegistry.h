@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -16,20 +15,10 @@
 #include "HelperProtocol/linux/BusRequests.h"
 #include "TessaloomHelper/HelperService.h"
 #include "TessaloomHelper/Tasks.h"
+#include "linux/PeerConnection.h"
 #include "linux/PeerVetting.h"
-#include "linux/SerialQueue.h"
 
 namespace tessaloom {
-
-/// What an admitted peer's calls run on. Jobs keep it until they have run.
-struct PeerConnection {
-  PeerConnection(const ServiceContext& context, Tasks& tasks)
-      : service(context), queue(tasks, QualityOfService::userInitiated) {}
-
-  HelperService service;
-  SerialQueue queue;
-  std::atomic<bool> isGone = false;  ///< Nobody waits for answers any more.
-};
 
 enum class AdmissionState : std::uint8_t { undecided, admitted, refused };
 
@@ -46,7 +35,7 @@ struct Peer {
   std::size_t heldBytes = 0;
   std::size_t replayed = 0;                    ///< Held calls that are to be read again.
   std::shared_ptr<PeerConnection> connection;  ///< Of an admitted peer.
-  CallLoad waiting;                            ///< Accepted and not answered yet.
+  pid_t process = 0;                           ///< Known once the bus has said it.
 };
 
 /// Who may call: has every sender vetted at its first call, holds its calls until the decision, and

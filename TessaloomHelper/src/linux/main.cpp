@@ -1,10 +1,9 @@
 #include <fcntl.h>
 #include <malloc.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <climits>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -13,17 +12,16 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <system_error>
 
 #include "GenerationDirectory.h"
 #include "HelperCore/ExecutableIdentity.h"
 #include "HelperCore/Kernel.h"
 #include "HelperCore/PerUserTemporaryDirectory.h"
 #include "HelperProtocol/HelperConstants.h"
+#include "HelperProtocol/linux/BusHandles.h"
 #include "HelperProtocol/linux/SessionBus.h"
 #include "Log.h"
 #include "TLFoundation/ErrnoText.h"
-#include "TLFoundation/FileDescriptor.h"
 #include "TLFoundation/linux/ExecutablePath.h"
 #include "TessaloomHelper/CLIRunner.h"
 #include "TessaloomHelper/ExitWhenIdle.h"
@@ -32,6 +30,7 @@
 #include "linux/BusListener.h"
 #include "linux/PeerRequirement.h"
 #include "linux/ResourceLimits.h"
+#include "linux/StopSignals.h"
 #include "linux/ThreadTasks.h"
 #include "linux/UserUnit.h"
 
@@ -40,6 +39,7 @@ namespace tessaloom {
 namespace {
 
 constexpr std::chrono::seconds registrationLimit{2};
+constexpr std::chrono::milliseconds lastTasksLimit{200};
 constexpr std::size_t maximumReplyBytes = 32UL * 1'048'576;
 
 // Whatever started the helper may have left descriptors open, which no engine shall inherit, or a
@@ -49,21 +49,6 @@ void secureDescriptors() {
     if (::fcntl(standard, F_GETFD) < 0) ::open("/dev/null", O_RDWR);
   }
   ::close_range(STDERR_FILENO + 1, UINT_MAX, CLOSE_RANGE_CLOEXEC);
-}
-
-// Termination signals arrive through the descriptor that this returns; the mask is inherited by the
-// threads that are made later.
-FileDescriptor prepareSignals() {
-  static_cast<void>(::signal(SIGPIPE, SIG_IGN));
-  static_cast<void>(::signal(SIGCHLD, SIG_DFL));
-  sigset_t termination;
-  ::sigemptyset(&termination);
-  ::sigaddset(&termination, SIGTERM);
-  ::sigaddset(&termination, SIGINT);
-  ::pthread_sigmask(SIG_SETMASK, &termination, nullptr);
-  FileDescriptor signals(::signalfd(-1, &termination, SFD_CLOEXEC | SFD_NONBLOCK));
-  if (!signals) throw std::system_error(errno, std::generic_category(), "signalfd");
-  return signals;
 }
 
 // By itself the allocator raises both thresholds to the size of the largest block that was ever
@@ -94,20 +79,22 @@ int serve() {
   secureDescriptors();
   const ResourceLimits limits = ResourceLimits::current();
   limits.raise();
-  const FileDescriptor signals = prepareSignals();
+  const StopSignals signals;
   std::optional<std::filesystem::path> executable;
   if (auto path = ownExecutablePath()) executable = std::move(*path);
 
-  const auto bus = openSessionBus();
-  if (!bus) {
-    logLine("could not connect to the session bus: " + errnoText(bus.error()));
+  auto opened = openSessionBus();
+  if (!opened) {
+    logLine("could not connect to the session bus", errnoText(opened.error()));
     return 1;
   }
-  registerUserUnit(bus->get(), registrationLimit);
+  // Closed without waiting for a bus that may have stopped: what matters has been flushed.
+  const std::unique_ptr<sd_bus, BusRelease<sd_bus_close_unref>> bus(opened->release());
+  registerUserUnit(bus.get(), registrationLimit);
   const auto identity = ExecutableIdentity::of("/proc/self/exe");
 
   const std::unique_ptr<Kernel> kernel = makeSystemKernel();
-  ThreadTasks tasks;
+  ThreadTasks engineTasks;
   ThreadTasks queueTasks;
   ThreadTasks vettingTasks;
   const auto releaseDescriptors = [&kernel] { kernel->releaseKeptDescriptors(); };
@@ -115,32 +102,30 @@ int serve() {
   const GenerationCoordinator coordinator(runner, perUserTemporaryDirectory(),
                                           {.releaseDescriptors = releaseDescriptors});
   std::optional<BusListener> listener;
-  ExitWhenIdle exitWhenIdle(executable, identity, runner, tasks,
+  ExitWhenIdle exitWhenIdle(executable, identity, runner, queueTasks,
                             [&listener] { listener->leave(); });
   const ServiceContext context{.coordinator = coordinator,
                                .kernel = *kernel,
                                .exitWhenIdle = exitWhenIdle,
-                               .tasks = tasks,
+                               .runEngineCall = [](const auto& work) { work(); },
                                .shortVersion = TESSALOOM_VERSION,
                                .maximumReplyBytes = maximumReplyBytes};
   listener.emplace(
-      BusListener::Environment{.bus = bus->get(),
+      BusListener::Environment{.bus = bus.get(),
                                .context = context,
-                               .tasks = tasks,
+                               .engineTasks = engineTasks,
                                .queueTasks = queueTasks,
                                .vettingTasks = vettingTasks,
                                .requirement = PeerRequirement(::geteuid(), executable.value_or("")),
                                .signals = signals,
                                .endEngines = [&runner] { runner.endAll(); }});
-  if (const auto started = listener->start(); !started) {
-    logLine("could not take the name " + std::string(HelperConstants::machServiceName) + ": " +
-            started.error());
-    return 1;
-  }
   const int status = listener->run();
   removeUnusedDirectory(perUserTemporaryDirectory());
-  // Threads may still be busy with what nobody waits for; the process ends under them.
-  std::exit(status);  // NOLINT(concurrency-mt-unsafe): nobody else exits
+  // Threads may be stuck in what nobody waits for; then the process ends under them.
+  for (ThreadTasks* tasks : {&engineTasks, &queueTasks, &vettingTasks}) {
+    if (!tasks->stop(lastTasksLimit)) std::_Exit(status);
+  }
+  return status;
 }
 
 }  // namespace

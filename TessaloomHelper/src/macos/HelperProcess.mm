@@ -63,7 +63,10 @@ class HelperProcess {
         context_{.coordinator = coordinator_,
                  .kernel = *kernel_,
                  .exitWhenIdle = exitWhenIdle_,
-                 .tasks = tasks_,
+                 .runEngineCall =
+                     [this](std::function<void()> work) {
+                       tasks_.runConcurrently(QualityOfService::userInitiated, std::move(work));
+                     },
                  .shortVersion = shortVersion(),
                  .maximumReplyBytes = std::numeric_limits<std::size_t>::max()} {}
 

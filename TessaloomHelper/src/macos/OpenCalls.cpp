@@ -17,7 +17,7 @@ std::shared_ptr<void> OpenCalls::open(Method::Kind kind) {
 
 bool OpenCalls::anyRunsEngine() const {
   const MutexLock locked(lock_);
-  return open_.contains(Method::Kind::engine);
+  return open_.contains(Method::Kind::generation) || open_.contains(Method::Kind::probe);
 }
 
 bool OpenCalls::areSettled(Clock::duration grace) const {

@@ -1,0 +1,259 @@
+#include "linux/CallScheduler.h"
+
+#include <malloc.h>
+
+#include <algorithm>
+#include <exception>
+#include <functional>
+#include <string_view>
+#include <utility>
+#include <variant>
+
+namespace tessaloom {
+
+namespace {
+
+constexpr std::size_t largeBytes = 262'144;  // Freed by calls, worth giving back to the system.
+
+constexpr bool runsEngine(Method::Kind kind) {
+  return kind == Method::Kind::generation || kind == Method::Kind::probe;
+}
+
+constexpr std::size_t index(Method::Kind kind) {
+  return static_cast<std::size_t>(kind);
+}
+
+constexpr CallScheduler::EngineShare shareOf(Method::Kind kind) {
+  return kind == Method::Kind::generation ? CallScheduler::generations : CallScheduler::probes;
+}
+
+std::size_t sizeOf(const CallOutcome& outcome) {
+  const auto* bytes = std::get_if<Bytes>(&outcome);
+  return bytes != nullptr ? bytes->size() : 0;
+}
+
+CallOutcome outcomeOf(Reply reply) {
+  return std::visit([](auto&& value) { return CallOutcome(std::move(value)); }, std::move(reply));
+}
+
+}  // namespace
+
+class CallScheduler::Call final : public BusCall {
+ public:
+  Call(CallScheduler& scheduler, BusMessage callMessage, const Method& calledMethod,
+       std::shared_ptr<PeerConnection> callerConnection, CallWeight callWeight)
+      : BusCall(std::move(callMessage), calledMethod, std::move(callerConnection), callWeight),
+        scheduler_(scheduler) {}
+
+  void run() override { scheduler_.finish(*this); }
+
+  Caller* caller = nullptr;
+  Calls::iterator position;  ///< In one of the caller's lists.
+
+ private:
+  CallScheduler& scheduler_;
+};
+
+// A process that has unanswered calls. Calls move between its lists by splicing, which needs no
+// memory.
+struct CallScheduler::Caller {
+  explicit Caller(pid_t callingProcess) : process(callingProcess) {}
+
+  pid_t process;
+  CallLoad load;
+  Calls waiting;   ///< For their share of the engines.
+  Calls running;   ///< On other threads.
+  Calls finished;  ///< To be sent.
+  std::array<std::size_t, Method::kindCount> runningOf{};
+  std::uint64_t lastStart = 0;  ///< The turn in which an engine call of it was last started.
+  std::uint64_t lastReply = 0;  ///< The turn in which a reply was last sent to it.
+};
+
+CallScheduler::CallScheduler(sd_bus* bus, CompletionQueue& completions, Tasks& engineTasks)
+    : bus_(bus), completions_(completions), engineTasks_(engineTasks) {}
+
+CallScheduler::~CallScheduler() = default;
+
+int CallScheduler::accept(sd_bus_message* message, const Method& method,
+                          const std::shared_ptr<PeerConnection>& connection) {
+  // Behind another call of its connection it has to wait, so that the order is kept.
+  if (method.kind == Method::Kind::immediate && connection->queued == 0) {
+    return replyAtOnce(message, method, *connection);
+  }
+  const auto request = requestOf(message, method);
+  if (!request) return request.error();
+  const CallWeight weight{.kind = method.kind, .bytes = request->size()};
+  Caller* caller = find(connection->process);
+  if (!fits(caller, weight)) {
+    return sd_bus_reply_method_errorf(message, SD_BUS_ERROR_LIMITS_EXCEEDED,
+                                      "Too many calls are waiting, or too large ones.");
+  }
+  Calls fresh;
+  Call& call = fresh.emplace_back(*this, retain(message), method, connection, weight);
+  call.position = fresh.begin();
+  call.caller = caller != nullptr ? caller : &callers_.emplace_back(connection->process);
+
+  call.caller->load.add(weight);
+  ++accepted_;
+  acceptedBytes_ += weight.bytes;
+  if (runsEngine(method.kind)) {
+    ++engineCalls_;
+    call.caller->waiting.splice(call.caller->waiting.end(), fresh);
+    startEngineCalls();
+  } else {
+    call.caller->running.splice(call.caller->running.end(), fresh);
+    start(call);
+    ++connection->queued;
+  }
+  return 1;
+}
+
+bool CallScheduler::hasRoom() {
+  std::uint64_t queued = 0;
+  if (sd_bus_get_n_queued_write(bus_, &queued) < 0) return true;
+  if (queued == 0) queuedBytes_ = 0;
+  return queued <= maximumQueuedReplies && queuedBytes_ <= maximumQueuedBytes;
+}
+
+void CallScheduler::sendReplies() {
+  while (finished_ > 0 && hasRoom()) {
+    Caller* next = nullptr;
+    for (Caller& caller : callers_) {
+      if (caller.finished.empty()) continue;
+      if (next == nullptr || caller.lastReply < next->lastReply) next = &caller;
+    }
+    next->lastReply = ++turns_;
+    send(next->finished.front());
+  }
+}
+
+void CallScheduler::releaseMemory() {
+  if (freedBytes_ < largeBytes || accepted_ > 0) return;
+  freedBytes_ = 0;
+  ::malloc_trim(0);
+}
+
+CallScheduler::Caller* CallScheduler::find(pid_t process) {
+  const auto found = std::ranges::find(callers_, process, &Caller::process);
+  return found == callers_.end() ? nullptr : &*found;
+}
+
+bool CallScheduler::fits(const Caller* caller, CallWeight weight) const {
+  if (caller == nullptr) {
+    static const CallLoad none;
+    if (weight.bytes <= moderateBytes) return true;
+    return none.fits(weight) && acceptedBytes_ + weight.bytes <= maximumBytes;
+  }
+  return caller->load.fits(weight) && accepted_ < maximumCalls &&
+         acceptedBytes_ + weight.bytes <= maximumBytes;
+}
+
+int CallScheduler::replyAtOnce(sd_bus_message* message, const Method& method,
+                               PeerConnection& connection) {
+  CallOutcome outcome;
+  connection.service.call(method, {}, [&](Reply reply) { outcome = outcomeOf(std::move(reply)); });
+  const int result = sendReply(message, outcome);
+  return result < 0 ? result : 1;
+}
+
+// Hands a call to another thread. Where memory is lacking it comes back without an outcome.
+void CallScheduler::start(Call& call) noexcept {
+  std::shared_ptr<Responder> responder;
+  try {
+    responder = std::make_shared<Responder>(completions_, call);
+  } catch (const std::bad_alloc&) {
+    return completions_.post(call);
+  }
+  try {
+    // The message stays as it is until the call comes back.
+    sd_bus_message_rewind(call.message.get(), 1);
+    const auto request = requestOf(call.message.get(), call.method);
+    std::function<void()> work = [connection = call.connection, &method = call.method,
+                                  request = request.value_or(std::string_view()), responder] {
+      try {
+        connection->service.call(method, request, [responder](Reply reply) {
+          responder->respond(outcomeOf(std::move(reply)));
+        });
+      } catch (const std::exception&) {
+        responder->respond(CallOutcome());
+      }
+    };
+    if (!runsEngine(call.method.kind)) {
+      call.connection->queue.submit(std::move(work));
+    } else if (call.connection->queued == 0) {
+      engineTasks_.runConcurrently(QualityOfService::userInitiated, std::move(work));
+    } else {
+      call.connection->queue.submit([this, work = std::move(work)]() mutable {
+        try {
+          engineTasks_.runConcurrently(QualityOfService::userInitiated, std::move(work));
+        } catch (const std::exception&) {
+          return;  // The responder goes with the work.
+        }
+      });
+    }
+  } catch (const std::exception&) {
+    return;
+  }
+}
+
+void CallScheduler::startEngineCalls() {
+  for (const Method::Kind kind : {Method::Kind::generation, Method::Kind::probe}) {
+    while (Call* call = nextEngineCall(kind)) {
+      Caller& caller = *call->caller;
+      caller.lastStart = ++turns_;
+      ++running_[index(kind)];
+      ++caller.runningOf[index(kind)];
+      caller.running.splice(caller.running.end(), caller.waiting, call->position);
+      start(*call);
+    }
+  }
+}
+
+// Of the callers with calls of this kind and part of their share left, the one that has waited for
+// the longest time gets the next place.
+CallScheduler::Call* CallScheduler::nextEngineCall(Method::Kind kind) {
+  const EngineShare share = shareOf(kind);
+  if (running_[index(kind)] >= share.ofAll) return nullptr;
+  Call* next = nullptr;
+  for (Caller& caller : callers_) {
+    if (caller.runningOf[index(kind)] >= share.ofOneCaller) continue;
+    if (next != nullptr && caller.lastStart >= next->caller->lastStart) continue;
+    const auto first = std::ranges::find_if(
+        caller.waiting, [&](const Call& call) { return call.method.kind == kind; });
+    if (first != caller.waiting.end()) next = &*first;
+  }
+  return next;
+}
+
+void CallScheduler::finish(Call& call) {
+  Caller& caller = *call.caller;
+  if (runsEngine(call.method.kind)) {
+    --engineCalls_;
+    --running_[index(call.method.kind)];
+    --caller.runningOf[index(call.method.kind)];
+  }
+  ++finished_;
+  caller.finished.splice(caller.finished.end(), caller.running, call.position);
+  startEngineCalls();
+}
+
+void CallScheduler::send(Call& call) {
+  Caller& caller = *call.caller;
+  const std::size_t size = sizeOf(call.outcome);
+  if (!call.connection->isGone) {
+    sendReply(call.message.get(), call.outcome);
+    queuedBytes_ += size;
+  }
+  if (!runsEngine(call.method.kind)) --call.connection->queued;
+  --finished_;
+  --accepted_;
+  acceptedBytes_ -= call.weight.bytes;
+  freedBytes_ += call.weight.bytes + size;
+  caller.load.remove(call.weight);
+  caller.finished.erase(call.position);
+  if (caller.waiting.empty() && caller.running.empty() && caller.finished.empty()) {
+    callers_.remove_if([&](const Caller& one) { return &one == &caller; });
+  }
+}
+
+}  // namespace tessaloom
