@@ -18,6 +18,11 @@ struct ReplyMessage {
                                             "The helper could not carry out the call.");
   }
 
+  int operator()(TooManyCalls) {
+    return sd_bus_message_new_method_errorf(call, out(), SD_BUS_ERROR_LIMITS_EXCEEDED,
+                                            "Too many calls are waiting, or too large ones.");
+  }
+
   int operator()(std::int64_t number) {
     const int result = sd_bus_message_new_method_return(call, out());
     return result < 0 ? result : sd_bus_message_append(reply.get(), "x", number);

@@ -16,8 +16,11 @@
 
 namespace tessaloom {
 
+/// The outcome of a call that was not accepted.
+struct TooManyCalls {};
+
 /// How a call ended; std::monostate when its work ended without a reply.
-using CallOutcome = std::variant<std::monostate, Bytes, std::int64_t, ReplyError>;
+using CallOutcome = std::variant<std::monostate, Bytes, std::int64_t, ReplyError, TooManyCalls>;
 
 /// One accepted call. Lives on the bus's thread; comes back through the completion queue once its
 /// outcome is known.

@@ -30,6 +30,8 @@ constexpr std::chrono::seconds starvationLimit{5};
 constexpr std::chrono::seconds vettingLimit{6};
 // Nor does a caller that keeps calling by the unique name.
 constexpr int maximumRoundTrips = 20;
+// Messages that wait in the library for the bus to take them.
+constexpr std::uint64_t maximumQueued = 1'024;
 // Whatever else happens is looked at after this many messages.
 constexpr int maximumBurst = 64;
 
@@ -132,12 +134,13 @@ void BusListener::leave() noexcept {
   if (!isLeaveRequested_.exchange(true)) completions_.post(*leaveCompletion_);
 }
 
-// Handles one message. While replies wait for the bus to take them, nothing more is read: what
-// callers ask faster than the bus takes the answers would fill this process. Then only writing goes
-// on, when the bus is ready for it.
+// Handles one message. Reading goes on while replies wait for the bus to take them, so that no
+// caller's calls hold up another's; the scheduler bounds what that makes wait. Only what the
+// library itself has to send, such as refusals of peers that are not admitted, is bounded by
+// reading no more: then the connection is written to when the bus is ready for it.
 std::optional<int> BusListener::process() {
-  const bool mayRead = std::exchange(isBusReady_, false) || scheduler_.hasRoom();
-  const int processed = mayRead ? sd_bus_process(environment_.bus, nullptr) : 0;
+  const bool mayProcess = std::exchange(isBusReady_, false) || mayRead();
+  const int processed = mayProcess ? sd_bus_process(environment_.bus, nullptr) : 0;
   burst_ = processed > 0 ? burst_ + 1 : 0;
   if (processed >= 0) {
     starvedSince_.reset();
@@ -289,16 +292,21 @@ int BusListener::endAtOnce(std::string_view reason) {
   return 1;
 }
 
+bool BusListener::mayRead() const {
+  std::uint64_t queued = 0;
+  return sd_bus_get_n_queued_write(environment_.bus, &queued) < 0 || queued < maximumQueued;
+}
+
 void BusListener::wait() {
-  const bool mayRead = scheduler_.hasRoom();
-  microseconds limit = mayRead ? waitLimit(environment_.bus) : forEver;
+  const bool isReading = mayRead();
+  microseconds limit = isReading ? waitLimit(environment_.bus) : forEver;
   if (phase_ == Phase::leaving || phase_ == Phase::stopping) {
     limit = std::min<microseconds>(limit, stopTick);
   }
   if (std::exchange(burst_, 0) > 0) limit = microseconds(0);
   if (limit > microseconds(0)) scheduler_.releaseMemory();
   const timespec timeout = timespecOf(limit);
-  const int events = mayRead ? std::max(sd_bus_get_events(environment_.bus), 0) : POLLOUT;
+  const int events = isReading ? std::max(sd_bus_get_events(environment_.bus), 0) : POLLOUT;
   std::array<pollfd, 3> watched{
       pollfd{.fd = sd_bus_get_fd(environment_.bus),
              .events = static_cast<short>(events),

@@ -88,6 +88,7 @@ class BusListener {
   bool isSettled();
   void startRoundTrip();
   int endAtOnce(std::string_view reason);
+  bool mayRead() const;
   void wait();
   void waitForCompletions();
   bool waitForMemory();

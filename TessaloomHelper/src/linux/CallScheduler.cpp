@@ -14,6 +14,7 @@ namespace tessaloom {
 namespace {
 
 constexpr std::size_t largeBytes = 262'144;  // Freed by calls, worth giving back to the system.
+constexpr std::size_t messageBytes = 1'024;  // What a message takes beside its body, roughly.
 
 constexpr bool runsEngine(Method::Kind kind) {
   return kind == Method::Kind::generation || kind == Method::Kind::probe;
@@ -65,6 +66,7 @@ struct CallScheduler::Caller {
   Calls running;   ///< On other threads.
   Calls finished;  ///< To be sent.
   std::array<std::size_t, Method::kindCount> runningOf{};
+  std::size_t refused = 0;      ///< Among the finished ones.
   std::uint64_t lastStart = 0;  ///< The turn in which an engine call of it was last started.
   std::uint64_t lastReply = 0;  ///< The turn in which a reply was last sent to it.
 };
@@ -77,34 +79,52 @@ CallScheduler::~CallScheduler() = default;
 int CallScheduler::accept(sd_bus_message* message, const Method& method,
                           const std::shared_ptr<PeerConnection>& connection) {
   // Behind another call of its connection it has to wait, so that the order is kept.
-  if (method.kind == Method::Kind::immediate && connection->queued == 0) {
+  if (method.kind == Method::Kind::immediate && connection->queued == 0 && hasRoom()) {
     return replyAtOnce(message, method, *connection);
   }
   const auto request = requestOf(message, method);
   if (!request) return request.error();
   const CallWeight weight{.kind = method.kind, .bytes = request->size()};
-  Caller* caller = find(connection->process);
-  if (!fits(caller, weight)) {
-    return sd_bus_reply_method_errorf(message, SD_BUS_ERROR_LIMITS_EXCEEDED,
-                                      "Too many calls are waiting, or too large ones.");
-  }
-  Calls fresh;
-  Call& call = fresh.emplace_back(*this, retain(message), method, connection, weight);
-  call.position = fresh.begin();
-  call.caller = caller != nullptr ? caller : &callers_.emplace_back(connection->process);
-
+  if (!fits(find(connection->process), weight)) return refuse(message, method, connection);
+  Call& call = add(message, method, connection, weight);
   call.caller->load.add(weight);
-  ++accepted_;
   acceptedBytes_ += weight.bytes;
   if (runsEngine(method.kind)) {
     ++engineCalls_;
-    call.caller->waiting.splice(call.caller->waiting.end(), fresh);
     startEngineCalls();
   } else {
-    call.caller->running.splice(call.caller->running.end(), fresh);
+    call.caller->running.splice(call.caller->running.end(), call.caller->waiting, call.position);
     start(call);
     ++connection->queued;
   }
+  return 1;
+}
+
+// A new call that waits.
+CallScheduler::Call& CallScheduler::add(sd_bus_message* message, const Method& method,
+                                        const std::shared_ptr<PeerConnection>& connection,
+                                        CallWeight weight) {
+  Calls fresh;
+  Call& call = fresh.emplace_back(*this, retain(message), method, connection, weight);
+  call.position = fresh.begin();
+  call.caller = find(connection->process);
+  if (call.caller == nullptr) call.caller = &callers_.emplace_back(connection->process);
+  call.caller->waiting.splice(call.caller->waiting.end(), fresh);
+  ++unanswered_;
+  return call;
+}
+
+// The reply waits for its caller's turn like any other.
+int CallScheduler::refuse(sd_bus_message* message, const Method& method,
+                          const std::shared_ptr<PeerConnection>& connection) {
+  const Caller* caller = find(connection->process);
+  if (caller != nullptr && caller->refused >= maximumRefusals) return 1;
+  Call& call = add(message, method, connection, {.kind = method.kind, .bytes = 0});
+  call.outcome = TooManyCalls();
+  ++call.caller->refused;
+  ++refused_;
+  ++finished_;
+  call.caller->finished.splice(call.caller->finished.end(), call.caller->waiting, call.position);
   return 1;
 }
 
@@ -128,7 +148,7 @@ void CallScheduler::sendReplies() {
 }
 
 void CallScheduler::releaseMemory() {
-  if (freedBytes_ < largeBytes || accepted_ > 0) return;
+  if (freedBytes_ < largeBytes || unanswered_ > 0) return;
   freedBytes_ = 0;
   ::malloc_trim(0);
 }
@@ -144,7 +164,7 @@ bool CallScheduler::fits(const Caller* caller, CallWeight weight) const {
     if (weight.bytes <= moderateBytes) return true;
     return none.fits(weight) && acceptedBytes_ + weight.bytes <= maximumBytes;
   }
-  return caller->load.fits(weight) && accepted_ < maximumCalls &&
+  return caller->load.fits(weight) && unanswered_ - refused_ < maximumCalls &&
          acceptedBytes_ + weight.bytes <= maximumBytes;
 }
 
@@ -244,12 +264,17 @@ void CallScheduler::send(Call& call) {
     sendReply(call.message.get(), call.outcome);
     queuedBytes_ += size;
   }
-  if (!runsEngine(call.method.kind)) --call.connection->queued;
+  freedBytes_ += messageBytes + call.weight.bytes + size;
+  if (std::holds_alternative<TooManyCalls>(call.outcome)) {
+    --caller.refused;
+    --refused_;
+  } else {
+    caller.load.remove(call.weight);
+    acceptedBytes_ -= call.weight.bytes;
+    if (!runsEngine(call.method.kind)) --call.connection->queued;
+  }
   --finished_;
-  --accepted_;
-  acceptedBytes_ -= call.weight.bytes;
-  freedBytes_ += call.weight.bytes + size;
-  caller.load.remove(call.weight);
+  --unanswered_;
   caller.finished.erase(call.position);
   if (caller.waiting.empty() && caller.running.empty() && caller.finished.empty()) {
     callers_.remove_if([&](const Caller& one) { return &one == &caller; });

@@ -42,6 +42,11 @@ class CallScheduler {
   static constexpr EngineShare generations{.ofAll = 32, .ofOneCaller = 8};
   static constexpr EngineShare probes{.ofAll = 20, .ofOneCaller = 4};
 
+  /// How many refusals one caller may have waiting to be sent. A caller that is refused more than
+  /// that without taking the replies gets no others: what it sends must not hold up those whose
+  /// calls come behind.
+  static constexpr std::size_t maximumRefusals = 16'384;
+
   /// Replies are kept back while more than these wait in the library for the bus to take them:
   /// there they could no longer be sent in turns.
   static constexpr std::uint64_t maximumQueuedReplies = 16;
@@ -56,20 +61,17 @@ class CallScheduler {
   int accept(sd_bus_message* message, const Method& method,
              const std::shared_ptr<PeerConnection>& connection);
 
-  /// Whether the bus library has room for a reply. Without it, nothing more should be read, either.
-  bool hasRoom();
-
-  /// Sends the replies that there are while the library has room.
+  /// Sends the replies that there are, in turns, while the library has room.
   void sendReplies();
 
   /// Gives memory back to the system after large calls. To be called when there is nothing else to
   /// do.
   void releaseMemory();
 
-  /// How many accepted calls have not been answered.
-  std::size_t unansweredCount() const { return accepted_; }
+  /// How many calls have not been answered.
+  std::size_t unansweredCount() const { return unanswered_; }
   /// Whether the work of a call goes on or has not begun.
-  bool hasRunningCalls() const { return accepted_ > finished_; }
+  bool hasRunningCalls() const { return unanswered_ > finished_; }
   /// Whether a call is unanswered that runs an engine or waits for one.
   bool hasEngineCalls() const { return engineCalls_ > 0; }
 
@@ -80,7 +82,12 @@ class CallScheduler {
 
   Caller* find(pid_t process);
   bool fits(const Caller* caller, CallWeight weight) const;
+  Call& add(sd_bus_message* message, const Method& method,
+            const std::shared_ptr<PeerConnection>& connection, CallWeight weight);
   int replyAtOnce(sd_bus_message* message, const Method& method, PeerConnection& connection);
+  int refuse(sd_bus_message* message, const Method& method,
+             const std::shared_ptr<PeerConnection>& connection);
+  bool hasRoom();
   void start(Call& call) noexcept;
   void startEngineCalls();
   Call* nextEngineCall(Method::Kind kind);
@@ -91,8 +98,9 @@ class CallScheduler {
   CompletionQueue& completions_;
   Tasks& engineTasks_;
   std::list<Caller> callers_;
-  std::size_t accepted_ = 0;
-  std::size_t acceptedBytes_ = 0;
+  std::size_t unanswered_ = 0;
+  std::size_t refused_ = 0;        ///< Among them.
+  std::size_t acceptedBytes_ = 0;  ///< Of the others.
   std::size_t engineCalls_ = 0;
   std::array<std::size_t, Method::kindCount> running_{};
   std::size_t finished_ = 0;
