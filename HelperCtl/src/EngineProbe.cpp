@@ -27,6 +27,13 @@
 namespace tessaloom {
 namespace {
 
+// Descriptors of this program's own are close-on-exec; macOS also has a flag for all the others.
+#ifdef POSIX_SPAWN_CLOEXEC_DEFAULT
+constexpr int inheritNothing = POSIX_SPAWN_CLOEXEC_DEFAULT;
+#else
+constexpr int inheritNothing = 0;
+#endif
+
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t outputLimit = 64 * 1024;
@@ -60,7 +67,7 @@ int start(const std::filesystem::path& executable, const CurrentUser& user, int 
   posix_spawn_file_actions_adddup2(&actions, error, STDERR_FILENO);
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setflags(&attributes, static_cast<short>(POSIX_SPAWN_SETPGROUP | inheritNothing));
   const int result = posix_spawn(&pid, executable.c_str(), &actions, &attributes,
                                  pointers(arguments).data(), pointers(environment).data());
   posix_spawnattr_destroy(&attributes);
