@@ -355,12 +355,12 @@ int cancel(Helper& helper, std::string_view engine, std::string_view prompt) {
   std::optional<Reply> reply;
   helper.call("GenerateText", request, noLimit,
               [&reply](Reply answer) { reply = std::move(answer); });
-  bool isSignalled = false;
-  while (!reply && !isSignalled) {
+  bool isSignaled = false;
+  while (!reply && !isSignaled) {
     const Reply result = helper.ask("CancelGeneration", json{{"requestID", request["requestID"]}});
     if (!result) return complain(result.error());
-    isSignalled = (*result)["succeeded"];
-    if (!isSignalled) Helper::pause(50);
+    isSignaled = (*result)["succeeded"];
+    if (!isSignaled) Helper::pause(50);
   }
   Helper::runUntil([&reply] { return reply.has_value(); });
   if (*reply) {
