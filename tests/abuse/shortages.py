@@ -93,6 +93,9 @@ def little_memory(run):
 
     def at_limit(mebibytes, what, calls):
         with survives(run, f"{what} with {mebibytes} MiB to spare") as pid:
+            # Leaves an idle thread: within the limit none can be started, and a generation would wait for another's end.
+            quick = honest.generation("Try")
+            client.ask("GenerateText", quick, honest.generated(quick))
             size = int(status_of(pid)["VmSize"].split()[0]) * 1024 + (mebibytes << 20)
             with limited(pid, resource.RLIMIT_AS, size):
                 for method, request, right in calls:
