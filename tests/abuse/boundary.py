@@ -144,8 +144,7 @@ def refused_flood(run):
             pass
 
 
-# The allocator keeps some pages between the callers that came while thousands of replies waited.
-@case(rounds=4, slack=2048)
+@case(rounds=4)
 def never_reads(run):
     """An admitted caller that calls without a pause and never reads its answers."""
     with processes(500, 0), Outsider("flood", program=sys.executable) as flood:
