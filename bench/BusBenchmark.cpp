@@ -39,6 +39,7 @@
 #include "HelperProtocol/linux/BusHandles.h"
 #include "Paired.h"
 #include "TLFoundation/Pipe.h"
+#include "TLFoundation/PointerArray.h"
 
 extern char** environ;
 
@@ -169,13 +170,6 @@ Pipe newPipe() {
   return *std::move(pipe);
 }
 
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-  std::vector<char*> result;
-  for (std::string& text : texts) result.push_back(text.data());
-  result.push_back(nullptr);
-  return result;
-}
-
 /// Runs a command as the shell would: input in, output out, status 0. The input is smaller than a
 /// pipe.
 void runByHand(const CLIInvocation& invocation) {
@@ -194,7 +188,7 @@ void runByHand(const CLIInvocation& invocation) {
     ::posix_spawn_file_actions_addchdir_np(&actions, invocation.workingDirectory->c_str());
   pid_t child = 0;
   const int spawned = ::posix_spawn(&child, invocation.executable.c_str(), &actions, nullptr,
-                                    pointers(arguments).data(), pointers(variables).data());
+                                    pointerArray(arguments).data(), pointerArray(variables).data());
   ::posix_spawn_file_actions_destroy(&actions);
   require(-spawned, invocation.executable.c_str());
 

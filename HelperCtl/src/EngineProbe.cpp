@@ -23,6 +23,7 @@
 #include "HelperCore/PerUserTemporaryDirectory.h"
 #include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/Pipe.h"
+#include "TLFoundation/PointerArray.h"
 
 namespace tessaloom {
 namespace {
@@ -44,13 +45,6 @@ Pipe openPipe() {
   return *std::move(pipe);
 }
 
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-  std::vector<char*> result;
-  for (std::string& text : texts) result.push_back(text.data());
-  result.push_back(nullptr);
-  return result;
-}
-
 /// Starts the engine in a process group of its own; the errno on failure.
 int start(const std::filesystem::path& executable, const CurrentUser& user, int output, int error,
           pid_t& pid) {
@@ -69,7 +63,7 @@ int start(const std::filesystem::path& executable, const CurrentUser& user, int 
   posix_spawnattr_init(&attributes);
   posix_spawnattr_setflags(&attributes, static_cast<short>(POSIX_SPAWN_SETPGROUP | inheritNothing));
   const int result = posix_spawn(&pid, executable.c_str(), &actions, &attributes,
-                                 pointers(arguments).data(), pointers(environment).data());
+                                 pointerArray(arguments).data(), pointerArray(environment).data());
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   return result;

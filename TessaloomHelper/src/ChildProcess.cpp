@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <string>
 
+#include "TLFoundation/PointerArray.h"
+
 namespace tessaloom {
 
 namespace {
@@ -46,15 +48,6 @@ std::vector<std::string> environmentVector(const Environment& environment) {
   return result;
 }
 
-/// The strings as exec takes them; valid while `strings` is.
-std::vector<char*> pointers(std::vector<std::string>& strings) {
-  std::vector<char*> result;
-  result.reserve(strings.size() + 1);
-  for (std::string& string : strings) result.push_back(string.data());
-  result.push_back(nullptr);
-  return result;
-}
-
 }  // namespace
 
 std::expected<std::shared_ptr<ChildProcess>, int> ChildProcess::launch(
@@ -67,8 +60,8 @@ std::expected<std::shared_ptr<ChildProcess>, int> ChildProcess::launch(
   const auto& directory = invocation.workingDirectory;
   const auto pid =
       SpawnPlatform::spawn({.executable = invocation.executable.c_str(),
-                            .arguments = pointers(arguments).data(),
-                            .environment = pointers(environment).data(),
+                            .arguments = pointerArray(arguments).data(),
+                            .environment = pointerArray(environment).data(),
                             .workingDirectory = directory ? directory->c_str() : nullptr,
                             .descriptorLimit = descriptorLimit ? &*descriptorLimit : nullptr},
                            ends);
