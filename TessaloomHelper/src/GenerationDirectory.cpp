@@ -167,11 +167,14 @@ bool writeAll(const FileDescriptor& file, std::string_view text) {
 }  // namespace
 
 std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::path& directory) {
-  constexpr int maximumTries = 100;
+  // Another process may remove it each time before it is locked here, so what counts is the time,
+  // in which others get on, and not how often.
+  constexpr std::chrono::seconds patience{1};
   constexpr std::chrono::milliseconds pause{1};  // Removing it takes less.
-  for (int tries = 0;; ++tries) {
+  const auto end = std::chrono::steady_clock::now() + patience;
+  for (;;) {
     auto opened = openLocked(directory, LOCK_SH);
-    if (opened || tries == maximumTries) return opened;
+    if (opened || std::chrono::steady_clock::now() > end) return opened;
     if (opened.error() == EBUSY) {
       std::this_thread::sleep_for(pause);
     } else if (opened.error() != ENOENT) {

@@ -102,11 +102,7 @@ TEST(GenerationDirectoryTest, UnusedDirectoryIsRemovedWithoutHarmToWhoStartsToUs
   }
   std::atomic<bool> isDone = false;
   std::thread exiting([&] {
-    while (!isDone) {
-      removeUnusedDirectory(perUser);
-      // Each removal is that of another process that exits, so they do not follow at once.
-      std::this_thread::sleep_for(std::chrono::microseconds(300));
-    }
+    while (!isDone) removeUnusedDirectory(perUser);
   });
   for (int i = 0; i < 50; ++i) {
     const auto directory = GenerationDirectory::create(perUser, UUID::random());
