@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::int64_t quotedLimit = 64;
 
-std::string quoted(const std::string& text) {
+std::string inQuotes(const std::string& text) {
   return '"' + DisplayString::singleLine(text, quotedLimit) + '"';
 }
 
@@ -57,12 +57,12 @@ GenerationDTOError GenerationDTOError::tooManyItems(std::int64_t limit, std::int
 }
 
 GenerationDTOError GenerationDTOError::unknownEngine(std::string offending) {
-  const std::string message = "Unknown engine " + quoted(offending) + ".";
+  const std::string message = "Unknown engine " + inQuotes(offending) + ".";
   return {Kind::unknownEngine, 0, 0, std::move(offending), message};
 }
 
 GenerationDTOError GenerationDTOError::unknownShape(std::string offending) {
-  const std::string message = "Unknown shape " + quoted(offending) + ".";
+  const std::string message = "Unknown shape " + inQuotes(offending) + ".";
   return {Kind::unknownShape, 0, 0, std::move(offending), message};
 }
 
