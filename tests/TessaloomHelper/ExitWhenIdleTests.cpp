@@ -1,6 +1,4 @@
-#include <fcntl.h>
-#include <sys/stat.h>
-
+#include <filesystem>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -12,67 +10,47 @@
 namespace tessaloom {
 namespace {
 
-class ExitWhenIdleTest : public testing::Test {
- protected:
-  ExitWhenIdleTest() {
-    write(executable);
-    setTime(1'000'000'000, 500);
-    exit.emplace(executable, ExecutableIdentity::of(executable), runner, tasks, [this] { ++left; });
-  }
+namespace fs = std::filesystem;
 
-  static void write(const std::filesystem::path& file) { std::ofstream(file).put('x'); }
-
-  void setTime(std::int64_t seconds, long nanoseconds) {
-    const timespec times[] = {{seconds, nanoseconds}, {seconds, nanoseconds}};
-    ASSERT_EQ(::utimensat(AT_FDCWD, executable.c_str(), times, 0), 0);
-  }
-
-  TemporaryDirectory directory;
-  std::filesystem::path executable = directory / "helper";
+TEST(ExitWhenIdleTest, KnowsAReplacedExecutable) {
+  const TemporaryDirectory directory;
+  const fs::path executable = directory / "helper";
+  const fs::path other = directory / "other";
+  for (const fs::path& file : {executable, other}) std::ofstream(file).put('x');
+  const auto start = fs::last_write_time(executable);
   CLIRunner runner;
   ManualTasks tasks;
-  std::optional<ExitWhenIdle> exit;
-  int left = 0;
-};
-
-TEST_F(ExitWhenIdleTest, KnowsAReplacedExecutable) {
-  EXPECT_FALSE(exit->isExecutableReplaced());
-  setTime(1'000'000'000, 0);
-  EXPECT_FALSE(exit->isExecutableReplaced());
-  setTime(1'000'000'000, 500'000);
-  EXPECT_TRUE(exit->isExecutableReplaced());
-  const std::filesystem::path other = directory / "other";
-  write(other);
-  std::filesystem::rename(other, executable);
-  setTime(1, 0);  // Another file counts even when it is older.
-  EXPECT_TRUE(exit->isExecutableReplaced());
-  EXPECT_FALSE(ExitWhenIdle(executable, {}, runner, tasks, [] {}).isExecutableReplaced());
-  const auto identity = ExecutableIdentity::of("/");
-  EXPECT_FALSE(ExitWhenIdle({}, identity, runner, tasks, [] {}).isExecutableReplaced());
-  std::filesystem::remove(executable);
-  EXPECT_FALSE(exit->isExecutableReplaced());
+  const auto isReplaced = [&, identity = ExecutableIdentity::of(executable)](const fs::path& path) {
+    return ExitWhenIdle(path, identity, runner, tasks, [] {}).isExecutableReplaced();
+  };
+  EXPECT_FALSE(isReplaced(executable));
+  fs::last_write_time(executable, start - std::chrono::milliseconds(1));
+  EXPECT_FALSE(isReplaced(executable));
+  fs::last_write_time(executable, start + std::chrono::milliseconds(1));
+  EXPECT_TRUE(isReplaced(executable));
+  fs::last_write_time(other, start - std::chrono::hours(1));
+  EXPECT_TRUE(isReplaced(other)) << "another file counts even when it is older";
+  EXPECT_FALSE(isReplaced(directory / "missing"));
+  EXPECT_FALSE(ExitWhenIdle(other, {}, runner, tasks, [] {}).isExecutableReplaced());
 }
 
-TEST_F(ExitWhenIdleTest, StaysWhileAnAcceptedEngineCallIsUnfinished) {
+TEST(ExitWhenIdleTest, StaysWhileAnAcceptedEngineCallIsUnfinishedOrNothingIsLeftForTheCheck) {
+  CLIRunner runner;
+  ManualTasks tasks;
+  int left = 0;
+  ExitWhenIdle exit({}, {}, runner, tasks, [&left] { ++left; });
   auto accepted = runner.accept();
   const auto copy = accepted;
-  exit->scheduleExitWhenIdle(ExitWhenIdle::firstCheck);
+  exit.scheduleExitWhenIdle(ExitWhenIdle::firstCheck);
   for (const bool isLast : {false, true}) {
     tasks.run();
     ASSERT_EQ(tasks.entries.size(), 1U);
     EXPECT_EQ(tasks.entries[0].delay, ExitWhenIdle::nextCheck);
     if (!isLast) accepted.reset();
   }
-  EXPECT_EQ(left, 0);
-}
-
-TEST_F(ExitWhenIdleTest, StaysWhenTheSystemHasNothingLeftForTheCheck) {
   tasks.isExhausted = true;
-  exit->scheduleExitWhenIdle(ExitWhenIdle::firstCheck);
-  tasks.isExhausted = false;
-  exit->scheduleExitWhenIdle(ExitWhenIdle::firstCheck);
   tasks.run();
-  EXPECT_EQ(left, 1);
+  EXPECT_EQ(left, 0);
 }
 
 }  // namespace

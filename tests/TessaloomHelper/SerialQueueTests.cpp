@@ -1,5 +1,3 @@
-#include <atomic>
-#include <numeric>
 #include <optional>
 #include <vector>
 
@@ -7,50 +5,28 @@
 
 #include "TessaloomHelper/ManualTasks.h"
 #include "linux/SerialQueue.h"
-#include "linux/ThreadTasks.h"
 
 namespace tessaloom {
 namespace {
 
-constexpr auto quality = QualityOfService::userInitiated;
-
-TEST(SerialQueue, RunsJobsInOrderAndOneAtATime) {
-  std::vector<int> order;
-  std::atomic<int> atOnce = 0;
-  {
-    ThreadTasks tasks;
-    SerialQueue queue(tasks, quality);
-    for (int i = 0; i < 2'000; ++i) {
-      queue.submit([&order, &atOnce, i] {
-        EXPECT_EQ(atOnce.fetch_add(1), 0);
-        order.push_back(i);
-        --atOnce;
-      });
-    }
-  }
-  std::vector<int> expected(2'000);
-  std::iota(expected.begin(), expected.end(), 0);
-  EXPECT_EQ(order, expected);
-}
-
 TEST(SerialQueue, TakesOneThreadWhileThereAreJobsAndKeepsNoneThatFoundNoThread) {
   ManualTasks tasks;
-  std::optional<SerialQueue> queue(std::in_place, tasks, quality);
-  int ran = 0;
+  std::optional<SerialQueue> queue(std::in_place, tasks, QualityOfService::userInitiated);
+  std::vector<int> ran;
+  const auto submit = [&](int job) { queue->submit([&ran, job] { ran.push_back(job); }); };
   tasks.isExhausted = true;
-  EXPECT_THROW(queue->submit([&ran] { ran += 100; }), std::bad_alloc);
+  EXPECT_THROW(submit(1), std::bad_alloc);
   tasks.isExhausted = false;
-  const auto job = [&ran] { ++ran; };
-  queue->submit(job);
-  queue->submit(job);
+  submit(2);
+  submit(3);
   EXPECT_EQ(tasks.entries.size(), 1U);
   tasks.run();
-  EXPECT_EQ(ran, 2);
+  EXPECT_EQ(ran, (std::vector{2, 3}));
   EXPECT_TRUE(tasks.entries.empty());
-  queue->submit(job);
+  submit(4);
   queue.reset();
   tasks.run();
-  EXPECT_EQ(ran, 3) << "what was accepted outlives the queue";
+  EXPECT_EQ(ran.back(), 4) << "what was accepted outlives the queue";
 }
 
 }  // namespace
