@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "Arguments.h"
@@ -28,32 +27,24 @@ std::string sorted(const Words& words) {
 }
 
 TEST(Arguments, SortsWordsIntoOptionsAndPositionals) {
-  struct Row {
-    const char* name;
-    Words words;
-    const char* expected;
+  const std::pair<Words, const char*> rows[] = {
+      {{"--json", "a", "--timeout", "7", "b"}, "--timeout[7] --json[] | [a] [b]"},
+      {{"--timeout=7=8", ""}, "--timeout[7=8] | []"},
+      {{"--timeout="}, "--timeout[] |"},
+      {{"--timeout", "--json"}, "--timeout[--json] |"},
+      {{"--timeout", "7", "--timeout", "8"}, "--timeout[8] |"},
+      {{"-", "--", "--json", "--", "-x"}, "| [-] [--json] [--] [-x]"},
+      {{"-j", "-t", "7"}, "--timeout[7] --json[] |"},
+      {{"-t7"}, "--timeout[7] |"},
+      {{"-9", "-KILL"}, "--signal[KILL] |"},
+      {{"a", "--jsno"}, "unknown option \"--jsno\"; did you mean \"--json\"?"},
+      {{"--x=3"}, "unknown option \"--x\""},
+      {{"--timeout"}, "missing value: --timeout SECONDS"},
+      {{"--json=1"}, "--json takes no value"},
   };
-  const std::vector<Row> rows{
-      {"nothing", {}, "|"},
-      {"options before and after",
-       {"--json", "a", "--timeout", "7", "b"},
-       "--timeout[7] --json[] | [a] [b]"},
-      {"value after an equals sign", {"--timeout=7=8"}, "--timeout[7=8] |"},
-      {"empty value", {"--timeout="}, "--timeout[] |"},
-      {"a value may look like an option", {"--timeout", "--json"}, "--timeout[--json] |"},
-      {"the last one counts", {"--timeout", "7", "--timeout", "8"}, "--timeout[8] |"},
-      {"a dash is a positional", {"-", "--json"}, "--json[] | [-]"},
-      {"two dashes end the options", {"a", "--", "--json", "--", "-x"}, "| [a] [--json] [--] [-x]"},
-      {"an empty word is a positional", {""}, "| []"},
-      {"short forms", {"-j", "-t", "7"}, "--timeout[7] --json[] |"},
-      {"a value after the letter", {"-t7"}, "--timeout[7] |"},
-      {"a dashed value", {"-9", "-KILL"}, "--signal[KILL] |"},
-      {"unknown", {"a", "--jsno"}, "unknown option \"--jsno\"; did you mean \"--json\"?"},
-      {"unknown with a value", {"--x=3"}, "unknown option \"--x\""},
-      {"no value left", {"--timeout"}, "missing value: --timeout SECONDS"},
-      {"value not wanted", {"--json=1"}, "--json takes no value"},
-  };
-  for (const Row& row : rows) EXPECT_EQ(sorted(row.words), row.expected) << row.name;
+  for (const auto& [words, expected] : rows) {
+    EXPECT_EQ(sorted(words), expected) << testing::PrintToString(words);
+  }
 }
 
 }  // namespace

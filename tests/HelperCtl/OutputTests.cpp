@@ -1,5 +1,6 @@
 #include <cstdint>
-#include <limits>
+#include <string>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -42,23 +43,15 @@ TEST(Table, CutsWhatMayShrinkAndThenDropsTheLastColumns) {
 }
 
 TEST(HumanFormat, SizesAgesAndDurations) {
-  struct Row {
-    std::string actual;
-    const char* expected;
+  const std::pair<std::string, const char*> rows[] = {
+      {humanBytes(999), "999 B"},         {humanBytes(1'000), "0.9 KiB"},
+      {humanBytes(1'023'999), "999 KiB"}, {humanBytes(1'024'000), "0.9 MiB"},
+      {humanBytes(INT64_MAX), "7.9 EiB"}, {humanAge(60), "1m 0s"},
+      {humanAge(3'599), "59m 59s"},       {humanAge(86'400), "1d 0h"},
+      {humanAge(3'600), "1h 0m"},         {humanAge(59), "59s"},
+      {humanMilliseconds(999), "999 ms"}, {humanMilliseconds(1'960), "1.9 s"},
   };
-  const std::vector<Row> rows{
-      {humanBytes(999), "999 B"},
-      {humanBytes(1'000), "0.9 KiB"},
-      {humanBytes(1'023'999), "999 KiB"},
-      {humanBytes(1'024'000), "0.9 MiB"},
-      {humanBytes(std::numeric_limits<std::int64_t>::max()), "7.9 EiB"},
-      {humanAge(60), "1m 0s"},
-      {humanAge(3'599), "59m 59s"},
-      {humanAge(90'061), "1d 1h"},
-      {humanMilliseconds(999), "999 ms"},
-      {humanMilliseconds(1'960), "1.9 s"},
-  };
-  for (const Row& row : rows) EXPECT_EQ(row.actual, row.expected);
+  for (const auto& [actual, expected] : rows) EXPECT_EQ(actual, expected);
 }
 
 }  // namespace

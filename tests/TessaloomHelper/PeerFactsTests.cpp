@@ -70,18 +70,20 @@ TEST(PeerFacts, TellWhatAProcessRuns) {
 class FlatpakPeer : public testing::Test {
  protected:
   FlatpakPeer() {
-    std::filesystem::create_directories(instance);
-    std::ofstream(instance / ".ref");
-    describe("17");
+    for (const char* id : {"16", "17", "18"}) {
+      std::filesystem::create_directories(instances / id);
+      std::ofstream(instances / id / ".ref");
+      describe(id, id);
+    }
     EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
   }
   ~FlatpakPeer() override {
     for (const int end : ends) ::close(end);
   }
 
-  void describe(const std::string& id) const {
-    std::ofstream(instance / "info")
-        << "[Application]\nname=org.example.Editor\n[Instance]\ninstance-id=" + id + "\n";
+  void describe(const char* instance, const char* id) const {
+    std::ofstream(instances / instance / "info")
+        << "[Application]\nname=org.example." << instance << "\n[Instance]\ninstance-id=" << id;
   }
 
   /// Into a sandbox of its own; of the pipe it keeps the ends with these indices.
@@ -91,8 +93,8 @@ class FlatpakPeer : public testing::Test {
     return ::unshare(CLONE_NEWNS) == 0 || ::unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0;
   }
 
-  bool lock() const {
-    const int file = ::open((instance / ".ref").c_str(), O_RDONLY);
+  bool lock(const char* id) const {
+    const int file = ::open((instances / id / ".ref").c_str(), O_RDONLY);
     struct flock lock{};
     lock.l_type = F_RDLCK;
     return ::fcntl(file, F_SETLK, &lock) == 0;
@@ -104,34 +106,36 @@ class FlatpakPeer : public testing::Test {
   }
 
   TemporaryDirectory runtime;
-  std::filesystem::path instance = runtime.path() / ".flatpak/17";
+  std::filesystem::path instances = runtime.path() / ".flatpak";
   int ends[2] = {-1, -1};
 };
 
 TEST_F(FlatpakPeer, BelongsToAnInstanceByWhatOnlyTheHostCanWrite) {
-  Child first([&] { return enterSandbox(true, false) && lock(); });
+  const std::string editor = "org.example.17";
+  Child first([&] { return enterSandbox(true, false) && lock("17"); });
   if (!first.isReady) GTEST_SKIP() << "no user namespaces here";
+  const Child others([&] { return enterSandbox(false, false) && lock("16") && lock("18"); });
   const Child proxy([&] { return enterSandbox(false, true); });
-  EXPECT_EQ(applicationOf(first), "org.example.Editor");
-  EXPECT_EQ(applicationOf(proxy), "org.example.Editor");
+  EXPECT_EQ(applicationOf(first), editor);
+  EXPECT_EQ(applicationOf(proxy), editor);
 
   // What another sandbox has at its root says nothing, nor does a pipe's same end.
   const TemporaryDirectory root;
-  std::filesystem::copy_file(instance / "info", root / ".flatpak-info");
+  std::filesystem::copy_file(instances / "17/info", root / ".flatpak-info");
   const Child impostor(
       [&] { return enterSandbox(true, false) && ::chroot(root.path().c_str()) == 0; });
   EXPECT_EQ(applicationOf(impostor), "");
 
-  describe("18");
+  describe("17", "18");
   EXPECT_EQ(applicationOf(proxy), "");
-  describe("17");
-  std::filesystem::permissions(instance, std::filesystem::perms(0777));
+  describe("17", "17");
+  std::filesystem::permissions(instances / "17", std::filesystem::perms(0777));
   EXPECT_EQ(applicationOf(proxy), "");
-  std::filesystem::permissions(instance, std::filesystem::perms(0755));
-  std::filesystem::rename(instance, runtime.path() / ".flatpak/org.example.17");
+  std::filesystem::permissions(instances / "17", std::filesystem::perms(0755));
+  std::filesystem::rename(instances / "17", instances / editor);
   EXPECT_EQ(applicationOf(proxy), "");
-  std::filesystem::rename(runtime.path() / ".flatpak/org.example.17", instance);
-  EXPECT_EQ(applicationOf(proxy), "org.example.Editor");
+  std::filesystem::rename(instances / editor, instances / "17");
+  EXPECT_EQ(applicationOf(proxy), editor);
   first.end();
   first.pid = -1;
   EXPECT_EQ(applicationOf(proxy), "");  // Only a directory was left behind.

@@ -64,40 +64,28 @@ TEST(ThreadTasksTest, DestructionRunsWhatWasAcceptedAndDropsWhatIsDelayed) {
   EXPECT_EQ(held.use_count(), 1);
 }
 
-/// Some of the threads, occupied until they are released.
-class Occupation {
- public:
-  void take(ThreadTasks& tasks, std::size_t count) {
-    const auto taken = std::make_shared<std::latch>(static_cast<std::ptrdiff_t>(count));
-    for (std::size_t i = 0; i < count; ++i) {
-      tasks.runConcurrently(quality, [this, taken] {
-        taken->count_down();
-        released_.wait();
-      });
-    }
-    taken->wait();
+/// What is handed in while these threads are all there can be waits for one of them.
+void expectToWaitFor(ThreadTasks& tasks, std::ptrdiff_t threads) {
+  std::atomic<int> ran = 0;
+  std::latch taken(threads + 1);
+  std::latch released(1);
+  for (std::ptrdiff_t i = 0; i < threads; ++i) {
+    tasks.runConcurrently(quality, [&] {
+      taken.count_down();
+      released.wait();
+    });
   }
-  void release() { released_.count_down(); }
-
- private:
-  std::latch released_{1};
-};
-
-TEST(ThreadTasksTest, TasksWaitAboveTheBound) {
-  std::atomic<int> surplus = 0;
-  Occupation occupation;
-  ThreadTasks tasks;
-  occupation.take(tasks, ThreadTasks::maximumThreads);
-  tasks.runConcurrently(quality, [&] { ++surplus; });
-  tasks.runAfter(0ms, quality, [&] { ++surplus; });
-  EXPECT_EQ(surplus, 0);
-  occupation.release();
-  EXPECT_TRUE(eventually([&] { return surplus == 2; }));
+  taken.arrive_and_wait();
+  tasks.runConcurrently(quality, [&] { ++ran; });
+  tasks.runAfter(1ms, quality, [&] { ++ran; });
+  EXPECT_EQ(ran, 0);
+  released.count_down();
+  EXPECT_TRUE(eventually([&] { return ran == 2; }));
 }
 
-TEST(ThreadTasksTest, TasksWaitForTheThreadsThereAreWhenNoneCanBeMade) {
-  std::atomic<int> ran = 0;
-  Occupation occupation;
+TEST(ThreadTasksTest, TasksWaitAboveTheBoundAndWhenNoThreadCanBeMade) {
+  ThreadTasks bounded;
+  expectToWaitFor(bounded, ThreadTasks::maximumThreads);
   ThreadTasks tasks;
   // The system has no stack as large as new threads ask for from here on.
   pthread_attr_t before;
@@ -107,12 +95,7 @@ TEST(ThreadTasksTest, TasksWaitForTheThreadsThereAreWhenNoneCanBeMade) {
   ::pthread_attr_setstacksize(&huge, std::size_t{1} << 50);
   ASSERT_EQ(::pthread_setattr_default_np(&huge), 0);
   EXPECT_THROW(ThreadTasks(), std::system_error);
-  occupation.take(tasks, 1);
-  tasks.runConcurrently(quality, [&] { ++ran; });
-  tasks.runAfter(1ms, quality, [&] { ++ran; });
-  EXPECT_EQ(ran, 0);
-  occupation.release();
-  EXPECT_TRUE(eventually([&] { return ran == 2; }));
+  expectToWaitFor(tasks, 1);
   ::pthread_setattr_default_np(&before);
 }
 
