@@ -89,15 +89,6 @@ TEST_F(GenerationCoordinatorTest, FailsToLaunchWithoutWhatItNeeds) {
   expectFailure(Kind::binaryNotFound, "codex wasn’t found in any of the usual install locations.");
 }
 
-TEST_F(GenerationCoordinatorTest, SchemaThatCannotBeWrittenIsLeftOut) {
-  const auto asked = request("text");
-  const auto directory = temporary / ("tessaloom-generation-" + asked.requestID().string());
-  fs::create_directories(directory + "/schema.json");
-  fs::permissions(directory, fs::perms::owner_all);
-  const auto outcome = coordinator().generate(asked);
-  EXPECT_TRUE(outcome) << outcome.error().detail.value_or("");
-}
-
 TEST_F(GenerationCoordinatorTest, StatusTellsWhatTheProbePrints) {
   expectVersion("codex-cli 0.169.0", "practice:exit=1");
   expectVersion("", "practice:no-output practice:signal=6");
@@ -110,17 +101,6 @@ TEST_F(GenerationCoordinatorTest, AsksForTheUserAgainOnceDescriptorsAreReleased)
   lookups.releaseDescriptors = [&] { released = true; };
   lookups.currentUser = [&] { return released ? std::optional(user) : std::nullopt; };
   EXPECT_TRUE(coordinator().engineStatus({codex}).binaryFound);
-}
-
-TEST_F(GenerationCoordinatorTest, StatusWithoutAUserProbesInAnEmptyEnvironment) {
-  const fs::path probe = home.path() / "print-env";
-  std::ofstream(probe) << "#!/bin/sh\nexec " PRACTICE_ENGINE " practice no-read print-env\n";
-  fs::permissions(probe, fs::perms::owner_all);
-  lookups.engine = [&](GenerationEngineID, const std::optional<CurrentUser>&) { return probe; };
-  lookups.currentUser = [] { return std::optional<CurrentUser>(); };
-  // The shell sets some by itself.
-  const auto version = coordinator().engineStatus({codex}).version.value();
-  EXPECT_FALSE(version.contains("HOME=") || version.contains("PATH=")) << version;
 }
 
 }  // namespace
