@@ -9,10 +9,12 @@
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <future>
 #include <thread>
+#include <vector>
 
 #include "ObedientProtocol.h"
 
@@ -56,6 +58,31 @@ std::int32_t enterNetwork() {
 std::int32_t openListener() {
   const int made = socket(AF_INET, SOCK_STREAM, 0);
   return listen(made, 1) == 0 ? made : -1;
+}
+
+/// Opens sockets that stay, and then as many that come at once and go one by one, for ever.
+std::int32_t churnSockets(std::int32_t count) {
+  const auto open = [count](std::int32_t firstPort) {
+    std::vector<int> sockets;
+    for (std::int32_t port = firstPort; port < firstPort + count; ++port) {
+      sockaddr_in address{};
+      address.sin_family = AF_INET;
+      address.sin_port = htons(static_cast<std::uint16_t>(port));
+      sockets.push_back(socket(AF_INET, SOCK_DGRAM, 0));
+      bind(sockets.back(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+    }
+    return sockets;
+  };
+  open(10'000);
+  std::thread{[open] {
+    for (;;) {
+      for (const int each : open(20'000)) {
+        close(each);
+        usleep(50);
+      }
+    }
+  }}.detach();
+  return 0;
 }
 
 std::int32_t startThreadApart() {
@@ -117,11 +144,15 @@ std::int32_t obey(const Request& request, int received, char** arguments) {
       return forkSharing(request.first);
     case Command::enterNetwork:
       return enterNetwork();
+    case Command::churnSockets:
+      return churnSockets(request.first);
     case Command::listen:
       return openListener();
     case Command::forkZombie: {
       pid_t zombie = fork();
       if (zombie == 0) _exit(0);
+      siginfo_t exited{};
+      waitid(P_PID, static_cast<id_t>(zombie), &exited, WEXITED | WNOWAIT);
       return zombie;
     }
     case Command::execAgain:

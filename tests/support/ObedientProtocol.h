@@ -30,8 +30,10 @@ enum class Command : std::int32_t {
   forkTwin,          ///< Tells its pid; it ends with its parent.
   forkHeir,          ///< Tells its pid; it outlives its parent, for a minute at most.
   forkSharing,       ///< With the same table of descriptors, of which it closes `first` at SIGUSR1.
-  forkZombie,        ///< Tells its pid; it is never reaped.
+  forkZombie,        ///< Tells its pid; it has exited and is never reaped.
   enterNetwork,      ///< A network namespace of its own; -1 where that is not allowed.
+  churnSockets,      ///< Binds the UDP ports from 10,000 on, `first` of them, that stay; as many
+                     ///< from 20,000 on come and go from then on.
   listen,            ///< On a port of the kernel's choice; returns the descriptor.
   execAgain,         ///< Executes the same program; the answer comes from the new one.
 };
