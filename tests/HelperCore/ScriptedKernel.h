@@ -5,7 +5,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -45,8 +44,7 @@ class ScriptedKernel final : public Kernel {
     Handle(ScriptedKernel& asked, std::int32_t number) : kernel(asked), pid(number) {}
     std::optional<ProcessStartTime> startTime() override {
       auto found = kernel.startTimes.find(pid);
-      if (found == kernel.startTimes.end()) return std::nullopt;
-      return found->second;
+      return found == kernel.startTimes.end() ? std::nullopt : std::optional(found->second);
     }
     int signal(std::int32_t number) override {
       kernel.signals.emplace_back(pid, number);
@@ -58,19 +56,12 @@ class ScriptedKernel final : public Kernel {
 };
 
 inline ProcessRecord ownRecord(std::int32_t pid) {
-  return {.pid = pid,
-          .parentPID = 1,
-          .owner = ScriptedKernel::user,
-          .start = {1'700'000'000, 250'000},
-          .terminal = "",
-          .residentBytes = 4096,
-          .name = "program"};
+  return {pid, 1, ScriptedKernel::user, {1'700'000'000, 250'000}, "", 4096, "program"};
 }
 
 inline SocketInfo udpSocket(std::uint32_t networkOrderPort) {
   return {.kind = SocketInfo::Kind::internet,
           .protocol = 17,
-          .tcpState = SocketInfo::TCPState::other,
           .localPort = networkOrderPort,
           .versionFlags = SocketInfo::ipv4,
           .localAddress = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 127, 0, 0, 1}};

@@ -1,0 +1,117 @@
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "HelperCore/BinaryAllowlist.h"
+#include "HelperCore/CLIInvocationBuilder.h"
+#include "HelperCore/CurrentUser.h"
+#include "support/TemporaryDirectory.h"
+
+namespace tessaloom {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr uid_t self = 1000;
+
+FileFacts file(uid_t owner, mode_t permissions) {
+  return {true, true, owner, static_cast<std::uint16_t>(S_IFREG | permissions)};
+}
+
+TEST(BinaryAllowlist, AcceptsTheFirstAcceptableCandidate) {
+  struct Case {
+    const char* name;
+    std::map<fs::path, FileFacts> candidates;
+    std::string expected;  ///< The path of what is accepted, or the last refusal.
+  };
+  const std::string otherOwner = "x was found but is owned by another user, so it wasn’t run.";
+  const std::string writable = "x was found but is writable by other users, so it wasn’t run.";
+  const std::string noProgram = "x was found but isn’t an executable file.";
+  const FileFacts directory{false, true, self, S_IFDIR | 0755};
+  const std::vector<Case> cases{
+      {"nothing", {}, "x wasn’t found in any of the usual install locations."},
+      {"own", {{"/b/x", file(self, 0755)}}, "/b/x"},
+      {"root's", {{"/b/x", file(0, 04755)}}, "/b/x"},
+      {"first of two", {{"/a/x", file(0, 0755)}, {"/b/x", file(self, 0755)}}, "/a/x"},
+      {"directory", {{"/a/x", directory}}, noProgram},
+      {"not executable", {{"/a/x", {true, false, self, S_IFREG | 0644}}}, noProgram},
+      {"foreign", {{"/c/x", file(1001, 0777)}}, otherOwner},
+      {"group may write", {{"/a/x", file(self, 0775)}}, writable},
+      {"others may write root's", {{"/a/x", file(0, 0757)}}, writable},
+      {"a later one", {{"/a/x", file(1001, 0755)}, {"/c/x", file(self, 0700)}}, "/c/x"},
+      {"the last refusal", {{"/a/x", file(1001, 0755)}, {"/b/x", directory}}, noProgram}};
+  for (const Case& row : cases) {
+    const FactsReader reader = [&row](const fs::path& path) -> std::optional<FileFacts> {
+      const auto found = row.candidates.find(path);
+      return found == row.candidates.end() ? std::nullopt : std::optional(found->second);
+    };
+    const auto resolved = BinaryAllowlist::resolve("x", {"/a", "/b", "/c"}, self, reader);
+    EXPECT_EQ(resolved ? resolved->string() : BinaryAllowlist::message(resolved.error(), "x"),
+              row.expected)
+        << row.name;
+  }
+}
+
+// What becomes of a refused one, the client's tests show with a real service.
+TEST(BinaryAllowlist, JudgesWhatALinkLeadsTo) {
+  const TemporaryDirectory directory;
+  const fs::path& home = directory.path();
+  const fs::path bin = home / ".local/bin";
+  fs::create_directories(bin);
+  for (const auto& [name, mode] : {std::pair{"store", 04755U}, {"plain", 0644U}}) {
+    std::ofstream{home / name};
+    fs::permissions(home / name, fs::perms(mode));
+  }
+  fs::create_symlink("../../store", bin / "codex");
+  fs::create_symlink("nowhere", bin / "dangling");
+  fs::create_symlink("loop", bin / "loop");
+
+  EXPECT_EQ(BinaryAllowlist::readFacts(bin / "codex"), file(::getuid(), 04755));
+  EXPECT_FALSE(BinaryAllowlist::readFacts(bin)->isRegularFile);
+  EXPECT_FALSE(BinaryAllowlist::readFacts(home / "plain")->isExecutable);
+  for (const char* path : {".local/bin/dangling", ".local/bin/loop", "store/below"})
+    EXPECT_EQ(BinaryAllowlist::readFacts(home / path), std::nullopt) << path;
+  // The path as formed, so that the launch follows the link again.
+  EXPECT_EQ(resolveEngine(GenerationEngineID::codex, CurrentUser{home, "u"}), bin / "codex");
+}
+
+// The practice engine compares every vector, text and schema with copies of its own; these cases
+// hold what it does not see.
+
+TEST(CLIInvocationBuilder, ComposesTheInput) {
+  const std::string rules = "OUTPUT RULES\n" + std::string(CLIInvocationBuilder::systemText());
+  const auto promptOf = [](const std::string& instructions) {
+    return CLIInvocationBuilder::prompt(instructions, " p\n");
+  };
+  EXPECT_EQ(promptOf(" \r\n\t\u00a0\u2028"), rules + "\n\nTASK\n p\n");
+  EXPECT_EQ(promptOf("\n\n a\n\n \u200b \u3000\n"),
+            rules + "\n\nSYSTEM INSTRUCTIONS\na\n\n \u200b\n\nTASK\n p\n");
+}
+
+TEST(CLIInvocationBuilder, SetsDirectoriesWithoutTrailingSlashes) {
+  const auto environment = CLIInvocationBuilder::environment("/home/u//", "me", "/tmp/x/");
+  EXPECT_EQ(environment.at("HOME"), "/home/u");
+  EXPECT_EQ(environment.at("TMPDIR"), "/tmp/x");
+  EXPECT_EQ(CLIInvocationBuilder::environment("/", "me", "/tmp").at("HOME"), "/");
+  EXPECT_EQ(CLIInvocationBuilder::searchLocations("//").front(), "/.local/bin");
+}
+
+TEST(CurrentUser, ComesFromTheUserDatabase) {
+  const passwd* entry = ::getpwuid(::getuid());
+  const auto user = lookUpCurrentUser();
+  ASSERT_EQ(user.has_value(), entry != nullptr);
+  if (!user) return;
+  EXPECT_EQ(user->loginName, entry->pw_name);
+  EXPECT_TRUE(fs::equivalent(user->homeDirectory, entry->pw_dir));
+}
+
+}  // namespace
+}  // namespace tessaloom
