@@ -2,6 +2,7 @@
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -9,7 +10,6 @@
 
 #include "HelperCore/GenerationOutputParser.h"
 #include "HelperProtocol/HelperCoding.h"
-#include "support/Repeated.h"
 
 namespace tessaloom {
 namespace {
@@ -63,15 +63,9 @@ const std::string noMatch =
     "malformedOutput: The command's structured output didn't match the expected fields.";
 
 TEST(GenerationOutputParser, ReadsWhatTheEnginesPrinted) {
-  struct Recording {
-    const char* name;
-    GenerationEngineID engine;
-    GenerationShape shape;
-    std::string expected;
-  };
   const std::string fields = R"( {"itemDescription":"Keepsdocs tidy.","tags":["docs","style"],)"
                              R"("globs":["**/*.md"],"alwaysApply":false} )";
-  const std::vector<Recording> recordings{
+  const std::tuple<const char*, GenerationEngineID, GenerationShape, std::string> rows[] = {
       {"claude-free-text.json", claude, freeText, "Hello from the loopback model. 11/7/5"},
       {"claude-item-fields.json", claude, itemFields,
        "{\"itemDescription\":\"Keeps\\tdocs \u202etidy.\","
@@ -90,7 +84,7 @@ TEST(GenerationOutputParser, ReadsWhatTheEnginesPrinted) {
       {"codex-reconnecting.killed.jsonl", codex, freeText,
        "nonZeroExit: Reconnecting... 5/5 (stream disconnected before completion: failed to lookup "
        "address information: Try again)"}};
-  for (const auto& [name, engine, shape, expected] : recordings)
+  for (const auto& [name, engine, shape, expected] : rows)
     EXPECT_EQ(parsed(recording(name), shape, engine), expected) << name;
 }
 
@@ -125,6 +119,13 @@ TEST(GenerationOutputParser, ParsesClaude) {
        {"api error false", besides(R"("api_error_status":false,"result":"r")"), "nonZeroExit: r"},
        {"api error null", besides(R"("api_error_status":null)"), "x"},
        {"usage of another type", besides(R"("usage":[])"), "x"},
+       {"usage",
+        besides(R"("usage":{"input_tokens":70e-1,"output_tokens":9223372036854775807,)"
+                R"("cache_read_input_tokens":9223372036854775808})"),
+        "x 7/9223372036854775807/0"},
+       {"usage that counts nothing",
+        besides(R"("usage":{"input_tokens":-7,"output_tokens":5.7,"cache_read_input_tokens":"7"})"),
+        "x 0/0/0"},
        {"result is no content", R"({"result":"x"})", noContent},
        {"content of another type", structured(R"({"content":1})"), noContent},
        {"structured string", structured(R"("x")"), noContent},
@@ -141,19 +142,6 @@ TEST(GenerationOutputParser, ParsesClaude) {
                structured(R"({"itemDescription":"","globs":[],"alwaysApply":false,)"
                           R"("tags":["","","","","","","","","","","","",""]})"),
                noMatch}});
-}
-
-TEST(GenerationOutputParser, CountsTokens) {
-  const std::string largest = std::to_string(INT64_MAX);
-  const std::pair<std::string, std::string> rows[] = {
-      {"70e-1", "7"}, {largest, largest}, {"9223372036854775808", "0"},
-      {"1e300", "0"}, {"-7", "0"},        {"5.7", "0"},
-      {"true", "0"},  {"\"7\"", "0"}};
-  for (const auto& [number, expected] : rows) {
-    const std::string output =
-        R"({"usage":{"input_tokens":)" + number + R"(},"structured_output":{"content":"x"}})";
-    EXPECT_EQ(parsed(output, freeText, claude), "x " + expected + "/0/0") << number;
-  }
 }
 
 std::string codexMessage(const std::string& text) {
@@ -215,33 +203,24 @@ TEST(GenerationOutputParser, ParsesCodex) {
 }
 
 TEST(GenerationOutputParser, ClassifiesFailures) {
-  struct Case {
-    std::string diagnostic;
-    GenerationEngineID engine;
-    std::string expected;
-  };
   const auto outdated = [](const std::string& name) {
     return "nonZeroExit 3: This version of " + name +
            " didn't accept the options Tessaloom uses. Update it, or choose another engine.";
   };
-  const std::vector<Case> cases{
+  const std::tuple<std::string, GenerationEngineID, std::string> rows[] = {
       {recording("claude-old-version.exit1.stderr"), claude, outdated("claude")},
       {"error: UNEXPECTED ARGUMENT '--json' found", codex, outdated("codex")},
       {"Unrecognized subcommand", claude, outdated("claude")},
       {"unknown option; E401", claude, "notAuthenticated 3: unknown option; E401"},
       {"two\nlines\u200b", codex, "nonZeroExit 3: twolines"},
+      {"not logged  in, 40 1, UNAUTHOR\u0130ZED credential", codex,
+       "nonZeroExit 3: not logged  in, 40 1, UNAUTHOR\u0130ZED credential"},
       {std::string(2'000, 'y'), claude, "nonZeroExit 3: " + std::string(500, 'y')}};
-  for (const Case& row : cases)
-    EXPECT_EQ(described(GenerationOutputParser::classifyFailure(3, row.diagnostic, row.engine)),
-              row.expected);
-}
-
-TEST(GenerationOutputParser, FindsAuthenticationMarkersInAnyCase) {
+  for (const auto& [diagnostic, engine, expected] : rows)
+    EXPECT_EQ(described(GenerationOutputParser::classifyFailure(3, diagnostic, engine)), expected);
   for (const char* text : {"Not Logged In", "run x/LOGIN", "NOT AUTHENTICATED", "Unauthorized",
                            "E401", "no Credentials", "Invalid API \u212aey"})
     EXPECT_TRUE(GenerationOutputParser::looksUnauthenticated(text)) << text;
-  for (const char* text : {"", "not logged  in", "40 1", "credential", "UNAUTHOR\u0130ZED"})
-    EXPECT_FALSE(GenerationOutputParser::looksUnauthenticated(text)) << text;
 }
 
 TEST(GenerationOutputParser, StripsCodeFences) {
@@ -262,18 +241,6 @@ TEST(GenerationOutputParser, StripsCodeFences) {
   };
   for (const auto& [text, expected] : rows)
     EXPECT_EQ(GenerationOutputParser::stripCodeFence(text), expected) << text;
-}
-
-// Whatever an output holds costs linear time and memory, and no stack.
-TEST(GenerationOutputParser, BearsLargeOutputs) {
-  constexpr std::size_t size = 1 << 17;
-  const std::string message = codexMessage(R"({"content":"x"})");
-  for (const std::string& piece : {std::string("{\n"), std::string("{}\n"), message})
-    EXPECT_EQ(parsed(repeated(piece, size / piece.size()) + message, freeText, codex), "x");
-  const std::string deep = std::string(size, '[') + std::string(size, ']');
-  EXPECT_EQ(parsed(message + "{\"type\":" + deep + "}", freeText, codex), "x");
-  EXPECT_EQ(parsed("{\"a\":" + deep + "}", freeText, claude),
-            "malformedOutput: The command's output was not valid JSON.");
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -50,8 +51,6 @@ void operator delete(void* block, std::size_t /*size*/) noexcept {
 namespace tessaloom {
 namespace {
 
-constexpr std::size_t mebibyte = 1'048'576;
-
 using Read = std::function<void(const std::string&)>;
 
 template <class Record>
@@ -63,18 +62,17 @@ void readBody(const std::string& text) {
 }
 
 void readClaude(const std::string& text) {
-  static_cast<void>(GenerationOutputParser::parseClaude(text, GenerationShape::itemFields,
-                                                        GenerationEngineID::claudeCode));
+  std::ignore = GenerationOutputParser::parseClaude(text, GenerationShape::itemFields, {});
 }
 
 void readCodex(const std::string& text) {
-  static_cast<void>(GenerationOutputParser::parseCodex(text, GenerationShape::itemFields,
-                                                       GenerationEngineID::codex));
+  std::ignore = GenerationOutputParser::parseCodex(text, GenerationShape::itemFields, {});
 }
 
 TEST(Memory, ReadingTakesOnlyWhatIsKept) {
-  const auto list = [](const std::string& before, const std::string& item, const std::string& after,
-                       std::size_t size) {
+  constexpr std::size_t size = 1'048'576;
+  const auto list = [](const std::string& before, const std::string& item,
+                       const std::string& after) {
     return before + repeated(item + ",", size / (item.size() + 1)) + item + after;
   };
   const struct {
@@ -84,18 +82,15 @@ TEST(Memory, ReadingTakesOnlyWhatIsKept) {
     std::size_t most;
   } rows[] = {
       // The library keeps the punctuation since the last literal.
-      {"array of objects", readBody<GenerationRequest>, list("[", "{}", "]", 4 * mebibyte),
-       13 * mebibyte},
-      {"unknown key", readBody<GenerationRequest>, list("{\"a\":[", "[]", "]}", 4 * mebibyte),
-       13 * mebibyte},
-      {"array for a text", readBody<GenerationRequest>,
-       list("{\"prompt\":[", "\"\"", "]}", 4 * mebibyte), 4'096},
-      {"tags", readBody<GeneratedFields>, list("{\"tags\":[", "\"t\"", "]}", 4 * mebibyte), 16'384},
-      {"claude: objects", readClaude, list("{\"a\":[", "{}", "]}", 4 * mebibyte), 13 * mebibyte},
+      {"array of objects", readBody<GenerationRequest>, list("[", "{}", "]"), 13 * size / 4},
+      {"unknown key", readBody<GenerationRequest>, list("{\"a\":[", "[]", "]}"), 13 * size / 4},
+      {"array for a text", readBody<GenerationRequest>, list("{\"prompt\":[", "\"\"", "]}"), 4'096},
+      {"tags", readBody<GeneratedFields>, list("{\"tags\":[", "\"t\"", "]}"), 16'384},
+      {"claude: objects", readClaude, list("{\"a\":[", "{}", "]}"), 13 * size / 4},
       // The structured output is kept as text.
-      {"claude: tags", readClaude,
-       list("{\"structured_output\":{\"tags\":[", "\"t\"", "]}}", 4 * mebibyte), 20 * mebibyte},
-      {"codex: lines", readCodex, repeated("{}\n", 4 * mebibyte / 3), 4'096},
+      {"claude: tags", readClaude, list("{\"structured_output\":{\"tags\":[", "\"t\"", "]}}"),
+       5 * size},
+      {"codex: lines", readCodex, repeated("{}\n", size / 3), 4'096},
   };
   for (const auto& row : rows) {
     const std::size_t before = live;

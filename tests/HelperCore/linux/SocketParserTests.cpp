@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
+#include <linux/sock_diag.h>
 #include <netinet/tcp.h>
 
 #include <algorithm>
@@ -51,75 +52,68 @@ TEST(SocketParser, ReadsTheTablesOfAMachineThatIsLittleEndian) {
   EXPECT_EQ(describe(sockets, 5), "udp 127.0.0.53 53");
 }
 
-/// A datagram of a dump, put together message by message.
-class Datagram {
- public:
-  Datagram& add(std::uint16_t type, std::uint16_t flags = 0, std::span<const std::byte> body = {}) {
-    const nlmsghdr header{.nlmsg_len = static_cast<std::uint32_t>(sizeof header + body.size()),
-                          .nlmsg_type = type,
-                          .nlmsg_flags = flags,
-                          .nlmsg_seq = 0,
-                          .nlmsg_pid = 0};
-    std::ranges::copy(std::as_bytes(std::span{&header, 1}), std::back_inserter(bytes_));
-    std::ranges::copy(body, std::back_inserter(bytes_));
-    bytes_.resize(NLMSG_ALIGN(bytes_.size()));
-    return *this;
-  }
-  Datagram& addSocket(const inet_diag_msg& message) {
-    return add(20, 0, std::as_bytes(std::span{&message, 1}));
-  }
-  std::span<const std::byte> bytes() const { return bytes_; }
+using Datagram = std::vector<std::byte>;
 
- private:
-  std::vector<std::byte> bytes_;
-};
+template <class Object>
+std::span<const std::byte> bytesOf(const Object& object) {
+  return std::as_bytes(std::span{&object, 1});
+}
 
-inet_diag_msg diagMessage(std::uint8_t family, std::uint8_t state, std::uint32_t inode) {
+/// A datagram with one more message of a dump.
+Datagram with(Datagram datagram, std::uint16_t type, std::span<const std::byte> body = {},
+              std::uint16_t flags = 0) {
+  const nlmsghdr header{static_cast<std::uint32_t>(sizeof header + body.size()), type, flags, 0, 0};
+  std::ranges::copy(bytesOf(header), std::back_inserter(datagram));
+  std::ranges::copy(body, std::back_inserter(datagram));
+  datagram.resize(NLMSG_ALIGN(datagram.size()));
+  return datagram;
+}
+
+Datagram withSocket(Datagram datagram, std::uint8_t family, std::uint8_t state,
+                    std::uint32_t inode) {
   inet_diag_msg message{};
   message.idiag_family = family;
   message.idiag_state = state;
   message.id.idiag_sport = htons(8080);
   message.id.idiag_src[0] = htonl(family == AF_INET ? 0x7f000001 : 0xfe800000);
   message.idiag_inode = inode;
-  return message;
+  return with(std::move(datagram), SOCK_DIAG_BY_FAMILY, bytesOf(message));
 }
 
 TEST(SocketParser, ReadsADump) {
-  Datagram datagram;
-  datagram.addSocket(diagMessage(AF_INET, TCP_LISTEN, 1))
-      .addSocket(diagMessage(AF_INET6, TCP_LISTEN, 2))
-      .addSocket(diagMessage(AF_INET, TCP_ESTABLISHED, 3))
-      .addSocket(diagMessage(AF_INET, TCP_LISTEN, 0))
-      .add(20);  // Shorter than a socket's message.
+  auto datagram = withSocket({}, AF_INET, TCP_LISTEN, 1);
+  datagram = withSocket(datagram, AF_INET6, TCP_LISTEN, 2);
+  datagram = withSocket(datagram, AF_INET, TCP_ESTABLISHED, 3);
+  datagram = withSocket(datagram, AF_INET, TCP_LISTEN, 0);
+  datagram = with(datagram, SOCK_DIAG_BY_FAMILY);  // Shorter than a socket's message.
   SocketsByInode sockets;
-  EXPECT_EQ(addSocketsOfDump(datagram.bytes(), InternetTransport::tcp, sockets), DumpState::more);
+  EXPECT_EQ(addSocketsOfDump(datagram, InternetTransport::tcp, sockets), DumpState::more);
   EXPECT_EQ(sockets.size(), 2U);
   EXPECT_EQ(describe(sockets, 1), "tcp 127.0.0.1 8080");
   EXPECT_EQ(describe(sockets, 2), "tcp fe80:: 8080");
 
   // A datagram may end anywhere.
-  for (std::size_t length = 0; length < datagram.bytes().size(); ++length) {
+  for (std::size_t length = 0; length < datagram.size(); ++length) {
     SocketsByInode cut;
-    addSocketsOfDump(datagram.bytes().first(length), InternetTransport::tcp, cut);
+    addSocketsOfDump(
+        Datagram(datagram.begin(), datagram.begin() + static_cast<std::ptrdiff_t>(length)),
+        InternetTransport::tcp, cut);
     EXPECT_LE(cut.size(), 2U);
   }
 }
 
 TEST(SocketParser, TellsHowADumpEnds) {
   SocketsByInode sockets;
-  auto state = [&](const Datagram& datagram) {
-    return addSocketsOfDump(datagram.bytes(), InternetTransport::udp, sockets);
-  };
-  EXPECT_EQ(state(Datagram{}.add(NLMSG_ERROR)), DumpState::refused);
-  EXPECT_EQ(state(Datagram{}.add(NLMSG_DONE, NLM_F_DUMP_INTR)), DumpState::interrupted);
-  const std::int32_t noHandler = -ENOENT;
-  const std::int32_t noError = 0;
-  EXPECT_EQ(state(Datagram{}.add(NLMSG_DONE, 0, std::as_bytes(std::span{&noHandler, 1}))),
-            DumpState::refused);
-  EXPECT_EQ(state(Datagram{}.add(NLMSG_DONE, 0, std::as_bytes(std::span{&noError, 1}))),
-            DumpState::complete);
-  EXPECT_EQ(state(Datagram{}.addSocket(diagMessage(AF_INET, TCP_ESTABLISHED, 4)).add(NLMSG_DONE)),
-            DumpState::complete);
+  const std::int32_t noHandler = -ENOENT, noError = 0;
+  const std::pair<Datagram, DumpState> rows[] = {
+      {with({}, NLMSG_ERROR), DumpState::refused},
+      {with({}, NLMSG_DONE, {}, NLM_F_DUMP_INTR), DumpState::interrupted},
+      {with({}, NLMSG_DONE, bytesOf(noHandler)), DumpState::refused},
+      {with({}, NLMSG_DONE, bytesOf(noError)), DumpState::complete},
+      {with(withSocket({}, AF_INET, TCP_ESTABLISHED, 4), NLMSG_DONE), DumpState::complete}};
+  for (const auto& [datagram, state] : rows) {
+    EXPECT_EQ(addSocketsOfDump(datagram, InternetTransport::udp, sockets), state);
+  }
   EXPECT_EQ(describe(sockets, 4), "udp 127.0.0.1 8080");
 }
 
