@@ -21,8 +21,9 @@ std::optional<GlobMatcher> matcherOf(const std::string& pattern, bool caseInsens
   try {
     return GlobMatcher(pattern, caseInsensitive);
   } catch (const GlobPatternError& error) {
-    REQUIRE(naive::failure(pattern) == error.kind());
     REQUIRE(pattern.find(error.offending()) != std::string::npos);
+    const auto offending = naive::decomposed(error.offending());
+    REQUIRE(naive::failure(pattern) == GlobPatternError(error.kind(), offending));
     return std::nullopt;
   }
 }
@@ -48,7 +49,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     pattern = Unicode::lowercased(pattern);
     path = Unicode::lowercased(path);
   }
-  const auto pieces = naive::pieces(path);
-  REQUIRE(matches == (naive::isPath(pieces) && naive::matches(naive::pieces(pattern), pieces)));
+  REQUIRE(matches == naive::matches(naive::pieces(pattern), naive::pieces(path)));
   return 0;
 }

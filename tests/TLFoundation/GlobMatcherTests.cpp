@@ -1,7 +1,7 @@
 #include <map>
-#include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <unordered_set>
 #include <vector>
 
@@ -15,32 +15,6 @@
 namespace tessaloom {
 namespace {
 
-using Kind = GlobPatternError::Kind;
-
-std::optional<GlobPatternError> failureOf(const std::string& pattern) {
-  return thrownBy<GlobPatternError>([&] { GlobMatcher(pattern, false); });
-}
-
-// The order of all refusals of short patterns is compared with the naive one's below.
-TEST(GlobMatcherTests, TellsWhatItRefuses) {
-  struct Row {
-    const char* pattern;
-    Kind expected;
-    const char* offending;
-  };
-  const std::vector<Row> rows{
-      {"a//x]y[abc]", Kind::unsupportedCharacter, "]"},
-      {"**x\\*", Kind::unsupportedCharacter, "\\"},
-      {"a//b**", Kind::emptySegment, ""},
-      {"b**//a", Kind::doubleStarWithinSegment, "b**"},
-      {"x/a**b", Kind::doubleStarWithinSegment, "a**b"},
-  };
-  for (const auto& row : rows) {
-    EXPECT_EQ(failureOf(row.pattern), GlobPatternError(row.expected, row.offending)) << row.pattern;
-  }
-  EXPECT_EQ(failureOf("[\u0301"), std::nullopt);  // with its mark it is another character
-}
-
 TEST(GlobMatcherTests, KeepsThePatternAndItsSegments) {
   const GlobMatcher matcher("A/**/**/**/b\u0130/**", true);
   EXPECT_EQ(matcher.pattern(), "A/**/**/**/b\u0130/**");
@@ -49,12 +23,7 @@ TEST(GlobMatcherTests, KeepsThePatternAndItsSegments) {
 }
 
 TEST(GlobMatcherTests, Matches) {
-  struct Row {
-    const char* pattern;
-    const char* path;
-    bool matches, matchesInAnyCase;
-  };
-  const std::vector<Row> rows{
+  const std::tuple<const char*, const char*, bool, bool> rows[] = {
       {"*.MD", "notes.md", false, true},
       {"*.md", "NOTES.MD", false, true},
       // One user-perceived character, whatever its scalars.
@@ -73,10 +42,9 @@ TEST(GlobMatcherTests, Matches) {
       // Ill-formed parts are one U+FFFD each.
       {"?\uFFFD", "\xF0\x9F\xFF", true, true},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.pattern);
-    EXPECT_EQ(GlobMatcher(row.pattern, false).matches(row.path), row.matches);
-    EXPECT_EQ(GlobMatcher(row.pattern, true).matches(row.path), row.matchesInAnyCase);
+  for (const auto& [pattern, path, matches, matchesInAnyCase] : rows) {
+    EXPECT_EQ(GlobMatcher(pattern, false).matches(path), matches) << pattern;
+    EXPECT_EQ(GlobMatcher(pattern, true).matches(path), matchesInAnyCase) << pattern;
   }
 }
 
@@ -95,25 +63,27 @@ void compareWithNaive(const std::set<std::string>& patterns, const std::set<std:
   std::map<std::string, std::vector<naive::Piece>> pieces;
   for (const auto& path : paths) pieces[path] = naive::pieces(path);
   for (const auto& pattern : patterns) {
-    const auto failure = failureOf(pattern);
-    ASSERT_EQ(failure ? std::optional(failure->kind()) : std::nullopt, naive::failure(pattern))
-        << pattern;
+    auto failure = thrownBy<GlobPatternError>([&] { GlobMatcher(pattern, false); });
+    if (failure) failure.emplace(failure->kind(), naive::decomposed(failure->offending()));
+    ASSERT_EQ(failure, naive::failure(pattern)) << pattern;
     if (failure) continue;
     const GlobMatcher matcher(pattern, false);
     const auto segments = naive::pieces(pattern);
     for (const auto& [path, split] : pieces) {
-      const bool expected = naive::isPath(split) && naive::matches(segments, split);
+      const bool expected = naive::matches(segments, split);
       ASSERT_EQ(matcher.matches(path), expected) << pattern << " against " << path;
     }
   }
 }
 
 TEST(GlobMatcherTests, AgreesWithTheNaiveMatcher) {
-  compareWithNaive(textsOf({"a", "*", "?", "/", "["}, 4), textsOf({"a", "b", "*", "/"}, 3));
+  compareWithNaive(textsOf({"a", "*", "?", "/"}, 4), textsOf({"a", "b", "*", "/"}, 3));
   compareWithNaive(textsOf({"a", "*", "b"}, 5), textsOf({"a", "b", "*"}, 4));
   compareWithNaive(textsOf({"a", "**", "/"}, 5), textsOf({"a", "b", "/"}, 4));
+  compareWithNaive(textsOf({"a", "**", "/", "[", "]", "\\"}, 4), {});
   const std::vector<std::string> marked{"e", "\u0301", "\u00E9", "*", "/"};
   compareWithNaive(textsOf(marked, 4), textsOf(marked, 3));
+  compareWithNaive(textsOf({"[", "\u0301", "\u00E9", "**"}, 3), {});
 }
 
 TEST(GlobMatcherTests, StaysFastOnHostilePatterns) {
@@ -130,7 +100,6 @@ TEST(GlobMatcherTests, EqualByPatternAndCase) {
   const GlobMatcher matcher("\u00E9/*", false);
   EXPECT_EQ(matcher, GlobMatcher("e\u0301/*", false));
   EXPECT_NE(matcher, GlobMatcher("\u00E9/*", true));
-  EXPECT_NE(matcher, GlobMatcher("\u00C9/*", false));
   EXPECT_NE(matcher, GlobMatcher("\u00E9/**", false));
   EXPECT_EQ((std::unordered_set<GlobMatcher>{matcher, GlobMatcher("e\u0301/*", false)}.size()), 1U);
 }

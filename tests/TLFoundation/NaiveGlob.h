@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
+#include <numeric>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -11,7 +12,6 @@
 #include <utf8proc.h>
 
 #include "TLFoundation/GlobMatcher.h"
-#include "TLFoundation/Unicode.h"
 
 /// Globs from their definition: every character is a string in canonical form, every choice of what
 /// a star stands for is tried, and no text has a short cut.
@@ -59,19 +59,23 @@ inline std::vector<Piece> pieces(const std::string& text) {
   return result;
 }
 
-inline std::optional<GlobPatternError::Kind> failure(const std::string& pattern) {
+/// What is wrong with a pattern, with the offending text decomposed.
+inline std::optional<GlobPatternError> failure(const std::string& pattern) {
   using enum GlobPatternError::Kind;
   const auto all = characters(pattern);
-  if (all.empty()) return emptyPattern;
-  if (all.front() == "/") return leadingSlash;
-  if (all.back() == "/") return trailingSlash;
-  for (const auto* one : {"\\", "[", "]"}) {
-    if (std::ranges::count(all, one) > 0) return unsupportedCharacter;
+  if (all.empty()) return GlobPatternError(emptyPattern);
+  if (all.front() == "/") return GlobPatternError(leadingSlash);
+  if (all.back() == "/") return GlobPatternError(trailingSlash);
+  for (const auto& one : all) {
+    if (one == "\\" || one == "[" || one == "]") return GlobPatternError(unsupportedCharacter, one);
   }
   for (const auto& segment : pieces(pattern)) {
-    if (segment.empty()) return emptySegment;
+    if (segment.empty()) return GlobPatternError(emptySegment);
+    const auto text = std::accumulate(segment.begin(), segment.end(), std::string());
     const auto doubleStar = std::ranges::search(segment, Piece{"*", "*"});
-    if (segment.size() > 2 && !doubleStar.empty()) return doubleStarWithinSegment;
+    if (segment.size() > 2 && !doubleStar.empty()) {
+      return GlobPatternError(doubleStarWithinSegment, text);
+    }
   }
   return std::nullopt;
 }
@@ -98,6 +102,7 @@ bool matchesAll(const std::vector<Element>& pattern, const std::vector<Element>&
   return possible[0][0];
 }
 
+/// A path with an empty piece never matches.
 inline bool matches(const std::vector<Piece>& pattern, const std::vector<Piece>& path) {
   const auto isDoubleStar = [](const Piece& segment) { return segment == Piece{"*", "*"}; };
   const auto isCharacter = [](const std::string& one, const std::string& character) {
@@ -107,12 +112,8 @@ inline bool matches(const std::vector<Piece>& pattern, const std::vector<Piece>&
     return !isDoubleStar(segment) && matchesAll(segment, piece, isCharacter,
                                                 [](const std::string& one) { return one == "*"; });
   };
-  return matchesAll(pattern, path, matchesPiece, isDoubleStar);
-}
-
-/// Whether a path of these pieces can match anything at all.
-inline bool isPath(const std::vector<Piece>& path) {
-  return std::ranges::none_of(path, &Piece::empty);
+  return std::ranges::none_of(path, &Piece::empty) &&
+         matchesAll(pattern, path, matchesPiece, isDoubleStar);
 }
 
 }  // namespace tessaloom::naive

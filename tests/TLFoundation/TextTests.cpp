@@ -1,14 +1,14 @@
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "TLFoundation/Scalars.h"
+#include "TLFoundation/DisplayString.h"
 #include "TLFoundation/Unicode.h"
 #include "support/Repeated.h"
 
@@ -17,11 +17,28 @@ using namespace std::string_literals;
 namespace tessaloom {
 namespace {
 
-using Beginnings = std::map<std::string, bool, std::less<>>;
+/// The UTF-8 form of a scalar, written from the definition and not by the code under test.
+std::string encoded(char32_t scalar) {
+  if (scalar < 0x80) return {static_cast<char>(scalar)};
+  const unsigned continuations = scalar < 0x800 ? 1 : scalar < 0x10000 ? 2 : 3;
+  std::string text;
+  text += static_cast<char>((0xFF00U >> (continuations + 1)) | scalar >> 6 * continuations);
+  for (unsigned i = continuations; i-- > 0;) {
+    text += static_cast<char>(0x80 | (scalar >> 6 * i & 0x3F));
+  }
+  return text;
+}
+
+template <class Visit>
+void forEveryScalar(Visit visit) {
+  for (char32_t scalar = 0; scalar <= 0x10FFFF; ++scalar) {
+    if (scalar < 0xD800 || scalar > 0xDFFF) visit(scalar);
+  }
+}
 
 /// Every beginning of a well-formed sequence of these bytes, and whether it is all of it.
-Beginnings beginningsOfSequences(std::string_view bytes) {
-  Beginnings beginnings;
+std::map<std::string, bool> beginningsOfSequences(std::string_view bytes) {
+  std::map<std::string, bool> beginnings;
   forEveryScalar([&](char32_t scalar) {
     const auto sequence = encoded(scalar);
     if (sequence.find_first_not_of(bytes) != std::string::npos) return;
@@ -32,15 +49,14 @@ Beginnings beginningsOfSequences(std::string_view bytes) {
   return beginnings;
 }
 
-std::string naivelyRepaired(std::string_view bytes, const Beginnings& beginnings) {
+std::string naivelyRepaired(std::string bytes, const std::map<std::string, bool>& beginnings) {
   std::string text;
   while (!bytes.empty()) {
     std::size_t length = 1;
     while (length < bytes.size() && beginnings.contains(bytes.substr(0, length + 1))) ++length;
     const auto found = beginnings.find(bytes.substr(0, length));
-    const bool isWhole = found != beginnings.end() && found->second;
-    text += isWhole ? found->first : "\uFFFD";
-    bytes.remove_prefix(length);
+    text += found != beginnings.end() && found->second ? found->first : "\uFFFD";
+    bytes.erase(0, length);
   }
   return text;
 }
@@ -54,22 +70,17 @@ TEST(UnicodeTests, RepairsLikeTheNaiveOracle) {
   for (std::size_t next = 0; next < texts.size(); ++next) {
     const std::string text = texts[next];
     const auto expected = naivelyRepaired(text, beginnings);
-    ASSERT_EQ(Unicode::repairUTF8(text), expected) << testing::PrintToString(text);
-    ASSERT_EQ(Unicode::isValidUTF8(text), text == expected) << testing::PrintToString(text);
-    ASSERT_EQ(Unicode::repairUTF8(ascii + text + ascii), ascii + expected + ascii);
-    ASSERT_EQ(Unicode::isValidUTF8(ascii + text + ascii), text == expected);
+    for (const auto& around : {""s, ascii}) {
+      ASSERT_EQ(Unicode::repairUTF8(around + text + around), around + expected + around);
+      ASSERT_EQ(Unicode::isValidUTF8(around + text + around), text == expected);
+    }
     if (text.size() == 4) continue;
     for (const char byte : alphabet) texts.push_back(text + byte);
   }
 }
 
 TEST(UnicodeTests, CountsCharacters) {
-  struct Row {
-    const char* name;
-    std::string text;
-    std::size_t characters;
-  };
-  const std::vector<Row> rows{
+  const std::tuple<const char*, std::string, std::size_t> rows[] = {
       {"empty", "", 0},
       {"NUL is a character", "a\0b"s, 3},
       {"CR LF is one", "\r\n", 1},
@@ -85,19 +96,16 @@ TEST(UnicodeTests, CountsCharacters) {
       {"hangul syllable from its letters", "\u1100\u1161\u11A8\u4E2D\uAC00\u11A8", 3},
       {"an ill-formed part is one", "a\xF0\x9F\x98\xFF", 3},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(Unicode::characterCount(row.text), row.characters);
-    EXPECT_EQ(Unicode::lastCharacters(row.text, 0), "");
-    EXPECT_EQ(Unicode::lastCharacters(row.text, row.characters), row.text);
-    EXPECT_EQ(Unicode::lastCharacters(row.text, SIZE_MAX), row.text);
+  for (const auto& [name, text, characters] : rows) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(Unicode::characterCount(text), characters);
+    EXPECT_EQ(Unicode::lastCharacters(text, characters), text);
+    EXPECT_EQ(Unicode::lastCharacters(text, SIZE_MAX), text);
   }
-  EXPECT_EQ(Unicode::lastCharacters("ab\r\ncd", 3), "\r\ncd");
-  EXPECT_EQ(Unicode::lastCharacters("\U0001F1E9\U0001F1EA\U0001F1EB", 1), "\U0001F1EB");
 }
 
 TEST(UnicodeTests, LastCharactersOfALongTextAreCountedFromItsEnd) {
-  auto text = repeated("\U0001F468\u200D\U0001F469\u200D\U0001F467\r\n", 40);
+  auto text = repeated("\U0001F468\u200D\U0001F469\u200D\U0001F467\r\n\U0001F1E9\U0001F1EA", 40);
   for (int ending = 0; ending < 30; ++ending) {
     const auto total = Unicode::characterCount(text);
     for (std::size_t count = 0; count <= total; ++count) {
@@ -124,10 +132,48 @@ TEST(UnicodeTests, TrimsTheWhiteSpaceProperty) {
 }
 
 TEST(UnicodeTests, LowercasesFullyAndWithoutContext) {
-  EXPECT_EQ(Unicode::lowercased("README.MD\0Z"s), "readme.md\0z"s);
+  EXPECT_EQ(Unicode::lowercased("README.MD\0@Z["s), "readme.md\0@z["s);
   EXPECT_EQ(Unicode::lowercased("\u0130"), "i\u0307");
   EXPECT_EQ(Unicode::lowercased("\u039F\u03A3"), "\u03BF\u03C3");  // no final sigma
   EXPECT_EQ(Unicode::lowercased("\u00C4\u1E9E\u01C5\U00010400"), "\u00E4\u00DF\u01C6\U00010428");
+}
+
+TEST(DisplayStringTests, CleansAndCuts) {
+  const std::tuple<const char*, std::string, std::int64_t, std::string, std::string> rows[] = {
+      {"NUL and escape sequence", "a\0b\x1B[31m\x7F"s, 10, "ab[31m", "ab[31m"},
+      {"CR LF becomes LF", "a\r\nb", 10, "ab", "a\nb"},
+      {"exactly the limit", "abc", 3, "abc", "abc"},
+      {"cut without a mark", "abcd", 3, "abc", "abc"},
+      {"no room", "abc", 0, "", ""},
+      {"dropped scalars do not count", "\u200B\u200Ba\tb", 2, "ab", "a\t"},
+      {"cut between letter and accent", "xe\u0301", 2, "xe", "xe"},
+      {"ill-formed parts count one each", "\xE2\x80\xFF\xC3z", 3, "\uFFFD\uFFFD\uFFFD",
+       "\uFFFD\uFFFD\uFFFD"},
+      {"a C1 control as a lone byte is ill-formed", "\x85", 9, "\uFFFD", "\uFFFD"},
+  };
+  for (const auto& [name, text, limit, line, lines] : rows) {
+    const auto longer = text + "behind it";
+    const auto view = std::string_view(longer).substr(0, text.size());
+    EXPECT_EQ(DisplayString::singleLine(view, limit), line) << name;
+    EXPECT_EQ(DisplayString::multiLine(view, limit), lines) << name;
+  }
+}
+
+TEST(DisplayStringTests, DropsExactlyTheControlsAndThe17Invisible) {
+  const std::u32string invisible =
+      U"\u200B\u200C\u200D\u200E\u200F\u202A\u202B\u202C\u202D\u202E\u2066\u2067\u2068\u2069\u2028"
+      U"\u2029\uFEFF";
+  forEveryScalar([&](char32_t scalar) {
+    const bool isControl = scalar < 0x20 || (scalar >= 0x7F && scalar <= 0x9F);
+    const auto text = encoded(scalar);
+    const auto line = isControl || invisible.contains(scalar) ? "" : text;
+    ASSERT_EQ(DisplayString::singleLine(text, 1), line) << text;
+    ASSERT_EQ(DisplayString::multiLine(text, 1), text == "\t" || text == "\n" ? text : line);
+  });
+}
+
+TEST(DisplayStringDeathTests, ANegativeLimitEndsTheProcess) {
+  EXPECT_DEATH(DisplayString::singleLine("", -1), "limit is negative");
 }
 
 }  // namespace

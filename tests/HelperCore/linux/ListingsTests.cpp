@@ -1,0 +1,576 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <new>
+#include <optional>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "HelperCore/ListeningPorts.h"
+#include "HelperCore/ProcessIdentity.h"
+#include "HelperCore/ProcessKill.h"
+#include "HelperCore/ProcessListing.h"
+#include "TLFoundation/FileDescriptor.h"
+#include "linux/LinuxKernel.h"
+#include "linux/LinuxProcessHandle.h"
+#include "linux/Parallel.h"
+#include "linux/ProcessPass.h"
+#include "linux/ProcessRecords.h"
+#include "linux/SocketDescriptors.h"
+#include "linux/SocketTable.h"
+#include "support/ObedientChild.h"
+
+namespace tessaloom {
+namespace {
+
+using namespace std::string_literals;
+using Command = ObedientChild::Command;
+using Rows = std::vector<std::string>;
+
+/// An age at which the rest of a process counts, on a machine that ticks at least a hundred times a
+/// second and is busy.
+constexpr std::chrono::milliseconds settled{100};
+
+/// Lists until a process that rests is remembered, which takes three listings.
+template <class List>
+void listUntilRemembered(const List& list) {
+  for (int listing = 0; listing < 4; ++listing) {
+    list();
+    std::this_thread::sleep_for(settled * 3 / 2);
+  }
+}
+
+/// The rows of some processes, in the order of the listing. Others come and go as they like.
+std::vector<RawProcess> processesOf(Kernel& kernel, const std::vector<pid_t>& pids) {
+  auto rows = listRawProcesses(kernel);
+  std::erase_if(rows, [&](const RawProcess& row) { return !std::ranges::count(pids, row.pid); });
+  return rows;
+}
+
+/// The same of their ports, each as in "tcp/127.0.0.1/8080/4242 program".
+std::vector<std::string> portsOf(Kernel& kernel, const std::vector<pid_t>& pids) {
+  std::vector<std::string> rows;
+  for (const PortSample& row : listListeningPorts(kernel)) {
+    if (std::ranges::count(pids, row.pid())) rows.push_back(row.id() + " " + row.processName());
+  }
+  return rows;
+}
+
+enum class SocketUse : std::uint8_t { tcpListening, tcpUnused, udpBound, udpUnbound, udpConnected };
+
+/// A socket on an address of the machine itself and a port of the kernel's choice. None when there
+/// is no IPv6 here.
+FileDescriptor makeSocket(SocketUse use, const char* numericAddress = "127.0.0.1") {
+  addrinfo hints{};
+  hints.ai_flags = AI_NUMERICHOST;
+  addrinfo* name = nullptr;
+  getaddrinfo(numericAddress, use == SocketUse::udpConnected ? "9" : "0", &hints, &name);
+  const bool tcp = use == SocketUse::tcpListening || use == SocketUse::tcpUnused;
+  const int type = (tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC;
+  FileDescriptor made{socket(name->ai_family, type, 0)};
+  int failed = 0;
+  if (use == SocketUse::tcpListening || use == SocketUse::udpBound) {
+    failed |= bind(made.get(), name->ai_addr, name->ai_addrlen);
+  }
+  if (use == SocketUse::tcpListening) failed |= listen(made.get(), 1);
+  if (use == SocketUse::udpConnected) {
+    failed |= connect(made.get(), name->ai_addr, name->ai_addrlen);
+  }
+  freeaddrinfo(name);
+  return failed == 0 ? std::move(made) : FileDescriptor{};
+}
+
+std::string portOf(const FileDescriptor& descriptor) {
+  sockaddr_in6 address{};
+  socklen_t length = sizeof address;
+  getsockname(descriptor.get(), reinterpret_cast<sockaddr*>(&address), &length);
+  return std::to_string(ntohs(address.sin6_port));
+}
+
+TEST(LinuxProcesses, TellsWhatAProcessIs) {
+  LinuxKernel kernel;
+  const double before = kernel.processClockTime().time_since_epoch().count();
+  ObedientChild child;
+  const Instant after = kernel.processClockTime();
+  auto read = [&] { return processesOf(kernel, {child.pid()}).at(0); };
+  const RawProcess first = read();
+  EXPECT_EQ(first.parentPID, getpid());
+  EXPECT_EQ(first.command, "obedient-proces") << "fifteen bytes of the file's name";
+  EXPECT_EQ(first.tty, std::nullopt);
+  EXPECT_GT(first.residentBytes, 0U);
+  // To the tick; and the boot is worked out to the tick below.
+  const Instant started = makeProcessSample(first, after).startedAt();
+  EXPECT_GE(started.time_since_epoch().count(), before - 0.03);
+  EXPECT_LE(started, after);
+  const ProcessStartTime start{first.startSec, first.startUSec};
+  EXPECT_EQ(kernel.openProcess(child.pid())->startTime(), start);
+  child.ask(Command::setName, ") S 1\n\xff");
+  EXPECT_EQ(read().command, ") S 1\n\uFFFD");
+  EXPECT_EQ((ProcessStartTime{read().startSec, read().startUSec}), start);
+}
+
+TEST(LinuxProcesses, ListsTheUsersProcessesByPidWhateverStateTheyAreIn) {
+  LinuxKernel kernel;
+  ObedientChild parent, hidden, headless;
+  const std::int32_t zombie = parent.ask(Command::forkZombie);
+  hidden.ask(Command::hideFromOthers);
+  headless.give(makeSocket(SocketUse::tcpListening));
+  headless.ask(Command::leaveMainThread);
+  for (int listing = 0; listing < 2; ++listing) {
+    auto rows = listRawProcesses(kernel);
+    EXPECT_TRUE(std::ranges::is_sorted(rows, std::ranges::less_equal{}, &RawProcess::pid));
+    for (std::int32_t pid : {parent.pid(), hidden.pid(), headless.pid(), zombie}) {
+      EXPECT_EQ(std::ranges::count(rows, pid, &RawProcess::pid), 1) << pid;
+    }
+    EXPECT_EQ(processesOf(kernel, {zombie}).at(0).residentBytes, 0U);
+    EXPECT_GT(processesOf(kernel, {headless.pid()}).at(0).residentBytes, 0U);
+  }
+  EXPECT_EQ(portsOf(kernel, {headless.pid()}).size(), 1U);
+  if (getuid() == 0) parent.ask(Command::becomeUser, 65534);
+  EXPECT_TRUE(processesOf(kernel, {getuid() == 0 ? parent.pid() : 1}).empty());
+}
+
+TEST(LinuxProcesses, NoticesWhenAParentEndsWhileItsChildRests) {
+  LinuxKernel kernel{settled};
+  ObedientChild parent;
+  const pid_t heir = parent.ask(Command::forkHeir);
+  listUntilRemembered(
+      [&] { EXPECT_EQ(processesOf(kernel, {heir}).at(0).parentPID, parent.pid()); });
+  kill(parent.pid(), SIGKILL);
+  siginfo_t ended{};
+  waitid(P_PID, static_cast<id_t>(parent.pid()), &ended, WEXITED | WNOWAIT);
+  EXPECT_NE(processesOf(kernel, {heir}).at(0).parentPID, parent.pid()) << "it is a zombie now";
+  EXPECT_EQ(processesOf(kernel, {parent.pid()}).size(), 1U);
+  kill(heir, SIGKILL);
+}
+
+TEST(LinuxProcesses, NamesTheTerminalForAsLongAsAProcessHasIt) {
+  FileDescriptor master{posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)};
+  if (!master || grantpt(master.get()) != 0 || unlockpt(master.get()) != 0) {
+    GTEST_SKIP() << "there are no pseudo-terminals here";
+  }
+  char path[64];
+  ASSERT_EQ(ptsname_r(master.get(), path, sizeof path), 0);
+  LinuxKernel kernel{settled};
+  ObedientChild child;
+  ASSERT_EQ(child.ask(Command::takeTerminal, path), 0);
+  listUntilRemembered([&] {
+    EXPECT_EQ("/dev/" + processesOf(kernel, {child.pid()}).at(0).tty.value_or("none"), path);
+  });
+  master.reset();
+  EXPECT_EQ(processesOf(kernel, {child.pid()}).at(0).tty, std::nullopt) << "it was hung up";
+}
+
+TEST(LinuxProcesses, SignalsTheProcessThatItHoldsAndForgetsItWhenItEnded) {
+  using By = LinuxProcessHandle::By;
+  LinuxKernel kernel;
+  const FileDescriptor procDirectory{open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+  const StartClock clock;
+  for (By by : {By::pidfdWherePossible, By::pidOnly}) {
+    ObedientChild child;
+    LinuxProcessHandle held{procDirectory, clock, child.pid(), by};
+    EXPECT_TRUE(held.startTime());
+    EXPECT_EQ(processesOf(kernel, {child.pid()}).size(), 1U);
+    EXPECT_EQ(held.signal(SIGTERM), 0);
+    int status = 0;
+    EXPECT_EQ(waitpid(child.pid(), &status, 0), child.pid());
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+    EXPECT_EQ(held.startTime(), std::nullopt);
+    EXPECT_EQ(held.signal(SIGTERM), ESRCH);
+    EXPECT_EQ(kernel.openProcess(child.pid())->startTime(), std::nullopt);
+    EXPECT_TRUE(processesOf(kernel, {child.pid()}).empty());
+  }
+}
+
+/// Another limit of open descriptors, for the life of this object.
+struct DescriptorLimit {
+  explicit DescriptorLimit(rlim_t limit) {
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit changed{limit, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &changed);
+  }
+  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before); }
+  rlimit before{};
+};
+
+TEST(DescriptorBudget, LeavesAQuarterAndAtLeast256) {
+  for (const auto& [limit, kept] :
+       {std::pair{200U, 0U}, {400U, 144U}, {1024U, 768U}, {4000U, 3000U}}) {
+    const DescriptorLimit limited{limit};
+    DescriptorBudget budget{kept / 2};
+    std::size_t count = kept / 2;
+    while (budget.takeOne()) ++count;
+    EXPECT_EQ(count, kept);
+  }
+}
+
+std::ptrdiff_t countDescriptors() {
+  using Iterator = std::filesystem::directory_iterator;
+  return std::ranges::distance(Iterator{"/proc/self/fd"}, Iterator{});
+}
+
+TEST(LinuxKernel, SharesDescriptorsAmongThreadsAndGivesThemBackWhenTheyRunShort) {
+  const DescriptorLimit limited{512};
+  ObedientChild child;
+  child.give(makeSocket(SocketUse::tcpListening));
+  LinuxKernel kernel;
+  const auto before = countDescriptors();
+  const auto processes = processesOf(kernel, {child.pid()});
+  const auto ports = portsOf(kernel, {child.pid()});
+  EXPECT_EQ(processes.size() + ports.size(), 2U);
+  EXPECT_GT(countDescriptors(), before);
+  const auto expectTheSame = [&] {
+    EXPECT_EQ(portsOf(kernel, {child.pid()}), ports);
+    EXPECT_EQ(processesOf(kernel, {child.pid()}), processes);
+  };
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < 3; ++i) {
+    threads.emplace_back([&] {
+      expectTheSame();
+      kernel.releaseKeptDescriptors();
+      expectTheSame();
+    });
+  }
+  threads.clear();
+  kernel.releaseKeptDescriptors();
+  EXPECT_EQ(countDescriptors(), before);
+  // A signal gets the descriptors that it needs, and so does a listing.
+  for (const bool listing : {false, true}) {
+    expectTheSame();
+    std::vector<FileDescriptor> taken;
+    do {
+      taken.emplace_back(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
+    } while (taken.back());
+    if (listing) {
+      expectTheSame();
+    } else {
+      EXPECT_TRUE(kernel.openProcess(child.pid())->startTime());
+    }
+  }
+}
+
+/// The processes that one of some listings remembers, until `wanted` is among them. On a busy
+/// machine it takes a while until a process that has answered is off its processor.
+std::set<pid_t> everRemembered(pid_t wanted, std::chrono::nanoseconds idleAge, int listings) {
+  const FileDescriptor procDirectory{open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+  const StartClock clock;
+  std::vector<KnownProcess> known;
+  std::set<pid_t> remembered;
+  for (int listing = 0; listing < listings && !remembered.contains(wanted); ++listing) {
+    ProcessPass pass(procDirectory, clock, getuid(), idleAge, std::move(known), true);
+    readProcessRecords(pass);
+    for (const auto& slot : pass.slots()) {
+      if (slot.isRemembered) remembered.insert(slot.known.pid);
+    }
+    known = pass.takeKnown();
+    std::this_thread::sleep_for(settled);
+  }
+  return remembered;
+}
+
+TEST(ProcessPass, RemembersProcessesThatHaveNotRun) {
+  ObedientChild child, threaded;
+  threaded.ask(Command::startThread);
+  const auto remembered = everRemembered(child.pid(), settled, 20);
+  if (!remembered.contains(child.pid())) GTEST_SKIP() << "this kernel does not count";
+  EXPECT_FALSE(remembered.contains(getpid()));
+  EXPECT_FALSE(remembered.contains(threaded.pid())) << "the other thread may have run";
+  EXPECT_FALSE(everRemembered(child.pid(), std::chrono::hours{1}, 4).contains(child.pid()))
+      << "the probe is too young";
+}
+
+TEST(Parallel, DoesEachPieceOnceAndThrowsWhatAThreadThrows) {
+  const auto main = std::this_thread::get_id();
+  std::vector<int> done(1'000);
+  const auto work = [&](std::size_t index) {
+    std::this_thread::sleep_for(std::chrono::microseconds{20});
+    ++done[index];
+  };
+  forEachPart(done.size(), work);
+  EXPECT_EQ(done, std::vector<int>(done.size(), 1));
+  const auto fail = [&](std::size_t index) {
+    work(index);
+    // With one processor there is no other thread.
+    const bool isOther = std::this_thread::get_id() != main;
+    if (isOther || index + 1 == done.size()) throw std::bad_alloc();
+  };
+  EXPECT_THROW(forEachPart(done.size(), fail), std::bad_alloc);
+}
+
+/// As `portsOf` shows it.
+std::string row(const std::string& transport, const std::string& address, const std::string& port,
+                const ObedientChild& child) {
+  return transport + "/" + address + "/" + port + "/" + std::to_string(child.pid()) +
+         " obedient-proces";
+}
+
+TEST(LinuxSockets, ListsTheSocketsThatWait) {
+  LinuxKernel kernel;
+  ObedientChild child;
+  Rows expected;
+  for (const char* address : {"127.0.0.1", "::1", "::ffff:127.0.0.1"}) {
+    for (const auto use : {SocketUse::tcpListening, SocketUse::tcpUnused, SocketUse::udpBound,
+                           SocketUse::udpUnbound, SocketUse::udpConnected}) {
+      const FileDescriptor socket = makeSocket(use, address);
+      if (!socket) continue;  // A machine without IPv6.
+      child.give(socket);
+      if (use == SocketUse::tcpUnused || use == SocketUse::udpUnbound) continue;
+      const char* transport = use == SocketUse::tcpListening ? "tcp" : "udp";
+      expected.push_back(row(transport, address, portOf(socket), child));
+    }
+  }
+  EXPECT_EQ(portsOf(kernel, {child.pid()}), expected);
+}
+
+TEST(LinuxSockets, ListsTheHelperItself) {
+  LinuxKernel kernel;
+  FileDescriptor socket = makeSocket(SocketUse::tcpListening);
+  // Of its descriptors, those that it keeps of others are left out.
+  processesOf(kernel, {getpid()});
+  const auto rows = portsOf(kernel, {getpid()});
+  ASSERT_EQ(rows.size(), 1U);
+  EXPECT_TRUE(rows[0].starts_with("tcp/127.0.0.1/" + portOf(socket) + "/"));
+}
+
+TEST(LinuxSockets, FindsTheSocketsOfOtherNetworkNamespaces) {
+  LinuxKernel kernel;
+  std::optional<ObedientChild> away{std::in_place};
+  if (away->ask(Command::enterNetwork) != 0) {
+    GTEST_SKIP() << "making a network namespace takes rights that are not there";
+  }
+  const std::int32_t number = away->ask(Command::listen);
+  const auto ports = portsOf(kernel, {away->pid()});
+  if (ports.empty() && getuid() != 0) GTEST_SKIP() << "the namespace may not be looked at";
+  ASSERT_EQ(ports.size(), 1U);
+  // Handed over, so that the one process that stays in the namespace has no socket open.
+  ObedientChild home;
+  const FileDescriptor socket = away->take(number);
+  home.give(socket);
+  const pid_t heir = away->ask(Command::forkHeir);
+  away.reset();
+  EXPECT_EQ(portsOf(kernel, {heir, home.pid()}), Rows{row("tcp", "0.0.0.0", portOf(socket), home)});
+  kill(heir, SIGKILL);
+}
+
+TEST(LinuxSockets, FindsTheSocketsThatAThreadHasToItself) {
+  LinuxKernel kernel;
+  ObedientChild child;
+  child.ask(Command::startThread);
+  const auto port = std::to_string(child.ask(Command::startThreadApart));
+  EXPECT_EQ(portsOf(kernel, {child.pid()}), Rows{row("tcp", "0.0.0.0", port, child)});
+}
+
+/// In another namespace, whose tables the kernel gives piece by piece.
+TEST(LinuxSockets, SkipsNoneWhileOthersComeAndGo) {
+  constexpr int count = 100;
+  ObedientChild child;
+  if (child.ask(Command::enterNetwork) != 0) {
+    GTEST_SKIP() << "making a network namespace takes rights that are not there";
+  }
+  child.ask(Command::churnSockets, count);
+  const FileDescriptor procDirectory{open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+  const ProcFiles proc{procDirectory};
+  auto inodes = readSocketDescriptors(proc, child.pid()).inodes;
+  if (inodes.empty() && getuid() != 0) GTEST_SKIP() << "the namespace may not be looked at";
+  inodes.resize(1 + count);  // The socket to its parent, and those that stay.
+  for (int reading = 0; reading < 20; ++reading) {
+    SocketTable table;
+    SocketTable::Progress progress{};
+    table.addFrom(proc, child.pid(), progress);
+    const auto isListed = [&table](std::uint32_t inode) { return table.find(inode) != nullptr; };
+    EXPECT_EQ(std::ranges::count_if(inodes, isListed), count);
+  }
+}
+
+TEST(LinuxSockets, SeesWhatAnotherProcessDoesWithASharedTable) {
+  LinuxKernel kernel{settled};
+  ObedientChild child;
+  const FileDescriptor socket = makeSocket(SocketUse::tcpListening);  // Goes on listening.
+  const std::int32_t number = child.give(socket);
+  const pid_t sharing = child.ask(Command::forkSharing, number);
+  listUntilRemembered([&] { EXPECT_EQ(portsOf(kernel, {child.pid(), sharing}).size(), 2U); });
+  kill(sharing, SIGUSR1);
+  const std::string link = "/proc/" + std::to_string(child.pid()) + "/fd/" + std::to_string(number);
+  while (access(link.c_str(), F_OK) == 0) std::this_thread::yield();
+  EXPECT_EQ(portsOf(kernel, {child.pid(), sharing}), Rows{});
+}
+
+/// Processes that do at random what changes a listing.
+class Churn {
+ public:
+  explicit Churn(std::uint32_t seed) : random_(seed) {
+    for (auto& child : children_) child = std::make_unique<Child>();
+  }
+
+  std::vector<pid_t> pids() const {
+    std::vector<pid_t> all;
+    for (const auto& child : children_) {
+      all.push_back(child->process.pid());
+      all.insert(all.end(), child->twins.begin(), child->twins.end());
+    }
+    return all;
+  }
+
+  void step() {
+    std::unique_ptr<Child>& slot = children_[pick(children_.size())];
+    auto& [process, numbers, twins] = *slot;
+    const auto action = pick(11);
+    if (action == 0) {
+      slot = std::make_unique<Child>();  // Its twins end with it, some time.
+    } else if (action == 1) {
+      twins.push_back(process.ask(Command::forkTwin));
+    } else if (action == 2) {
+      process.ask(Command::execAgain);
+    } else if (action == 3) {
+      process.ask(Command::setName, "name " + std::to_string(pick(1000)));
+    } else if (action == 4) {
+      process.ask(Command::hideFromOthers);  // Until it executes a program.
+    } else if (action <= 6 || numbers.empty()) {
+      const char* address = pick(2) == 0 ? "127.0.0.1" : "::1";
+      numbers.insert(process.give(makeSocket(static_cast<SocketUse>(pick(5)), address)));
+    } else if (action == 7) {
+      numbers.insert(process.ask(Command::duplicate, anyOf(numbers)));
+    } else if (action == 8) {
+      process.ask(Command::duplicateOnto, anyOf(numbers), anyOf(numbers));
+    } else {
+      const std::int32_t number = anyOf(numbers);
+      const FileDescriptor taken = process.take(number);
+      numbers.erase(number);
+      if (action == 9) return;
+      Child& taker = *children_[pick(children_.size())];
+      taker.numbers.insert(taker.process.give(taken));
+    }
+  }
+
+ private:
+  struct Child {
+    ObedientChild process;
+    std::set<std::int32_t> numbers;  ///< Of descriptors that it was given; -1 for none.
+    std::vector<pid_t> twins;
+  };
+
+  std::size_t pick(std::size_t count) { return random_() % count; }
+  std::int32_t anyOf(const std::set<std::int32_t>& numbers) {
+    return *std::next(numbers.begin(), static_cast<std::ptrdiff_t>(pick(numbers.size())));
+  }
+
+  std::mt19937 random_;
+  std::array<std::unique_ptr<Child>, 5> children_;
+};
+
+TEST(LinuxListingsUnderChurn, EqualThoseOfAFreshStart) {
+  const std::uint32_t seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  Churn churn{seed};
+  LinuxKernel kernel{settled};
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds{2};
+  for (int round = 0; std::chrono::steady_clock::now() < end && !HasFailure(); ++round) {
+    SCOPED_TRACE("after step " + std::to_string(round));
+    churn.step();
+    const auto pids = churn.pids();
+    LinuxKernel fresh;
+    const auto comparePorts = [&] { EXPECT_EQ(portsOf(kernel, pids), portsOf(fresh, pids)); };
+    // Without what may differ: two kernels may take the boot for different ticks, and a process
+    // that just started still grows.
+    const auto processes = [&pids](LinuxKernel& listed) {
+      Rows rows;
+      for (const RawProcess& each : processesOf(listed, pids)) {
+        rows.push_back(std::to_string(each.pid) + " of " + std::to_string(each.parentPID) + " " +
+                       each.tty.value_or("-") + " " + each.command);
+      }
+      return rows;
+    };
+    // What one listing reads, the other may believe: at times the ports are not asked for.
+    const bool withPorts = round % 12 < 4 || round % 12 == 11;
+    if (withPorts && round % 2 == 0) comparePorts();
+    EXPECT_EQ(processes(kernel), processes(fresh));
+    if (withPorts && round % 2 == 1) comparePorts();
+  }
+}
+
+/// The next process gets `pid`, if it is free. Takes CAP_CHECKPOINT_RESTORE or CAP_SYS_ADMIN over
+/// the pid namespace.
+bool setNextPID(pid_t pid) {
+  std::ofstream file{"/proc/sys/kernel/ns_last_pid"};
+  file << pid - 1 << std::flush;
+  return file.good();
+}
+
+/// Whether the pid of a listed process came round.
+bool tryOnce(LinuxKernel& kernel) {
+  std::optional<ObedientChild> listed{std::in_place};
+  const pid_t pid = listed->pid();
+  std::vector<ProcessIdentity> identities;
+  for (const RawProcess& row : listRawProcesses(kernel)) {
+    identities.push_back({row.pid, row.startSec, row.startUSec});
+  }
+  ProvenanceCache cache{std::chrono::seconds{60}};
+  cache.record(identities, kernel.wallClockTime());
+  const auto held = kernel.openProcess(pid);
+  const auto heldStart = held->startTime();
+  listed.reset();
+  setNextPID(pid);
+  ObedientChild successor;
+  if (successor.pid() != pid) return false;
+  EXPECT_NE(kernel.openProcess(pid)->startTime(), heldStart);
+  const KillRequest request{.pid = ProcessID{pid}, .signal = Signal::terminate};
+  EXPECT_FALSE(killProcess(request, kernel, cache).succeeded);
+  EXPECT_EQ(held->signal(SIGTERM), ESRCH);
+  EXPECT_NO_THROW(successor.ask(ObedientChild::Command::duplicate)) << "a signal ended it";
+  return true;
+}
+
+TEST(LinuxPIDReuse, NeverLetsASignalReachTheSuccessor) {
+  // A thousand tries take a minute of ticks.
+  const char* wanted = getenv("TESSALOOM_PID_REUSE_TRIES");
+  const int tries = wanted != nullptr ? atoi(wanted) : 50;
+  constexpr int failed = 1, refused = 2;
+  // The first process of a pid namespace of its own, where nobody else takes pids.
+  const int namespaces = CLONE_NEWPID | CLONE_NEWNS | (getuid() == 0 ? 0 : CLONE_NEWUSER);
+  const long pid = syscall(SYS_clone, namespaces | SIGCHLD, nullptr, nullptr, nullptr, 0L);
+  if (pid == 0) {
+    const bool prepared = mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                          mount("proc", "/proc", "proc", 0, nullptr) == 0 && setNextPID(1000);
+    if (!prepared) _exit(refused);
+    LinuxKernel kernel;
+    int reused = 0;
+    for (int i = 0; i < tries; ++i) reused += tryOnce(kernel) ? 1 : 0;
+    EXPECT_GT(reused, tries / 2);
+    std::fflush(stdout);
+    _exit(HasFailure() ? failed : 0);
+  }
+  int status = refused << 8;
+  if (pid > 0) waitpid(static_cast<pid_t>(pid), &status, 0);
+  if (WEXITSTATUS(status) == refused) {
+    GTEST_SKIP() << "setting the next pid takes a pid namespace and rights over it";
+  }
+  EXPECT_EQ(status, 0);
+}
+
+}  // namespace
+}  // namespace tessaloom
