@@ -17,6 +17,7 @@
 #include <future>
 #include <iterator>
 #include <limits>
+#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,7 +25,6 @@
 #include <gtest/gtest.h>
 
 #include "Subprocess.h"
-#include "TLFoundation/FileDescriptor.h"
 #include "TessaloomHelper/CLIRunner.h"
 #include "support/TemporaryDirectory.h"
 
@@ -60,13 +60,6 @@ void setDispositions(sighandler_t disposition) {
   for (const int signal : {SIGHUP, SIGTERM, 32, 33, 64}) {
     EXPECT_EQ(::syscall(SYS_rt_sigaction, signal, action, nullptr, sizeof(std::uint64_t)), 0);
   }
-}
-
-/// What follows the label on its line.
-std::string valueIn(const std::string& text, const std::string& label) {
-  const auto from = text.find_first_not_of(" \t", text.find("\n" + label) + 1 + label.size());
-  std::string value = text.substr(from, text.find('\n', from) - from);
-  return value.substr(0, value.find_last_not_of(' ') + 1);
 }
 
 /// Waits for any child and tells the signal that ended it; -1 when there is none.
@@ -203,10 +196,10 @@ TEST_F(CLIRunnerTest, ChildHasWhatItIsGivenAndNothingElse) {
   EXPECT_TRUE(printed.starts_with("input 0\n1\n2\nA=\nB=2=2\n" + directory.path().string() + "\n"))
       << printed;
   EXPECT_EQ(outcome->standardError, "x\n");
-  EXPECT_EQ(valueIn(printed, "SigBlk:"), "0000000000000000");
-  EXPECT_EQ(valueIn(printed, "SigIgn:"), "0000000000000000");
-  EXPECT_EQ(valueIn(printed, "NSpgid:"), valueIn(printed, "NSpid:")) << "leads no group";
-  EXPECT_EQ(valueIn(printed, "Max open files"), "64                   4096                 files");
+  for (const char* line : {"SigBlk:\t0{16}\n", "SigIgn:\t0{16}\n", "NSpid:(.*)\nNSpgid:\\1\n",
+                           "Max open files +64 +4096 +files"}) {
+    EXPECT_TRUE(std::regex_search(printed, std::regex(line))) << line << printed;
+  }
 }
 
 TEST_F(CLIRunnerTest, LaunchFailuresCarryTheSystemsText) {
@@ -295,33 +288,6 @@ TEST_F(CLIRunnerTest, EndAllEndsEveryRunAndEveryLaterOne) {
   for (const auto& outcome : {registered.get(), probe.get(), later}) {
     expectFailure(outcome, Kind::cancelled);
   }
-}
-
-TEST_F(CLIRunnerTest, DescriptorExhaustionIsALaunchFailureUnlessSomeAreGivenUp) {
-  rlimit before{};
-  ::getrlimit(RLIMIT_NOFILE, &before);
-  // The lowest that is free, before and after: none is left open.
-  const auto next = [] { return FileDescriptor(::dup(STDIN_FILENO)).get(); };
-  const int lowest = next();
-  const auto invocation = practice({});
-  // Reached through this object, a sanitizer would need descriptors.
-  const auto runWith = [&](CLIRunner& local, int more) {
-    const rlimit tight{static_cast<rlim_t>(lowest + more), before.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &tight);
-    const auto outcome = local.run(invocation, std::nullopt, engine, ample);
-    ::setrlimit(RLIMIT_NOFILE, &before);
-    return outcome;
-  };
-  for (int more = 0; more < 8; ++more) {
-    expectFailure(runWith(runner, more), Kind::launchFailed, "Too many open files");
-    EXPECT_EQ(next(), lowest) << more;
-  }
-  EXPECT_TRUE(runWith(runner, 12));
-
-  std::vector<FileDescriptor> kept;
-  for (int i = 0; i < 12; ++i) kept.emplace_back(::dup(STDIN_FILENO));
-  CLIRunner giving({}, [&kept] { kept.clear(); });
-  EXPECT_TRUE(runWith(giving, 12));
 }
 
 TEST_F(CLIRunnerTest, ManagesWithoutTheNewerCalls) {

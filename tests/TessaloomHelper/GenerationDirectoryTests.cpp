@@ -21,10 +21,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-mode_t modeOf(const fs::path& path) {
-  struct stat facts{};
-  EXPECT_EQ(::lstat(path.c_str(), &facts), 0) << path;
-  return facts.st_mode & 07777;
+fs::perms modeOf(const fs::path& path) {
+  return fs::symlink_status(path).permissions();
 }
 
 const UUID id = *UUID::parse("0f8fad5b-d9cb-469f-a165-70867728950e");
@@ -40,8 +38,8 @@ TEST(GenerationDirectoryTest, IsPrivateWhateverTheUmaskAndGoesWithItsObject) {
       ASSERT_TRUE(directory) << umask;
       EXPECT_EQ(directory->path(), perUser / name);
       EXPECT_EQ(directory->write("schema.json", "{}"), perUser / name / "schema.json");
-      EXPECT_EQ(modeOf(perUser), 0700U);
-      EXPECT_EQ(modeOf(perUser / name), 0700U);
+      EXPECT_EQ(modeOf(perUser), fs::perms(0700));
+      EXPECT_EQ(modeOf(perUser / name), fs::perms(0700));
       EXPECT_EQ(fs::file_size(perUser / name / "schema.json"), 2U);
     }
     ::umask(before);
@@ -160,7 +158,7 @@ TEST(GenerationDirectoryTest, RemovesWhateverAnEngineLeft) {
   };
   EXPECT_EXIT(leaveAndRemove(), testing::ExitedWithCode(0), "");
   EXPECT_TRUE(fs::exists(elsewhere / "kept"));
-  EXPECT_EQ(modeOf(elsewhere.path()), 0750U);
+  EXPECT_EQ(modeOf(elsewhere.path()), fs::perms(0750));
 }
 
 TEST(GenerationDirectoryTest, WritesAllOrTellsThatItDidNot) {

@@ -1,4 +1,3 @@
-#include <fstream>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -10,8 +9,6 @@
 
 namespace tessaloom {
 namespace {
-
-using namespace std::chrono_literals;
 
 /// A service without engines, on a system with process 42 and a wall clock that a test sets.
 class HelperServiceTest : public testing::Test {
@@ -59,8 +56,7 @@ class HelperServiceTest : public testing::Test {
              return std::unexpected(
                  GenerationErrorPayload{GenerationFailureKind::launchFailed, engine});
            }}};
-  std::filesystem::path executable = temporary / "helper";
-  ExitWhenIdle exit{executable, ExecutableIdentity{1, 2, {}}, runner, tasks, [] {}};
+  ExitWhenIdle exit{{}, {}, runner, tasks, [] {}};
   ServiceContext context{.coordinator = coordinator,
                          .kernel = kernel,
                          .exitWhenIdle = exit,
@@ -91,18 +87,6 @@ TEST_F(HelperServiceTest, DecodesBeforeItMovesTheWork) {
   EXPECT_EQ(unfinished, 1U);
   tasks.isExhausted = true;
   EXPECT_EQ(call(service, "GenerateText", request), "The helper is out of memory.");
-}
-
-TEST_F(HelperServiceTest, LeavesOnlyAfterItHasSaidSo) {
-  std::ofstream(executable).put('x');
-  std::size_t scheduledBefore = 99;
-  service.call(methodNamed("QuitIfOutdated"), {}, [&](const Reply& outcome) {
-    EXPECT_EQ(std::get<Bytes>(outcome), R"({"isOutdated":true,"willExit":true})");
-    scheduledBefore = tasks.entries.size();
-  });
-  EXPECT_EQ(scheduledBefore, 0U);
-  ASSERT_EQ(tasks.entries.size(), 1U);
-  EXPECT_EQ(tasks.entries[0].delay, 200ms);
 }
 
 TEST_F(HelperServiceTest, ListsAsOfOneMomentAndRecordsAsOfTheNext) {
