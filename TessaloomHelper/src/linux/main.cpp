@@ -4,14 +4,12 @@
 
 #include <chrono>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "GenerationDirectory.h"
 #include "HelperCore/ExecutableIdentity.h"
@@ -21,6 +19,7 @@
 #include "HelperProtocol/linux/BusHandles.h"
 #include "HelperProtocol/linux/SessionBus.h"
 #include "Log.h"
+#include "SelfDescription.h"
 #include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/linux/ExecutablePath.h"
 #include "TessaloomHelper/CLIRunner.h"
@@ -58,20 +57,6 @@ void limitFreedMemory() {
   ::mallopt(M_MMAP_THRESHOLD, threshold);
   ::mallopt(M_TRIM_THRESHOLD, threshold);
   ::mallopt(M_ARENA_MAX, 2);
-}
-
-// Somebody who starts the helper to see what it is gets an answer instead of a helper.
-bool describe(std::string_view option) {
-  const bool wantsVersion = option == "--version" || option == "-V";
-  if (!wantsVersion && option != "--help" && option != "-h") return false;
-  std::fputs("tessaloom-helper " TESSALOOM_VERSION "\n", stdout);
-  if (!wantsVersion) {
-    std::fputs(
-        "The companion process of the Tessaloom document editor. The session bus starts it with\n"
-        "the first call; it has no options. To call it: tessaloom-helperctl --help\n",
-        stdout);
-  }
-  return true;
 }
 
 int serve() {
@@ -133,7 +118,7 @@ int serve() {
 }  // namespace tessaloom
 
 int main(int argc, char** argv) {
-  if (argc > 1 && tessaloom::describe(argv[1])) return 0;
+  if (argc > 1 && tessaloom::describeSelf(argv[1], "tessaloom-helper", "The session bus")) return 0;
   try {
     return tessaloom::serve();
   } catch (const std::exception& error) {
