@@ -1,6 +1,6 @@
 #pragma once
 
-// What is read of Darwin's records, at Darwin's offsets; see KernelRecordsChecks.cpp.
+// What is read of Darwin's records, at Darwin's offsets; see KernelLayoutChecks.cpp.
 
 #include <stdint.h>
 
