@@ -44,11 +44,11 @@ endforeach()
 set(CMAKE_EXE_LINKER_FLAGS_INIT
     "-F${stubs}/Frameworks -L${stubs}/lib -framework CoreFoundation -lobjc")
 
-# The two libraries from outside the platform: their headers as Debian installs them, but apart from
+# The libraries from outside the platform, and the tests': their headers as Debian installs them, but apart from
 # /usr/include, whose C headers are another system's.
 if(NOT DEFINED TESSALOOM_CHECK_PREFIX)
   set(TESSALOOM_CHECK_PREFIX "${CMAKE_BINARY_DIR}/prefix")
-  file(COPY /usr/include/nlohmann /usr/include/utf8proc.h
+  file(COPY /usr/include/nlohmann /usr/include/utf8proc.h /usr/include/gtest /usr/include/gmock
        DESTINATION "${TESSALOOM_CHECK_PREFIX}/usr/include")
   file(COPY /usr/share/cmake/nlohmann_json DESTINATION "${TESSALOOM_CHECK_PREFIX}/usr/share/cmake")
   file(COPY "${stubs}/lib/libutf8proc.tbd" DESTINATION "${TESSALOOM_CHECK_PREFIX}/usr/lib")

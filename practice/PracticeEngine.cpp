@@ -337,8 +337,8 @@ void carryOutWordsIn(Session& session, const std::string& text) {
     ::setrlimit(RLIMIT_CORE, &noCore);
     ::signal(session.deathSignal, SIG_DFL);
     sigset_t set;
-    ::sigemptyset(&set);
-    ::sigaddset(&set, session.deathSignal);
+    sigemptyset(&set);  // Macros elsewhere, so without a scope.
+    sigaddset(&set, session.deathSignal);
     ::sigprocmask(SIG_UNBLOCK, &set, nullptr);
     ::kill(::getpid(), session.deathSignal);
     sleepFor(60'000);

@@ -29,7 +29,7 @@ const UUID id = *UUID::parse("0f8fad5b-d9cb-469f-a165-70867728950e");
 const std::string name = "tessaloom-generation-0F8FAD5B-D9CB-469F-A165-70867728950E";
 
 TEST(GenerationDirectoryTest, IsPrivateWhateverTheUmaskAndGoesWithItsObject) {
-  for (const mode_t umask : {0U, 0777U}) {
+  for (const mode_t umask : {mode_t{0}, mode_t{0777}}) {
     const TemporaryDirectory outer;
     const fs::path perUser = outer.path() / "missing" / "perUser";
     const mode_t before = ::umask(umask);
@@ -143,7 +143,7 @@ TEST(GenerationDirectoryTest, RemovesWhateverAnEngineLeft) {
     constexpr uid_t nobody = 65534;
     constexpr rlimit few{32, 32};
     if (::getuid() == 0 && (::chown(perUser.path().c_str(), nobody, nobody) != 0 ||
-                            ::setresuid(nobody, nobody, nobody) != 0)) {
+                            ::setuid(nobody) != 0)) {
       std::_Exit(1);
     }
     if (::setrlimit(RLIMIT_NOFILE, &few) != 0) std::_Exit(2);
