@@ -18,29 +18,38 @@ typedef NS_ENUM(NSInteger, HelperFailure) {
 ///
 /// One for the whole editor, because the helper signals only processes that the same connection has
 /// listed. Every block is called exactly once, on a queue of the system's and never before its
-/// method has returned. Safe from any thread.
+/// method has returned. Safe from any thread. Plain Objective-C, for Swift too: see
+/// Assistant.swift.
 @interface HelperClient : NSObject
 
 /// Registers the helper's agent unless it is enabled. Before the first call ever: nobody can start
 /// an agent that was never registered, so the helper's own registration comes too late for it.
-+ (BOOL)registerHelper:(NSError* _Nullable __autoreleasing* _Nullable)error;
+/// In Swift it throws the error.
++ (BOOL)registerHelper:(NSError* _Nullable __autoreleasing* _Nullable)error
+    NS_SWIFT_NAME(registerHelper());
 
 /// Whether an engine's executable is there, and its version.
-- (void)statusOfEngine:(NSString*)engine reply:(void (^)(BOOL isFound, NSString* version))reply;
+- (void)statusOfEngine:(NSString*)engine
+                 reply:(void (^)(BOOL isFound, NSString* version))reply
+    NS_SWIFT_NAME(status(ofEngine:reply:));
 
 /// Generates free text. The identifier is the request's, for cancelling: the text form of a UUID.
 - (void)generateText:(NSString*)prompt
               engine:(NSString*)engine
           identifier:(NSString*)identifier
                reply:(void (^)(NSString* _Nullable text, HelperFailure failure,
-                               NSString* description))reply;
+                               NSString* description))reply
+    NS_SWIFT_NAME(generateText(_:engine:identifier:reply:));
 
 /// Whether an engine was running and is being stopped. Repeat it until it says so or the generation
 /// has replied: before the engine was launched there is nothing to stop.
-- (void)cancel:(NSString*)identifier reply:(void (^)(BOOL isSignalled))reply;
+- (void)cancel:(NSString*)identifier
+         reply:(void (^)(BOOL isSignalled))reply NS_SWIFT_NAME(cancel(_:reply:));
 
 /// Lists the processes and ends the given one. The message is for the user.
-- (void)stopProcess:(int)pid reply:(void (^)(BOOL isSignalled, NSString* message))reply;
+- (void)stopProcess:(int)pid
+              reply:(void (^)(BOOL isSignalled, NSString* message))reply
+    NS_SWIFT_NAME(stopProcess(_:reply:));
 
 /// Once after the editor starts and after it was updated: a helper whose executable was replaced
 /// exits as soon as no generation runs, and the next call starts the new one.

@@ -9,7 +9,11 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#ifdef __cplusplus
 #define FOUNDATION_EXPORT extern "C"
+#else
+#define FOUNDATION_EXPORT extern
+#endif
 #ifndef NS_DESIGNATED_INITIALIZER
 #define NS_DESIGNATED_INITIALIZER __attribute__((objc_designated_initializer))
 #endif
@@ -19,9 +23,16 @@
   enum __attribute__((enum_extensibility(open))) name : type name; \
   enum name : type
 // In C++ an option set is a plain integer.
+#ifdef __cplusplus
 #define NS_OPTIONS(type, name) \
   type name;                   \
   enum __attribute__((flag_enum, enum_extensibility(open))) : type
+#else
+#define NS_OPTIONS(type, name)                                            \
+  enum __attribute__((flag_enum, enum_extensibility(open))) name : type name; \
+  enum name : type
+#endif
+#define NS_SWIFT_NAME(name) __attribute__((swift_name(#name)))
 #define NS_ASSUME_NONNULL_BEGIN _Pragma("clang assume_nonnull begin")
 #define NS_ASSUME_NONNULL_END _Pragma("clang assume_nonnull end")
 

@@ -1,0 +1,56 @@
+// How an editor in Swift uses the helper: over HelperClient, which its bridging header imports with
+//   #import "HelperClient.h"
+
+import Foundation
+
+/// Asks an engine for text and shows it. Used on the main thread.
+final class Assistant {
+  private let helper = HelperClient()
+  private var running: String?
+
+  /// Once, after the editor starts: nothing can start an agent that was never registered.
+  func start() throws {
+    try HelperClient.registerHelper()
+    helper.afterUpdate()
+  }
+
+  /// Whether an engine can be used, and its version.
+  func look(for engine: String, show: @escaping (String) -> Void) {
+    helper.status(ofEngine: engine) { isFound, version in
+      DispatchQueue.main.async { show(isFound ? version : "not installed") }
+    }
+  }
+
+  func write(_ prompt: String, show: @escaping (String) -> Void) {
+    let identifier = UUID().uuidString
+    running = identifier
+    helper.generateText(prompt, engine: "claudeCode", identifier: identifier) { text, failure, description in
+      DispatchQueue.main.async {
+        self.running = nil
+        switch failure {
+        case .none: show(text ?? "")
+        case .cancelled: break
+        case .signIn: show("Sign in to the engine first: \(description)")
+        case .connection: show("The helper is not available: \(description)")
+        default: show(description)
+        }
+      }
+    }
+  }
+
+  /// Before its engine was launched a generation cannot be stopped, so this repeats until it takes effect.
+  func cancel() {
+    guard let identifier = running else { return }
+    helper.cancel(identifier) { isSignalled in
+      guard !isSignalled else { return }
+      DispatchQueue.main.asyncAfter(deadline: .now() + 0.1) { self.cancel() }
+    }
+  }
+
+  /// The listing that allows the signal is a part of the call.
+  func stop(process: Int32, show: @escaping (String) -> Void) {
+    helper.stopProcess(process) { isSignalled, message in
+      DispatchQueue.main.async { show(isSignalled ? "Stopped." : message) }
+    }
+  }
+}
