@@ -142,8 +142,8 @@ TEST(GenerationDirectoryTest, RemovesWhateverAnEngineLeft) {
   const auto leaveAndRemove = [&] {
     constexpr uid_t nobody = 65534;
     constexpr rlimit few{32, 32};
-    if (::getuid() == 0 && (::chown(perUser.path().c_str(), nobody, nobody) != 0 ||
-                            ::setuid(nobody) != 0)) {
+    if (::getuid() == 0 &&
+        (::chown(perUser.path().c_str(), nobody, nobody) != 0 || ::setuid(nobody) != 0)) {
       std::_Exit(1);
     }
     if (::setrlimit(RLIMIT_NOFILE, &few) != 0) std::_Exit(2);
