@@ -4,8 +4,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <libproc.h>
-#include <malloc.h>
-#include <malloc/malloc.h>
 #include <poll.h>
 #include <spawn.h>
 #include <stdlib.h>
@@ -303,9 +301,5 @@ size_t confstr(int name, char* buffer, size_t size) noexcept {
   const std::string text = std::string(::getenv("DOUBLE_TEMPORARY")) + "/";
   std::snprintf(buffer, size, "%s", text.c_str());
   return text.size() + 1;
-}
-
-size_t malloc_zone_pressure_relief(struct malloc_zone_t*, size_t) {
-  return static_cast<size_t>(::malloc_trim(0));
 }
 }

@@ -330,12 +330,6 @@ ObjectRecord* objc_retainAutoreleaseReturnValue(ObjectRecord* object) {
 ObjectRecord* objc_retainAutoreleasedReturnValue(ObjectRecord* object) {
   return objc_retain(object);
 }
-ObjectRecord* objc_claimAutoreleasedReturnValue(ObjectRecord* object) {
-  return objc_retain(object);
-}
-ObjectRecord* objc_unsafeClaimAutoreleasedReturnValue(ObjectRecord* object) {
-  return object;
-}
 void objc_storeStrong(ObjectRecord** location, ObjectRecord* object) {
   ObjectRecord* before = *location;
   *location = objc_retain(object);
@@ -397,11 +391,6 @@ ObjectRecord* objc_alloc_init(ClassRecord* of) {
   return reinterpret_cast<ObjectRecord* (*)(ObjectRecord*, Selector)>(objc_msgSend)(objc_alloc(of),
                                                                                     initSelector);
 }
-ClassRecord* objc_opt_class(ObjectRecord* object) {
-  if (object == nullptr) return nullptr;
-  const bool isClass = (object->isa->data->flags & metaClassFlag) != 0;
-  return isClass ? reinterpret_cast<ClassRecord*>(object) : object->isa;
-}
 bool objc_opt_isKindOfClass(ObjectRecord* object, const ClassRecord* of) {
   for (const ClassRecord* it = object != nullptr ? object->isa : nullptr; it != nullptr;
        it = it->superclass)
@@ -418,8 +407,9 @@ _Unwind_Reason_Code __objc_personality_v0(int version, _Unwind_Action actions,
 }
 }
 
-// A message: every register that may hold an argument is kept around the look-up. The receiver of a
-// message to `super` and its class are behind the first argument.
+// A message: every register that may hold an argument is kept around the look-up; no method here
+// takes floating-point numbers. The receiver of a message to `super` and its class are behind the
+// first argument.
 __asm__(R"(
   .text
   .globl objc_msgSend, objc_msgSendSuper2
@@ -437,12 +427,9 @@ objc_msgSend:
 2:
   pushq %rbp
   movq %rsp, %rbp
-  subq $176, %rsp
+  subq $48, %rsp
   .irp register, rdi, rsi, rdx, rcx, r8, r9
   movq %\register, offset_\register(%rsp)
-  .endr
-  .irp number, 0, 1, 2, 3, 4, 5, 6, 7
-  movdqu %xmm\number, 48+16*\number(%rsp)
   .endr
   movq %rax, %rdi
   call runtimeLookUp@PLT
@@ -450,16 +437,11 @@ objc_msgSend:
   .irp register, rdi, rsi, rdx, rcx, r8, r9
   movq offset_\register(%rsp), %\register
   .endr
-  .irp number, 0, 1, 2, 3, 4, 5, 6, 7
-  movdqu 48+16*\number(%rsp), %xmm\number
-  .endr
   leave
   jmp *%r11
 1:
   xorl %eax, %eax
   xorl %edx, %edx
-  pxor %xmm0, %xmm0
-  pxor %xmm1, %xmm1
   ret
   .set offset_rdi, 0
   .set offset_rsi, 8
