@@ -56,7 +56,7 @@ using Read = std::function<void(const std::string&)>;
 template <class Record>
 void readBody(const std::string& text) {
   try {
-    static_cast<void>(HelperCoding::makeDecoder().decode<Record>(text));
+    std::ignore = HelperCoding::makeDecoder().decode<Record>(text);
   } catch (const std::runtime_error&) {
   }
 }
@@ -115,7 +115,6 @@ TEST(Memory, NoFailedAllocationEndsTheProcess) {
        R"("requestID":"0F8FAD5B-D9CB-469F-A165-70867728950E","engine":"codex","shape":"freeText",)"
        R"("timeout":5,"unknown":[[[{"a":[]}]]]})"},
       {readBody<GenerationRequest>, R"({"instructions":"","prompt":"\u0000","timeout":[})"},
-      {readBody<GenerationRequest>, R"({"instructions":"","prompt":"\u0000"})"},
       {readBody<GeneratedFields>, fields},
       {readBody<GeneratedFields>, R"({"itemDescription":"","tags":[1],"globs":[]})"},
       {readClaude, "{\"structured_output\":" + fields + "}"},

@@ -2,14 +2,12 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <functional>
 #include <limits>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "HelperCore/ListeningPorts.h"
-#include "HelperCore/PortDecoding.h"
 #include "HelperCore/ProcessKill.h"
 #include "HelperCore/ProcessListing.h"
 #include "HelperCore/ProvenanceCache.h"
@@ -58,14 +56,9 @@ TEST(ProcessListing, MakesASampleWithTheAgeInWholeSeconds) {
   }
 }
 
-constexpr ProcessStartTime start{1'700'000'000, 250'000};
-constexpr double listedAt = 1'700'000'100;
-
-ProcessIdentity identity(std::int32_t pid, ProcessStartTime when = start) {
-  return {.pid = pid, .startSec = when.startSec, .startUSec = when.startUSec};
-}
-
 TEST(ProcessKill, SignalsWhatTheListingAuthorizes) {
+  constexpr ProcessStartTime start{1'700'000'000, 250'000};
+  constexpr double listedAt = 1'700'000'100;
   ScriptedKernel kernel;
   ProvenanceCache cache{std::chrono::seconds{60}};
   const auto kill = [&](double now, Signal signal = Signal::terminate) {
@@ -86,28 +79,21 @@ TEST(ProcessKill, SignalsWhatTheListingAuthorizes) {
     std::map<std::int32_t, ProcessStartTime> running;
     bool allowed = false;
   };
-  const std::vector own{identity(100)};
-  const ProcessStartTime laterSecond{start.startSec + 1, start.startUSec};
-  const ProcessStartTime laterMicrosecond{start.startSec, start.startUSec + 1};
+  const ProcessIdentity own{100, start.startSec, start.startUSec};
+  const ProcessIdentity later{100, start.startSec + 1, start.startUSec};
+  const std::map running{std::pair{100, start}};
   const Row rows[] = {
-      {"at the moment of the listing", listedAt, own, {{100, start}}, true},
-      {"exactly 60 seconds old", listedAt + 60, own, {{100, start}}, true},
-      {"more than 60 seconds old", listedAt + 60.001, own, {{100, start}}},
-      {"the clock was set back", listedAt - 0.001, own, {{100, start}}},
-      {"the process is gone", listedAt, own, {}},
-      {"another second", listedAt, own, {{100, laterSecond}}},
-      {"another microsecond", listedAt, own, {{100, laterMicrosecond}}},
-      {"not in the latest listing", listedAt, {identity(101)}, {{100, start}}},
-      {"the latest listing is empty", listedAt, {}, {{100, start}}},
-      {"the first of two with one pid counts",
-       listedAt,
-       {identity(100), identity(100, laterSecond)},
-       {{100, start}},
-       true},
-      {"the second of two does not",
-       listedAt,
-       {identity(100, laterSecond), identity(100)},
-       {{100, start}}},
+      {"exactly 60 seconds old", listedAt + 60, {own}, running, true},
+      {"more than 60 seconds old", listedAt + 60.001, {own}, running},
+      {"the clock was set back", listedAt - 0.001, {own}, running},
+      {"the process is gone", listedAt, {own}, {}},
+      {"another second", listedAt, {own}, {{100, {later.startSec, start.startUSec}}}},
+      {"another microsecond", listedAt, {own}, {{100, {start.startSec, start.startUSec + 1}}}},
+      {"not in the latest listing", listedAt, {{101, start.startSec, start.startUSec}}, running},
+      {"the latest listing is empty", listedAt, {}, running},
+      {"of two with one pid the first counts", listedAt, {own, later}, running, true},
+      {"and the second does not", listedAt, {later, own}, running},
+      {"at the moment of the listing", listedAt, {own}, running, true},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -120,7 +106,6 @@ TEST(ProcessKill, SignalsWhatTheListingAuthorizes) {
   }
 
   kernel.signals.clear();
-  cache.record(own, at(listedAt));
   for (const Signal signal : allSignals) EXPECT_EQ(kill(listedAt, signal), sent);
   EXPECT_EQ(kernel.signals,
             (std::vector<std::pair<std::int32_t, std::int32_t>>{{100, 2}, {100, 9}, {100, 15}}));
@@ -128,52 +113,36 @@ TEST(ProcessKill, SignalsWhatTheListingAuthorizes) {
   EXPECT_EQ(kill(listedAt), (KillResult{false, "Operation not permitted"}));
 }
 
-TEST(PortDecoding, TellsWhichSocketsGiveARow) {
-  const std::uint32_t port = htons(8080);
-  SocketInfo connected = tcpListener(port);
-  connected.tcpState = SocketInfo::TCPState::other;
-  SocketInfo raw = udpSocket(port);
-  raw.protocol = 255;
-  SocketInfo unixDomain = udpSocket(port);
-  unixDomain.kind = SocketInfo::Kind::other;
-  for (const auto& none : {connected, udpSocket(0), udpSocket(0x10000), raw, unixDomain}) {
-    EXPECT_EQ(PortDecoding::classify(none), SocketKind::other);
-  }
-  EXPECT_EQ(PortDecoding::port(tcpListener(0xabcd0000U | port)), 8080);
-}
-
-TEST(PortDecoding, WritesAddresses) {
-  using Address = std::array<std::uint8_t, 16>;
-  const auto text = [](int flags, const Address& address) {
-    SocketInfo info;
-    info.versionFlags = static_cast<std::uint8_t>(flags);
-    info.localAddress = address;
-    return addressText(info);
-  };
-  const Address mapped{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 127, 0, 0, 1};
-  EXPECT_EQ(text(SocketInfo::ipv4, {}), "0.0.0.0");
-  EXPECT_EQ(text(SocketInfo::ipv4 | SocketInfo::ipv6, mapped), "127.0.0.1");
-  EXPECT_EQ(text(SocketInfo::ipv6, {}), "::");
-  EXPECT_EQ(text(SocketInfo::ipv6, mapped), "::ffff:127.0.0.1");
-  EXPECT_EQ(text(0, mapped), "*");
+/// The same socket with one field changed.
+template <class Field>
+SocketInfo with(SocketInfo info, Field SocketInfo::* field, Field value) {
+  info.*field = value;
+  return info;
 }
 
 TEST(ListeningPorts, ListsByProcessThenDescriptorAndEachRowOnce) {
+  const SocketInfo tcp = tcpListener(0xabcd0000U | htons(80));
+  const SocketInfo udp = udpSocket(htons(53));
+  const std::array<std::uint8_t, 16> mapped{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 127, 0, 0, 1};
+  constexpr std::uint8_t neither = 0, ipv6 = SocketInfo::ipv6, both = SocketInfo::ipv4 | ipv6;
+  const SocketInfo mappedUDP = with(udp, &SocketInfo::localAddress, mapped);
   ScriptedKernel kernel;
   kernel.holders = {
-      {50, "server", {tcpListener(htons(80)), udpSocket(htons(53))}},
-      {20, "quiet", {}},
-      {60, "", {tcpListener(0)}},
-      {30,
-       "tw\u202Eice\x1b\xff",
-       // The second is a duplicate, or another socket with the same port.
-       {tcpListener(htons(80)), tcpListener(htons(80)), udpSocket(0), tcpListener(htons(81))}},
-  };
+      {50, "server", {tcp, udp, mappedUDP, with(mappedUDP, &SocketInfo::versionFlags, ipv6)}},
+      {20,
+       "connected, without a port, raw, Unix domain",
+       {with(tcp, &SocketInfo::tcpState, SocketInfo::TCPState::other), udpSocket(0),
+        udpSocket(0x10000), with(udp, &SocketInfo::protocol, 255),
+        with(tcp, &SocketInfo::kind, SocketInfo::Kind::other)}},
+      {60, "", {tcpListener(0), with(tcp, &SocketInfo::versionFlags, neither)}},
+      // The second is a duplicate, or another socket with the same port.
+      {30, "tw\u202Eice\x1b\xff", {tcp, tcp, with(tcp, &SocketInfo::versionFlags, both)}}};
   const std::vector<PortSample> expected{{80, "tcp", 50, "server", "127.0.0.1"},
                                          {53, "udp", 50, "server", "127.0.0.1"},
+                                         {53, "udp", 50, "server", "::ffff:127.0.0.1"},
                                          {0, "tcp", 60, "", "127.0.0.1"},
-                                         {80, "tcp", 30, "twice\uFFFD", "127.0.0.1"},
-                                         {81, "tcp", 30, "twice\uFFFD", "127.0.0.1"}};
+                                         {80, "tcp", 60, "", "*"},
+                                         {80, "tcp", 30, "twice\uFFFD", "127.0.0.1"}};
   EXPECT_EQ(listListeningPorts(kernel), expected);
 }
 

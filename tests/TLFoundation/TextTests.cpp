@@ -1,3 +1,4 @@
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -7,6 +8,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <utf8proc.h>
 
 #include "TLFoundation/DisplayString.h"
 #include "TLFoundation/Unicode.h"
@@ -17,16 +19,10 @@ using namespace std::string_literals;
 namespace tessaloom {
 namespace {
 
-/// The UTF-8 form of a scalar, written from the definition and not by the code under test.
 std::string encoded(char32_t scalar) {
-  if (scalar < 0x80) return {static_cast<char>(scalar)};
-  const unsigned continuations = scalar < 0x800 ? 1 : scalar < 0x10000 ? 2 : 3;
-  std::string text;
-  text += static_cast<char>((0xFF00U >> (continuations + 1)) | scalar >> 6 * continuations);
-  for (unsigned i = continuations; i-- > 0;) {
-    text += static_cast<char>(0x80 | (scalar >> 6 * i & 0x3F));
-  }
-  return text;
+  std::array<utf8proc_uint8_t, 4> bytes{};
+  const auto length = utf8proc_encode_char(static_cast<utf8proc_int32_t>(scalar), bytes.data());
+  return {bytes.begin(), bytes.begin() + length};
 }
 
 template <class Visit>

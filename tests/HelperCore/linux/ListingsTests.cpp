@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <new>
 #include <optional>
@@ -36,6 +37,7 @@
 #include "HelperCore/ProcessKill.h"
 #include "HelperCore/ProcessListing.h"
 #include "TLFoundation/FileDescriptor.h"
+#include "linux/Exclusive.h"
 #include "linux/LinuxKernel.h"
 #include "linux/LinuxProcessHandle.h"
 #include "linux/Parallel.h"
@@ -56,14 +58,7 @@ using Rows = std::vector<std::string>;
 /// second and is busy.
 constexpr std::chrono::milliseconds settled{100};
 
-/// Lists until a process that rests is remembered, which takes three listings.
-template <class List>
-void listUntilRemembered(const List& list) {
-  for (int listing = 0; listing < 4; ++listing) {
-    list();
-    std::this_thread::sleep_for(settled * 3 / 2);
-  }
-}
+const FileDescriptor procDirectory{open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
 
 /// The rows of some processes, in the order of the listing. Others come and go as they like.
 std::vector<RawProcess> processesOf(Kernel& kernel, const std::vector<pid_t>& pids) {
@@ -155,41 +150,9 @@ TEST(LinuxProcesses, ListsTheUsersProcessesByPidWhateverStateTheyAreIn) {
   EXPECT_TRUE(processesOf(kernel, {getuid() == 0 ? parent.pid() : 1}).empty());
 }
 
-TEST(LinuxProcesses, NoticesWhenAParentEndsWhileItsChildRests) {
-  LinuxKernel kernel{settled};
-  ObedientChild parent;
-  const pid_t heir = parent.ask(Command::forkHeir);
-  listUntilRemembered(
-      [&] { EXPECT_EQ(processesOf(kernel, {heir}).at(0).parentPID, parent.pid()); });
-  kill(parent.pid(), SIGKILL);
-  siginfo_t ended{};
-  waitid(P_PID, static_cast<id_t>(parent.pid()), &ended, WEXITED | WNOWAIT);
-  EXPECT_NE(processesOf(kernel, {heir}).at(0).parentPID, parent.pid()) << "it is a zombie now";
-  EXPECT_EQ(processesOf(kernel, {parent.pid()}).size(), 1U);
-  kill(heir, SIGKILL);
-}
-
-TEST(LinuxProcesses, NamesTheTerminalForAsLongAsAProcessHasIt) {
-  FileDescriptor master{posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)};
-  if (!master || grantpt(master.get()) != 0 || unlockpt(master.get()) != 0) {
-    GTEST_SKIP() << "there are no pseudo-terminals here";
-  }
-  char path[64];
-  ASSERT_EQ(ptsname_r(master.get(), path, sizeof path), 0);
-  LinuxKernel kernel{settled};
-  ObedientChild child;
-  ASSERT_EQ(child.ask(Command::takeTerminal, path), 0);
-  listUntilRemembered([&] {
-    EXPECT_EQ("/dev/" + processesOf(kernel, {child.pid()}).at(0).tty.value_or("none"), path);
-  });
-  master.reset();
-  EXPECT_EQ(processesOf(kernel, {child.pid()}).at(0).tty, std::nullopt) << "it was hung up";
-}
-
 TEST(LinuxProcesses, SignalsTheProcessThatItHoldsAndForgetsItWhenItEnded) {
   using By = LinuxProcessHandle::By;
   LinuxKernel kernel;
-  const FileDescriptor procDirectory{open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
   const StartClock clock;
   for (By by : {By::pidfdWherePossible, By::pidOnly}) {
     ObedientChild child;
@@ -274,10 +237,18 @@ TEST(LinuxKernel, SharesDescriptorsAmongThreadsAndGivesThemBackWhenTheyRunShort)
   }
 }
 
+TEST(Exclusive, IsHadByOneCallerAtATime) {
+  Exclusive<int> value;
+  const auto isFree = [&value] { return bool(value.tryTake()); };
+  auto loan = value.take();
+  EXPECT_FALSE(std::async(std::launch::async, isFree).get());
+  loan.reset();
+  EXPECT_TRUE(std::async(std::launch::async, isFree).get());
+}
+
 /// The processes that one of some listings remembers, until `wanted` is among them. On a busy
 /// machine it takes a while until a process that has answered is off its processor.
 std::set<pid_t> everRemembered(pid_t wanted, std::chrono::nanoseconds idleAge, int listings) {
-  const FileDescriptor procDirectory{open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
   const StartClock clock;
   std::vector<KnownProcess> known;
   std::set<pid_t> remembered;
@@ -291,6 +262,17 @@ std::set<pid_t> everRemembered(pid_t wanted, std::chrono::nanoseconds idleAge, i
     std::this_thread::sleep_for(settled);
   }
   return remembered;
+}
+
+TEST(ProcessPass, ForgetsAProcessThatExitsWhileItIsRead) {
+  const StartClock clock;
+  std::optional<ObedientChild> child{std::in_place};
+  ProcessPass pass(procDirectory, clock, getuid(), settled, {}, true);
+  KnownProcess& known = pass.find(child->pid())->known;
+  const FileDescriptor stat = pass.open(known);
+  EXPECT_TRUE(pass.readFacts(known, stat) && known.facts);
+  child.reset();
+  EXPECT_FALSE(pass.readFacts(known, stat) || known.facts);
 }
 
 TEST(ProcessPass, RemembersProcessesThatHaveNotRun) {
@@ -345,16 +327,13 @@ TEST(LinuxSockets, ListsTheSocketsThatWait) {
     }
   }
   EXPECT_EQ(portsOf(kernel, {child.pid()}), expected);
-}
 
-TEST(LinuxSockets, ListsTheHelperItself) {
-  LinuxKernel kernel;
-  FileDescriptor socket = makeSocket(SocketUse::tcpListening);
-  // Of its descriptors, those that it keeps of others are left out.
+  // Of the helper's own descriptors, those that it keeps of others are left out.
+  const FileDescriptor own = makeSocket(SocketUse::tcpListening);
   processesOf(kernel, {getpid()});
   const auto rows = portsOf(kernel, {getpid()});
   ASSERT_EQ(rows.size(), 1U);
-  EXPECT_TRUE(rows[0].starts_with("tcp/127.0.0.1/" + portOf(socket) + "/"));
+  EXPECT_TRUE(rows[0].starts_with("tcp/127.0.0.1/" + portOf(own) + "/"));
 }
 
 TEST(LinuxSockets, FindsTheSocketsOfOtherNetworkNamespaces) {
@@ -393,7 +372,6 @@ TEST(LinuxSockets, SkipsNoneWhileOthersComeAndGo) {
     GTEST_SKIP() << "making a network namespace takes rights that are not there";
   }
   child.ask(Command::churnSockets, count);
-  const FileDescriptor procDirectory{open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
   const ProcFiles proc{procDirectory};
   auto inodes = readSocketDescriptors(proc, child.pid()).inodes;
   if (inodes.empty() && getuid() != 0) GTEST_SKIP() << "the namespace may not be looked at";
@@ -407,13 +385,33 @@ TEST(LinuxSockets, SkipsNoneWhileOthersComeAndGo) {
   }
 }
 
-TEST(LinuxSockets, SeesWhatAnotherProcessDoesWithASharedTable) {
+TEST(LinuxListings, NoticeWhatIsDoneToAProcessThatRests) {
   LinuxKernel kernel{settled};
-  ObedientChild child;
+  ObedientChild parent, child;
+  const pid_t heir = parent.ask(Command::forkHeir);
   const FileDescriptor socket = makeSocket(SocketUse::tcpListening);  // Goes on listening.
   const std::int32_t number = child.give(socket);
   const pid_t sharing = child.ask(Command::forkSharing, number);
-  listUntilRemembered([&] { EXPECT_EQ(portsOf(kernel, {child.pid(), sharing}).size(), 2U); });
+  FileDescriptor terminal{posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)};
+  char path[64] = "/dev/none";  // There may be no pseudo-terminals here.
+  if (terminal && grantpt(terminal.get()) == 0 && unlockpt(terminal.get()) == 0) {
+    ASSERT_EQ(ptsname_r(terminal.get(), path, sizeof path), 0);
+    ASSERT_EQ(child.ask(Command::takeTerminal, path), 0);
+  }
+  for (int listing = 0; listing < 4; ++listing) {  // They are remembered after three.
+    EXPECT_EQ(processesOf(kernel, {heir}).at(0).parentPID, parent.pid());
+    EXPECT_EQ("/dev/" + processesOf(kernel, {child.pid()}).at(0).tty.value_or("none"), path);
+    EXPECT_EQ(portsOf(kernel, {child.pid(), sharing}).size(), 2U);
+    std::this_thread::sleep_for(settled * 3 / 2);
+  }
+  terminal.reset();
+  EXPECT_EQ(processesOf(kernel, {child.pid()}).at(0).tty, std::nullopt) << "it was hung up";
+  kill(parent.pid(), SIGKILL);
+  siginfo_t ended{};
+  waitid(P_PID, static_cast<id_t>(parent.pid()), &ended, WEXITED | WNOWAIT);
+  EXPECT_NE(processesOf(kernel, {heir}).at(0).parentPID, parent.pid()) << "it is a zombie now";
+  EXPECT_EQ(processesOf(kernel, {parent.pid()}).size(), 1U);
+  kill(heir, SIGKILL);
   kill(sharing, SIGUSR1);
   const std::string link = "/proc/" + std::to_string(child.pid()) + "/fd/" + std::to_string(number);
   while (access(link.c_str(), F_OK) == 0) std::this_thread::yield();
