@@ -153,7 +153,7 @@ def main():
     parser.add_argument("files", nargs="+")
     arguments = parser.parse_args()
     rows = [row for path in arguments.files for row in rows_of(path)]
-    # One peer may stand in several rows of a subject: its own growth is shown once.
+    # One peer may be in several rows of a subject: its own growth is shown once.
     grown = growth(rows)
     text = "\n\n".join(table_text(table, [row for row in rows if row.table == table], grown)
                        for table in TABLES if any(row.table == table for row in rows))

@@ -10,7 +10,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const GenerationShape shape : allGenerationShapes) {
     const auto result = GenerationOutputParser::parseCodex(text, shape, engine);
     checkResult(result, shape, engine);
-    // Lines that are no event change nothing.
+    // Lines that are not events change nothing.
     REQUIRE(GenerationOutputParser::parseCodex("[]\n\n" + text + "\n{", shape, engine) == result);
     // The last failure wins over everything before it.
     const auto failed = GenerationOutputParser::parseCodex(

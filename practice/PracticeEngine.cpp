@@ -1,4 +1,4 @@
-// The practice engine: stands in for both real engines in the demo, the tests and the benchmarks.
+// The practice engine: replaces both real engines in the demo, the tests and the benchmarks.
 //
 // Install it (a copy or a link) as `claude` and as `codex` in one of the search locations; the base
 // name of argv[0] decides which engine it is. It checks everything that it was given against values
@@ -7,7 +7,7 @@
 // to standard error and exits with 64. Otherwise it answers in that engine's real format, with a
 // text made from the first line of the task. `--version` prints what the real ones print.
 //
-// It misbehaves on request, by words in the task, carried out in the order in which they stand,
+// It misbehaves on request, by words in the task, carried out in their order,
 // before the answer:
 //
 //   practice:sleep=MS           waits
@@ -17,7 +17,7 @@
 //   practice:wait-for=PATH      waits until PATH exists, at most a minute (then exits with 65)
 //   practice:flood=BYTES        fills standard output with lines of x
 //   practice:flood-err=BYTES    the same on standard error
-//   practice:stderr=TEXT        one line on standard error; _ stands for a space
+//   practice:stderr=TEXT        one line on standard error; each _ becomes a space
 //   practice:long-stderr=CHARS  CHARS characters (not bytes) on standard error: abcdéfgh...z, again
 //   practice:grandchild=MS      leaves a child in its group that keeps both outputs open
 //   practice:invalid-utf8       puts ill-formed bytes (FF, E2 82) into the answer

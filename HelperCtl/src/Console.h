@@ -13,7 +13,7 @@ enum class ExitStatus : int {
   done = 0,
   refused = 1,      ///< The helper answered an error, or refused.
   usage = 2,        ///< The command line is wrong.
-  unreachable = 3,  ///< There is no helper to talk to.
+  unreachable = 3,  ///< No helper answers.
 };
 
 /// The three standard streams and what their far ends can show.

@@ -11,7 +11,7 @@ namespace {
 using std::chrono::sys_days;
 using std::chrono::sys_seconds;
 
-constexpr std::string_view form = "0000-00-00T00:00:00Z";  // a 0 stands for any digit
+constexpr std::string_view form = "0000-00-00T00:00:00Z";  // a 0 matches any digit
 
 constexpr sys_seconds earliest = sys_days(std::chrono::year(0) / 1 / 1);
 constexpr sys_seconds afterLatest = sys_days(std::chrono::year(10000) / 1 / 1);

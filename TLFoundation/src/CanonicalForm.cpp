@@ -31,7 +31,8 @@ std::u32string decomposed(std::string_view text) {
 }
 
 /// The Canonical Ordering Algorithm (Unicode 15, section 3.11): each run of marks in the order of
-/// their classes, otherwise as it stands. The library's own is quadratic in the length of a run.
+/// their classes, otherwise in the order they are in. The library's own is quadratic in the length
+/// of a run.
 void orderMarks(std::u32string& scalars) {
   const auto isMark = [](char32_t scalar) { return combiningClass(scalar) != 0; };
   for (auto begin = scalars.begin(); begin != scalars.end();) {

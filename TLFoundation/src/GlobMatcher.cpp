@@ -123,7 +123,7 @@ bool matchesSegment(const Segment& segment, const Piece& piece) {
   constexpr auto none = std::string_view::npos;
   std::size_t p = 0;
   std::size_t s = 0;
-  std::size_t star = none;   // where the last star stands in the segment
+  std::size_t star = none;   // where the last star is in the segment
   std::size_t absorbed = 0;  // the position in the piece up to which it reaches
   while (s < piece.size()) {
     if (p < segment.size() && (is(segment[p], '?') || isSame(segment[p], piece[s]))) {

@@ -16,7 +16,7 @@ namespace {
 
 /// Whether the child is a zombie, without reaping it. With WNOHANG in `options` it only asks.
 bool isZombie(pid_t pid, int options) {
-  siginfo_t info{};  // A child that still runs leaves si_pid as it was.
+  siginfo_t info{};  // For a child that still runs, si_pid stays as it was.
   while (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT | options) != 0) {
     if (errno != EINTR) return true;  // ECHILD: the system has forgotten it.
   }
@@ -78,7 +78,7 @@ bool ChildProcess::terminate() {
   const MutexLock locked(lock_);
   if (!isRunning()) return false;
   const pid_t target = ::getpgid(pid_) == pid_ ? -pid_ : pid_;
-  // An earlier kill of the same target leaves nothing for a later one.
+  // After an earlier kill of the same target there is nothing to do.
   if (std::ranges::find(kills_, target, &Kill::target) == kills_.end()) {
     kills_.push_back({Clock::now() + killDelay, target});
   }

@@ -64,7 +64,7 @@ class ChildProcess {
   /// Blocks until the child has exited. Leaves it unreaped, so its number stays its own.
   void awaitExit() const;
 
-  /// Takes an exited child from the system, which forgets it. The exit status, or the number of the
+  /// Reaps an exited child. The exit status, or the number of the
   /// signal that ended it.
   std::int32_t reap() TL_EXCLUDES(lock_);
 

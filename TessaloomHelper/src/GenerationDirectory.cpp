@@ -20,7 +20,7 @@ namespace {
 constexpr mode_t ownerOnly = S_IRWXU;
 constexpr int openDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-/// 0, also when something stands at the path already, or the error.
+/// 0, also when something exists at the path already, or the error.
 // NOLINTNEXTLINE(misc-no-recursion): no deeper than the path is long.
 int makeDirectories(const std::filesystem::path& path) {
   int made = ::mkdir(path.c_str(), ownerOnly);
@@ -146,7 +146,7 @@ class TreeRemoval {
   unsigned long moves_ = 0;
 };
 
-/// Removes whatever stands at the path.
+/// Removes whatever exists at the path.
 void removeAnything(const std::filesystem::path& path) {
   if (::unlink(path.c_str()) == 0 || ::rmdir(path.c_str()) == 0) return;
   ::fchmodat(AT_FDCWD, path.c_str(), ownerOnly, AT_SYMLINK_NOFOLLOW);

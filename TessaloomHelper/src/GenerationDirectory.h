@@ -12,7 +12,7 @@ namespace tessaloom {
 
 /// Makes sure that `directory` is a real directory of this user with mode 0700, making it and what
 /// is missing above it. The umask does not matter. Returns it open and marked as in use for as long
-/// as it is, or the error: whatever else stands there already is refused and left as it is. Safe
+/// as it is, or the error: whatever else exists there already is refused and left as it is. Safe
 /// from any thread.
 std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::path& directory);
 

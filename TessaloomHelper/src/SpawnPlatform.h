@@ -29,7 +29,7 @@ struct Program {
   const rlimit* descriptorLimit;
 };
 
-/// Starts the program as it stands: no search, no shell. The child leads a process group of its
+/// Starts the program as given: no search, no shell. The child leads a process group of its
 /// own, blocks no signal, has every signal at its default and inherits no descriptor but `ends`.
 ///
 /// Returns once the program is executing. Fails with the error of whatever kept it from that, a

@@ -303,7 +303,7 @@ json generationRequest(std::string_view engine, std::string_view prompt) {
           {"prompt", prompt},    {"timeout", 180}};
 }
 
-/// Before the first real call: whether this helper speaks the editor's protocol and can generate.
+/// Before the first real call: whether this helper has the editor's protocol and can generate.
 std::optional<Failure> checkHelper(Helper& helper) {
   const Reply version = helper.ask("ProtocolVersion");
   if (!version) return version.error();

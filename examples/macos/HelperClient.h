@@ -4,7 +4,7 @@
 
 NS_ASSUME_NONNULL_BEGIN
 
-/// Why a call has no result, as far as an editor tells its cases apart.
+/// Why a call has no result, as far as an editor treats the cases differently.
 typedef NS_ENUM(NSInteger, HelperFailure) {
   HelperFailureNone,
   /// The helper is missing, refused the editor (is it signed?), or went away.

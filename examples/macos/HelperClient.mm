@@ -29,7 +29,7 @@ using DataBlock = void (^)(NSData* _Nullable data, NSError* _Nullable error);
 using FailureBlock = void (^)(HelperFailure failure, NSString* description);
 
 /// The body of a request. A record checks the limits that the helper checks, so what cannot be
-/// asked for ends here; as everywhere, on a queue, and no exception leaves Objective-C++.
+/// asked for ends here; as everywhere, on a queue, and no exception escapes Objective-C++.
 template <class Make>
 NSData* _Nullable encoded(FailureBlock otherwise, Make make) {
   NSString* problem = nil;

@@ -1,6 +1,6 @@
 # shellcheck shell=bash
-# A message bus of its own with the helper on it, and a home directory of its own where the practice engine stands in
-# for both engines. For scripts that source it:
+# A message bus of its own with the helper on it, and a home directory of its own where the practice engine replaces
+# both engines. For scripts that source it:
 #
 #   . script/lib/private-bus.sh
 #   trap private_bus_stop EXIT
@@ -128,7 +128,7 @@ private_bus_stop() {
     kill "$private_bus_pid" 2>/dev/null
     wait "$private_bus_pid" 2>/dev/null
     private_bus_pid=
-    # A helper without a bus leaves by itself.
+    # A helper without a bus exits by itself.
     while [[ -n $helper ]] && private_bus_runs "$helper"; do
       if ((++attempts > 60)); then
         kill -KILL "$helper" 2>/dev/null

@@ -66,7 +66,7 @@ struct BinaryAllowlist {
       const std::filesystem::path& homeDirectory);
 
   /// The first acceptable candidate, as formed (not its link's target); otherwise the last refusal
-  /// seen, where an absent candidate is no refusal.
+  /// seen, where an absent candidate is not a refusal.
   static std::expected<std::filesystem::path, BinaryRejection> resolve(
       std::string_view fileName, const std::vector<std::filesystem::path>& locations,
       uid_t currentUID, const FactsReader& readFacts);

@@ -19,14 +19,14 @@ class ProvenanceCache {
  public:
   using Seconds = std::chrono::duration<double>;
 
-  /// `ttl`: for how long a listing vouches for its processes.
+  /// `ttl`: for how long a listing authorises signals to its processes.
   explicit ProvenanceCache(Seconds ttl) : ttl_(ttl) {}
 
   /// Replaces the previous listing. Of two identities with one pid the first is kept.
   void record(std::span<const ProcessIdentity> identities, Instant now) TL_EXCLUDES(lock_);
 
   /// Whether the latest listing showed this very process and is, at `now`, between 0 and `ttl` old,
-  /// both included. By the wall clock: after it was set back, a listing vouches for nothing. Asking
+  /// both included. By the wall clock: after it was set back, a listing authorises nothing. Asking
   /// changes nothing.
   bool isAuthorized(std::int32_t pid, std::int64_t startSec, std::int32_t startUSec,
                     Instant now) const TL_EXCLUDES(lock_);

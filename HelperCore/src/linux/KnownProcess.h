@@ -26,7 +26,8 @@ struct KnownProcess {
   KnownProcess() = default;
   explicit KnownProcess(std::int32_t number) : pid(number) {}
 
-  /// Closes and forgets everything, because it is about a process that has gone or not the user's.
+  /// Closes and forgets everything, because it is about a process that has ended or is not the
+  /// user's.
   void forget() { *this = KnownProcess(pid); }
 
   std::int32_t pid = 0;

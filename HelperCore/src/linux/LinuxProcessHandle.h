@@ -14,7 +14,7 @@ namespace tessaloom {
 ///
 /// Where there are no pidfds, the signal goes to the pid right after the check: the gap of some
 /// microseconds, in which the process would have to exit and its pid to come round again, is what
-/// such a kernel leaves.
+/// such a kernel has.
 class LinuxProcessHandle final : public ProcessHandle {
  public:
   enum class By : std::uint8_t { pidfdWherePossible, pidOnly };

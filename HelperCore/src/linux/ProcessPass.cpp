@@ -70,7 +70,7 @@ void ProcessPass::restartProbe(KnownProcess& known) {
   if (known.probe && !isExpired(known) && known.probe.isUnchanged()) return;
   known.sockets.reset();  // The facts are read again in any case.
   if (known.probe && !known.probe.restart()) {
-    known.forget();  // All of it was about a process that has gone.
+    known.forget();  // All of it was about a process that has ended.
   } else if (!known.probe && known.isFromEarlier && mayKeepOne()) {
     known.probe = IdleProbe(proc_, known.pid);
   }

@@ -29,7 +29,7 @@ std::optional<std::uint64_t> readResidentBytes(const FileDescriptor& statm) {
 std::uint64_t residentBytes(ProcessPass& pass, KnownProcess& known) {
   if (known.statm) {
     if (const auto bytes = readResidentBytes(known.statm)) return *bytes;
-    known.forget();  // It was about a process that has gone.
+    known.forget();  // It was about a process that has ended.
   }
   FileDescriptor statm = pass.proc().open(ProcPath{known.pid, "statm"});
   const auto bytes = readResidentBytes(statm);

@@ -18,7 +18,8 @@ using SocketsByInode = std::unordered_map<std::uint32_t, SocketInfo>;
 enum class InternetTransport : std::uint8_t { tcp, udp };
 
 /// Adds the sockets of /proc/net/tcp, tcp6, udp or udp6 (proc_net_tcp(5)); the width of a line's
-/// address tells its family. Of TCP only the listening ones. Lines of another form add nothing.
+/// address determines its family. Of TCP only the listening ones. Lines of another form add
+/// nothing.
 void addSocketsOfText(std::string_view text, InternetTransport transport, SocketsByInode& sockets);
 
 /// How far a dump has come with one datagram of it.

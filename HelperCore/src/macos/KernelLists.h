@@ -14,7 +14,7 @@ namespace tessaloom {
 inline constexpr std::size_t spareRecords = 16;
 inline constexpr int maximumTableReads = 5;
 
-/// `read(buffer, bytes)` is sysctl(3) on one name: fills at most `bytes` and leaves there how many
+/// `read(buffer, bytes)` is sysctl(3) on one name: fills at most `bytes` and stores there how many
 /// it filled, or would fill when the buffer is null; returns 0 or an errno value. A table that grew
 /// beyond the spare room (ENOMEM) is sized and read again. Empty on any other failure.
 template <class Record, class Read>

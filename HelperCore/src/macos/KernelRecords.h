@@ -30,7 +30,7 @@ constexpr ProcessStartTime decodeStartTime(const kinfo_proc& record) {
   return {.startSec = start.tv_sec, .startUSec = start.tv_usec};
 }
 
-/// What the table's record alone tells: all but the terminal's name and the resident size.
+/// What the table's record alone gives: all but the terminal's name and the resident size.
 constexpr ProcessRecord decodeProcess(const kinfo_proc& record) {
   std::string_view name(std::begin(record.kp_proc.p_comm), std::end(record.kp_proc.p_comm));
   return {.pid = record.kp_proc.p_pid,

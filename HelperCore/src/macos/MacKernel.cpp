@@ -18,7 +18,7 @@ namespace tessaloom {
 
 namespace {
 
-/// sysctl(3) on the process table. 0 or an errno value; `bytes` as sysctl takes and leaves it.
+/// sysctl(3) on the process table. 0 or an errno value; `bytes` as sysctl takes and sets it.
 int readProcesses(int selector, int argument, kinfo_proc* records, std::size_t& bytes) {
   int name[] = {CTL_KERN, KERN_PROC, selector, argument};
   return ::sysctl(name, std::size(name), records, &bytes, nullptr, 0) == 0 ? 0 : errno;

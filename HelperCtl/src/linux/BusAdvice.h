@@ -11,7 +11,7 @@ namespace tessaloom {
 /// services made it, or the helper went away.
 bool isUnreachable(std::string_view errorName);
 
-/// What a person can do about an error of the bus; empty where the error speaks for itself.
+/// What a person can do about an error of the bus; empty where the error says enough.
 std::string busAdvice(const CallError& error);
 
 }  // namespace tessaloom

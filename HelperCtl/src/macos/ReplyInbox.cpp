@@ -17,7 +17,7 @@ void ReplyInbox::put(std::uint64_t call, CallReply reply) {
   const MutexLock locked(lock_);
   const bool wasEmpty = items_.empty();
   items_.push_back({call, std::move(reply)});
-  // One byte stands for everything that waits.
+  // One byte announces everything that waits.
   if (wasEmpty) [[maybe_unused]]
     const ssize_t written = ::write(wake_.writeEnd.get(), "", 1);
 }

@@ -23,7 +23,7 @@ class GenerationDTOError : public std::runtime_error {
 
   /// A bounded text has `actual` characters, more than `limit`.
   static GenerationDTOError textTooLong(std::int64_t limit, std::int64_t actual);
-  /// A timeout of `seconds` lies outside 5 to 300.
+  /// A timeout of `seconds`, which is outside 5 to 300.
   static GenerationDTOError timeoutOutOfRange(std::int64_t seconds);
   /// A list has `actual` entries, more than `limit`.
   static GenerationDTOError tooManyItems(std::int64_t limit, std::int64_t actual);

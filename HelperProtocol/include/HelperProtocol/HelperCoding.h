@@ -21,10 +21,10 @@ class JSONEncoder {
 /// Reads one record from a message body.
 ///
 /// Strict: see JSONReader. What counts for an integer is its value, not how it is written (5.0 is
-/// one), and no boolean stands for a number or the other way round. An optional field may be null,
-/// which is the same as no key; keys that the record does not have are ignored. Dates may have a
-/// numeric offset instead of the Z. Memory is bounded by what the record keeps, whatever the body
-/// has. Holds no state: make one for each message.
+/// one), and a boolean is not accepted for a number, nor a number for a boolean. An optional field
+/// may be null, which is the same as no key; keys that the record does not have are ignored. Dates
+/// may have a numeric offset instead of the Z. Memory is bounded by what the record keeps, whatever
+/// the body has. Holds no state: make one for each message.
 class JSONDecoder {
  public:
   /// Throws DecodingError, or what the record's own checks throw (GenerationDTOError,

@@ -232,7 +232,7 @@ void BusRequests::receiveOwnerChange(sd_bus_message* signal) {
   const char* oldOwner = nullptr;
   const char* newOwner = nullptr;
   if (sd_bus_message_read(signal, "sss", &name, &oldOwner, &newOwner) <= 0) return;
-  // A handler may end any watch and begin others, which come to stand at the end.
+  // A handler may end any watch and begin others, which are appended.
   for (std::uint64_t seen = 0, last = lastId_;;) {
     const auto next = std::ranges::find_if(watches_, [&](const Watch& watch) {
       return watch.id > seen && watch.id <= last && watch.name == name;

@@ -33,7 +33,8 @@ std::string escaped(std::string_view path) {
   return text;
 }
 
-// sd_bus_open_user() looks in the first two places only, and leaves no time to decline descriptors.
+// sd_bus_open_user() looks in the first two places only, and gives no chance to decline
+// descriptors.
 std::string sessionBusAddress() {
   if (const auto address = environment("DBUS_SESSION_BUS_ADDRESS"); !address.empty()) {
     return std::string(address);

@@ -49,7 +49,7 @@ class GlobPatternError : public std::exception {
 /// grapheme clusters), equal when they are canonically equivalent: a slash that carries an accent
 /// separates nothing. Letter case is ignored by comparing full, contextless lower case.
 ///
-/// A literal beats a star: a `*` that faces a star in the path stands for that star alone, so `*`
+/// A literal beats a star: a `*` that meets a star in the path matches that star alone, so `*`
 /// matches neither "*x" nor "**", but does match "x*".
 ///
 /// Costs at most segments × pieces matches of one segment against one piece, each at most the

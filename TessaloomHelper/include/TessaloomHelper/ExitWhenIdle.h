@@ -22,19 +22,19 @@ class ExitWhenIdle {
   static constexpr std::string_view exitLine =
       "helper: executable replaced on disk; exiting so launchd starts the new build\n";
 
-  /// `executable` is the path of the process's own executable, absent when the system does not
-  /// tell. `start` describes the file that was executed. `leave` ends the process in the platform's
-  /// orderly way; called once a check finds no engine call, possibly more than once.
+  /// `executable` is the path of the process's own executable, nullopt when the system does not
+  /// report it. `start` describes the file that was executed. `leave` ends the process in the
+  /// platform's orderly way; called once a check finds no engine call, possibly more than once.
   ExitWhenIdle(std::optional<std::filesystem::path> executable,
                std::optional<ExecutableIdentity> start, CLIRunner& runner, Tasks& tasks,
                std::function<void()> leave);
 
-  /// Whether another file stands at the executable's path, or the same one with a later
-  /// modification time. A missing file is no replacement.
+  /// Whether another file is at the executable's path, or the same one with a later
+  /// modification time. A missing file is not a replacement.
   bool isExecutableReplaced() const;
 
   /// After `delay`, and then every `nextCheck` while there is one, looks whether the runner knows
-  /// of an unfinished engine call; leaves when it knows of none. When the system gives neither
+  /// of an unfinished engine call; exits when it knows of none. When the system gives neither
   /// memory nor a thread for that, nothing is scheduled; the next question about a replaced
   /// executable starts it again.
   void scheduleExitWhenIdle(std::chrono::milliseconds delay) noexcept;

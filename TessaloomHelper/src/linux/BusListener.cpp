@@ -187,7 +187,7 @@ std::optional<int> BusListener::advanceStarting() {
   return std::nullopt;
 }
 
-// The service manager hears of it first: a start of the unit that the bus then asks for waits for
+// The service manager is notified first: a start of the unit that the bus then asks for waits for
 // this process's end, where it would be taken as done already while the unit counts as running.
 void BusListener::beginLeaving() {
   isLeaveRequested_ = false;
@@ -207,8 +207,8 @@ void BusListener::beginLeaving() {
 // has kept for the next owner. Only when there is one already, the engine runs without the name.
 void BusListener::takeNameBack() {
   name_.acquire();
-  // A manager that was told of a stop kills the process when that takes too long; a generation and
-  // its end take less than this.
+  // A manager that was notified of a stop kills the process when that takes too long; a generation
+  // and its end take less than this.
   sd_notify(0, "EXTEND_TIMEOUT_USEC=330000000");
 }
 

@@ -62,7 +62,7 @@ class BusListener {
   explicit BusListener(Environment environment);
   ~BusListener();
 
-  /// Takes the name, tells the service manager, and serves until the end. The process's exit
+  /// Takes the name, notifies the service manager, and serves until the end. The process's exit
   /// status: 0 after leave(), 128 and the signal's number after a signal, 1 when the name is not to
   /// be had or the bus is lost.
   int run();

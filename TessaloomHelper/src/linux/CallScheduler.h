@@ -20,8 +20,8 @@ namespace tessaloom {
 /// their replies. Callers get equal shares of what is scarce, the engines' threads and the
 /// connection to the bus; all connections of one process are one caller.
 ///
-/// A call that was accepted is carried out even if its caller leaves meanwhile, and counts against
-/// its caller's limits until its reply has been handed to the bus library.
+/// A call that was accepted is carried out even if its caller disconnects meanwhile, and counts
+/// against its caller's limits until its reply has been handed to the bus library.
 ///
 /// On the bus's thread only.
 class CallScheduler {

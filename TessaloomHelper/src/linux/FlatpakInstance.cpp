@@ -76,7 +76,7 @@ std::expected<ProcessDirectory, int> firstProcess(int instance) {
   return process;
 }
 
-/// What tells which instance a process belongs to.
+/// What identifies the instance that a process belongs to.
 struct Membership {
   std::array<std::string, comparedNamespaces.size()> namespaces;
   std::set<std::string> pipes;

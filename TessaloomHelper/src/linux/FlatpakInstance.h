@@ -20,7 +20,7 @@ std::filesystem::path userRuntimeDirectory();
 /// the sandbox sees read-only at most:
 /// - `info` names the application and the instance;
 /// - the first process inside the sandbox holds a lock on `.ref` for as long as the instance runs,
-///   and the kernel tells which process that is.
+///   and the kernel reports which process that is.
 ///
 /// A process belongs to the instance when it lives in that first process's mount, process and user
 /// namespaces, or is the proxy through which the sandbox reaches the bus. The proxy runs outside of

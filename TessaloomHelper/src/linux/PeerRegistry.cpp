@@ -37,7 +37,7 @@ std::optional<Credentials> readCredentials(sd_bus_message* message) {
 }
 
 // What a call takes while it is held: its arguments, and the path, which a message does not bound
-// either. The library does not tell the size of a message; none for arguments that no method has.
+// either. The library does not give the size of a message; none for arguments that no method has.
 std::optional<std::size_t> sizeOf(sd_bus_message* call) {
   const char* path = sd_bus_message_get_path(call);
   std::size_t size = path == nullptr ? 0 : std::strlen(path);
@@ -119,7 +119,7 @@ bool PeerRegistry::hasHeldCalls() const {
 }
 
 // One watch for each peer rather than one for all names: the bus then wakes the helper only for its
-// own peers' ends, not for every program that leaves the session. It is asked for before the
+// own peers' ends, not for every program that disconnects. It is asked for before the
 // credentials, so that a sender that vanishes in between is noticed by one of the two.
 Peer* PeerRegistry::add(const char* name) {
   removeDeparted();

@@ -39,7 +39,7 @@ struct Peer {
 };
 
 /// Who may call: has every sender vetted at its first call, holds its calls until the decision, and
-/// removes it when it leaves the bus. On the bus's thread only.
+/// removes it when it disconnects. On the bus's thread only.
 ///
 /// Calls of peers that are not decided yet are bounded for each connection and in all. When all of
 /// them hold too much, the connection that holds most pays for it.

@@ -22,8 +22,8 @@ class PeerRequirement {
   static constexpr std::string_view flatpakEditor = "com.brindlemoor.Tessaloom";
   static constexpr std::array<std::string_view, 2> neighbors{"tessaloom", "tessaloom-helperctl"};
 
-  /// `helperExecutable` is the helper's own path as the kernel tells it; when that is empty,
-  /// nothing stands beside it.
+  /// `helperExecutable` is the helper's own path as the kernel reports it; when that is empty,
+  /// no program counts as installed beside it.
   PeerRequirement(uid_t user, const std::filesystem::path& helperExecutable);
 
   /// The effective user id that a peer has to have, whatever else is true of it.

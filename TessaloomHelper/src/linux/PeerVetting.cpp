@@ -91,7 +91,7 @@ void PeerVetting::finish(Vetting& finished) {
   if (finished.handler) finished.handler(finished.result);
 }
 
-// The oldest stand first and so expire first.
+// The oldest come first and so expire first.
 void PeerVetting::expire() {
   timer_.isSet = false;
   const auto now = Clock::now();

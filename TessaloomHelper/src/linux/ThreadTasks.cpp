@@ -117,7 +117,7 @@ void ThreadTasks::work(Threads::iterator self) {
       mine.clear();  // What the task holds may take any lock as it goes.
       locked.lock();
     }
-    if (stopping_) return;  // Joined where it stands.
+    if (stopping_) return;  // The destructor joins it.
     earlier.swap(exited_);
     exited_.splice(exited_.end(), workers_, self);
   }

@@ -52,10 +52,10 @@ class BusRequest {
 /// - the peer itself, when the call was addressed to the bus or to a unique name;
 /// - a unique name that the bus has reported as the owner of the well-known name that the call was
 ///   addressed to, at some time since the call was sent;
-/// - the bus, as an error (there is no such name, its owner has gone, and so on).
+/// - the bus, as an error (no such name, its owner has disconnected, and so on).
 ///
 /// For the thread that owns the connection. Handlers run inside sd_bus_process and may make and
-/// destroy requests; an exception that leaves one is dropped. There are no timeouts, and when the
+/// destroy requests; an exception thrown by one is dropped. There are no timeouts, and when the
 /// connection is lost, no handler runs.
 class BusRequests {
  public:

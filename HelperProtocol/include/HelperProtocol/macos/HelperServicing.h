@@ -41,7 +41,7 @@ NS_ASSUME_NONNULL_BEGIN
                               reply:
                                   (void (^)(NSData* _Nullable data, NSError* _Nullable error))reply;
 
-/// Replies with HelperFreshness, before the helper leaves.
+/// Replies with HelperFreshness, before the helper exits.
 - (void)quitIfOutdatedWithReply:(void (^)(NSData* _Nullable data, NSError* _Nullable error))reply;
 
 /// Takes an EngineStatusRequest, replies with an EngineStatus.
