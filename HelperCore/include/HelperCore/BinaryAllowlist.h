@@ -58,25 +58,23 @@ using FactsReader = std::function<std::optional<FileFacts>(const std::filesystem
 /// Where engines are looked for, and which executables are refused because someone other than the
 /// user and root may have had a hand in them. Pure functions of their arguments and the file
 /// system; nothing is remembered between calls. Safe from any thread.
-struct BinaryAllowlist {
-  BinaryAllowlist() = delete;
+namespace BinaryAllowlist {
 
-  /// The nine directories, in search order.
-  static std::vector<std::filesystem::path> searchLocations(
-      const std::filesystem::path& homeDirectory);
+/// The nine directories, in search order.
+std::vector<std::filesystem::path> searchLocations(const std::filesystem::path& homeDirectory);
 
-  /// The first acceptable candidate, as formed (not its link's target); otherwise the last refusal
-  /// seen, where an absent candidate is not a refusal.
-  static std::expected<std::filesystem::path, BinaryRejection> resolve(
-      std::string_view fileName, const std::vector<std::filesystem::path>& locations,
-      uid_t currentUID, const FactsReader& readFacts);
+/// The first acceptable candidate, as formed (not its link's target); otherwise the last refusal
+/// seen, where an absent candidate is not a refusal.
+std::expected<std::filesystem::path, BinaryRejection> resolve(
+    std::string_view fileName, const std::vector<std::filesystem::path>& locations,
+    uid_t currentUID, const FactsReader& readFacts);
 
-  /// The facts of the file that a path leads to, from stat(2) and access(2).
-  static std::optional<FileFacts> readFacts(const std::filesystem::path& path);
+/// The facts of the file that a path leads to, from stat(2) and access(2).
+std::optional<FileFacts> readFacts(const std::filesystem::path& path);
 
-  /// The sentence for a person; `fileName` is its first word.
-  static std::string message(const BinaryRejection& rejection, std::string_view fileName);
-};
+/// The sentence for a person; `fileName` is its first word.
+std::string message(const BinaryRejection& rejection, std::string_view fileName);
+}  // namespace BinaryAllowlist
 
 /// The executable's file name of an engine: "claude" or "codex".
 std::string_view executableName(GenerationEngineID engine);

@@ -13,30 +13,26 @@ namespace tessaloom {
 
 /// How an engine is started, as plain values. Nothing here touches the file system; pure functions,
 /// safe from any thread.
-struct CLIInvocationBuilder {
-  CLIInvocationBuilder() = delete;
+namespace CLIInvocationBuilder {
 
-  /// The rules that every engine is given, 463 characters.
-  static std::string_view systemText();
+/// The rules that every engine is given, 463 characters.
+std::string_view systemText();
 
-  static std::vector<std::filesystem::path> searchLocations(
-      const std::filesystem::path& homeDirectory);
+std::vector<std::filesystem::path> searchLocations(const std::filesystem::path& homeDirectory);
 
-  /// The nine variables of an engine.
-  static Environment environment(const std::filesystem::path& homeDirectory,
-                                 const std::string& loginName,
-                                 const std::filesystem::path& temporaryDirectory);
+/// The nine variables of an engine.
+Environment environment(const std::filesystem::path& homeDirectory, const std::string& loginName,
+                        const std::filesystem::path& temporaryDirectory);
 
-  static std::vector<std::string> claudeArguments(GenerationShape shape);
-  static std::vector<std::string> codexArguments(
-      const std::optional<std::filesystem::path>& schemaFile);
+std::vector<std::string> claudeArguments(GenerationShape shape);
+std::vector<std::string> codexArguments(const std::optional<std::filesystem::path>& schemaFile);
 
-  /// The vector of `engine`: claude ignores the schema file, codex the shape.
-  static std::vector<std::string> arguments(GenerationEngineID engine, GenerationShape shape,
-                                            const std::optional<std::filesystem::path>& schemaFile);
+/// The vector of `engine`: claude ignores the schema file, codex the shape.
+std::vector<std::string> arguments(GenerationEngineID engine, GenerationShape shape,
+                                   const std::optional<std::filesystem::path>& schemaFile);
 
-  /// The standard-input text: the rules, the trimmed instructions when there are any, the task.
-  static std::string prompt(std::string_view instructions, std::string_view prompt);
-};
+/// The standard-input text: the rules, the trimmed instructions when there are any, the task.
+std::string prompt(std::string_view instructions, std::string_view prompt);
+}  // namespace CLIInvocationBuilder
 
 }  // namespace tessaloom

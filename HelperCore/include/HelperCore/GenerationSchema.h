@@ -7,11 +7,10 @@
 namespace tessaloom {
 
 /// The JSON schema that constrains an engine's answer.
-struct GenerationSchema {
-  GenerationSchema() = delete;
+namespace GenerationSchema {
 
-  /// Compact JSON: 267 characters for `freeText`, 642 for `itemFields`.
-  static std::string_view text(GenerationShape shape);
-};
+/// Compact JSON: 267 characters for `freeText`, 642 for `itemFields`.
+std::string_view text(GenerationShape shape);
+}  // namespace GenerationSchema
 
 }  // namespace tessaloom
