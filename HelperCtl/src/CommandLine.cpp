@@ -93,15 +93,15 @@ constexpr std::array commands{
         "send many calls over one connection",
         "Each line of standard input, METHOD BODY, is sent as soon as it is read, as long as\n"
         "the helper takes more calls. Each reply is a line, N ok BODY or N error NAME MESSAGE,\n"
-        "where N is the number of its call's line. Ends at end of input once all replies are\n"
-        "in, with exit status 0 whatever they say, or 3 if a call did not reach the helper.\n",
+        "where N is the number of its call's line. Exits at the end of input, once all replies\n"
+        "have come: with status 0 whatever they say, 3 if a call did not reach the helper.\n",
         {},
         {},
         runSession},
     Command{"doctor",
             "find out what is wrong",
-            "Checks the way to the helper and to the engines, step by step, and says what to\n"
-            "do. Exit status 1 if text cannot be generated.\n",
+            "Checks step by step whether the helper and the engines can be reached, and says what\n"
+            "to do. Exit status 1 if text cannot be generated.\n",
             {},
             {},
             runDoctor},
