@@ -56,15 +56,15 @@ using BinaryRejection =
 using FactsReader = std::function<std::optional<FileFacts>(const std::filesystem::path&)>;
 
 /// Where engines are looked for, and which executables are refused because someone other than the
-/// user and root may have had a hand in them. Pure functions of their arguments and the file
+/// user and root owns them or may write them. Pure functions of their arguments and the file
 /// system; nothing is remembered between calls. Safe from any thread.
 namespace BinaryAllowlist {
 
 /// The nine directories, in search order.
 std::vector<std::filesystem::path> searchLocations(const std::filesystem::path& homeDirectory);
 
-/// The first acceptable candidate, as formed (not its link's target); otherwise the last refusal
-/// seen, where an absent candidate is not a refusal.
+/// The first acceptable candidate: `fileName` below one of `locations`, not the target of a link.
+/// Otherwise the reason for which the last existing candidate was refused, or NotFound.
 std::expected<std::filesystem::path, BinaryRejection> resolve(
     std::string_view fileName, const std::vector<std::filesystem::path>& locations,
     uid_t currentUID, const FactsReader& readFacts);
@@ -72,7 +72,7 @@ std::expected<std::filesystem::path, BinaryRejection> resolve(
 /// The facts of the file that a path leads to, from stat(2) and access(2).
 std::optional<FileFacts> readFacts(const std::filesystem::path& path);
 
-/// The sentence for a person; `fileName` is its first word.
+/// The rejection as a sentence for the user, whose first word is `fileName`.
 std::string message(const BinaryRejection& rejection, std::string_view fileName);
 }  // namespace BinaryAllowlist
 

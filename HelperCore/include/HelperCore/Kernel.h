@@ -65,7 +65,7 @@ struct SocketHolder {
 /// One process, opened so that a check and the signal that follows it concern the same one.
 ///
 /// Where the kernel can pin a process (a pidfd), it stays pinned for the life of this object; where
-/// it cannot, `signal` goes to the number. Used by one thread.
+/// it cannot, `signal` sends to whatever process has the pid. Used by one thread.
 class ProcessHandle {
  public:
   virtual ~ProcessHandle() = default;
@@ -78,11 +78,12 @@ class ProcessHandle {
   virtual int signal(std::int32_t number) = 0;
 };
 
-/// What the process logic asks of the operating system. Filtering, ordering, classification and
-/// the rule of the kill are above it and the same everywhere.
+/// The queries that the process logic makes to the operating system. Filtering, ordering,
+/// classification and the decision whether to signal are above it and the same everywhere.
 ///
-/// Safe from any thread. One for the whole process. A query that fails is empty, and what cannot be
-/// read, or has gone by now, is missing from it; only memory that runs out is an exception.
+/// Safe from any thread. One for the whole process. A query that fails returns nothing, and what
+/// cannot be read, or no longer exists, is missing from it; an exception is thrown only for want of
+/// memory.
 ///
 /// What an implementation keeps between calls is not seen in a result, with one exception: sockets
 /// of a process that shares its table of descriptors with another process, which is neither a
@@ -97,8 +98,8 @@ class Kernel {
   /// The wall clock, which may be set back or forward at any moment.
   virtual Instant wallClockTime() const = 0;
 
-  /// The moment from which ages of processes are reckoned: on one line with their start times, also
-  /// after the wall clock was set.
+  /// The current time by the clock of the processes' start times: an age is this minus the start,
+  /// and is right even after the wall clock was set.
   virtual Instant processClockTime() const = 0;
 
   /// The process table, in the kernel's order. Processes of owners other than `owner` may be left
@@ -113,8 +114,8 @@ class Kernel {
   virtual std::unique_ptr<ProcessHandle> openProcess(std::int32_t pid) = 0;
 
   /// Closes all descriptors that are kept between calls; waits for a listing that uses them, some
-  /// hundredths of a second, so not for a thread that serves others. For whoever was refused a
-  /// descriptor (EMFILE, ENFILE), before the next try. The next listing keeps descriptors again.
+  /// hundredths of a second, so not for a thread that serves others. To be called when a descriptor
+  /// was refused (EMFILE, ENFILE), before the next try. The next listing keeps descriptors again.
   virtual void releaseKeptDescriptors() = 0;
 };
 

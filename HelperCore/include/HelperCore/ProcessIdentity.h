@@ -6,8 +6,8 @@
 
 namespace tessaloom {
 
-/// What makes a process the same process: a pid may be given to another one, but not with the same
-/// start time.
+/// Identifies a process: its pid may later be given to another one, but not with the same start
+/// time.
 struct ProcessIdentity {
   std::int32_t pid;
   std::int64_t startSec;   ///< Whole seconds since the Unix epoch.

@@ -6,12 +6,11 @@
 
 namespace tessaloom {
 
-/// Signals a process if `provenance` authorizes what now has its pid.
+/// Signals the process that now has the request's pid, if `provenance` authorizes that process.
 ///
-/// Everything that is not such a process is refused with one and the same message, so that a
-/// refusal says nothing about processes that were not listed; what the kernel refuses has the
-/// kernel's message. There is no other rule: a listed process may be signalled, the helper itself
-/// included.
+/// All other pids are refused with one and the same message, so that a refusal reveals nothing
+/// about processes that were not listed; a signal that the kernel refuses has the kernel's message.
+/// There is no other rule: a listed process may be signaled, the helper itself included.
 KillResult killProcess(const KillRequest& request, Kernel& kernel,
                        const ProvenanceCache& provenance);
 

@@ -14,14 +14,14 @@ namespace tessaloom {
 ///
 /// The kernel counts a time slice before the process runs in it, and adds to its run time when it
 /// stops and at every tick. Equal counters therefore mean that it has not run, or has run all the
-/// while without a tick; the latter is ruled out once the moment lies further back than the longest
+/// while without a tick; the latter is ruled out once the moment is longer ago than the longest
 /// time between two ticks.
 class IdleProbe {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// Well above the longest time that a CPU of this machine runs a process without a tick: a
-  /// hundredth of a second, or a second where the kernel was told to leave CPUs alone (nohz_full).
+  /// Well above the longest time that a CPU of this machine runs a process without a tick: that is
+  /// a hundredth of a second, or a second where the kernel runs CPUs without ticks (nohz_full).
   static std::chrono::nanoseconds longestTick();
 
   /// Of no process.

@@ -10,7 +10,7 @@
 
 namespace tessaloom {
 
-/// What /proc/PID/stat says of a process.
+/// What the listings use of /proc/PID/stat.
 struct ProcessFacts {
   std::string name;
   std::uint64_t startTicks = 0;

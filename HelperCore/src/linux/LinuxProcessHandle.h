@@ -9,12 +9,11 @@
 
 namespace tessaloom {
 
-/// A process by a pidfd (pidfd_open(2), Linux 5.3), which goes on naming it after it exited,
-/// whoever gets its pid.
+/// A process by a pidfd (pidfd_open(2), Linux 5.3), which still refers to it after it has exited,
+/// even if another process gets its pid.
 ///
-/// Where there are no pidfds, the signal goes to the pid right after the check: the gap of some
-/// microseconds, in which the process would have to exit and its pid to come round again, is what
-/// such a kernel has.
+/// Without pidfds the signal is sent to the pid right after the check. A wrong process would be
+/// signaled only if this one exited and its pid was reused in the microseconds between the two.
 class LinuxProcessHandle final : public ProcessHandle {
  public:
   enum class By : std::uint8_t { pidfdWherePossible, pidOnly };
@@ -26,7 +25,7 @@ class LinuxProcessHandle final : public ProcessHandle {
   std::optional<ProcessStartTime> startTime() override;
   int signal(std::int32_t number) override;
 
-  /// A descriptor was refused, so that the process seems to have gone.
+  /// Whether a descriptor was refused, so that the process only seems not to exist.
   bool ranOutOfDescriptors() const { return ranOut_; }
 
  private:

@@ -24,10 +24,10 @@ inline std::size_t usableProcessors() {
 /// Calls `work(index)` for 0 to `count`, on this thread and, once that has taken a while, on a few
 /// more for the rest of the call. Reading /proc is the kernel's work and scales with the
 /// processors. The list is taken in small parts as each thread gets to it, so that a thread that
-/// gets no processor delays nobody.
+/// gets no processor does not delay the others.
 ///
-/// What `work` throws ends the whole, and is thrown here. Threads that cannot be made are done
-/// without.
+/// An exception from `work` ends the loop and is thrown here. If the system refuses a thread, the
+/// others do the work.
 template <class Work>
 void forEachPart(std::size_t count, const Work& work) {
   constexpr std::size_t partSize = 16;

@@ -13,13 +13,13 @@
 
 namespace tessaloom {
 
-/// One listing's way through the processes of a user: which there are, what is still known of
-/// them, what is read anew, and what is kept for the next listing.
+/// The part that both listings share: finds the processes of a user, decides which of the earlier
+/// facts about them still hold, reads the others anew, and keeps both for the next listing.
 ///
 /// What a process is does not change while it does not run: its descriptors, name, user and network
 /// namespaces change by its own doing alone. What was read of a process with a single thread
 /// therefore holds as long as its IdleProbe is unchanged. Probes are opened by the second listing
-/// that comes across a process, so that a single listing does not pay for them.
+/// that finds a process, so that a single listing does without their cost.
 class ProcessPass {
  public:
   /// Starts with `known`, by pid, of the listing before. With `keep` false no descriptor is left

@@ -9,10 +9,10 @@ namespace tessaloom {
 
 /// The processes of the user that have listening or bound sockets open, by pid.
 ///
-/// What the sockets are is asked of the kernel every time (SocketTable). Which descriptors a
-/// process has open stays known while it does not run. Two processes that share one table of
-/// descriptors are read every time where one is the other's parent; others of that kind cannot be
-/// told from the rest, which is why no probe counts for long (ProcessPass::isRemembered).
+/// The state and address of each socket are read from the kernel every time (SocketTable). Which
+/// descriptors a process has open is remembered while it does not run. Two processes that share one
+/// table of descriptors are read every time where one is the other's parent; others of that kind
+/// cannot be told from the rest, which is why no probe counts for long (ProcessPass::isRemembered).
 std::vector<SocketHolder> readSocketHolders(ProcessPass& pass);
 
 }  // namespace tessaloom

@@ -24,8 +24,8 @@ class SocketTable {
   /// handlers, a sandbox that forbids it).
   void addOwnNamespace(const ProcFiles& proc);
 
-  /// Adds the sockets of the namespace of a process or thread, from its /proc/PID/net, as far as
-  /// its tables have not been read and it lets itself be asked.
+  /// Adds the sockets of the namespace of a process or thread, from its /proc/PID/net, for those
+  /// tables that have not been read yet and that may be read.
   void addFrom(const ProcFiles& proc, std::int32_t member, Progress& progress);
 
   /// Null when there is none that gives a row.

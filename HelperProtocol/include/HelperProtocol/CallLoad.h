@@ -13,9 +13,9 @@ struct CallWeight {
   std::size_t bytes;  ///< Of the request.
 };
 
-/// How many calls one process has unanswered, over all of its connections, and whether the helper
-/// takes more of it. The limits stop accidents and floods: the service itself refuses a fourth
-/// generation, far below them.
+/// Counts the unanswered calls of one process, over all of its connections, and decides whether the
+/// helper accepts another. The limits stop accidents and floods; they are far above the three
+/// generations that the service itself runs at once.
 class CallLoad {
  public:
   static constexpr std::size_t maximumBytes = 16UL * 1'048'576;  ///< Of each kind.

@@ -19,10 +19,10 @@ class DecodingError : public std::runtime_error {
     numberDoesNotFit = 4,  ///< An integral number outside the field's range.
   };
 
-  /// `path` names the field, as in `prompt`, `fields.tags[3]`; empty for the whole body. `problem`
-  /// completes a sentence about it, without a full stop, as in "is missing". Both may quote the
-  /// body, so they are cleaned and bounded here; what() is one line of valid UTF-8, at most 500
-  /// scalars.
+  /// `path` names the field, as in `prompt` or `fields.tags[3]`; empty for the whole body.
+  /// `problem` completes a sentence about the field, without a full stop, as in "is missing". Both
+  /// may quote the body, so they are cleaned and bounded here; what() is one line of valid UTF-8,
+  /// at most 500 scalars.
   DecodingError(Kind kind, const std::string& path, const std::string& problem);
 
   Kind kind() const { return kind_; }

@@ -5,7 +5,7 @@
 
 namespace tessaloom {
 
-/// What both ends of the channel agree on before the first message.
+/// Names and numbers that the helper and its callers share.
 namespace HelperConstants {
 
 /// The Mach service on macOS and the well-known bus name on Linux.
@@ -15,7 +15,7 @@ inline constexpr std::string_view machServiceName = "group.com.brindlemoor.Tessa
 inline constexpr const char* objectPath = "/com/brindlemoor/Tessaloom/Helper";
 inline constexpr const char* interfaceName = "com.brindlemoor.Tessaloom.HelperServicing";
 
-/// The bare integer that the version method replies with; the helper compares it with nothing.
+/// The bare integer that the version method replies with; only callers compare it.
 inline constexpr std::int64_t protocolVersion = 1;
 
 /// Domain of decoding and encoding errors in a reply.

@@ -9,7 +9,7 @@ class HelperFreshness {
   HelperFreshness(bool isOutdated, bool willExit)
       : isOutdated_(isOutdated), willExit_(isOutdated && willExit) {}
 
-  /// The values as a message carried them, without that coupling.
+  /// The values as they were in a message, `willExit` unchanged.
   static HelperFreshness asRead(bool isOutdated, bool willExit) {
     HelperFreshness freshness(isOutdated, willExit);
     freshness.willExit_ = willExit;

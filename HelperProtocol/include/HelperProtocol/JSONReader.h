@@ -14,9 +14,9 @@
 
 namespace tessaloom {
 
-// JSON (RFC 8259) is read without building a tree: a JSONReader reports what it meets to a
-// JSONTarget, which keeps what it was made for. So memory is bounded by what is asked for, whatever
-// else the text has, and nothing has to be taken down again.
+// JSON (RFC 8259) is read without building a tree: a JSONReader reports each value that it reads to
+// a JSONTarget, which keeps only the values that it was made for. So memory is bounded by what is
+// kept, whatever else the text contains.
 
 enum class JSONContainer : std::uint8_t { object, array };
 
@@ -24,7 +24,7 @@ enum class JSONContainer : std::uint8_t { object, array };
 /// however it is written (5.0).
 using JSONScalar = std::variant<std::nullptr_t, bool, std::int64_t, double, std::string>;
 
-/// Where one value goes. When a key occurs again the same target receives the later value, which
+/// Receives one value. When a key occurs again the same target receives the later value, which
 /// replaces the earlier one.
 class JSONTarget {
  public:
@@ -33,9 +33,9 @@ class JSONTarget {
   /// `source` is how a number that is not an integer is written.
   virtual void scalar(JSONScalar value, std::string_view source) = 0;
   virtual void begin(JSONContainer container) = 0;
-  /// Where the value of the member that comes next goes; null to skip it.
+  /// The target of the value of the next member; null to skip it.
   virtual JSONTarget* member(std::string_view key) = 0;
-  /// Where the array's next element goes; null to skip it.
+  /// The target of the array's next element; null to skip it.
   virtual JSONTarget* element() = 0;
   virtual void end() = 0;
 };
@@ -52,8 +52,8 @@ class JSONReader {
   static std::optional<std::string> read(std::string_view text, JSONTarget& target);
 };
 
-/// Keeps a scalar; of an object or array only which of the two it is. It knows its place in the
-/// body, and refuses what it does not expect with a DecodingError that names that place.
+/// Keeps a scalar; of an object or array, only which of the two it is. It records its place in the
+/// body, and throws a DecodingError that names that place for a value that it does not expect.
 class JSONSlot : public JSONTarget {
  public:
   JSONSlot() = default;
@@ -66,7 +66,7 @@ class JSONSlot : public JSONTarget {
   JSONTarget* element() override { return nullptr; }
   void end() override {}
 
-  /// Forgets the value; a new one does so first.
+  /// Removes the value; each new value does so first.
   virtual void clear() { value_ = std::monostate(); }
 
   /// Whether there is no value, or null.

@@ -11,11 +11,11 @@ namespace tessaloom {
 /// each row, and both ends of both transports send and receive by it.
 struct Method {
   enum class Kind : std::uint8_t {
-    immediate,     ///< Replies with what is in memory: neither a system call nor a wait.
+    immediate,     ///< Replies from memory, without a system call or a wait.
     brief,         ///< Replies as soon as the result has been computed.
     generation,    ///< Replies once an engine has generated.
-    probe,         ///< Replies once an engine has said its version.
-    cancellation,  ///< Ends an engine's run, and so must never wait behind one.
+    probe,         ///< Replies once an engine has printed its version.
+    cancellation,  ///< Ends an engine's run, and so must never wait for one.
   };
   static constexpr std::size_t kindCount = 5;
 

@@ -6,7 +6,7 @@
 
 namespace tessaloom {
 
-/// Owns one open file descriptor, or none (-1), and closes it.
+/// Owns one open file descriptor, or none (-1), and closes it when destroyed.
 class FileDescriptor {
  public:
   FileDescriptor() = default;

@@ -16,8 +16,8 @@ namespace tessaloom {
 class GlobPatternError : public std::exception {
  public:
   enum class Kind : std::uint8_t {
-    doubleStarWithinSegment,  ///< A segment holds ** and more, as in a**b; `offending` is it.
-    unsupportedCharacter,     ///< A backslash or square bracket; `offending` is it.
+    doubleStarWithinSegment,  ///< A segment is ** and more, as in a**b; `offending` is the segment.
+    unsupportedCharacter,     ///< A backslash or square bracket, which is `offending`.
     emptyPattern,
     leadingSlash,
     trailingSlash,
@@ -43,14 +43,14 @@ class GlobPatternError : public std::exception {
 
 /// Matches slash-separated relative paths against a pattern of literal characters, `?` for any one
 /// character, `*` for any run of characters within a segment, and the whole segment `**` for any
-/// number of segments, none included. Classes and escapes are refused, not half supported.
+/// number of segments, none included. Character classes and escapes are refused.
 ///
 /// Text is UTF-8; an ill-formed part counts as U+FFFD. Characters are user-perceived ones (extended
 /// grapheme clusters), equal when they are canonically equivalent: a slash that carries an accent
 /// separates nothing. Letter case is ignored by comparing full, contextless lower case.
 ///
-/// A literal beats a star: a `*` that meets a star in the path matches that star alone, so `*`
-/// matches neither "*x" nor "**", but does match "x*".
+/// A `*` of the pattern that is compared with a star in the path matches that star alone, as a
+/// literal would: `*` matches neither "*x" nor "**", but does match "x*".
 ///
 /// Costs at most segments × pieces matches of one segment against one piece, each at most the
 /// product of their lengths; nothing recurses. A matcher is a value and safe to share between

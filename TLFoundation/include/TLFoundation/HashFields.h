@@ -31,8 +31,8 @@ std::size_t hashField(const std::vector<Element>& elements) noexcept {
   return hash;
 }
 
-/// A record of this project that can be hashed: its `hash()` is over the fields that it is equal
-/// by.
+/// A record of this project that can be hashed: its `hash()` combines the fields that its
+/// comparison compares.
 template <class Record>
 concept HashableRecord = requires(const Record& record) {
   { record.hash() } noexcept -> std::same_as<std::size_t>;

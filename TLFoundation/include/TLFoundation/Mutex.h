@@ -3,8 +3,8 @@
 #include <mutex>
 
 // Clang's thread-safety annotations (https://clang.llvm.org/docs/ThreadSafetyAnalysis.html); other
-// compilers see nothing. A guarded field says what guards it, and the clang builds hold the code to
-// it.
+// compilers see nothing. Each guarded field names the mutex that guards it, and the clang builds
+// check that the code holds it.
 #if defined(__clang__)
 #define TL_THREAD_ANNOTATION(x) __attribute__((x))
 #else
@@ -21,7 +21,8 @@
 
 namespace tessaloom {
 
-/// A std::mutex that the analysis knows. Waits use std::condition_variable_any over a MutexLock.
+/// A std::mutex that the analysis recognizes. Waits use std::condition_variable_any over a
+/// MutexLock.
 class TL_CAPABILITY("mutex") Mutex {
  public:
   void lock() TL_ACQUIRE() { mutex_.lock(); }

@@ -10,7 +10,7 @@
 
 namespace tessaloom {
 
-// How a reply's error travels on the bus: its name says what failed, its first argument is the
+// How a reply's error is sent over the bus: its name says what failed, its first argument is the
 // localized description, its second an a{sv} with `domain` (s), `code` (x) and, for a failed
 // generation, `kind` (s).
 

@@ -18,9 +18,9 @@ namespace tessaloom {
 
 class BusRequests;
 
-/// Something asked of BusRequests: the reply to a call, or the changes of a name's owner. Its
-/// handler runs no more once it is destroyed or overwritten, which must happen before the
-/// BusRequests that it came from is destroyed.
+/// A request made through BusRequests: for the reply to a call, or for the changes of a name's
+/// owner. Its handler no longer runs once the request is destroyed or overwritten, which must
+/// happen before the BusRequests that made it is destroyed.
 class BusRequest {
  public:
   BusRequest() = default;
@@ -37,8 +37,8 @@ class BusRequest {
   std::uint64_t id_ = 0;
 };
 
-/// What a connection asks of other peers of its bus: method calls, and who owns a name. Every reply
-/// and every signal that comes through here is from a proven sender.
+/// Calls methods of other peers of the bus, and follows who owns a name. The sender of every reply
+/// and signal that a handler gets has been checked.
 ///
 /// Any peer of a bus can send a message that carries the serial of somebody else's call, or that
 /// looks like a signal of the bus; serials are easy to guess. The library's own callbacks (of
