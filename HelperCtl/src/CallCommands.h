@@ -15,8 +15,8 @@
 
 namespace tessaloom {
 
-/// A kill or a cancel that was refused is an answer that says so; any other record is what was
-/// asked.
+/// The exit status for a reply's record: `refused` for a KillResult that did not succeed, otherwise
+/// `done`.
 template <class Record>
 ExitStatus statusOf(const Record& record) {
   if constexpr (std::is_same_v<Record, KillResult>) {

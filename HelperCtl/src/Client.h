@@ -16,12 +16,13 @@ inline constexpr std::chrono::seconds callPatience{60};
 /// The name of the error when a limit has passed.
 inline constexpr std::string_view timedOutError = "timedOut";
 
-/// One call, waited for. Without a limit it lasts until the helper answers or goes away.
+/// Makes one call and waits for its reply. Without a limit it waits until the helper replies or
+/// disconnects.
 CallReply callAndWait(Transport& transport, std::string_view method,
                       const std::optional<Bytes>& body = std::nullopt,
                       std::optional<std::chrono::seconds> limit = callPatience);
 
-/// The same over a connection of its own.
+/// The same over a new connection.
 CallReply callOnce(std::string_view method, const std::optional<Bytes>& body = std::nullopt,
                    std::optional<std::chrono::seconds> limit = callPatience);
 

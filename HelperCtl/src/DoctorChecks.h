@@ -25,8 +25,8 @@ struct Check {
   std::string remedy = {};  // NOLINT(readability-redundant-member-init): may be left out.
 };
 
-/// The way to the helper on this platform: whether there is a bus (or its like), whether it knows
-/// the helper, and which process is the helper. Ends with the first bad finding.
+/// Checks what a call needs on this platform: whether there is a bus (or its like), whether it can
+/// start the helper, and which process is the helper. Ends with the first bad finding.
 std::vector<Check> checkWayToHelper();
 
 /// Each engine, as the helper sees it and, where it cannot be asked (null), as this program does.

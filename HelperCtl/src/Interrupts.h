@@ -19,8 +19,8 @@ class Interrupts {
   int take();
 };
 
-/// Ends this process by a signal, as if nothing had caught it: so the shell that started it sees
-/// that it was interrupted, and ends its loop, too.
+/// Ends this process by a signal, as if it had not been caught, so that a shell that runs this in a
+/// loop also ends the loop.
 [[noreturn]] void dieBySignal(int number);
 
 }  // namespace tessaloom

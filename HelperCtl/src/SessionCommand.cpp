@@ -72,7 +72,7 @@ class Session {
 };
 
 ExitStatus Session::run() {
-  // A reader that goes away is an end like any other, and is seen where it is written to.
+  // When the reader of the output closes it, the session ends; a write fails instead of a signal.
   (void)::signal(SIGPIPE, SIG_IGN);
   loop_.watch({STDIN_FILENO,
                [this] { return mayRead() ? std::optional<short>(POLLIN) : std::nullopt; },

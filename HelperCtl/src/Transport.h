@@ -16,7 +16,7 @@ namespace tessaloom {
 struct CallError {
   enum class Category : std::uint8_t {
     answered,     ///< The helper, or what guards it, answered with an error.
-    unreachable,  ///< No helper took the call, or it went away before it answered.
+    unreachable,  ///< No helper received the call, or it disconnected before it answered.
   };
 
   Category category;
@@ -53,9 +53,9 @@ class Transport {
 
   /// Sends `body`, or no argument at all when there is none, to `method` (a name as in
   /// "GenerateText"). The handler is called exactly once, from `process` and never from `call`; it
-  /// may make further calls. A call has no time limit. What the transport cannot send is
-  /// answered like an error of the helper's. Handlers that are still waiting when the transport
-  /// goes away are dropped.
+  /// may make further calls. A call has no time limit. For a call that the transport cannot
+  /// send, the handler gets an error like one of the helper's. Handlers that still wait when the
+  /// transport is destroyed are not called.
   virtual void call(const std::string& method, const std::optional<Bytes>& body,
                     Handler handler) = 0;
 

@@ -18,12 +18,11 @@
 
 namespace tessaloom {
 
-/// A child that leads a process group of its own, and the only place that signals or reaps it: once
-/// it is reaped its number may belong to anyone, so both happen under one lock and reaping is
-/// remembered.
+/// A child that leads its own process group. Only this class signals or reaps it: once it is reaped
+/// another process may get its pid, so both happen under one lock and the reaping is recorded.
 ///
-/// Ending it is data: a terminated child has kills that fall due, which the thread that waits for
-/// it sends. Safe from any thread.
+/// `terminate` sends SIGTERM and only records when SIGKILL is due; the thread that waits for the
+/// child sends it, by `sendDueKills`. Safe from any thread.
 class ChildProcess {
   struct MadeByLaunch {};
 
@@ -58,10 +57,10 @@ class ChildProcess {
   /// Sends the kills that are due by `now`, if the child still lives.
   void sendDueKills(Clock::time_point now) TL_EXCLUDES(lock_);
 
-  /// Whether the child has exited, as the system has it now: a zombie has.
+  /// Whether the child has exited by now; a zombie has.
   bool hasExited() const TL_EXCLUDES(lock_);
 
-  /// Blocks until the child has exited. Leaves it unreaped, so its number stays its own.
+  /// Blocks until the child has exited. Does not reap it, so no other process can get its pid.
   void awaitExit() const;
 
   /// Reaps an exited child. The exit status, or the number of the

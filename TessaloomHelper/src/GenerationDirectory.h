@@ -11,18 +11,18 @@
 namespace tessaloom {
 
 /// Makes sure that `directory` is a real directory of this user with mode 0700, making it and what
-/// is missing above it. The umask does not matter. Returns it open and marked as in use for as long
-/// as it is, or the error: whatever else exists there already is refused and left as it is. Safe
-/// from any thread.
+/// is missing above it. The umask does not matter. Returns it open, with a shared lock that marks
+/// it as in use while it is open, or the error: anything else that exists there is refused and not
+/// changed. Safe from any thread.
 std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::path& directory);
 
 /// Removes a directory that `openPrivateDirectory` would accept, if it is empty and neither this
 /// nor another process uses it. One that starts to use it at the same moment makes it again.
 void removeUnusedDirectory(const std::filesystem::path& directory);
 
-/// The directory of one generation, "tessaloom-generation-" and the request id, which goes with
-/// this object: with all that the engine left in it, directories without permissions too, and
-/// without following any link. What cannot be removed stays.
+/// The directory of one generation, "tessaloom-generation-" and the request id. It is removed when
+/// this object is destroyed, with all that the engine made in it, including directories without
+/// permissions; no link is followed. What cannot be removed remains.
 class GenerationDirectory {
  public:
   /// Makes the directory in `temporaryDirectory`. Both must be, or become, private to this user; an

@@ -32,12 +32,13 @@ struct Program {
 /// Starts the program as given: no search, no shell. The child leads a process group of its
 /// own, blocks no signal, has every signal at its default and inherits no descriptor but `ends`.
 ///
-/// Returns once the program is executing. Fails with the error of whatever kept it from that, a
-/// missing executable or working directory included; then there is no child.
+/// Returns once the program is executing. Fails with the error of the step that failed, for example
+/// because the executable or working directory is missing; then there is no child.
 std::expected<pid_t, int> spawn(const Program& program, const ChildEnds& ends);
 
-/// A descriptor that polls as readable once the child exits or has exited. None when the system has
-/// none to give, or has forgotten a child that is gone: then the child must be asked.
+/// A descriptor that polls as readable once the child exits or has exited. None when the system
+/// lacks descriptors or such a call, or when the child has exited already (macOS): then the caller
+/// must check at intervals with waitid(2).
 FileDescriptor exitDescriptor(pid_t child);
 
 }  // namespace tessaloom::SpawnPlatform

@@ -64,8 +64,8 @@ class StdinWriter {
 };
 
 /// One child with its three streams, from its launch to its end, on the thread that runs it: feeds
-/// it, reads it, sends it the kills that fall due, and reaps it. A child that still lives when the
-/// object goes is killed.
+/// it, reads it, sends it the signals that are due, and reaps it. A child that still runs when the
+/// object is destroyed is killed.
 class Subprocess {
  public:
   using Clock = ChildProcess::Clock;
@@ -98,7 +98,7 @@ class Subprocess {
              FileDescriptor error, StdinWriter input);
 
   bool hasExited() const { return exited_ || (!exit_ && child_->hasExited()); }
-  /// Waits until a stream or the child has news, at most until `until`, and takes it.
+  /// Waits until a stream is ready or the child exits, at most until `until`, and handles that.
   void moveBytes(Clock::time_point until);
   Clock::time_point nextWake(Clock::time_point deadline) const;
 

@@ -7,8 +7,8 @@
 
 namespace tessaloom {
 
-/// Whether an error of this name means that no helper took the call: the bus or whoever starts
-/// services made it, or the helper went away.
+/// Whether an error of this name means that no helper received the call (the bus, or what starts
+/// services for it, sent the error) or that the helper disconnected.
 bool isUnreachable(std::string_view errorName);
 
 /// What a person can do about an error of the bus; empty where the error says enough.

@@ -61,8 +61,8 @@ class CLIRunner {
   /// seconds; anything else ends the process.
   ///
   /// Both output streams are read while the input is written. A stream that passes 4 MiB is
-  /// read no further, so a child that goes on writing stalls until its deadline. A stream that
-  /// something still holds open `readersGrace` after the exit contributes nothing.
+  /// read no further, so a child that goes on writing blocks until its deadline. A stream that some
+  /// process still has open `readersGrace` after the exit counts as empty.
   std::expected<RunResult, GenerationErrorPayload> run(const CLIInvocation& invocation,
                                                        const std::optional<UUID>& requestID,
                                                        GenerationEngineID engine,
@@ -81,12 +81,12 @@ class CLIRunner {
   /// exists.
   using Work = std::shared_ptr<const void>;
 
-  /// Takes an engine call into account from its acceptance on, before anything of it has started.
-  /// The runner must outlive the result.
+  /// Counts an engine call as unfinished from its acceptance on, before any of its work has
+  /// started. The runner must outlive the result.
   Work accept();
 
   /// How many accepted engine calls are unfinished, whether they wait, launch, run or are being
-  /// answered. A helper that gives its name away while there are any would lose their
+  /// answered. A helper that released its name while there are any would no longer receive their
   /// cancellations.
   std::size_t unfinishedCount() const { return unfinished_; }
 

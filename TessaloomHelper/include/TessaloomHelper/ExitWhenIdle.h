@@ -33,10 +33,10 @@ class ExitWhenIdle {
   /// modification time. A missing file is not a replacement.
   bool isExecutableReplaced() const;
 
-  /// After `delay`, and then every `nextCheck` while there is one, looks whether the runner knows
-  /// of an unfinished engine call; exits when it knows of none. When the system gives neither
-  /// memory nor a thread for that, nothing is scheduled; the next question about a replaced
-  /// executable starts it again.
+  /// Checks after `delay`, and then every `nextCheck`, whether the runner has an unfinished engine
+  /// call; exits at the first check that finds none. If the system lacks the memory or thread for a
+  /// check, none is scheduled until this is called again, at the next question whether the
+  /// executable was replaced.
   void scheduleExitWhenIdle(std::chrono::milliseconds delay) noexcept;
 
  private:

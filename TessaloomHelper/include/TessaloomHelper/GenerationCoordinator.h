@@ -16,7 +16,8 @@
 
 namespace tessaloom {
 
-/// What a generation asks about the user and the engines, each afresh every time.
+/// How a generation finds out about the user and the engines; each function is called every time,
+/// and nothing that it returns is kept.
 struct GenerationLookups {
   std::function<std::optional<CurrentUser>()> currentUser = lookUpCurrentUser;
   std::function<std::expected<std::filesystem::path, GenerationErrorPayload>(
@@ -26,8 +27,8 @@ struct GenerationLookups {
   std::function<void()> releaseDescriptors = [] {};
 };
 
-/// The body of the three generation methods. Keeps no state of its own; the runner holds the
-/// registry. Safe from any thread; generate and engineStatus block for as long as the engine runs.
+/// Carries out the three generation methods. Has no state but the runner's registry. Safe from any
+/// thread; generate and engineStatus block for as long as the engine runs.
 class GenerationCoordinator {
  public:
   static constexpr std::size_t maximumConcurrent = 3;
@@ -40,14 +41,14 @@ class GenerationCoordinator {
   /// See `CLIRunner::accept`: to be held from the acceptance of a call until it is answered.
   CLIRunner::Work accept() const { return runner_.accept(); }
 
-  /// Runs the engine in a directory of its own, which is gone when this returns.
+  /// Runs the engine in a new directory, which is removed before this returns.
   std::expected<GenerationResult, GenerationErrorPayload> generate(
       const GenerationRequest& request) const;
 
   /// True when a running engine was signalled.
   bool cancel(const GenerationCancelRequest& request) const;
 
-  /// Never fails: what cannot be found out is absent.
+  /// Never fails: a field that cannot be determined is absent.
   EngineStatus engineStatus(const EngineStatusRequest& request) const;
 
  private:

@@ -36,11 +36,12 @@ class HelperService {
   /// Carries out one call, `method` being a row of `methods` and `request` the body where it takes
   /// one. The connection's calls come one after the other; only those that run an engine may come
   /// beside others. `reply` is called exactly once: by methods that run an engine from
-  /// `runEngineCall`, and perhaps after this object is gone; by the others before this returns.
+  /// `runEngineCall`, and perhaps after this object is destroyed; by the others before this
+  /// returns.
   void call(const Method& method, std::string_view request, const ReplyHandler& reply);
 
  private:
-  /// For how long a process may be signalled after it was listed.
+  /// For how long a process may be signaled after it was listed.
   static constexpr std::chrono::seconds provenanceTTL{60};
 
   const ServiceContext& context_;

@@ -34,9 +34,9 @@ namespace tessaloom {
 /// of sd-bus's objects are atomic. Methods run on other threads and send their outcome back through
 /// a completion queue.
 ///
-/// How it ends: leave() gives the name up, as soon as no call is unfinished that runs an engine,
-/// answers every call that was routed to it before, and then exits. A signal and the loss of the
-/// bus end the engines first and wait for them no longer than `stopLimit`.
+/// How it ends: leave() releases the name, as soon as no call is unfinished that runs an engine,
+/// answers every call that was routed to it before, and then has run() return. A signal and the
+/// loss of the bus end the engines first and wait for them no longer than `stopLimit`.
 class BusListener {
  public:
   static constexpr std::chrono::seconds stopLimit{10};
@@ -63,8 +63,8 @@ class BusListener {
   ~BusListener();
 
   /// Takes the name, notifies the service manager, and serves until the end. The process's exit
-  /// status: 0 after leave(), 128 and the signal's number after a signal, 1 when the name is not to
-  /// be had or the bus is lost.
+  /// status: 0 after leave(), 128 plus the signal's number after a signal, 1 when the name cannot
+  /// be acquired or the bus is lost.
   int run();
 
   /// Asks for the orderly end. Any thread, any number of times.

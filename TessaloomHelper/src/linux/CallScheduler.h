@@ -34,7 +34,7 @@ class CallScheduler {
 
   /// How many calls that run an engine are carried out at once; the others wait. Several callers
   /// that use their share leave room for others. Each takes a thread of the engines' tasks for as
-  /// long as the engine runs; of generations the service refuses at once what is too many.
+  /// long as the engine runs; the service refuses at once a generation beyond its own limit.
   struct EngineShare {
     std::size_t ofAll;
     std::size_t ofOneCaller;
@@ -47,8 +47,8 @@ class CallScheduler {
   /// calls come behind.
   static constexpr std::size_t maximumRefusals = 16'384;
 
-  /// Replies are kept back while more than these wait in the library for the bus to take them:
-  /// there they could no longer be sent in turns.
+  /// Replies are kept back while more than these wait in the library for the bus to accept them,
+  /// because the callers' turns do not apply to replies that the library has.
   static constexpr std::uint64_t maximumQueuedReplies = 16;
   static constexpr std::size_t maximumQueuedBytes = 256UL * 1'024;
 

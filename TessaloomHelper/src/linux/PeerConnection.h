@@ -10,8 +10,8 @@
 
 namespace tessaloom {
 
-/// What an admitted peer's calls run on. Calls keep it until they are answered, also when the peer
-/// has left the bus.
+/// The service and the queue that an admitted peer's calls run on. Calls keep it until they are
+/// answered, even if the peer has disconnected.
 struct PeerConnection {
   PeerConnection(const ServiceContext& context, Tasks& tasks, pid_t peerProcess)
       : service(context), queue(tasks, QualityOfService::userInitiated), process(peerProcess) {}
@@ -21,7 +21,7 @@ struct PeerConnection {
   const pid_t process;
 
   // For the bus's thread only.
-  bool isGone = false;     ///< Has left the bus; nobody receives its replies.
+  bool isGone = false;     ///< Has disconnected; no replies are sent to it.
   std::size_t queued = 0;  ///< Calls on `queue` that are not answered yet.
 };
 

@@ -15,7 +15,7 @@ struct PeerFacts {
   std::string flatpakApplication;  ///< If not, that of the Flatpak instance it belongs to, if any.
 };
 
-/// Reads what the system reports about a process, cheap things first. `runtimeDirectory` is the
+/// Reads what the system reports about a process, the cheap facts first. `runtimeDirectory` is the
 /// user's (XDG Base Directories), where Flatpak describes what it runs. The errno when
 /// anything cannot be read. Safe from any thread.
 std::expected<PeerFacts, int> readPeerFacts(pid_t process,

@@ -28,21 +28,21 @@ struct Peer {
 
   std::string name;
   AdmissionState state = AdmissionState::undecided;
-  bool hasLeft = false;  ///< While a call of it waits for the decision, or to be read again.
+  bool hasLeft = false;  ///< Has disconnected while a call of it is held or to be read again.
   BusRequest departure;
   BusRequest credentials;
   std::vector<BusMessage> held;  ///< Calls that came while undecided.
   std::size_t heldBytes = 0;
   std::size_t replayed = 0;                    ///< Held calls that are to be read again.
   std::shared_ptr<PeerConnection> connection;  ///< Of an admitted peer.
-  pid_t process = 0;                           ///< Known once the bus has said it.
+  pid_t process = 0;                           ///< Known once the bus has reported it.
 };
 
 /// Who may call: has every sender vetted at its first call, holds its calls until the decision, and
 /// removes it when it disconnects. On the bus's thread only.
 ///
-/// Calls of peers that are not decided yet are bounded for each connection and in all. When all of
-/// them hold too much, the connection that holds most pays for it.
+/// Calls of peers that are not decided yet are bounded for each connection and in all. When they
+/// exceed the bound in all, the calls of the connection that holds most are refused.
 class PeerRegistry {
  public:
   static constexpr std::size_t maximumAdmitted = 256;
@@ -57,9 +57,9 @@ class PeerRegistry {
   PeerRegistry(sd_bus* bus, BusRequests& requests, PeerVetting& vetting, uid_t user,
                Tasks& queueTasks, const ServiceContext& context);
 
-  /// Decides about one call before anything else sees it: 0 when its sender is admitted; else it
-  /// was answered or is held until the decision, and the result is greater than 0, or an errno less
-  /// than 0.
+  /// Decides about one call before anything else handles it. 0 when its sender is admitted; greater
+  /// than 0 when the call was answered here or is held until the decision; a negative errno on
+  /// failure.
   int authorize(sd_bus_message* call);
 
   /// The peer of this name, or null.

@@ -15,7 +15,7 @@ namespace tessaloom {
 /// application, or one of the executables installed beside the helper.
 ///
 /// This is weaker than code signing: it is meant against other sandboxes and against accidents, and
-/// a program of the same user outside any sandbox can pass itself off as an admitted one. Pure;
+/// a program of the same user outside any sandbox can impersonate an admitted one. Pure;
 /// safe from any thread.
 class PeerRequirement {
  public:

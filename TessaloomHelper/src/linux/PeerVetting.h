@@ -19,9 +19,10 @@ namespace tessaloom {
 /// its own process.
 ///
 /// One check of a process runs at a time, `maximumRunning` in all; the others wait in the order in
-/// which they came. What has no result in `timeLimit` ends without one. A thread that the kernel
-/// does not let go keeps its process from being checked again and no longer counts as running; of
-/// such threads there are `maximumStuck` at most.
+/// which they came. A check without a result after `timeLimit` ends as `unknown`. A thread that is
+/// still blocked in the kernel then is stuck: it no longer counts as running, but its process is
+/// not checked again before it returns. Running and stuck threads together are
+/// `maximumRunning` + `maximumStuck` at most.
 ///
 /// On the bus's thread only. Handlers run there as well, never from start().
 class PeerVetting {

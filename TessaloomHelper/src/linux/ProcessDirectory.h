@@ -15,9 +15,9 @@ namespace tessaloom {
 /// Whether an errno value says only that this process, or the system, lacks descriptors or memory.
 bool isShortage(int error);
 
-/// One process's directory below /proc (proc(5)), held open: it keeps naming the same process, so
-/// what is read through it cannot be pieced together from two that had the number one after the
-/// other. Once the process has gone, every read fails with ESRCH.
+/// One process's directory below /proc (proc(5)), held open: it always refers to the same process,
+/// so what is read through it cannot be a mixture of two processes that had the pid one after the
+/// other. Once the process no longer exists, every read fails with ESRCH.
 ///
 /// Only the texts of links are read, which the kernel makes up itself. Nothing is looked up in the
 /// process's own file system, where a look-up may take for ever. Errors are errno values. Safe from

@@ -7,8 +7,8 @@
 namespace tessaloom {
 
 /// The signals by which a user, a terminal, a session or a service manager ends a process: all that
-/// end one by default, except those that report a fault of its own and SIGKILL. They are read from
-/// a descriptor instead, so that the helper can end in order.
+/// end one by default, except SIGKILL and those that report a fault in the process. They are read
+/// from a descriptor instead, so that the helper can end in order.
 ///
 /// SIGHUP, SIGINT and SIGQUIT stay ignored where they were ignored at the start (nohup, a shell's
 /// background job). SIGPIPE and SIGXFSZ are ignored: a write fails instead. SIGCHLD gets its

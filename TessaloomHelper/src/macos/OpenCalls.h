@@ -11,8 +11,8 @@
 
 namespace tessaloom {
 
-/// Counts the calls that were received and not yet answered, so that the process does not end under
-/// them. Safe from any thread; outlives every call.
+/// Counts the calls that were received and not yet answered, so that the process does not exit
+/// before it has answered them. Safe from any thread; outlives every call.
 class OpenCalls {
  public:
   using Clock = std::chrono::steady_clock;
