@@ -14,19 +14,19 @@
 namespace tessaloom {
 
 /// Remembers which processes the latest listing of one connection showed, so that only those can be
-/// signalled. Safe from any thread.
+/// signaled. Safe from any thread.
 class ProvenanceCache {
  public:
   using Seconds = std::chrono::duration<double>;
 
-  /// `ttl`: for how long a listing authorises signals to its processes.
+  /// `ttl`: for how long a listing authorizes signals to its processes.
   explicit ProvenanceCache(Seconds ttl) : ttl_(ttl) {}
 
   /// Replaces the previous listing. Of two identities with one pid the first is kept.
   void record(std::span<const ProcessIdentity> identities, Instant now) TL_EXCLUDES(lock_);
 
   /// Whether the latest listing showed this very process and is, at `now`, between 0 and `ttl` old,
-  /// both included. By the wall clock: after it was set back, a listing authorises nothing. The
+  /// both included. By the wall clock: after it was set back, a listing authorizes nothing. The
   /// query changes nothing.
   bool isAuthorized(std::int32_t pid, std::int64_t startSec, std::int32_t startUSec,
                     Instant now) const TL_EXCLUDES(lock_);

@@ -16,7 +16,7 @@ namespace tessaloom {
 /// A point of the wall clock, in seconds since the Unix epoch as a double.
 using Instant = std::chrono::sys_time<std::chrono::duration<double>>;
 
-/// A process identifier that may be signalled: always greater than 0. On the wire a bare number.
+/// A process identifier that may be signaled: always greater than 0. On the wire a bare number.
 class ProcessID {
  public:
   /// Throws HelperDTOError::invalidPID.

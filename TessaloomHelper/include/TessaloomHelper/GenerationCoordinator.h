@@ -45,7 +45,7 @@ class GenerationCoordinator {
   std::expected<GenerationResult, GenerationErrorPayload> generate(
       const GenerationRequest& request) const;
 
-  /// True when a running engine was signalled.
+  /// True when a running engine was signaled.
   bool cancel(const GenerationCancelRequest& request) const;
 
   /// Never fails: a field that cannot be determined is absent.
