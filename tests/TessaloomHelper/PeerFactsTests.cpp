@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "TLFoundation/FileDescriptor.h"
+#include "TLFoundation/Pipe.h"
 #include "linux/PeerFacts.h"
 #include "support/TemporaryDirectory.h"
 
@@ -22,19 +22,16 @@ namespace {
 class Child {
  public:
   explicit Child(const std::function<bool()>& become) {
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) return;
-    const FileDescriptor failure(ends[0]);
-    FileDescriptor report(ends[1]);
+    Pipe failure = makePipe().value();
     pid = ::fork();
     if (pid == 0) {
-      if (!become() && ::write(report.get(), "", 1) != 0) ::_exit(1);
-      report.reset();
+      if (!become() && ::write(failure.writeEnd.get(), "", 1) != 0) ::_exit(1);
+      failure.writeEnd.reset();
       for (;;) ::pause();
     }
-    report.reset();
+    failure.writeEnd.reset();
     char byte = 0;
-    isReady = ::read(failure.get(), &byte, 1) == 0;
+    isReady = ::read(failure.readEnd.get(), &byte, 1) == 0;
   }
   ~Child() { end(); }
   Child(const Child&) = delete;
@@ -66,7 +63,7 @@ TEST(PeerFacts, TellWhatAProcessRuns) {
   EXPECT_EQ(facts.executable, program);
 }
 
-/// The user's runtime directory as Flatpak keeps it, with one instance in it.
+/// The user's runtime directory as Flatpak keeps it, with three instances in it.
 class FlatpakPeer : public testing::Test {
  protected:
   FlatpakPeer() {
@@ -75,10 +72,6 @@ class FlatpakPeer : public testing::Test {
       std::ofstream(instances / id / ".ref");
       describe(id, id);
     }
-    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-  }
-  ~FlatpakPeer() override {
-    for (const int end : ends) ::close(end);
   }
 
   void describe(const char* instance, const char* id) const {
@@ -88,8 +81,8 @@ class FlatpakPeer : public testing::Test {
 
   /// Into a sandbox of its own; of the pipe it keeps the ends with these indices.
   bool enterSandbox(bool keepsReading, bool keepsWriting) const {
-    if (!keepsReading) ::close(ends[0]);
-    if (!keepsWriting) ::close(ends[1]);
+    if (!keepsReading) ::close(pipe.readEnd.get());
+    if (!keepsWriting) ::close(pipe.writeEnd.get());
     return ::unshare(CLONE_NEWNS) == 0 || ::unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0;
   }
 
@@ -107,7 +100,7 @@ class FlatpakPeer : public testing::Test {
 
   TemporaryDirectory runtime;
   std::filesystem::path instances = runtime.path() / ".flatpak";
-  int ends[2] = {-1, -1};
+  Pipe pipe = makePipe().value();
 };
 
 TEST_F(FlatpakPeer, BelongsToAnInstanceByWhatOnlyTheHostCanWrite) {
