@@ -218,7 +218,6 @@ void Listing<Record>::redraw(std::vector<Record> records) const {
 
 template <class Record>
 ExitStatus Listing<Record>::watch(Transport& transport) const {
-  console::print("\033[2J");
   while (true) {
     const CallReply reply = callAndWait(transport, method_.name);
     if (!reply) return reportError(reply.error(), false);
