@@ -231,10 +231,12 @@ TEST_F(CLIRunnerTest, LaunchFailuresCarryTheSystemsText) {
 TEST_F(CLIRunnerTest, StreamsThatAGrandchildHoldsOpenContributeNothing) {
   ::prctl(PR_SET_CHILD_SUBREAPER, 1);  // A grandchild becomes this process's when orphaned.
   auto cancelled = start("wait-for=" + go, "grandchild=600000");
-  auto held = std::async(std::launch::async, [this] {
-    return run({"print-cwd", "stderr=lost", "grandchild=600000", "exit=4"});
+  const std::string started = directory / "held";
+  auto held = std::async(std::launch::async, [&] {
+    return run({"print-cwd", "stderr=lost", "grandchild=600000", "touch=" + started, "exit=4"});
   });
-  release();
+  EXPECT_TRUE(eventually([&] { return std::filesystem::exists(started); }));
+  release();  // From here on the cancellation has only as long as the streams are waited for.
   const auto isLeader = [](pid_t child) { return ::getpgid(child) == child; };
   EXPECT_TRUE(eventually([&] { return std::ranges::none_of(children(), isLeader); }));
   EXPECT_FALSE(runner.cancel(id)) << "too late, but reported";
