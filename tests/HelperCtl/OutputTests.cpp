@@ -16,7 +16,7 @@ using testing::ElementsAre;
 Table sampleTable() {
   using enum Table::Alignment;
   Table table({{"PID", right}, {"COMMAND", left, true}, {"MEMORY", right}, {"TTY", left}});
-  table.addRow({"7", "a-rather-long-name", "1.5 MiB", "pts/0"});
+  table.addRow({"7", "a-rather-long-name", "1.5 MiB", "pts/0-console"});
   table.addRow({"1234", "日本語のプロセス", "24 KiB", "-"});
   table.addRow({"12", "cafe\u0301", "3 B", ""});
   return table;
@@ -25,16 +25,18 @@ Table sampleTable() {
 TEST(Table, AlignsByWhatATerminalShows) {
   EXPECT_THAT(sampleTable().lines(80, "…"),  //
               ElementsAre(" PID  COMMAND              MEMORY  TTY",
-                          "   7  a-rather-long-name  1.5 MiB  pts/0",
+                          "   7  a-rather-long-name  1.5 MiB  pts/0-console",
                           "1234  日本語のプロセス     24 KiB  -",
                           "  12  cafe\u0301                    3 B"));
 }
 
 TEST(Table, CutsWhatMayShrinkAndThenDropsTheLastColumns) {
-  // 33 columns have room for all four when COMMAND is cut to 11; a wide character is never halved.
-  EXPECT_THAT(sampleTable().lines(33, "…"),  //
-              ElementsAre(" PID  COMMAND       MEMORY  TTY", "   7  a-rather-l…  1.5 MiB  pts/0",
-                          "1234  日本語のプ…   24 KiB  -", "  12  cafe\u0301             3 B"));
+  // 41 columns have room for all four when COMMAND is cut to 11, though TTY is wider then; a wide
+  // character is never halved.
+  EXPECT_THAT(
+      sampleTable().lines(41, "…"),  //
+      ElementsAre(" PID  COMMAND       MEMORY  TTY", "   7  a-rather-l…  1.5 MiB  pts/0-console",
+                  "1234  日本語のプ…   24 KiB  -", "  12  cafe\u0301             3 B"));
   // Even with COMMAND at its narrowest, 24 columns lack room for the terminal.
   EXPECT_THAT(sampleTable().lines(24, "…"),  //
               ElementsAre(" PID  COMMAND     MEMORY", "   7  a-rather…  1.5 MiB",
