@@ -102,9 +102,9 @@ TEST(GenerationDirectoryTest, UnusedDirectoryIsRemovedWithoutHarmToWhoStartsToUs
   std::thread exiting([&] {
     while (!isDone) removeUnusedDirectory(perUser);
   });
-  for (int i = 0; i < 50; ++i) {
-    const auto directory = GenerationDirectory::create(perUser, UUID::random());
-    EXPECT_TRUE(directory && fs::exists(directory->path()));
+  for (int i = 0; i < 20'000; ++i) {
+    const auto used = openPrivateDirectory(perUser);
+    EXPECT_TRUE(used && fs::exists(perUser));
   }
   isDone = true;
   exiting.join();
