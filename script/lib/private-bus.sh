@@ -11,7 +11,7 @@
 #   PRIVATE_BUS_HOME          the home directory that the helper sees, with .local/bin/claude and codex in it
 #   PRIVATE_BUS_LOG           what the bus and the helper wrote to standard error
 #   PRIVATE_BUS_USER          an array: as the first words of a command they give it the same home directory
-#   DBUS_SESSION_BUS_ADDRESS  exported
+#   DBUS_SESSION_BUS_ADDRESS  exported, as is PRIVATE_BUS_LOG
 #
 # The helper's executable is the unchanged one: the home directory comes from the user database, through nss_wrapper.
 
@@ -95,7 +95,7 @@ private_bus_start() {
   done
   PRIVATE_BUS_ROOT=$(mktemp -d "${TMPDIR:-/tmp}/tessaloom-bus-XXXXXX")
   PRIVATE_BUS_HOME=$PRIVATE_BUS_ROOT/home
-  PRIVATE_BUS_LOG=$PRIVATE_BUS_ROOT/log
+  export PRIVATE_BUS_LOG=$PRIVATE_BUS_ROOT/log
   (
     umask 022
     mkdir -p "$PRIVATE_BUS_HOME/.local/bin"

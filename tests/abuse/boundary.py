@@ -1,5 +1,6 @@
-"""Who may call, and what those who may not can do to those who may."""
+"""Who may call, what those who may not can do to those who may, and what one who may can take from others."""
 
+import contextlib
 import os
 import pathlib
 import subprocess
@@ -7,10 +8,10 @@ import sys
 import time
 
 import honest
-from bus_peer import BUS, BUS_PATH
+from bus_peer import BUS, BUS_PATH, Peer
 from case import Skipped, case
-from session import (ACCESS_DENIED, FILES, HOME, INSTALLED, LIMITS_EXCEEDED, Outsider,
-                     connect, eventually, processes, status_of)
+from session import (ACCESS_DENIED, FILES, HELPER, HELPER_PATH, INSTALLED, LIMITS_EXCEEDED, VERSION_WORDS, Outsider, engines,
+                     eventually, memory_of, processes)
 
 EDITOR = "[Application]\nname=com.brindlemoor.Tessaloom\n"
 
@@ -20,37 +21,31 @@ def forged_credentials(run):
     """A peer answers for the bus who it is, with the pid of an honest client."""
     with run.load(), Outsider("forge_credentials", victim=os.getpid(), rounds=run.rounds) as liar:
         outcomes = [liar.report() for _ in range(run.rounds)]
-    admitted = outcomes.count("admitted")
-    run.check(outcomes.count(ACCESS_DENIED) == run.rounds,
-              f"{admitted} of {run.rounds} tries admitted, {outcomes.count('nothing')} without an answer")
+    run.check(outcomes.count(ACCESS_DENIED) == run.rounds, f"{outcomes.count('admitted')} of {run.rounds} tries admitted, "
+              f"{outcomes.count('nothing')} without an answer")
 
 
 @case(rounds=40)
 def forged_replies(run):
     """A peer answers for the bus whatever the helper asks about new callers."""
-    with run.load(), Outsider("forge_replies") as liar:
-        liar.report()
+    with run.load(), Outsider("forge_replies"):
         for _ in range(run.rounds):
-            client = run.client()
-            client.ask("ProtocolVersion", right=1)
-            client.close()
+            with run.client() as client:
+                client.ask("ProtocolVersion", right=1)
 
 
 @case(rounds=12)
 def forged_departures(run):
     """A peer tells the helper that its callers have left, while they generate, list and kill."""
-    with Outsider("forge_departures") as liar:
-        liar.report()
-        with run.load((("kill",), ("generate", "cancel"), honest.BRIEF), turns=run.rounds):
-            pass
+    with Outsider("forge_departures"):
+        run.under_load((("kill",), ("generate", "cancel"), honest.BRIEF), turns=run.rounds)
 
 
 @case(rounds=10)
 def forged_answers(run):
     """A peer answers the client in the helper's place."""
     believed = 0
-    with Outsider("forge_answers", text="A forged answer") as liar:
-        liar.report()
+    with Outsider("forge_answers", text="A forged answer"):
         for turn in range(run.rounds):
             words = ("generate", "--engine", "claudeCode", f"Tea {turn}")
             said = subprocess.run([INSTALLED / "tessaloom-helperctl", *words], stdin=subprocess.DEVNULL,
@@ -68,8 +63,7 @@ def false_sandboxes(run):
     with run.load():
         for row, info in rows.items():
             with Outsider("call_from_sandbox", info=info) as liar:
-                outcomes = liar.report()
-                run.check(outcomes == [ACCESS_DENIED] * 2, f"a sandbox {row}: {outcomes}")
+                run.check(liar.first == [ACCESS_DENIED] * 3, f"a sandbox {row}: {liar.first}")
 
 
 @case(rounds=1, another_user=True)
@@ -84,96 +78,104 @@ def another_user(run):
             parent.chmod(0o755)
     (folder / "address.new").write_text(address)
     (folder / "address.new").rename(folder / "address")
-    eventually((folder / "outcome").exists)
-    outcome = eventually((folder / "outcome").read_text)
-    run.check(outcome.startswith("no connection: "), outcome)
+    outcome = eventually((folder / "outcome").exists) and eventually((folder / "outcome").read_text)
+    run.check(outcome and outcome.startswith("no connection: "), f"it got {outcome}")
 
 
-def hang(**options):
-    outsider = Outsider("hang_in_vetting", **options)
-    with outsider:
-        said = outsider.report()
-        if said != "ready":
-            raise Skipped(said)
+@contextlib.contextmanager
+def hanging_in_vetting(**options):
+    with Outsider("hang_in_vetting", **options) as outsider:
+        if outsider.first != "ready":
+            raise Skipped(outsider.first)
         yield
 
 
 @case(rounds=70)
 def silent_root(run):
     """Connections from a root directory that never answers do not hold up honest callers, new ones included."""
-    for _ in hang(connections=run.rounds):
-        with run.load():
-            pass
+    with hanging_in_vetting(connections=run.rounds):
+        run.under_load()
 
 
 @case(rounds=12)
 def held_bodies(run):
     """What an undecided caller sends is bounded."""
-    before = int(status_of(run.helper())["VmRSS"].split()[0])
-    for _ in hang(connections=1, bodies=run.rounds, size=60_000_000):
-        with run.load(turns=10):
-            pass
-        status = status_of(run.helper())
-        peak = (int(status["VmHWM"].split()[0]) - before) // 1024
-        run.note = f"peak +{peak} MiB"
-        run.check(peak < 160, f"the helper's memory went up by {peak} MiB")
+    before = memory_of(run.helper(), "VmRSS")
+    with hanging_in_vetting(connections=1, bodies=run.rounds, size=60_000_000):
+        run.under_load(turns=10)
+        peak = memory_of(run.helper(), "VmHWM") - before
+        run.note = f"peak +{peak:.0f} MiB"
+        run.check(peak < 160, f"the helper's memory went up by {peak:.0f} MiB")
 
 
 @case(rounds=300)
-def vanishing(run):
-    """Peers that leave with calls under way, or in the middle of a message."""
-    with run.load(), Outsider("vanish", rounds=run.rounds) as peer:
-        peer.report()
-
-
-@case(rounds=300)
-def babbling(run):
-    """Messages that no honest peer sends."""
-    with run.load(), Outsider("babble", seed=str(run.seed), rounds=run.rounds) as peer:
-        peer.report()
+def strangers(run):
+    """Peers that leave with calls under way or in the middle of a message, and messages that no honest peer sends."""
+    with (run.load(), Outsider("vanish", rounds=run.rounds) as vanishing,
+          Outsider("babble", seed=run.seed, rounds=run.rounds) as babbling):
+        run.check((vanishing.report(), babbling.report()) == ("done", "done"), "they did not come to their end")
 
 
 @case(rounds=4)
 def refused_flood(run):
     """Outsiders that call without a pause and never read."""
-    floods = [Outsider("flood", method=method) for method in ("ListProcesses", "GenerateText")]
-    with floods[0], floods[1]:
-        for flood in floods:
-            flood.report()
-        with run.load(turns=10 * run.rounds):
-            pass
+    with Outsider("flood", method="ListProcesses"), Outsider("flood", method="GenerateText"):
+        run.under_load(turns=10 * run.rounds)
 
 
 @case(rounds=4)
 def never_reads(run):
     """An admitted caller that calls without a pause and never reads its answers."""
-    with processes(500, 0), Outsider("flood", program=sys.executable) as flood:
-        flood.report()
-        with run.load(turns=10 * run.rounds):
-            peer, bus = connect(), 0
-            for _ in range(50 * run.rounds):
-                started = time.monotonic()
-                peer.call(BUS, BUS_PATH, BUS, "GetId")
-                bus = max(bus, time.monotonic() - started)
-            peer.close()
+    with processes(500), Outsider("flood", program=sys.executable), run.load(turns=5 * run.rounds), Peer() as peer:
+        bus = 0
+        for _ in range(10 * run.rounds):
+            started = time.monotonic()
+            peer.call(BUS, BUS_PATH, BUS, "GetId")
+            bus = max(bus, time.monotonic() - started)
     run.note = f"the bus itself answered within {bus:.2f} s"
     run.check(run.ledger.slowest < 2, f"an honest call took {run.ledger.slowest:.1f} s")
 
 
-@case(rounds=3)
+def hanging(client, words="", **options):
+    """A generation that runs: its request, and what `finish` takes."""
+    up = FILES / "up"
+    up.unlink(missing_ok=True)
+    request = honest.generation(f"Wait practice:touch={up} {words} practice:hang", **options)
+    started = client.start("GenerateText", request)
+    eventually(up.exists)
+    return request, started
+
+
+@case(rounds=1)
 def crowd(run):
-    """Callers whose engine calls all hang leave room for others'."""
-    (FILES / "go").unlink(missing_ok=True)
-    version = HOME / ".practice-version"
-    version.write_text(f"practice:wait-for={FILES / 'go'}")
-    clients = [run.client() for _ in range(run.rounds)]
-    probes = [(client, client.start("GenerationEngineStatus", {"engine": "codex"}))
-              for client in clients for _ in range(16)]
-    with run.load((("generate", "cancel"), honest.BRIEF), turns=4):
-        pass
-    (FILES / "go").touch()
-    for client, probe in probes:
-        client.finish(probe, lambda value, error: not error and value["binaryFound"], (LIMITS_EXCEEDED,))
-    version.unlink()
-    for client in clients:
-        client.close()
+    """Callers take no more than their bounds and shares of calls, bodies, generations and probes."""
+    go = FILES / "go"
+    VERSION_WORDS.write_text(f"practice:wait-for={go}")
+    probe = ['{"engine":"codex"}', "", 0, ""]
+    with contextlib.ExitStack() as stack, run.client() as client:
+        crowd = [stack.enter_context(Outsider("ask_at_once", program=sys.executable, method="GenerationEngineStatus",
+                                              requests=[probe] * 20)) for _ in range(4)]
+        for caller in crowd:
+            caller.go_on()
+        run.check(eventually(lambda: len(engines()) == 16), f"{len(engines())} engines run instead of 16")
+        VERSION_WORDS.unlink()
+        started = time.monotonic()
+        client.ask("GenerationEngineStatus", {"engine": "codex"}, lambda value, error: not error and "version" in value)
+        run.check(time.monotonic() - started < 5, "a probe waits for others' share")
+        run.under_load((("generate", "cancel"), honest.BRIEF), turns=4)
+        go.touch()
+        for caller in crowd:
+            outcomes = caller.report()
+            run.check((outcomes.count("admitted"), outcomes.count(LIMITS_EXCEEDED)) == (16, 4), f"outcomes: {outcomes}")
+
+        three = [hanging(client) for _ in range(3)]
+        client.ask("GenerateText", honest.generation("One more"), (honest.GENERATION_ERROR + "engineRefused", 1))
+        for request, generation in three:
+            client.ask("CancelGeneration", {"requestID": request["requestID"]}, {"succeeded": True})
+            client.finish(generation, honest.CANCELLED)
+
+        client.ask("GenerateText", bytes(17 << 20), LIMITS_EXCEEDED)
+        for call in [client.start("ProtocolVersion") for _ in range(10_000)]:
+            client.finish(call, 1, (LIMITS_EXCEEDED,))
+        text = client.call(HELPER, HELPER_PATH, BUS + ".Introspectable", "Introspect").body[0]
+        run.check('<method name="GenerateText">' in text, "it does not describe itself")

@@ -1,14 +1,17 @@
 """What a case is, and how one is run.
 
-    case.py NAME ROUNDS SEED
+    case.py NAME ROUNDS SEED [quick]
 
-runs one in the session that it finds itself in (script/abuse makes it) and writes its result as JSON.
+runs one in the session that it finds itself in (script/abuse makes it) and writes its result as JSON. A quick run does not
+look at what the helper holds before and afterwards.
 """
 
 import importlib
 import json
+import os
 import pathlib
 import random
+import signal
 import sys
 import time
 import traceback
@@ -17,7 +20,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "support"))
 sys.modules["case"] = sys.modules[__name__]  # The modules with the cases import this one.
 
 import honest
-from session import FILES, HELPER, engines, eventually, footprint, process_of
+from session import FILES, HELPER, HELPER_LOG, engines, eventually, footprint, process_of, status_of
 
 MODULES = ("boundary", "flatpaks", "leaving", "shortages", "endurance")
 CASES = {}
@@ -65,25 +68,35 @@ class Run:
         """Honest callers meanwhile."""
         return honest.load(self.ledger, self.random.random(), kinds, **options)
 
+    def under_load(self, kinds=honest.EVERYTHING, turns=None):
+        """Honest callers until they have had their turns."""
+        with self.load(kinds, turns=turns):
+            pass
+
     def client(self):
         return honest.Client(self.ledger)
 
     def helper(self):
         return process_of(HELPER)
 
+    def end_helper(self):
+        """Ends it in order, so that a case can start one by itself."""
+        pid = self.helper()
+        if pid:
+            os.kill(pid, signal.SIGTERM)
+            self.check(eventually(lambda: status_of(pid) is None), "the helper does not end")
+
     def warm_up(self):
         """Has a helper do every kind of work, so that what is made once is there."""
         for _ in range(3):
-            with self.load(turns=8):
-                pass
+            self.under_load(turns=8)
         self.before = self.settle()
 
     def settle(self, before=None):
         """What the helper holds once it is idle: as before, or when it has not become that in time."""
-        client = self.client()
-        for method in ("ListProcesses", "ListListeningPorts"):  # Forgets what was kept of processes that have ended.
-            client.ask(method, right=lambda value, error: not error)
-        client.close()
+        with self.client() as client:
+            for method in ("ListProcesses", "ListListeningPorts"):  # Forgets what was kept of processes that have ended.
+                client.ask(method, right=lambda value, error: not error)
         pid, unchanged_since, held = self.helper(), time.monotonic(), {}
 
         def settled():
@@ -101,19 +114,30 @@ class Run:
         return {key: after[key] - before[key] for key in before
                 if after[key] > before[key] + (self.slack if key == "memory" else 0)}
 
+    def bus_log(self):
+        """What the bus and the helpers that it started wrote."""
+        return pathlib.Path(os.environ["PRIVATE_BUS_LOG"]).read_text()
 
-def run_case(name, rounds, seed):
+    def look_at_the_end(self):
+        """What must not be there once the case is over; a sanitizer reports when the helper ends."""
+        self.check(eventually(lambda: not engines()), f"engines run on: {engines()}")
+        self.end_helper()
+        log = self.bus_log() + (HELPER_LOG.read_text() if HELPER_LOG.exists() else "")
+        self.check("Sanitizer" not in log, log[-2000:])
+
+
+def run_case(name, rounds, seed, is_quick):
     function, _, needs = CASES[name]
     run, leaks, skipped = Run(rounds, seed, needs.get("slack", MEMORY_SLACK)), {}, None
     try:
         FILES.mkdir(exist_ok=True)
-        run.warm_up()
+        if not is_quick:
+            run.warm_up()
         function(run)
-        with run.load(turns=8):
-            pass
-        leaks = run.excess(run.before, run.settle(run.before))
-        left = [pid for pid in engines()]
-        run.check(not left, f"{len(left)} engines run on")
+        run.under_load(turns=8)
+        if not is_quick:
+            leaks = run.excess(run.before, run.settle(run.before))
+        run.look_at_the_end()
     except Skipped as reason:
         skipped = str(reason)
     except honest.Lost:
@@ -125,5 +149,7 @@ def run_case(name, rounds, seed):
 
 
 if __name__ == "__main__":
+    for ignored in (signal.SIGHUP, signal.SIGINT, signal.SIGQUIT):  # By whatever runs this; the helper would go on so.
+        signal.signal(ignored, signal.SIG_DFL)
     load_cases()
-    print(json.dumps(run_case(sys.argv[1], int(sys.argv[2]), sys.argv[3])))
+    print(json.dumps(run_case(sys.argv[1], int(sys.argv[2]), sys.argv[3], "quick" in sys.argv[4:])))

@@ -12,8 +12,7 @@ GENERATIONS = ("generate",) * 850 + ("fail",) * 100 + ("cancel",) * 49 + ("time_
 @case(rounds=150)
 def generations(run):
     """Generations by three callers, some of which fail, are cancelled or pass their deadlines."""
-    with run.load((GENERATIONS,) * 3, turns=-(-run.rounds // 3)):
-        pass
+    run.under_load((GENERATIONS,) * 3, turns=-(-run.rounds // 3))
 
 
 def start_as(pid):

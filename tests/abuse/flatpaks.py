@@ -5,9 +5,9 @@ import shutil
 import subprocess
 
 import honest
-from bus_peer import BUS, BUS_PATH
+from bus_peer import BUS, BUS_PATH, Peer
 from case import Skipped, case
-from session import ACCESS_DENIED, FILES, HELPER, HELPER_PATH, INTERFACE, connect
+from session import ACCESS_DENIED, FILES, HELPER, HELPER_PATH, INTERFACE
 
 EDITOR, OTHER = "com.brindlemoor.Tessaloom", "com.brindlemoor.Tessaloom.Other"
 PERMISSIONS = {"proxied": f"[Session Bus Policy]\n{HELPER}=talk\n", "unproxied": "[Context]\nsockets=session-bus;\n",
@@ -85,9 +85,8 @@ def flatpaks(run):
                 said = say(application, branch)
                 right = "ServiceUnknown" if branch == "without" else "int64 1" if application == EDITOR else ACCESS_DENIED
                 run.check(right in said, f"{application} {branch}: {said}")
-    peer = connect()
-    helper = peer.call(BUS, BUS_PATH, BUS, "GetNameOwner", "s", HELPER).body[0]
-    peer.close()
+    with Peer() as peer:
+        helper = peer.call(BUS, BUS_PATH, BUS, "GetNameOwner", "s", HELPER).body[0]
     forge = (f"for i in {' '.join(map(str, range(300)))}; do dbus-send --session --type=signal --dest={helper} "
              f"{BUS_PATH} {BUS}.NameOwnerChanged string::1.$i string::1.$i string:; done; echo done")
     with run.load((("kill",), ("generate", "cancel"), honest.BRIEF)):

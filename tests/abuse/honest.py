@@ -13,11 +13,31 @@ import threading
 import time
 import uuid
 
-from bus_peer import ERROR, Disconnected, Peer
-from session import (DECODING_ERROR, FILES, GENERATION_ERROR, HELPER, HELPER_PATH, INTERFACE, eventually)
+from bus_peer import BUS, ERROR, Peer
+from session import FILES, HELPER, HELPER_PATH, INTERFACE, eventually
 
 PATIENCE = 20  # Seconds after which a call is lost.
 START_TOLERANCE = 1.1
+
+DECODING_ERROR = "com.brindlemoor.Tessaloom.helper.DecodingError"
+GENERATION_ERROR = "com.brindlemoor.Tessaloom.generation."
+CANCELLED = GENERATION_ERROR + "cancelled"
+INVALID, UNKNOWN = BUS + ".Error.InvalidArgs", BUS + ".Error.UnknownMethod"
+
+
+def generation(prompt, engine="claudeCode", shape="freeText", timeout=60):
+    return {"requestID": str(uuid.uuid4()).upper(), "engine": engine, "shape": shape, "instructions": "Be brief.",
+            "prompt": prompt, "timeout": timeout}
+
+
+# Each with its body, and the error with its code.
+WRONG_CALLS = (
+    ("KillProcess", b"", (DECODING_ERROR, 1)), ("KillProcess", b"\xff", (DECODING_ERROR, 1)),
+    ("CancelGeneration", b"[" * 100_000, (DECODING_ERROR, 1)), ("KillProcess", {"pid": 1}, (DECODING_ERROR, 3)),
+    ("GenerationEngineStatus", {"engine": "other"}, (DECODING_ERROR, 1)),
+    ("GenerateText", {"instructions": "", "prompt": 7}, (DECODING_ERROR, 2)),
+    ("GenerateText", generation("Tea", timeout=4), (DECODING_ERROR, 102)),
+    ("GenerateText", None, INVALID), ("ProtocolVersion", {}, INVALID), ("Generate", {}, UNKNOWN))
 
 
 class Lost(Exception):
@@ -42,58 +62,60 @@ class Ledger:
                 self.problems.append(problem[:300])
 
 
+def described_error(reply):
+    """The name and the code of an error; one of the helper's own has to say in its details what it is of, too."""
+    details = {key: value for key, (_, value) in (reply.body[1] if len(reply.body) > 1 else {}).items()}
+    domain, _, kind = reply.error_name.rpartition(".")
+    expected = {"domain": domain} if domain.startswith("com.") else {}
+    if domain + "." == GENERATION_ERROR:
+        expected["kind"] = kind
+    code = details.pop("code", None)
+    return (reply.error_name if details == expected else f"{reply.error_name} with {details}"), code
+
+
 class Client(Peer):
     """A connection to the helper that keeps to the rules for an editor: only its name's owner answers."""
 
     def __init__(self, ledger, timeout=PATIENCE):
-        super().__init__(os.environ["DBUS_SESSION_BUS_ADDRESS"], timeout)
+        super().__init__(timeout)
         self.ledger = ledger
         self.watch(HELPER)
 
     def start(self, method, request=None):
         """Sends a call; `finish` takes what this returns."""
-        if request is None:
-            body = ()
-        else:
-            body = ("ay", request if isinstance(request, bytes) else json.dumps(request).encode())
+        body = () if request is None else ("ay", request if isinstance(request, bytes) else json.dumps(request).encode())
         return method, time.monotonic(), self.send(HELPER, HELPER_PATH, INTERFACE, method, *body)
 
     def finish(self, started, right, refusals=()):
-        """Waits for the answer and counts it. `right` is the value or the error name that it must be, or a function of
+        """Waits for the answer and counts it. `right` is the value, the error's name or that and its code, or a function of
         (value, error name), where the value is parsed JSON. Returns (value, error name)."""
         method, sent, serial = started
         try:
             reply = self.wait(serial)
-        except Disconnected:
+        except ConnectionError:
             reply = None
         seconds = time.monotonic() - sent
         if reply is None:
             self.ledger.add("lost", seconds, f"{method}: no answer after {seconds:.1f} s")
             raise Lost
+        value, error, code = reply.body[0], None, None
         if reply.type == ERROR:
-            value, error = (reply.body or ("",))[0], reply.error
-        else:
-            value, error = reply.body[0], None
-            if isinstance(value, bytes):
-                try:
-                    value = json.loads(value)
-                except ValueError:
-                    error = "what is not JSON"
+            error, code = described_error(reply)
+        elif isinstance(value, bytes):
+            try:
+                value = json.loads(value)
+            except ValueError:
+                error = "what is not JSON"
+        is_right = right(value, error) if callable(right) else right in ((error, code), value if error is None else error)
         if error in refusals:
             self.ledger.add("refused", seconds)
-        elif right(value, error) if callable(right) else right == (value if error is None else error):
-            self.ledger.add("answered", seconds)
         else:
-            self.ledger.add("wrong", seconds, f"{method}: {error or ''} {json.dumps(value)}")
+            problem = None if is_right else f"{method}: {error or ''} {code or ''} {json.dumps(value)}"
+            self.ledger.add("answered" if is_right else "wrong", seconds, problem)
         return value, error
 
     def ask(self, method, request=None, right=None, refusals=()):
         return self.finish(self.start(method, request), right, refusals)
-
-
-def generation(prompt, engine="claudeCode", shape="freeText", timeout=60):
-    return {"requestID": str(uuid.uuid4()).upper(), "engine": engine, "shape": shape, "instructions": "Be brief.",
-            "prompt": prompt, "timeout": timeout}
 
 
 def generated(request):
@@ -101,7 +123,8 @@ def generated(request):
     line = request["prompt"].split("\n")[0]
 
     def right(value, error):
-        if error or (value["requestID"], value["engine"]) != (request["requestID"], request["engine"]):
+        if error or (value["requestID"], value["engine"]) != (request["requestID"], request["engine"]) \
+                or "tokens" not in value or not 0 <= value["durationMilliseconds"] < 300_000:
             return False
         if request["shape"] == "freeText":
             return value["text"] == f"A practice answer to “{line}”, written without a model." and "fields" not in value
@@ -110,14 +133,18 @@ def generated(request):
     return right
 
 
+# Reading ends at a limit, and an engine that goes on writing blocks.
+RESISTING = ("Wait practice:ignore-term practice:grandchild=600000 practice:hang", "Shout practice:flood=5242880",
+             "Complain practice:flood-err=5242880")
+
+
 class Honest:
     """A caller that does one random thing after the other. What it expects is exact, so it serves one case's session:
     the practice engine, and processes and sockets of its own."""
 
-    def __init__(self, ledger, seed, refusals=()):
+    def __init__(self, ledger, seed):
         self.ledger = ledger
         self.random = random.Random(seed)
-        self.refusals = refusals
         self.sleeper = None
         self.client = Client(ledger)
 
@@ -126,7 +153,7 @@ class Honest:
         self.end_sleeper()
 
     def ask(self, method, request=None, right=None):
-        return self.client.ask(method, request, right, self.refusals)
+        return self.client.ask(method, request, right)
 
     def engine(self):
         return self.random.choice(("claudeCode", "codex"))
@@ -164,25 +191,23 @@ class Honest:
 
     def cancel(self):
         """Cancels a generation that hangs; the first cancellation may come before its engine runs."""
-        FILES.mkdir(exist_ok=True)
         up = FILES / str(uuid.uuid4())
         request = generation(f"Wait practice:touch={up} practice:hang", self.engine())
         started = self.client.start("GenerateText", request)
         if eventually(up.exists):
             up.unlink()
             self.ask("CancelGeneration", {"requestID": request["requestID"]}, {"succeeded": True})
-        self.client.finish(started, GENERATION_ERROR + "cancelled", self.refusals)
+        self.client.finish(started, CANCELLED)
 
     def time_out(self):
-        self.ask("GenerateText", generation("Wait practice:hang", self.engine(), timeout=5),
+        self.ask("GenerateText", generation(self.random.choice(RESISTING), self.engine(), timeout=5),
                  GENERATION_ERROR + "timedOut")
 
     def cancel_nothing(self):
         self.ask("CancelGeneration", {"requestID": str(uuid.uuid4())}, {"succeeded": False})
 
     def malform(self):
-        self.ask("KillProcess", self.random.choice((b"", b"[", b"{}", b"\xff", b'{"pid":1}', b"[" * 9000)),
-                 DECODING_ERROR)
+        self.ask(*self.random.choice(WRONG_CALLS))
 
     def kill_unlisted(self):
         self.ask("KillProcess", {"pid": os.getpid(), "signal": 15},
@@ -240,7 +265,7 @@ EVERYTHING = (BRIEF + ("reconnect", "freshness"), LISTING + ("reconnect",), ENGI
 
 
 @contextlib.contextmanager
-def load(ledger, seed, kinds=EVERYTHING, refusals=(), turns=None):
+def load(ledger, seed, kinds=EVERYTHING, turns=None):
     """Honest callers, one for each of `kinds`, meanwhile: each takes its kinds of calls in random order, again and
     again; `turns` of them if given, at least one round otherwise."""
     stop = threading.Event()
@@ -248,7 +273,7 @@ def load(ledger, seed, kinds=EVERYTHING, refusals=(), turns=None):
     def run(kind, caller_seed):
         caller, turn = None, 0
         try:
-            caller = Honest(ledger, caller_seed, refusals)
+            caller = Honest(ledger, caller_seed)
             while turn < (turns or len(kind)) or not (stop.is_set() or turns):
                 if turn % len(kind) == 0:
                     order = caller.random.sample(kind, len(kind))
@@ -256,7 +281,7 @@ def load(ledger, seed, kinds=EVERYTHING, refusals=(), turns=None):
                 turn += 1
         except Lost:
             pass  # Counted.
-        except Disconnected as error:
+        except ConnectionError as error:
             ledger.add("lost", problem=f"connection: {error}")
         except Exception as error:  # A thread's end must not pass for silence.
             ledger.add("wrong", problem=f"{type(error).__name__}: {error}")

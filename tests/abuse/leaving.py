@@ -1,110 +1,123 @@
-"""How the helper ends, and what it owes its callers then; and what it owes those who have left."""
+"""How the helper starts and ends, what it owes its callers then, and what it owes those who have left."""
 
 import os
 import signal
-import subprocess
 import time
 
 import honest
 import manager
+from boundary import hanging
+from bus_peer import BUS, BUS_PATH, CALL, ERROR, RETURN, Peer
 from case import case
-from session import (FILES, GENERATION_ERROR, GENERATIONS, HELPER, HOME, INSTALLED, Outsider, engines,
-                     eventually, process_of, processes, processor_seconds, replace_helper, start_helper,
-                     status_of, stopped)
+from honest import CANCELLED
+from session import (ACCESS_DENIED, FILES, GENERATIONS, HELPER, HELPER_LOG, VERSION_WORDS, Outsider, another_bus, engines, eventually, helper_log,
+                     launch_helper, process_of, processes, processor_seconds, replace_helper, start_helper, status_of,
+                     stopped)
 
-OUTDATED = {"isOutdated": True, "willExit": True}
-CANCELLED = GENERATION_ERROR + "cancelled"
 # Nothing that only the very process knows: a listing authorises with the helper that made it.
 PORTABLE = (honest.BRIEF[:-1] + ("reconnect",), ("list", "ports", "reconnect"), ("generate", "status", "fail"))
-
-
-def hanging(client, timeout=60):
-    """A generation that runs."""
-    up = FILES / "up"
-    up.unlink(missing_ok=True)
-    request = honest.generation(f"Wait practice:touch={up} practice:hang", timeout=timeout)
-    started = client.start("GenerateText", request)
-    eventually(up.exists)
-    return request, started
-
-
-def end_helper(run):
-    """So that the case can start one by itself."""
-    pid = run.helper()
-    os.kill(pid, signal.SIGTERM)
-    eventually(lambda: status_of(pid) is None)
 
 
 @case(rounds=6)
 def gone_at_once(run):
     """What an admitted caller asks for is done, also when it leaves at once."""
-    patient = run.client()
+    with run.client() as patient:
+        for turn in range(run.rounds):
+            def ask_and_leave(client, method, request):
+                for _ in range(turn % 2):
+                    client.start("ListProcesses")  # What it waits behind.
+                client.start(method, request)
+                client.close()
 
-    def admitted():
-        client = run.client()
-        client.ask("ProtocolVersion", right=1)
-        return client
-    for turn in range(run.rounds):
-        before = turn % 2 * ["ListProcesses"]  # What it waits behind.
-        request, started = hanging(patient, timeout=5)
-        leaver = admitted()
-        for method in before:
-            leaver.start(method)
-        leaver.start("CancelGeneration", {"requestID": request["requestID"]})
-        leaver.close()
-        patient.finish(started, CANCELLED)
+            def admitted():
+                client = run.client()
+                client.ask("ProtocolVersion", right=1)
+                return client
 
-        leaver, up = admitted(), FILES / f"started-{turn}"
-        for method in before:
-            leaver.start(method)
-        leaver.start("GenerateText", honest.generation(f"Go on practice:touch={up}"))
-        leaver.close()
-        run.check(eventually(up.exists, 5), "a generation was dropped")
+            request, started = hanging(patient, timeout=5)
+            ask_and_leave(admitted(), "CancelGeneration", {"requestID": request["requestID"]})
+            patient.finish(started, CANCELLED)
 
-        killer = honest.Honest(run.ledger, run.seed)
-        killer.list()
-        for method in before:
-            killer.client.start(method)
-        killer.client.start("KillProcess", {"pid": killer.sleeper.pid, "signal": 9})
-        killer.client.close()
-        run.check(eventually(lambda: killer.sleeper.poll() is not None, 5), "a signal was dropped")
-        killer.close()
-    patient.close()
+            up, go, done = (FILES / f"{name}-{turn}" for name in ("started", "go", "done"))
+            words = f"practice:touch={up} practice:wait-for={go} practice:touch={done}"
+            ask_and_leave(admitted(), "GenerateText", honest.generation(f"Go on {words}"))
+            run.check(eventually(up.exists), "a generation was dropped")
+            go.touch()
+            run.check(eventually(done.exists), "a generation was ended")
+
+            killer = honest.Honest(run.ledger, run.seed)
+            killer.list()
+            ask_and_leave(killer.client, "KillProcess", {"pid": killer.sleeper.pid, "signal": 9})
+            run.check(eventually(lambda: killer.sleeper.poll() is not None), "a signal was dropped")
+            killer.close()
 
 
 @case(rounds=1)
 def told_to_stop(run):
-    """Every signal that a user or a session sends ends it in order: what it runs is cancelled, and nothing is left."""
-    end_helper(run)
-    for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGQUIT):
-        child, client = start_helper(), run.client()
-        _, started = hanging(client)
-        child.send_signal(number)
-        client.finish(started, CANCELLED)
-        client.close()
-        status = child.wait()
-        run.check(status > 0, f"{number.name}: exit status {status}")
-        run.check(not engines(), f"{number.name}: an engine runs on")
-        run.check(not GENERATIONS.exists(), f"{number.name}: {GENERATIONS} is left")
-        lines = (FILES / "helper-log").read_text().splitlines()
-        lines = [line for line in lines if line.startswith("helper: ") and "register failed" not in line]
-        run.check(len(lines) == 1, f"{number.name}: it wrote {lines}")
-        (FILES / "helper-log").unlink()
+    """Every signal that a user or a session sends, and the end of its bus, end it in order: what it runs is cancelled,
+    and nothing is left. A second one does not start."""
+    run.end_helper()
+    numbers = (signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGQUIT, signal.SIGUSR1, signal.SIGALRM, signal.SIGXCPU)
+    rows = [(number, 128 + number, f"ended by signal {int(number)}") for number in numbers]
+    for number, status, line in [*rows, (None, 1, "the session bus was lost")]:
+        with another_bus() as bus, run.client() as client:
+            child, second = start_helper(), launch_helper()
+            run.check(second.wait() == 1 and "helper: could not take the name " in helper_log(), "a second helper stays")
+            child.send_signal(signal.SIGXFSZ)  # Ignored.
+            _, started = hanging(client, "practice:ignore-term" if number == signal.SIGTERM else "")
+            if number:
+                child.send_signal(number)
+                client.finish(started, CANCELLED)
+            else:
+                bus.kill()
+            ended = child.wait(), helper_log().count(f"helper: {line}\n"), engines(), GENERATIONS.exists()
+            run.check(ended == (status, 1, [], False), f"{number}: status, lines, engines, directory: {ended}")
+        HELPER_LOG.unlink()
+
+
+@case(rounds=1)
+def registration(run):
+    """It has the user's service manager enable its unit, and starts also when that refuses or does not answer."""
+    failed, unit = "helper: systemd user unit register failed: ", "com.brindlemoor.Tessaloom.helper.service"
+    asks, enables = ("GetUnitFileState", (unit,)), ("EnableUnitFiles", ([unit], False, False))
+    rows = {"enabled": ([asks], ""), "disabled": ([asks, enables], ""),
+            "refusing": ([asks, enables], failed + "Nottoday\n"), "silent": ([asks], failed)}
+    for state, (expected, line) in rows.items():
+        run.end_helper()
+        with Peer() as systemd:
+            systemd.call(BUS, BUS_PATH, BUS, "RequestName", "su", "org.freedesktop.systemd1", 4)
+            child, calls = launch_helper(), []
+
+            def serve():
+                call = systemd.receive(time.monotonic() + 0.1)
+                if call and call.type == CALL:
+                    calls.append((call.member, call.body))
+                    answer = {"destination": call.sender, "reply_serial": call.serial}
+                    if state != "silent" and len(calls) == 1:
+                        systemd.send_message(RETURN, "s", [state], **answer)
+                    elif state == "disabled":
+                        systemd.send_message(RETURN, "ba(sss)", [True, []], **answer)
+                    elif state == "refusing":
+                        systemd.send_message(ERROR, "s", ["Not\ntoday"], error_name=ACCESS_DENIED, **answer)
+                return process_of(HELPER) == child.pid
+            run.check(eventually(serve), f"{state}: it does not start")
+        run.check((calls, helper_log()[:len(line or "x")]) == (expected, line), f"{state}: {calls}, {helper_log()}")
+        HELPER_LOG.unlink()
 
 
 @case(rounds=1)
 def stopped_bus(run):
     """With answers that nobody takes it neither burns the processor nor becomes deaf."""
-    end_helper(run)
+    run.end_helper()
     child, clients = start_helper(), [run.client() for _ in range(8)]
     for client in clients:
         client.ask("ProtocolVersion", right=1)
-    with processes(1000, 0):
+    with processes(1000):
         with stopped(child.pid):
             for client in clients:
                 for _ in range(60):
                     client.start("ListProcesses")
-                bus = process_of("org.freedesktop.DBus", client)  # Then the bus has these calls.
+                bus = process_of(BUS, client)  # Then the bus has these calls.
             os.kill(bus, signal.SIGSTOP)
         # Those that its socket held are answered until it is full the other way; then it gets some more.
         eventually(lambda: processor_seconds(child.pid) == (time.sleep(0.2), processor_seconds(child.pid))[1])
@@ -115,12 +128,11 @@ def stopped_bus(run):
         before = processor_seconds(child.pid)
         time.sleep(2)
         used = processor_seconds(child.pid) - before
-        run.note = f"{used:.1f} s of the processor in 2 s"
         started = time.monotonic()
         run.check(used < 0.4, f"it used {used:.1f} s of the processor in 2 s")
         child.send_signal(signal.SIGTERM)
-        run.check(eventually(lambda: child.poll() is not None, 12), "it is still there 12 s after SIGTERM")
-        run.note += f", ended {time.monotonic() - started:.1f} s after SIGTERM"
+        run.check(eventually(lambda: child.poll() is not None, 7), "it is still there 7 s after SIGTERM")
+        run.note = f"{used:.1f} s of the processor in 2 s, ended {time.monotonic() - started:.1f} s after SIGTERM"
     finally:
         os.kill(bus, signal.SIGCONT)
     child.kill()
@@ -130,34 +142,34 @@ def stopped_bus(run):
     eventually(lambda: run.helper() is None)
 
 
-def replace(run, client):
+def replace(run, client, turn=0):
     """Replaces the helper and has it told; its pid."""
     client.ask("ProtocolVersion", right=1)
     old = process_of(HELPER, client)
-    replace_helper()
-    client.ask("QuitIfOutdated", right=OUTDATED)
+    replace_helper(turn)
+    client.ask("QuitIfOutdated", right={"isOutdated": True, "willExit": True})
     return old
 
 
-def replace_under_load(run, calls):
+def replace_under_load(run, kinds, calls):
     """`calls` more calls go to each helper before it is replaced."""
-    client = run.client()
-    for _ in range(run.rounds):
-        enough = run.ledger.counts["calls"] + calls
-        old = replace(run, client)
-        run.check(eventually(lambda: status_of(old) is None, 20), "the replaced helper stays")
-        run.check(eventually(lambda: run.ledger.counts["calls"] >= enough or run.ledger.counts["lost"], 20), "no calls")
-        if run.problems or run.ledger.counts["lost"]:
-            break
-        client.ask("QuitIfOutdated", right={"isOutdated": False, "willExit": False})
-    client.close()
+    with run.load(kinds), run.client() as client:
+        for turn in range(run.rounds):
+            enough = run.ledger.counts["calls"] + calls
+            old = replace(run, client, turn)
+            run.check(eventually(lambda: status_of(old) is None, 20), "the replaced helper stays")
+            run.check(eventually(lambda: run.ledger.counts["calls"] >= enough or run.ledger.counts["lost"], 20), "no calls")
+            if run.problems or run.ledger.counts["lost"]:
+                break
+            client.ask("QuitIfOutdated", right={"isOutdated": False, "willExit": False})
 
 
 @case(rounds=5)
 def replacements(run):
-    """Replaced while calls arrive (1,000 for each), it answers all of them."""
-    with run.load(PORTABLE * 2):
-        replace_under_load(run, 1000)
+    """Replaced while calls arrive (1,000 for each), it answers all of them, and says why it exits."""
+    replace_under_load(run, PORTABLE * 2, 1000)
+    lines = run.bus_log().count("helper: executable replaced on disk; exiting so launchd starts the new build\n")
+    run.check(lines == run.rounds, f"{lines} lines for {run.rounds} replacements")
 
 
 @case(rounds=3, manager=True)
@@ -165,87 +177,48 @@ def managed_replacements(run):
     """The same where the user's service manager starts the helper."""
     manager.start()
     run.warm_up()
-    with run.load(PORTABLE * 2):
-        replace_under_load(run, 1000)
-    result = manager.result()
-    run.check(result == "success", f"the unit's result: {result}")
+    replace_under_load(run, PORTABLE * 2, 1000)
+    run.check(manager.result() == "success", f"the unit's result: {manager.result()}")
 
 
 @case(rounds=3)
 def forged_leaving(run):
     """Replaced while calls arrive and a peer answers for the bus whatever the helper asks."""
-    with Outsider("forge_replies") as liar:
-        liar.report()
-        with run.load(PORTABLE):
-            replace_under_load(run, 300)
+    with Outsider("forge_replies"):
+        replace_under_load(run, PORTABLE, 300)
 
 
 @case(rounds=2)
 def busy_when_replaced(run):
     """It keeps its name, so that cancellations reach it, while anything is accepted, launched or probing."""
-    version, go = HOME / ".practice-version", FILES / "go"
-    client, other = run.client(), run.client()
-    for turn in range(run.rounds):
-        # A probe that hangs.
-        version.write_text(f"practice:touch={FILES}/probing practice:wait-for={go}")
-        probe = client.start("GenerationEngineStatus", {"engine": "codex"})
-        eventually((FILES / "probing").exists)
-        old = replace(run, other)
-        kept = not eventually(lambda: process_of(HELPER, other) != old, 1)
-        run.check(kept, "it gave its name away while it probed")
-        go.touch()
-        client.finish(probe, lambda value, error: not error and "version" in value)
-        version.unlink()
-        run.check(eventually(lambda: status_of(old) is None), "the replaced helper stays")
-        for file in (go, FILES / "probing"):
-            file.unlink()
-
-        # A generation that is accepted, and launched after the exit step has looked (200 ms after the answer): it comes
-        # behind listings, all of it while the helper stands still.
-        client.ask("ProtocolVersion", right=1)
-        up = FILES / f"up-{turn}"
-        request = honest.generation(f"Wait practice:touch={up} practice:hang", timeout=5)
-        with processes(400, 0):
+    probing, go = FILES / "probing", FILES / "go"
+    with run.client() as client, run.client() as other:
+        for turn in range(run.rounds):
+            VERSION_WORDS.write_text(f"practice:touch={probing} practice:wait-for={go}")
+            probe = client.start("GenerationEngineStatus", {"engine": "codex"})
+            eventually(probing.exists)
             old = replace(run, other)
-            with stopped(old):
-                for _ in range(60):
-                    client.start("ListProcesses")
-                generation = client.start("GenerateText", request)
-                process_of(HELPER, client)  # Then the bus has passed them on.
-                time.sleep(0.25)
-        eventually(up.exists, 5)
-        other.ask("CancelGeneration", {"requestID": request["requestID"]}, {"succeeded": True})
-        client.finish(generation, CANCELLED)
-        run.check(eventually(lambda: status_of(old) is None), "the replaced helper stays")
-    client.close()
-    other.close()
-
-
-@case(rounds=2)
-def client_session(run):
-    """A cancellation that the client reads behind 16 hanging probes is sent at once."""
-    version, go, up = HOME / ".practice-version", FILES / "go", FILES / "up"
-    for _ in range(run.rounds):
-        for file in (go, up):
-            file.unlink(missing_ok=True)
-        version.write_text(f"practice:wait-for={go}")
-        request = honest.generation(f"Wait practice:touch={up} practice:hang")
-        with subprocess.Popen([INSTALLED / "tessaloom-helperctl", "session"], stdin=subprocess.PIPE,
-                              stdout=subprocess.PIPE, text=True) as session:
-            def say(method, body):
-                session.stdin.write(f"{method} {honest.json.dumps(body)}\n")
-                session.stdin.flush()
-            say("GenerateText", request)
-            eventually(up.exists)
-            for _ in range(15):
-                say("GenerationEngineStatus", {"engine": "codex"})
-            started = time.monotonic()
-            say("CancelGeneration", {"requestID": request["requestID"]})
-            session.stdin.close()
-            first = session.stdout.readline()
-            seconds = time.monotonic() - started
-            run.check("succeeded" in first or "cancelled" in first, f"the first answer: {first}")
-            run.check(seconds < 5, f"the cancellation took {seconds:.1f} s")
+            run.check(not eventually(lambda: process_of(HELPER, other) != old, 1), "it gave its name away while it probed")
             go.touch()
-            session.stdout.read()
-        version.unlink()
+            client.finish(probe, lambda value, error: not error and "version" in value)
+            run.check(eventually(lambda: status_of(old) is None), "the replaced helper stays")
+            for file in (VERSION_WORDS, go, probing):
+                file.unlink()
+
+            # A generation that is accepted, and launched after the exit step has looked (200 ms after the answer): it comes
+            # behind listings, all of it while the helper stands still.
+            client.ask("ProtocolVersion", right=1)
+            up = FILES / f"up-{turn}"
+            request = honest.generation(f"Wait practice:touch={up} practice:hang", timeout=5)
+            with processes(400):
+                old = replace(run, other)
+                with stopped(old):
+                    for _ in range(60):
+                        client.start("ListProcesses")
+                    generation = client.start("GenerateText", request)
+                    process_of(HELPER, client)  # Then the bus has passed them on.
+                    time.sleep(0.25)
+            eventually(up.exists, 5)
+            other.ask("CancelGeneration", {"requestID": request["requestID"]}, {"succeeded": True})
+            client.finish(generation, CANCELLED)
+            run.check(eventually(lambda: status_of(old) is None), "the replaced helper stays")

@@ -5,10 +5,9 @@ import pathlib
 import subprocess
 
 from case import Skipped
-from session import INSTALLED, eventually
+from session import HELPER_PROGRAM, ROOT, eventually
 
 UNIT = "com.brindlemoor.Tessaloom.helper.service"
-PACKAGING = pathlib.Path(__file__).parent.parent.parent / "packaging/linux"
 
 
 def start():
@@ -22,7 +21,7 @@ def start():
         environment[key] = str(runtime / key)
         target = runtime / key / folder / name
         target.parent.mkdir(parents=True)
-        text = (PACKAGING / (name + ".in")).read_text().replace("@HELPER_EXECUTABLE@", f"{INSTALLED}/tessaloom-helper")
+        text = (ROOT / f"packaging/linux/{name}.in").read_text().replace("@HELPER_EXECUTABLE@", str(HELPER_PROGRAM))
         wrapper = "".join(f"Environment={name}={value}\n" for name, value in os.environ.items()
                           if name.startswith(("LD_PRELOAD", "NSS_WRAPPER")))
         target.write_text(text.replace("[Service]\n", "[Service]\n" + wrapper))

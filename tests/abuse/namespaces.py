@@ -86,7 +86,10 @@ def start(work, needs, words):
         if group:
             root_first += "mount -t cgroup2 none /sys/fs/cgroup"
         script = SCRIPT.format(root_first=root_first, drop=drop, temporary=needs.get("temporary", "512m"))
-        environment = os.environ | {"ABUSE_FUSE": str(work / "fuse") if IS_ROOT else "/dev/fuse",
+        # The wrapper of the user database is loaded before AddressSanitizer's own library.
+        sanitizers = {"ASAN_OPTIONS": "verify_asan_link_order=0",
+                      "TSAN_OPTIONS": f"symbolize=0:suppressions={work}/tests/support/tsan-suppressions"}
+        environment = os.environ | sanitizers | {"ABUSE_FUSE": str(work / "fuse") if IS_ROOT else "/dev/fuse",
                                     "ABUSE_RUNTIME": f"/run/user/{USER}", "ABUSE_MANAGER": "yes" if group else ""}
         yield subprocess.Popen([*join, *f"{become} {UNSHARE} {users}".split(), "sh", "-ec", script, work,
                                 work / "tests/abuse/case.py", *words], env=environment, stdin=subprocess.DEVNULL,

@@ -1,4 +1,4 @@
-"""What is sent against the helper, in a program that is not to be admitted.
+"""What is sent against the helper, mostly by a program that is not to be admitted.
 
     outsiders.py FUNCTION ARGUMENTS     started by session.Outsider; ARGUMENTS is a JSON object
 """
@@ -14,20 +14,31 @@ import time
 sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "support"))
 
 import sandbox
-from bus_peer import (BUS, BUS_PATH, CALL, ERROR, RETURN, SIGNAL, Disconnected, marshal)
-from session import HELPER, HELPER_PATH, INTERFACE, connect, eventually
+from bus_peer import BUS, BUS_PATH, CALL, ERROR, RETURN, SIGNAL, Peer, marshal
+from session import HELPER, HELPER_PATH, INTERFACE, eventually
 
 REACH = 48  # Serials ahead that are forged: what the helper may have sent meanwhile.
+TO_HELPER = {"destination": HELPER, "path": HELPER_PATH, "interface": INTERFACE}
 
 
 def report(value):
     print(json.dumps(value), flush=True)
 
 
-def ask(peer, method, *body, timeout=20):
-    """What the helper answers: "admitted", or the error's name."""
-    reply = peer.call(HELPER, HELPER_PATH, INTERFACE, method, *body, timeout=timeout)
-    return "nothing" if reply is None else "admitted" if reply.type == RETURN else reply.error
+def connect():
+    """A connection that knows who owns the helper's name."""
+    peer = Peer()
+    peer.watch(HELPER)
+    return peer
+
+
+def outcome(reply):
+    """What the helper answered: "admitted", or the error's name."""
+    return "nothing" if reply is None else "admitted" if reply.type == RETURN else reply.error_name
+
+
+def ask(peer, method, *body):
+    return outcome(peer.call(HELPER, HELPER_PATH, INTERFACE, method, *body))
 
 
 def helper_serial(peer):
@@ -36,67 +47,49 @@ def helper_serial(peer):
     return reply.serial, reply.sender
 
 
-def forgeries(peer, kind, first, destination, signature="", arguments=(), **fields):
-    """Replies to what the helper has sent, or is about to send."""
-    fields["destination"] = destination
-    return b"".join(marshal(kind, peer.next_serial(), signature, arguments, reply_serial=serial, **fields)
-                    for serial in range(first, first + REACH))
+def forge(peer, kind, first, destination, signature="", arguments=(), **fields):
+    """Replies to what another has sent, or is about to send."""
+    peer.send_bytes(b"".join(marshal(kind, peer.next_serial(), signature, arguments, reply_serial=serial,
+                                     destination=destination, **fields) for serial in range(first, first + REACH)))
 
 
 def forge_credentials(victim, rounds):
     """Answers for the bus who a new peer is: somebody else's process."""
     facts = {"UnixUserID": ("u", os.getuid()), "ProcessID": ("u", victim)}
+    report("ready")
     for _ in range(rounds):
-        scout, liar = connect(), connect()
-        scout.watch(HELPER)
-        liar.watch(HELPER)
-        serial, helper = helper_serial(scout)
-        question = liar.next_serial()
-        liar.awaited[question] = HELPER
-        liar.send_bytes(marshal(CALL, question, path=HELPER_PATH, interface=INTERFACE, member="HelperCapabilities",
-                                destination=helper)
-                        + forgeries(liar, RETURN, serial + 1, helper, "a{sv}", [facts]))
-        reply = liar.wait(question, 10)
-        report("nothing" if reply is None else "admitted" if reply.type == RETURN else reply.error)
-        scout.close()
-        liar.close()
+        with connect() as scout, connect() as liar:
+            serial, helper = helper_serial(scout)
+            question = liar.send(helper, HELPER_PATH, INTERFACE, "HelperCapabilities")
+            forge(liar, RETURN, serial + 1, helper, "a{sv}", [facts])
+            report(outcome(liar.wait(question, 10)))
 
 
 def forge_replies():
     """Answers whatever the helper asks the bus, by turns with an error, with nothing and with something."""
     peer = connect()
-    peer.watch(HELPER)
     report("ready")
-    for turn in itertools.count():
+    lies = ((ERROR, "s", ["no"], BUS + ".Error.NameHasNoOwner"), (RETURN, "u", [1], None), (RETURN, "", (), None))
+    for kind, signature, arguments, error in itertools.cycle(lies):
         serial, helper = helper_serial(peer)
-        if not (helper or "").startswith(":") or not serial:
-            continue
-        if turn % 3 == 0:
-            lies = forgeries(peer, ERROR, serial + 1, helper, "s", ["no"], error=BUS + ".Error.NameHasNoOwner")
-        elif turn % 3 == 1:
-            lies = forgeries(peer, RETURN, serial + 1, helper, "u", [1])
-        else:
-            lies = forgeries(peer, RETURN, serial + 1, helper)
-        peer.send_bytes(lies)
+        if serial and helper and helper.startswith(":"):
+            forge(peer, kind, serial + 1, helper, signature, arguments, error_name=error)
 
 
 def forge_departures():
     """Tells the helper that everybody has left the bus, again and again."""
     peer = connect()
-    peer.watch(HELPER)
     report("ready")
     while True:
-        helper = next(iter(peer.owners[HELPER]))
-        own = int(peer.name.split(".")[1])
-        for name in (f":1.{number}" for number in range(own + 100)):
-            peer.send_bytes(marshal(SIGNAL, peer.next_serial(), "sss", [name, name, ""], destination=helper,
-                                    path=BUS_PATH, interface=BUS, member="NameOwnerChanged"))
+        for number in range(int(peer.name.split(".")[1]) + 100):
+            peer.send_message(SIGNAL, "sss", [f":1.{number}", f":1.{number}", ""], path=BUS_PATH, interface=BUS,
+                              member="NameOwnerChanged", destination=next(iter(peer.owners[HELPER])))
         helper_serial(peer)  # It has read them.
 
 
 def forge_answers(text):
     """Answers every new connection as the helper would."""
-    peer = connect()
+    peer = Peer()
     peer.watch("")
     report("ready")
     body = json.dumps({"requestID": "00000000-0000-4000-8000-000000000000", "engine": "claudeCode", "text": text,
@@ -104,17 +97,14 @@ def forge_answers(text):
     while True:
         message = peer.receive(time.monotonic() + 3600)
         if message.member == "NameOwnerChanged" and message.body[0].startswith(":") and message.body[2]:
-            for serial in range(1, REACH):
-                peer.send_bytes(marshal(RETURN, peer.next_serial(), "ay", [body], destination=message.body[0],
-                                        reply_serial=serial))
+            forge(peer, RETURN, 1, message.body[0], "ay", [body])
 
 
-def call_from_sandbox(info=None, root_answers=True):
+def call_from_sandbox(info=None):
     """Calls from a sandbox with a root of its own in which it writes what it likes."""
-    peer = connect()
-    peer.watch(HELPER)
-    sandbox.enter_own_root({} if info is None else {".flatpak-info": info})
-    report([ask(peer, method) for method in ("ProtocolVersion", "ListProcesses")])
+    with connect() as peer:
+        sandbox.enter_own_root({} if info is None else {".flatpak-info": info})
+        report([ask(peer, method) for method in ("ProtocolVersion", "ListProcesses", "NoSuchMethod")])
 
 
 def connect_as_another():
@@ -123,22 +113,19 @@ def connect_as_another():
     eventually((folder / "address").exists, 60)
     os.environ["DBUS_SESSION_BUS_ADDRESS"] = (folder / "address").read_text()
     try:
-        peer = connect()
-        peer.watch(HELPER)
-        outcome = ask(peer, "ProtocolVersion")
-    except (Disconnected, OSError) as error:
-        outcome = f"no connection: {error}"
-    (folder / "outcome").write_text(outcome)
+        said = ask(connect(), "ProtocolVersion")
+    except OSError as error:
+        said = f"no connection: {error}"
+    (folder / "outcome").write_text(said)
 
 
 def hang_in_vetting(connections, bodies=0, size=0):
     """Connects often from a root directory that never answers; calls, and waits for the end."""
-    peers = [connect() for _ in range(connections)]
+    peers = [Peer() for _ in range(connections)]
     try:
         sandbox.enter_silent_root(os.environ["ABUSE_FUSE"])
     except OSError as error:
-        report(f"a file system that never answers cannot be made here: {error}")
-        return
+        return report(f"a file system that never answers cannot be made here: {error}")
     for peer in peers:
         peer.send(HELPER, HELPER_PATH, INTERFACE, "ProtocolVersion")
     for number in range(bodies):
@@ -149,47 +136,57 @@ def hang_in_vetting(connections, bodies=0, size=0):
 
 def flood(method="ListProcesses"):
     """Calls without a pause and never reads."""
-    peer = connect()
-    calls = b"".join(marshal(CALL, peer.next_serial(), path=HELPER_PATH, interface=INTERFACE, member=method,
-                             destination=HELPER) for _ in range(500))
+    peer = Peer()
+    calls = b"".join(marshal(CALL, peer.next_serial(), member=method, **TO_HELPER) for _ in range(500))
     report("ready")
     while True:
         peer.send_bytes(calls)
 
 
+def ask_at_once(method, requests):
+    """At each word, sends these requests at once, each [text before, repeated text, how often, text after], and reports
+    the outcomes."""
+    peer = connect()
+    ask(peer, "ProtocolVersion")  # Once admitted it may send more.
+    bodies = [(before + repeated * count + after).encode() for before, repeated, count, after in requests]
+    report("ready")
+    for _ in sys.stdin:
+        calls = [peer.send(HELPER, HELPER_PATH, INTERFACE, method, "ay", body) for body in bodies]
+        report([outcome(peer.wait(call)) for call in calls])
+
+
 def vanish(rounds):
     """Connects, calls and leaves at once, in the middle of a message by turns."""
+    report("ready")
     for turn in range(rounds):
-        peer = connect()
-        data = marshal(CALL, peer.next_serial(), "ay", [bytes(3000)], path=HELPER_PATH, interface=INTERFACE,
-                       member="GenerateText", destination=HELPER)
-        peer.send_bytes(data[:len(data) // 2] if turn % 3 == 0 else data)
-        peer.close()
+        with Peer() as peer:
+            data = marshal(CALL, peer.next_serial(), "ay", [bytes(3000)], member="GenerateText", **TO_HELPER)
+            peer.send_bytes(data[:len(data) // 2] if turn % 3 == 0 else data)
     report("done")
 
 
 def babble(seed, rounds):
     """Sends what no honest peer would: other types, paths, signatures, flags, and bytes that are no message."""
     chance = random.Random(seed)
+    report("ready")
     for turn in range(rounds):
-        peer = connect()
-        body = chance.choice([("", ()), ("ay", (bytes(chance.randrange(100)),)), ("s", ("x",)), ("(ay)", ((b"",),)),
-                              ("a{sv}", ({},)), ("v", (("v", ("y", 1)),)), ("ayay", (b"", b""))])
-        data = marshal(chance.choice([CALL, SIGNAL, RETURN, ERROR]), peer.next_serial(), *body,
-                       flags=chance.randrange(8), destination=HELPER, reply_serial=chance.randrange(1, 99),
-                       error="org.example.No", path=chance.choice([HELPER_PATH, "/", BUS_PATH]),
-                       interface=chance.choice([INTERFACE, BUS, "org.freedesktop.DBus.Introspectable",
-                                                "org.freedesktop.DBus.Peer", "org.freedesktop.DBus.Properties"]),
-                       member=chance.choice(["GenerateText", "Introspect", "GetAll", "Ping", "NameLost", "Nothing"]))
-        if turn % 4 == 0:
-            data = bytearray(data)
-            data[chance.randrange(len(data))] ^= 1 << chance.randrange(8)
-        try:
-            peer.send_bytes(bytes(data) * chance.randrange(1, 4))
-            peer.receive(time.monotonic() + 0.005)
-        except Disconnected:
-            pass
-        peer.close()
+        with Peer() as peer:
+            body = chance.choice([("", ()), ("ay", (bytes(chance.randrange(100)),)), ("s", ("x",)), ("(ay)", ((b"",),)),
+                                  ("a{sv}", ({},)), ("v", (("v", ("y", 1)),)), ("ayay", (b"", b""))])
+            data = marshal(chance.choice([CALL, SIGNAL, RETURN, ERROR]), peer.next_serial(), *body,
+                           flags=chance.randrange(8), destination=HELPER, reply_serial=chance.randrange(1, 99),
+                           error_name="org.example.No", path=chance.choice([HELPER_PATH, "/", BUS_PATH]),
+                           interface=chance.choice([INTERFACE, BUS, "org.freedesktop.DBus.Introspectable",
+                                                    "org.freedesktop.DBus.Peer", "org.freedesktop.DBus.Properties"]),
+                           member=chance.choice(["GenerateText", "Introspect", "GetAll", "Ping", "NameLost", "Nothing"]))
+            if turn % 4 == 0:
+                data = bytearray(data)
+                data[chance.randrange(len(data))] ^= 1 << chance.randrange(8)
+            try:
+                peer.send_bytes(bytes(data) * chance.randrange(1, 4))
+                peer.receive(time.monotonic() + 0.005)
+            except ConnectionError:
+                pass
     report("done")
 
 

@@ -19,24 +19,21 @@ from bus_peer import BUS, BUS_PATH, RETURN, Peer
 HELPER = "group.com.brindlemoor.Tessaloom.helper"
 HELPER_PATH = "/com/brindlemoor/Tessaloom/Helper"
 INTERFACE = "com.brindlemoor.Tessaloom.HelperServicing"
-GENERATION_ERROR = "com.brindlemoor.Tessaloom.generation."
-DECODING_ERROR = "com.brindlemoor.Tessaloom.helper.DecodingError"
-ACCESS_DENIED = "org.freedesktop.DBus.Error.AccessDenied"
-LIMITS_EXCEEDED = "org.freedesktop.DBus.Error.LimitsExceeded"
+ACCESS_DENIED, LIMITS_EXCEEDED = BUS + ".Error.AccessDenied", BUS + ".Error.LimitsExceeded"
 
 INSTALLED = pathlib.Path(sys.executable).parent  # This program bears the editor's name, beside the helper.
-PROGRAMS = pathlib.Path(__file__).parent.parent.parent / "bin"
-HOME = pathlib.Path(os.environ.get("HOME", "/"))
+HELPER_PROGRAM = INSTALLED / "tessaloom-helper"
+ROOT = pathlib.Path(__file__).parent.parent.parent
 FILES = pathlib.Path("/run/practice/files")      # What engines touch and wait for.
+HELPER_LOG = FILES / "helper-log"                # Of helpers that a case has started.
+VERSION_WORDS = pathlib.Path(os.environ.get("HOME", "/"), ".practice-version")
 GENERATIONS = pathlib.Path(f"/tmp/tessaloom-{os.getuid()}")
 
 
 def eventually(condition, seconds=10):
     """Looks until a condition holds, for what no descriptor tells of; whether it did in time."""
     deadline = time.monotonic() + seconds
-    while not (result := condition()):
-        if time.monotonic() > deadline:
-            return result
+    while not (result := condition()) and time.monotonic() < deadline:
         time.sleep(0.01)
     return result
 
@@ -51,47 +48,67 @@ def status_of(pid):
     return None if status["State"][0] in "ZX" else status
 
 
+def memory_of(pid, key):
+    """A size that /proc/PID/status shows, in MiB."""
+    return int(status_of(pid)[key].split()[0]) / 1024
+
+
 def processor_seconds(pid):
     fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
 def engines():
-    """The pids of all engines that run in this namespace."""
-    running = []
-    for folder in pathlib.Path("/proc").glob("[0-9]*"):
-        status = status_of(folder.name)
-        if status and status["Name"] in ("claude", "codex"):
-            running.append(int(folder.name))
-    return running
-
-
-def connect():
-    return Peer(os.environ["DBUS_SESSION_BUS_ADDRESS"])
+    """The pids of all engines, and of what they have started, in this namespace."""
+    statuses = {int(folder.name): status_of(folder.name) for folder in pathlib.Path("/proc").glob("[0-9]*")}
+    return [pid for pid, status in statuses.items() if status and status["Name"] in ("claude", "codex")]
 
 
 def process_of(name, peer=None):
     """The process that owns a name on the bus, or None."""
-    with contextlib.nullcontext(peer) if peer else contextlib.closing(connect()) as peer:
+    with contextlib.nullcontext(peer) if peer else Peer() as peer:
         reply = peer.call(BUS, BUS_PATH, BUS, "GetConnectionUnixProcessID", "s", name)
         return reply.body[0] if reply and reply.type == RETURN else None
 
 
-def start_helper(before=None):
-    """Starts a helper as a child of the case, so that its exit status is seen; what it writes is in `helper-log`."""
-    with open(FILES / "helper-log", "ab") as log:
-        child = subprocess.Popen([INSTALLED / "tessaloom-helper"], stdin=subprocess.DEVNULL, stderr=log,
-                                 preexec_fn=before)
+def launch_helper():
+    """A helper that is a child of the case, so that its exit status is seen."""
+    with open(HELPER_LOG, "ab") as log:
+        return subprocess.Popen([HELPER_PROGRAM], stdin=subprocess.DEVNULL, stderr=log)
+
+
+def start_helper():
+    child = launch_helper()
     if not eventually(lambda: process_of(HELPER) == child.pid):
-        raise RuntimeError("the helper did not take its name: " + (FILES / "helper-log").read_text())
+        raise RuntimeError("the helper did not take its name: " + helper_log())
     return child
 
 
-def replace_helper():
-    """Puts another file in the place of the helper's executable."""
-    fresh = INSTALLED / "tessaloom-helper.new"
-    shutil.copy(INSTALLED / "tessaloom-helper", fresh)
-    fresh.rename(INSTALLED / "tessaloom-helper")
+def helper_log():
+    return HELPER_LOG.read_text()
+
+
+def replace_helper(turn):
+    """Puts another file in the place of the helper's executable, or gives it a later time, by turns."""
+    fresh = shutil.copy(HELPER_PROGRAM, INSTALLED / "tessaloom-helper.new")
+    if turn % 2:
+        os.utime(HELPER_PROGRAM, (0, time.time() + 10 * turn))
+    else:
+        os.rename(fresh, HELPER_PROGRAM)
+
+
+@contextlib.contextmanager
+def another_bus():
+    """A bus that the case may end, meanwhile the one that everybody connects to."""
+    usual = os.environ["DBUS_SESSION_BUS_ADDRESS"]
+    folder, address = usual.removeprefix("unix:path=").removesuffix("/bus"), f"unix:path={FILES}/bus"
+    words = ("--nofork", "--print-address", f"--config-file={folder}/bus.conf", f"--address={address}")
+    with subprocess.Popen(["dbus-daemon", *words], stdout=subprocess.PIPE) as bus:
+        bus.stdout.readline()
+        os.environ["DBUS_SESSION_BUS_ADDRESS"] = address
+        yield bus
+        os.environ["DBUS_SESSION_BUS_ADDRESS"] = usual
+        bus.kill()
 
 
 @contextlib.contextmanager
@@ -105,10 +122,10 @@ def limited(pid, limit, value):
 
 
 @contextlib.contextmanager
-def processes(count, sockets):
+def processes(count, sockets=0):
     """So many processes and listening sockets meanwhile."""
     resource.setrlimit(resource.RLIMIT_NOFILE, (resource.getrlimit(resource.RLIMIT_NOFILE)[1],) * 2)
-    with subprocess.Popen([PROGRAMS / "process-load", str(count), "3", str(sockets)], stdin=subprocess.PIPE,
+    with subprocess.Popen([ROOT / "bin/process-load", str(count), "3", str(sockets)], stdin=subprocess.PIPE,
                           stdout=subprocess.PIPE) as made:
         made.stdout.readline()
         yield
@@ -137,8 +154,8 @@ def footprint(pid):
 
 
 class Outsider:
-    """A process that does what a function of outsiders.py does, as a program that is not to be admitted unless told
-    otherwise. It reports by lines of JSON and ends with `with`."""
+    """A process that does what a function of outsiders.py does, as a program that is not to be admitted unless it is
+    this one's. It reports by lines of JSON, takes a line to go on, and ends with `with`, which begins when it is ready."""
 
     def __init__(self, what, program="/usr/bin/python3", **arguments):
         environment = {key: value for key, value in os.environ.items() if key != "LD_PRELOAD"}
@@ -151,7 +168,11 @@ class Outsider:
         line = self.process.stdout.readline()
         return json.loads(line) if line else None
 
+    def go_on(self, word=""):
+        print(word, file=self.process.stdin, flush=True)
+
     def __enter__(self):
+        self.first = self.report()
         return self
 
     def __exit__(self, *_):

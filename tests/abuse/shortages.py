@@ -3,13 +3,17 @@
 import contextlib
 import pathlib
 import resource
+import shutil
+import sys
 
 import honest
+from boundary import hanging
+from bus_peer import BUS
 from case import case
-from session import (FILES, GENERATION_ERROR, LIMITS_EXCEEDED, eventually, footprint, limited, processes,
-                     status_of)
+from honest import CANCELLED, DECODING_ERROR, GENERATION_ERROR
+from session import (FILES, LIMITS_EXCEEDED, Outsider, eventually, footprint, limited, memory_of, processes, status_of)
 
-NO_MEMORY = "org.freedesktop.DBus.Error.NoMemory"
+NO_MEMORY = BUS + ".Error.NoMemory"
 ENCODING_ERROR = "com.brindlemoor.Tessaloom.helper.EncodingError"
 LAUNCH_FAILED = GENERATION_ERROR + "launchFailed"
 
@@ -17,33 +21,31 @@ LAUNCH_FAILED = GENERATION_ERROR + "launchFailed"
 @contextlib.contextmanager
 def survives(run, what):
     """The helper is the same process afterwards, and so is a generation that ran meanwhile."""
-    client, go, up = run.client(), FILES / "survivor-go", FILES / "survivor-up"
+    go, up = FILES / "survivor-go", FILES / "survivor-up"
     for file in (go, up):
         file.unlink(missing_ok=True)
-    request = honest.generation(f"Wait practice:touch={up} practice:wait-for={go}", timeout=300)
-    started = client.start("GenerateText", request)
-    eventually(up.exists)
-    pid = run.helper()
-    yield pid
-    go.touch()
-    if run.check(run.helper() == pid and status_of(pid), f"the helper ended: {what}"):
-        client.finish(started, honest.generated(request))
-    client.close()
+    with run.client() as client:
+        request = honest.generation(f"Wait practice:touch={up} practice:wait-for={go}", timeout=300)
+        started = client.start("GenerateText", request)
+        eventually(up.exists)
+        pid = run.helper()
+        yield pid
+        go.touch()
+        if run.check(run.helper() == pid and status_of(pid), f"the helper ended: {what}"):
+            client.finish(started, honest.generated(request))
 
 
 @case(rounds=20)
 def few_descriptors(run):
     """At a limit of 256, with more processes than that, everything is answered as ever."""
     with processes(400, 50), survives(run, "descriptors") as pid, limited(pid, resource.RLIMIT_NOFILE, 256):
-        with run.load(turns=run.rounds):
-            pass
+        run.under_load(turns=run.rounds)
 
 
 @case(rounds=12)
 def no_descriptors(run):
     """Without a descriptor to be had, calls may fail; no engine is told missing, and nobody refused for good."""
-    client, fresh = run.client(), run.client()
-    with survives(run, "no descriptors") as pid:
+    with run.client() as client, run.client() as fresh, survives(run, "no descriptors") as pid:
         with limited(pid, resource.RLIMIT_NOFILE, 3):
             for turn in range(run.rounds):
                 caller = (client, fresh)[turn % 2]
@@ -55,32 +57,24 @@ def no_descriptors(run):
             caller.ask("ProtocolVersion", right=1)
             caller.ask("GenerationEngineStatus", {"engine": "codex"},
                        lambda value, error: not error and value["binaryFound"])
-    client.close()
-    fresh.close()
 
 
 @case(rounds=2)
 def no_processes(run):
     """At the process limit a generation fails to launch, and a new connection's cancellation is answered at once."""
-    client = run.client()
-    for turn in range(run.rounds):
-        up = FILES / f"up-{turn}"
-        request = honest.generation(f"Wait practice:touch={up} practice:hang", timeout=30)
-        started = client.start("GenerateText", request)
-        eventually(up.exists)
-        pid = run.helper()
-        # No thread of its pool may be free: they leave when they have been idle for some seconds.
-        eventually(lambda: footprint(pid)["threads"] <= run.before["threads"])
-        with limited(pid, resource.RLIMIT_NPROC, 1):
-            other, fresh = run.client(), run.client()
-            waiting = other.start("GenerateText", honest.generation("Try"))
-            fresh.ask("CancelGeneration", {"requestID": request["requestID"]}, {"succeeded": True})
-            client.finish(started, GENERATION_ERROR + "cancelled")
-            other.finish(waiting, LAUNCH_FAILED, (NO_MEMORY,))
-        for caller in (other, fresh):
-            caller.ask("GenerateText", request := honest.generation("Again"), honest.generated(request))
-            caller.close()
-    client.close()
+    for _ in range(run.rounds):
+        with run.client() as client, run.client() as other, run.client() as fresh:
+            request, started = hanging(client, timeout=30)
+            pid = run.helper()
+            # No thread of its pool may be free: they leave when they have been idle for some seconds.
+            eventually(lambda: footprint(pid)["threads"] <= run.before["threads"])
+            with limited(pid, resource.RLIMIT_NPROC, 1):
+                waiting = other.start("GenerateText", honest.generation("Try"))
+                fresh.ask("CancelGeneration", {"requestID": request["requestID"]}, {"succeeded": True})
+                client.finish(started, CANCELLED)
+                other.finish(waiting, LAUNCH_FAILED, (NO_MEMORY,))
+            for caller in (other, fresh):
+                caller.ask("GenerateText", request := honest.generation("Again"), honest.generated(request))
 
 
 # A heap that was short of memory stays in more pieces than before.
@@ -107,7 +101,7 @@ def little_memory(run):
                 (method, None, lambda value, error: not error and value)
                 for method in ("ListListeningPorts", "ListProcesses")])
         # Enough to receive it.
-        at_limit(48 + (8 << step), "a large request", [("KillProcess", bomb, honest.DECODING_ERROR)])
+        at_limit(48 + (8 << step), "a large request", [("KillProcess", bomb, DECODING_ERROR)])
         at_limit(1 << step, "a large output", [("GenerateText", honest.generation("Shout practice:flood=4000000"),
                                                 GENERATION_ERROR + "malformedOutput")])
     client.close()
@@ -115,27 +109,25 @@ def little_memory(run):
 
 @case(rounds=3)
 def memory_returned(run):
-    """What large requests, listings and outputs took is given back."""
-    client = run.client()
-    bodies = (b"[" + b"{}," * 5_000_000 + b"{}]", b'{"prompt":"' + b"x" * 15_000_000 + b'"}',
-              b'["\\u0000"]' + b" " * 15_000_000)
-    for _ in range(run.rounds):
-        clients = [run.client() for _ in range(8)]
-        for body in bodies:
-            started = [caller.start("KillProcess", body) for caller in clients]
-            for caller, call in zip(clients, started):
-                caller.finish(call, honest.DECODING_ERROR, (LIMITS_EXCEEDED,))  # The callers share one bound.
-        for caller in clients:
-            caller.close()
-        for words in ("flood=4000000", "flood-err=3000000", "flood=3000000 practice:no-output"):
+    """What large requests, of eight processes at once, listings and outputs took is given back."""
+    bodies = (["[", "{},", 5_000_000, "{}]"], ['{"prompt":"', "x", 15_000_000, '"}'], ['["\\u0000"]', " ", 15_000_000, ""])
+    for body in bodies:
+        with contextlib.ExitStack() as stack:
+            callers = [stack.enter_context(Outsider("ask_at_once", program=sys.executable, method="KillProcess",
+                                                    requests=[body])) for _ in range(8)]
+            for _ in range(run.rounds):
+                for caller in callers:
+                    caller.go_on()
+                outcomes = [caller.report() for caller in callers]
+                run.check(outcomes == [[DECODING_ERROR]] * 8, f"outcomes: {outcomes}")
+    with run.client() as client:
+        for words in ("flood=4000000", "flood-err=3000000", "flood=3000000 practice:no-output") * run.rounds:
             client.ask("GenerateText", honest.generation(f"Shout practice:{words}", "codex"),
                        lambda value, error: error or value["text"])
-    with processes(500, 5_000):
-        for _ in range(run.rounds):
-            client.ask("ListListeningPorts", right=lambda value, error: not error and len(value) >= 5_000)
-            client.ask("ListProcesses", right=lambda value, error: not error and len(value) >= 500)
-    run.note = f"peak {int(status_of(run.helper())['VmHWM'].split()[0]) // 1024} MiB"
-    client.close()
+        with processes(500, 5_000):
+            for method, rows in (("ListListeningPorts", 5_000), ("ListProcesses", 500)) * run.rounds:
+                client.ask(method, right=lambda value, error: not error and len(value) >= rows)
+    run.note = f"peak {memory_of(run.helper(), 'VmHWM'):.0f} MiB"
 
 
 def generate_each(run, client, right=honest.generated):
@@ -147,9 +139,9 @@ def generate_each(run, client, right=honest.generated):
 @case(rounds=4, temporary="4m,nr_inodes=200")
 def full_disk(run):
     """Without room for files a generation runs without its schema; without room for a directory it is not launched."""
-    client, filler = run.client(), pathlib.Path("/tmp/filler")
+    filler = pathlib.Path("/tmp/filler")
     for _ in range(run.rounds):
-        with survives(run, "full disk"):
+        with survives(run, "full disk"), run.client() as client:
             with open(filler, "wb", buffering=0) as file, contextlib.suppress(OSError):
                 while True:
                     file.write(bytes(4096))
@@ -160,18 +152,13 @@ def full_disk(run):
                 for number in range(1000):
                     (filler / str(number)).touch()
             generate_each(run, client, lambda request: LAUNCH_FAILED)
-            for file in filler.iterdir():
-                file.unlink()
-            filler.rmdir()
+            shutil.rmtree(filler)
             generate_each(run, client)
-    client.close()
 
 
 @case(rounds=4)
 def no_file_size(run):
     """Where no file may grow, a generation runs without its schema."""
-    client = run.client()
     for _ in range(run.rounds):
-        with survives(run, "file size") as pid, limited(pid, resource.RLIMIT_FSIZE, 0):
+        with survives(run, "file size") as pid, limited(pid, resource.RLIMIT_FSIZE, 0), run.client() as client:
             generate_each(run, client)
-    client.close()
