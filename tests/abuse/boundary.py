@@ -4,14 +4,14 @@ import contextlib
 import os
 import pathlib
 import subprocess
-import sys
 import time
 
 import honest
 from bus_peer import BUS, BUS_PATH, Peer
 from case import Skipped, case
-from session import (ACCESS_DENIED, FILES, HELPER, HELPER_PATH, INSTALLED, LIMITS_EXCEEDED, VERSION_WORDS, Outsider, engines,
-                     eventually, memory_of, processes)
+from sandbox import PROGRAM as SANDBOXED
+from session import (ACCESS_DENIED, ADMITTED, FILES, HELPER, HELPER_PATH, INSTALLED, LIMITS_EXCEEDED, VERSION_WORDS, Outsider,
+                     engines, eventually, memory_of, processes)
 
 EDITOR = "[Application]\nname=com.brindlemoor.Tessaloom\n"
 
@@ -62,7 +62,7 @@ def false_sandboxes(run):
             "with an instance outside": EDITOR + "[Instance]\ninstance-id=../../../proc/1/root/tmp/files\n"}
     with run.load():
         for row, info in rows.items():
-            with Outsider("call_from_sandbox", info=info) as liar:
+            with Outsider("call_from_sandbox", program=SANDBOXED, info=info) as liar:
                 run.check(liar.first == [ACCESS_DENIED] * 3, f"a sandbox {row}: {liar.first}")
 
 
@@ -82,26 +82,14 @@ def another_user(run):
     run.check(outcome and outcome.startswith("no connection: "), f"it got {outcome}")
 
 
-@contextlib.contextmanager
-def hanging_in_vetting(**options):
-    with Outsider("hang_in_vetting", **options) as outsider:
-        if outsider.first != "ready":
-            raise Skipped(outsider.first)
-        yield
-
-
 @case(rounds=70)
 def silent_root(run):
-    """Connections from a root directory that never answers do not hold up honest callers, new ones included."""
-    with hanging_in_vetting(connections=run.rounds):
-        run.under_load()
-
-
-@case(rounds=12)
-def held_bodies(run):
-    """What an undecided caller sends is bounded."""
+    """Connections from a root directory that never answers do not hold up honest callers, new ones included, and what they
+    send is bounded."""
     before = memory_of(run.helper(), "VmRSS")
-    with hanging_in_vetting(connections=1, bodies=run.rounds, size=60_000_000):
+    with Outsider("hang_in_vetting", program=SANDBOXED, connections=run.rounds, bodies=12, size=60_000_000) as outsider:
+        if outsider.first != "ready":
+            raise Skipped(outsider.first)
         run.under_load(turns=10)
         peak = memory_of(run.helper(), "VmHWM") - before
         run.note = f"peak +{peak:.0f} MiB"
@@ -123,10 +111,10 @@ def refused_flood(run):
         run.under_load(turns=10 * run.rounds)
 
 
-@case(rounds=4)
+@case(rounds=2)
 def never_reads(run):
     """An admitted caller that calls without a pause and never reads its answers."""
-    with processes(500), Outsider("flood", program=sys.executable), run.load(turns=5 * run.rounds), Peer() as peer:
+    with processes(500), Outsider("flood", program=ADMITTED), run.load(turns=5 * run.rounds), Peer() as peer:
         bus = 0
         for _ in range(10 * run.rounds):
             started = time.monotonic()
@@ -153,7 +141,7 @@ def crowd(run):
     VERSION_WORDS.write_text(f"practice:wait-for={go}")
     probe = ['{"engine":"codex"}', "", 0, ""]
     with contextlib.ExitStack() as stack, run.client() as client:
-        crowd = [stack.enter_context(Outsider("ask_at_once", program=sys.executable, method="GenerationEngineStatus",
+        crowd = [stack.enter_context(Outsider("ask_at_once", program=ADMITTED, method="GenerationEngineStatus",
                                               requests=[probe] * 20)) for _ in range(4)]
         for caller in crowd:
             caller.go_on()

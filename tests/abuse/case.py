@@ -131,8 +131,7 @@ def run_case(name, rounds, seed, is_quick):
     run, leaks, skipped = Run(rounds, seed, needs.get("slack", MEMORY_SLACK)), {}, None
     try:
         FILES.mkdir(exist_ok=True)
-        if not is_quick:
-            run.warm_up()
+        run.warm_up() if not is_quick else run.under_load(turns=1)
         function(run)
         run.under_load(turns=8)
         if not is_quick:

@@ -68,8 +68,8 @@ def install():
 
 def say(application, branch, script=CALL):
     status, said = flatpak("run", "--user", "--no-a11y-bus", f"{application}//{branch}", "-c", script)
-    # The proxy complains of senders that have gone already.
-    lines = [line for line in said.splitlines() if "WARNING **" not in line]
+    # The proxy complains, after an empty line, of senders that have gone already.
+    lines = [line for line in said.splitlines() if line and "WARNING **" not in line]
     return lines[-1] if lines else f"nothing, status {status}"
 
 

@@ -8,6 +8,7 @@ import json
 import os
 import pathlib
 import random
+import subprocess
 import sys
 import time
 
@@ -124,7 +125,7 @@ def hang_in_vetting(connections, bodies=0, size=0):
     peers = [Peer() for _ in range(connections)]
     try:
         sandbox.enter_silent_root(os.environ["ABUSE_FUSE"])
-    except OSError as error:
+    except (OSError, subprocess.CalledProcessError) as error:
         return report(f"a file system that never answers cannot be made here: {error}")
     for peer in peers:
         peer.send(HELPER, HELPER_PATH, INTERFACE, "ProtocolVersion")

@@ -21,7 +21,8 @@ HELPER_PATH = "/com/brindlemoor/Tessaloom/Helper"
 INTERFACE = "com.brindlemoor.Tessaloom.HelperServicing"
 ACCESS_DENIED, LIMITS_EXCEEDED = BUS + ".Error.AccessDenied", BUS + ".Error.LimitsExceeded"
 
-INSTALLED = pathlib.Path(sys.executable).parent  # This program bears the editor's name, beside the helper.
+ADMITTED = (sys.executable,)  # This program bears the editor's name, beside the helper.
+INSTALLED = pathlib.Path(sys.executable).parent
 HELPER_PROGRAM = INSTALLED / "tessaloom-helper"
 ROOT = pathlib.Path(__file__).parent.parent.parent
 FILES = pathlib.Path("/run/practice/files")      # What engines touch and wait for.
@@ -157,10 +158,10 @@ class Outsider:
     """A process that does what a function of outsiders.py does, as a program that is not to be admitted unless it is
     this one's. It reports by lines of JSON, takes a line to go on, and ends with `with`, which begins when it is ready."""
 
-    def __init__(self, what, program="/usr/bin/python3", **arguments):
+    def __init__(self, what, program=("/usr/bin/python3",), **arguments):
         environment = {key: value for key, value in os.environ.items() if key != "LD_PRELOAD"}
         script = pathlib.Path(__file__).parent / "outsiders.py"
-        self.process = subprocess.Popen([program, script, what, json.dumps(arguments)], env=environment,
+        self.process = subprocess.Popen([*program, script, what, json.dumps(arguments)], env=environment,
                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
 
     def report(self):

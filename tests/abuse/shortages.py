@@ -4,14 +4,13 @@ import contextlib
 import pathlib
 import resource
 import shutil
-import sys
 
 import honest
 from boundary import hanging
 from bus_peer import BUS
 from case import case
 from honest import CANCELLED, DECODING_ERROR, GENERATION_ERROR
-from session import (FILES, LIMITS_EXCEEDED, Outsider, eventually, footprint, limited, memory_of, processes, status_of)
+from session import (ADMITTED, FILES, LIMITS_EXCEEDED, Outsider, eventually, footprint, limited, memory_of, processes, status_of)
 
 NO_MEMORY = BUS + ".Error.NoMemory"
 ENCODING_ERROR = "com.brindlemoor.Tessaloom.helper.EncodingError"
@@ -107,13 +106,13 @@ def little_memory(run):
     client.close()
 
 
-@case(rounds=3)
+@case(rounds=2)
 def memory_returned(run):
     """What large requests, of eight processes at once, listings and outputs took is given back."""
     bodies = (["[", "{},", 5_000_000, "{}]"], ['{"prompt":"', "x", 15_000_000, '"}'], ['["\\u0000"]', " ", 15_000_000, ""])
     for body in bodies:
         with contextlib.ExitStack() as stack:
-            callers = [stack.enter_context(Outsider("ask_at_once", program=sys.executable, method="KillProcess",
+            callers = [stack.enter_context(Outsider("ask_at_once", program=ADMITTED, method="KillProcess",
                                                     requests=[body])) for _ in range(8)]
             for _ in range(run.rounds):
                 for caller in callers:

@@ -1,0 +1,16 @@
+"""Links between the documents lead to files, and every decision is linked."""
+
+import pathlib
+import re
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+LINK = re.compile(r"\]\(([^)#:\s]+)(?:#[^)]*)?\)")
+
+documents = [*ROOT.glob("*.md"), *ROOT.glob("docs/**/*.md")]
+linked = {(document.parent / target).resolve() for document in documents for target in LINK.findall(document.read_text())}
+wrong = [f"{path}: linked, but missing" for path in linked if not path.exists()]
+wrong += [f"{path}: not linked" for path in ROOT.glob("docs/decisions/*.md") if path.name != "README.md" and path not in linked]
+if len(linked) < 20:
+    wrong.append(f"only {len(linked)} links found")
+sys.exit("\n".join(sorted(wrong)) or 0)
