@@ -3,14 +3,13 @@
 import contextlib
 import os
 import pathlib
-import subprocess
 import time
 
 import honest
 from bus_peer import BUS, BUS_PATH, Peer
 from case import Skipped, case
 from sandbox import PROGRAM as SANDBOXED
-from session import (ACCESS_DENIED, ADMITTED, FILES, HELPER, HELPER_PATH, INSTALLED, LIMITS_EXCEEDED, VERSION_WORDS, Outsider,
+from session import (ACCESS_DENIED, ADMITTED, FILES, HELPER, HELPER_PATH, LIMITS_EXCEEDED, VERSION_WORDS, Outsider,
                      engines, eventually, memory_of, processes)
 
 EDITOR = "[Application]\nname=com.brindlemoor.Tessaloom\n"
@@ -41,19 +40,6 @@ def forged_departures(run):
         run.under_load((("kill",), ("generate", "cancel"), honest.BRIEF), turns=run.rounds)
 
 
-@case(rounds=10)
-def forged_answers(run):
-    """A peer answers the client in the helper's place."""
-    believed = 0
-    with Outsider("forge_answers", text="A forged answer"):
-        for turn in range(run.rounds):
-            words = ("generate", "--engine", "claudeCode", f"Tea {turn}")
-            said = subprocess.run([INSTALLED / "tessaloom-helperctl", *words], stdin=subprocess.DEVNULL,
-                                  capture_output=True, text=True).stdout
-            believed += said != f"A practice answer to “Tea {turn}”, written without a model.\n"
-    run.check(not believed, f"{believed} of {run.rounds} answers were another's")
-
-
 @case(rounds=1)
 def false_sandboxes(run):
     """Sandboxes that are no application's, and such as say that they are the editor's."""
@@ -79,7 +65,7 @@ def another_user(run):
     (folder / "address.new").write_text(address)
     (folder / "address.new").rename(folder / "address")
     outcome = eventually((folder / "outcome").exists) and eventually((folder / "outcome").read_text)
-    run.check(outcome and outcome.startswith("no connection: "), f"it got {outcome}")
+    run.check(outcome and outcome.startswith("Failed to register on connection"), f"it got {outcome}")
 
 
 @case(rounds=70)
@@ -136,7 +122,7 @@ def hanging(client, words="", **options):
 
 @case(rounds=1)
 def crowd(run):
-    """Callers take no more than their bounds and shares of calls, bodies, generations and probes."""
+    """Callers take no more than their bounds and shares of calls, bodies, generations and probes, and of time."""
     go = FILES / "go"
     VERSION_WORDS.write_text(f"practice:wait-for={go}")
     probe = ['{"engine":"codex"}', "", 0, ""]
@@ -156,11 +142,12 @@ def crowd(run):
             outcomes = caller.report()
             run.check((outcomes.count("admitted"), outcomes.count(LIMITS_EXCEEDED)) == (16, 4), f"outcomes: {outcomes}")
 
-        three = [hanging(client) for _ in range(3)]
+        resisting = ("ignore-term practice:grandchild=600000", "flood=5242880", "flood-err=5242880")
+        three = [hanging(client, f"practice:{words}", timeout=5) for words in resisting]
         client.ask("GenerateText", honest.generation("One more"), (honest.GENERATION_ERROR + "engineRefused", 1))
-        for request, generation in three:
-            client.ask("CancelGeneration", {"requestID": request["requestID"]}, {"succeeded": True})
-            client.finish(generation, honest.CANCELLED)
+        for _, generation in three:
+            client.finish(generation, honest.GENERATION_ERROR + "timedOut")
+        run.check(eventually(lambda: not engines()), "what an engine started runs on after its deadline")
 
         client.ask("GenerateText", bytes(17 << 20), LIMITS_EXCEEDED)
         for call in [client.start("ProtocolVersion") for _ in range(10_000)]:

@@ -25,7 +25,7 @@ from session import FILES, HELPER, HELPER_LOG, engines, eventually, footprint, p
 MODULES = ("boundary", "flatpaks", "leaving", "shortages", "endurance")
 CASES = {}
 SETTLING = 12        # Seconds.
-IDLE_TIME = 2.2      # Seconds; threads leave after 2.
+IDLE_TIME = 2.5      # Seconds; threads leave after 2.
 MEMORY_SLACK = 1024  # KiB; a case may allow more, as its `slack`.
 
 
@@ -90,29 +90,21 @@ class Run:
         """Has a helper do every kind of work, so that what is made once is there."""
         for _ in range(3):
             self.under_load(turns=8)
-        self.before = self.settle()
+        idle_at = time.monotonic() + IDLE_TIME
+        self.before = self.settle(lambda held: time.monotonic() > idle_at)
 
-    def settle(self, before=None):
-        """What the helper holds once it is idle: as before, or when it has not become that in time."""
+    def settle(self, is_enough):
+        """What the helper holds once that is enough, or when it has not become that in time."""
         with self.client() as client:
             for method in ("ListProcesses", "ListListeningPorts"):  # Forgets what was kept of processes that have ended.
                 client.ask(method, right=lambda value, error: not error)
-        pid, unchanged_since, held = self.helper(), time.monotonic(), {}
+        pid = self.helper()
+        eventually(lambda: is_enough(footprint(pid)), SETTLING)
+        return footprint(pid)
 
-        def settled():
-            nonlocal unchanged_since, held
-            held, earlier = footprint(pid), held
-            if before:
-                return not self.excess(before, held)
-            if held != earlier:
-                unchanged_since = time.monotonic()
-            return time.monotonic() - unchanged_since > IDLE_TIME
-        eventually(settled, SETTLING)
-        return held
-
-    def excess(self, before, after):
-        return {key: after[key] - before[key] for key in before
-                if after[key] > before[key] + (self.slack if key == "memory" else 0)}
+    def excess(self, held):
+        return {key: held[key] - before for key, before in self.before.items()
+                if held[key] > before + (self.slack if key == "memory" else 0)}
 
     def bus_log(self):
         """What the bus and the helpers that it started wrote."""
@@ -135,7 +127,7 @@ def run_case(name, rounds, seed, is_quick):
         function(run)
         run.under_load(turns=8)
         if not is_quick:
-            leaks = run.excess(run.before, run.settle(run.before))
+            leaks = run.excess(run.settle(lambda held: not run.excess(held)))
         run.look_at_the_end()
     except Skipped as reason:
         skipped = str(reason)

@@ -42,8 +42,7 @@ def reused_pids(run):
         successor = start_as(pid)
         if successor:
             reused += 1
-            caller.ask("KillProcess", {"pid": pid, "signal": 9},
-                       lambda value, error: not error and not value["succeeded"])
+            caller.ask("KillProcess", {"pid": pid, "signal": 9}, lambda value, error: not error and not value["succeeded"])
             run.check(successor.poll() is None, "a process that was never listed was killed")
             successor.kill()
             successor.wait()

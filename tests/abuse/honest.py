@@ -133,11 +133,6 @@ def generated(request):
     return right
 
 
-# Reading ends at a limit, and an engine that goes on writing blocks.
-RESISTING = ("Wait practice:ignore-term practice:grandchild=600000 practice:hang", "Shout practice:flood=5242880",
-             "Complain practice:flood-err=5242880")
-
-
 class Honest:
     """A caller that does one random thing after the other. What it expects is exact, so it serves one case's session:
     the practice engine, and processes and sockets of its own."""
@@ -179,8 +174,7 @@ class Honest:
             value["engine"], value["binaryFound"]) == (engine, True) and "." in value["version"])
 
     def generate(self):
-        request = generation(f"Number {self.random.getrandbits(64)}", self.engine(),
-                             self.random.choice(("freeText", "itemFields")))
+        request = generation(f"Number {self.random.getrandbits(64)}", self.engine(), self.random.choice(("freeText", "itemFields")))
         self.ask("GenerateText", request, generated(request))
 
     def fail(self):
@@ -200,8 +194,7 @@ class Honest:
         self.client.finish(started, CANCELLED)
 
     def time_out(self):
-        self.ask("GenerateText", generation(self.random.choice(RESISTING), self.engine(), timeout=5),
-                 GENERATION_ERROR + "timedOut")
+        self.ask("GenerateText", generation("Wait practice:hang", self.engine(), timeout=5), GENERATION_ERROR + "timedOut")
 
     def cancel_nothing(self):
         self.ask("CancelGeneration", {"requestID": str(uuid.uuid4())}, {"succeeded": False})

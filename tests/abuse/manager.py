@@ -16,8 +16,7 @@ def start():
         raise Skipped("there is no control group here for a service manager, or no service manager")
     runtime = pathlib.Path(os.environ["ABUSE_RUNTIME"])
     environment = {"PATH": "/usr/bin:/bin", "HOME": os.environ["HOME"], "XDG_RUNTIME_DIR": str(runtime)}
-    for key, folder, name in (("XDG_CONFIG_HOME", "systemd/user", UNIT),
-                              ("XDG_DATA_HOME", "dbus-1/services", "group." + UNIT)):
+    for key, folder, name in (("XDG_CONFIG_HOME", "systemd/user", UNIT), ("XDG_DATA_HOME", "dbus-1/services", "group." + UNIT)):
         environment[key] = str(runtime / key)
         target = runtime / key / folder / name
         target.parent.mkdir(parents=True)
@@ -32,6 +31,5 @@ def start():
 
 def result():
     """How the helper's unit last ended."""
-    shown = subprocess.run(["systemctl", "--user", "show", "--property=Result", "--value", UNIT], capture_output=True,
-                           text=True)
+    shown = subprocess.run(["systemctl", "--user", "show", "--property=Result", "--value", UNIT], capture_output=True, text=True)
     return shown.stdout.strip()

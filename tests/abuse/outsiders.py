@@ -16,7 +16,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "support"))
 
 import sandbox
 from bus_peer import BUS, BUS_PATH, CALL, ERROR, RETURN, SIGNAL, Peer, marshal
-from session import HELPER, HELPER_PATH, INTERFACE, eventually
+from session import HELPER, HELPER_PATH, INTERFACE
 
 REACH = 48  # Serials ahead that are forged: what the helper may have sent meanwhile.
 TO_HELPER = {"destination": HELPER, "path": HELPER_PATH, "interface": INTERFACE}
@@ -88,36 +88,11 @@ def forge_departures():
         helper_serial(peer)  # It has read them.
 
 
-def forge_answers(text):
-    """Answers every new connection as the helper would."""
-    peer = Peer()
-    peer.watch("")
-    report("ready")
-    body = json.dumps({"requestID": "00000000-0000-4000-8000-000000000000", "engine": "claudeCode", "text": text,
-                       "durationMilliseconds": 1}).encode()
-    while True:
-        message = peer.receive(time.monotonic() + 3600)
-        if message.member == "NameOwnerChanged" and message.body[0].startswith(":") and message.body[2]:
-            forge(peer, RETURN, 1, message.body[0], "ay", [body])
-
-
 def call_from_sandbox(info=None):
     """Calls from a sandbox with a root of its own in which it writes what it likes."""
     with connect() as peer:
         sandbox.enter_own_root({} if info is None else {".flatpak-info": info})
         report([ask(peer, method) for method in ("ProtocolVersion", "ListProcesses", "NoSuchMethod")])
-
-
-def connect_as_another():
-    """Connects as whoever this is, once a case has told the address."""
-    folder = pathlib.Path("/tmp/other-user")
-    eventually((folder / "address").exists, 60)
-    os.environ["DBUS_SESSION_BUS_ADDRESS"] = (folder / "address").read_text()
-    try:
-        said = ask(connect(), "ProtocolVersion")
-    except OSError as error:
-        said = f"no connection: {error}"
-    (folder / "outcome").write_text(said)
 
 
 def hang_in_vetting(connections, bodies=0, size=0):

@@ -48,14 +48,12 @@ def no_descriptors(run):
         with limited(pid, resource.RLIMIT_NOFILE, 3):
             for turn in range(run.rounds):
                 caller = (client, fresh)[turn % 2]
-                caller.ask("GenerationEngineStatus", {"engine": "codex"},
-                           lambda value, error: error or value["binaryFound"])
+                caller.ask("GenerationEngineStatus", {"engine": "codex"}, lambda value, error: error or value["binaryFound"])
                 caller.ask("GenerateText", honest.generation("Try"),
                            lambda value, error: error and not error.endswith("binaryNotFound"))
         for caller in (client, fresh):
             caller.ask("ProtocolVersion", right=1)
-            caller.ask("GenerationEngineStatus", {"engine": "codex"},
-                       lambda value, error: not error and value["binaryFound"])
+            caller.ask("GenerationEngineStatus", {"engine": "codex"}, lambda value, error: not error and value["binaryFound"])
 
 
 @case(rounds=2)

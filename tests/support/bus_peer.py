@@ -76,8 +76,7 @@ class Peer:
     def send(self, destination, path, interface, member, signature="", *arguments):
         """Sends a call; the serial by which its reply is awaited."""
         self.awaited[self.serial + 1] = destination
-        self.send_message(CALL, signature, arguments, destination=destination, path=path, interface=interface,
-                          member=member)
+        self.send_message(CALL, signature, arguments, destination=destination, path=path, interface=interface, member=member)
         return self.serial
 
     def call(self, *call, timeout=None):
