@@ -56,83 +56,69 @@ const std::map<std::string, Recode>& records() {
   return all;
 }
 
-std::string document() {
-  std::ifstream file(TESSALOOM_DOCS "/protocol.md");
+/// The groups of every match in the document.
+std::vector<std::vector<std::string>> matches(const char* pattern) {
   std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
-
-/// Calls `use` with the groups of every match in the document, and tells how many there were.
-std::size_t forEachMatch(const char* pattern,
-                         const std::function<void(const std::vector<std::string>&)>& use) {
-  const std::string text = document();
+  text << std::ifstream(TESSALOOM_DOCS "/protocol.md").rdbuf();
+  const std::string document = text.str();
   const std::regex expression(pattern);
-  std::size_t count = 0;
-  for (std::sregex_iterator match(text.begin(), text.end(), expression), end; match != end;
-       ++match, ++count) {
-    use({match->begin(), match->end()});
+  std::vector<std::vector<std::string>> found;
+  for (std::sregex_iterator match(document.begin(), document.end(), expression), end; match != end;
+       ++match) {
+    found.emplace_back(match->begin(), match->end());
   }
-  return count;
+  return found;
 }
 
 TEST(ProtocolDocument, EveryExampleIsTheRecordThatItShows) {
   std::set<std::string> shown;
-  forEachMatch("```json (\\S+)\n([^`]+)```", [&shown](const std::vector<std::string>& groups) {
+  for (const auto& groups : matches("```json (\\S+)\n([^`]+)```")) {
     const std::string& name = groups[1];
-    SCOPED_TRACE(name + ": " + groups[2]);
-    const auto record = records().find(name);
-    ASSERT_NE(record, records().end());
+    ASSERT_TRUE(records().contains(name)) << name;
     // Written again it is the same, keys in the same order: the examples lack nothing and hold
     // nothing that is ignored.
     using Json = nlohmann::ordered_json;
-    EXPECT_EQ(Json::parse(record->second(groups[2])).dump(), Json::parse(groups[2]).dump());
+    EXPECT_EQ(Json::parse(records().at(name)(groups[2])).dump(), Json::parse(groups[2]).dump());
     shown.insert(name);
-  });
-  for (const auto& [name, unused] : records()) EXPECT_TRUE(shown.contains(name)) << name;
+  }
+  EXPECT_EQ(shown.size(), records().size());
 }
 
 TEST(ProtocolDocument, ListsEveryMethod) {
-  std::vector<std::vector<std::string>> listed;
-  forEachMatch(
-      "\\| `(\\w+)\\((\\w*)\\) → (\\w+)` \\| `([\\w:]+)` \\| `?(\\w*)`? ?\\| ([\\w `]+) \\|",
-      [&](const auto& groups) { listed.push_back({groups.begin() + 1, groups.end()}); });
-  for (auto& columns : listed) std::erase(columns.back(), '`');
-  std::vector<std::vector<std::string>> expected;
-  for (const Method& method : methods) {
-    const bool takesRequest = method.takesRequest();
-    expected.push_back({method.name, takesRequest ? "ay" : "", method.result, method.selector,
-                        takesRequest ? method.request : "", method.reply});
+  auto listed = matches(
+      "\\| `(\\w+)\\((\\w*)\\) → (\\w+)` \\| `([\\w:]+)` \\| `?(\\w*)`? ?\\| ([\\w `]+) \\|");
+  ASSERT_EQ(listed.size(), methods.size());
+  for (std::size_t row = 0; row < listed.size(); ++row) {
+    const Method& method = methods[row];
+    const std::string argument = method.takesRequest() ? "ay" : "";
+    std::erase(listed[row].back(), '`');
+    listed[row].erase(listed[row].begin());
+    EXPECT_EQ(listed[row], (std::vector<std::string>{
+                               method.name, argument, method.result, method.selector,
+                               method.takesRequest() ? method.request : "", method.reply}));
   }
-  EXPECT_EQ(listed, expected);
 }
 
-/// The code and description with which a body is refused.
-std::pair<std::int64_t, std::string> refusal(const Recode& decode, const std::string& body) {
-  try {
-    decode(body);
-  } catch (const DecodingError& error) {
-    return {static_cast<std::int64_t>(error.kind()), error.what()};
-  } catch (const GenerationDTOError& error) {
-    return {static_cast<std::int64_t>(error.kind()), error.what()};
-  } catch (const HelperDTOError& error) {
-    return {static_cast<std::int64_t>(error.kind()), error.what()};
-  }
-  return {0, "accepted"};
+template <class Error>
+void expectRefusal(const Error& error, const std::vector<std::string>& groups) {
+  EXPECT_EQ(std::to_string(static_cast<std::int64_t>(error.kind())), groups[3]) << groups[2];
+  EXPECT_EQ(error.what(), groups[4]) << groups[2];
 }
 
 TEST(ProtocolDocument, EveryRefusedBodyIsRefusedAsToldThere) {
-  const std::size_t count = forEachMatch("\\| `(\\w+)` \\| `([^`]+)` \\| (\\d+) \\| `([^`]+)` \\|",
-                                         [](const std::vector<std::string>& groups) {
-                                           SCOPED_TRACE(groups[2]);
-                                           const auto record = records().find(groups[1]);
-                                           ASSERT_NE(record, records().end());
-                                           const auto [code, description] =
-                                               refusal(record->second, groups[2]);
-                                           EXPECT_EQ(code, std::stoll(groups[3]));
-                                           EXPECT_EQ(description, groups[4]);
-                                         });
-  EXPECT_GE(count, 10U);
+  const auto rows = matches("\\| `(\\w+)` \\| `([^`]+)` \\| (\\d+) \\| `([^`]+)` \\|");
+  EXPECT_GE(rows.size(), 10U);
+  for (const auto& groups : rows) {
+    try {
+      ADD_FAILURE() << groups[2] << " is accepted: " << records().at(groups[1])(groups[2]);
+    } catch (const DecodingError& error) {
+      expectRefusal(error, groups);
+    } catch (const GenerationDTOError& error) {
+      expectRefusal(error, groups);
+    } catch (const HelperDTOError& error) {
+      expectRefusal(error, groups);
+    }
+  }
 }
 
 }  // namespace
