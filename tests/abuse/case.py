@@ -20,7 +20,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "support"))
 sys.modules["case"] = sys.modules[__name__]  # The modules with the cases import this one.
 
 import honest
-from session import FILES, HELPER, HELPER_LOG, engines, eventually, footprint, process_of, status_of
+from session import FILES, HELPER, engines, eventually, footprint, helper_log, process_of, status_of
 
 MODULES = ("boundary", "flatpaks", "leaving", "shortages", "endurance")
 CASES = {}
@@ -114,7 +114,7 @@ class Run:
         """What must not be there once the case is over; a sanitizer reports when the helper ends."""
         self.check(eventually(lambda: not engines()), f"engines run on: {engines()}")
         self.end_helper()
-        log = self.bus_log() + (HELPER_LOG.read_text() if HELPER_LOG.exists() else "")
+        log = self.bus_log() + helper_log()
         self.check("Sanitizer" not in log, log[-2000:])
 
 

@@ -86,7 +86,7 @@ def start_helper():
 
 
 def helper_log():
-    return HELPER_LOG.read_text()
+    return HELPER_LOG.read_text() if HELPER_LOG.exists() else ""
 
 
 def replace_helper(turn):
