@@ -1,5 +1,6 @@
 """How the helper starts and ends, what it owes its callers then, and what it owes those who have left."""
 
+import contextlib
 import os
 import signal
 import time
@@ -188,6 +189,25 @@ def forged_leaving(run):
         replace_under_load(run, PORTABLE, 300)
 
 
+def accept_before_leaving(run, client, other, up):
+    """Has a generation accepted, and launched after the exit step has looked (200 ms after the answer): it comes behind
+    listings, all of it while the helper stands still. Raises ProcessLookupError when that has left already."""
+    client.ask("ProtocolVersion", right=1)
+    request = honest.generation(f"Wait practice:touch={up} practice:hang", timeout=5)
+    with processes(400):
+        old = replace(run, other)
+        with stopped(old):
+            for _ in range(60):
+                client.start("ListProcesses")
+            generation = client.start("GenerateText", request)
+            process_of(HELPER, client)  # Then the bus has passed them on.
+            time.sleep(0.25)
+    eventually(up.exists, 5)
+    other.ask("CancelGeneration", {"requestID": request["requestID"]}, {"succeeded": True})
+    client.finish(generation, CANCELLED)
+    run.check(eventually(lambda: status_of(old) is None), "the replaced helper stays")
+
+
 @case(rounds=2)
 def busy_when_replaced(run):
     """It keeps its name, so that cancellations reach it, while anything is accepted, launched or probing."""
@@ -205,20 +225,5 @@ def busy_when_replaced(run):
             for file in (VERSION_WORDS, go, probing):
                 file.unlink()
 
-            # A generation that is accepted, and launched after the exit step has looked (200 ms after the answer): it comes
-            # behind listings, all of it while the helper stands still.
-            client.ask("ProtocolVersion", right=1)
-            up = FILES / f"up-{turn}"
-            request = honest.generation(f"Wait practice:touch={up} practice:hang", timeout=5)
-            with processes(400):
-                old = replace(run, other)
-                with stopped(old):
-                    for _ in range(60):
-                        client.start("ListProcesses")
-                    generation = client.start("GenerateText", request)
-                    process_of(HELPER, client)  # Then the bus has passed them on.
-                    time.sleep(0.25)
-            eventually(up.exists, 5)
-            other.ask("CancelGeneration", {"requestID": request["requestID"]}, {"succeeded": True})
-            client.finish(generation, CANCELLED)
-            run.check(eventually(lambda: status_of(old) is None), "the replaced helper stays")
+            with contextlib.suppress(ProcessLookupError):
+                accept_before_leaving(run, client, other, FILES / f"up-{turn}")
