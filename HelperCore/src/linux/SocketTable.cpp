@@ -13,6 +13,7 @@
 #include <cstring>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 namespace tessaloom {
 
@@ -44,14 +45,20 @@ constexpr int mostReadings = 8;
 /// How many pieces a table came in; nullopt when it cannot be read to its end.
 using Pieces = std::optional<int>;
 
-/// Calls `readOnce(reading)` until the table is whole. False when it cannot be read.
+/// Calls `readOnce(reading, found)` until the table is whole: it came in one piece, or two readings
+/// one after the other found the same. A reading skips a socket only when another one that it has
+/// found is closed meanwhile, and then the next does not find that one. False when the table cannot
+/// be read.
 template <class ReadOnce>
 bool readWhole(SocketsByInode& sockets, const ReadOnce& readOnce) {
+  SocketsByInode previous;
   for (int reading = 0; reading < mostReadings; ++reading) {
-    const std::size_t before = sockets.size();
-    const Pieces pieces = readOnce(reading);
+    SocketsByInode found;
+    const Pieces pieces = readOnce(reading, found);
+    sockets.insert(found.begin(), found.end());
     if (!pieces) return false;
-    if (*pieces <= 1 || (reading > 0 && sockets.size() == before)) return true;
+    if (*pieces <= 1 || (reading > 0 && found == previous)) return true;
+    previous = std::move(found);
   }
   return true;
 }
@@ -85,8 +92,8 @@ Pieces readTextOnce(const FileDescriptor& file, int reading, InternetTransport t
 bool addText(const ProcFiles& proc, std::int32_t member, const Table& table,
              SocketsByInode& sockets) {
   const FileDescriptor file = proc.open(ProcPath{member, table.file});
-  return file && readWhole(sockets, [&](int reading) {
-           return readTextOnce(file, reading, table.transport, sockets);
+  return file && readWhole(sockets, [&](int reading, SocketsByInode& found) {
+           return readTextOnce(file, reading, table.transport, found);
          });
 }
 
@@ -130,8 +137,9 @@ Pieces dumpOnce(const FileDescriptor& netlink, const Table& table, SocketsByInod
 
 bool addDump(const Table& table, SocketsByInode& sockets) {
   const FileDescriptor netlink{socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG)};
-  return netlink &&
-         readWhole(sockets, [&](int /*reading*/) { return dumpOnce(netlink, table, sockets); });
+  return netlink && readWhole(sockets, [&](int /*reading*/, SocketsByInode& found) {
+           return dumpOnce(netlink, table, found);
+         });
 }
 
 }  // namespace

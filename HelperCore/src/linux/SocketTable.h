@@ -11,8 +11,8 @@ namespace tessaloom {
 /// The listening TCP and the bound UDP sockets of network namespaces, by inode.
 ///
 /// The kernel lists a table in pieces and may skip a socket between two of them when another one is
-/// closed. A table that came in several pieces is therefore read until a reading finds no socket
-/// that an earlier one lacked; a socket's inode is its alone, so what was found once stays right.
+/// closed. A table that came in several pieces is therefore read until two readings one after the
+/// other find the same; a socket's inode is its alone, so what was found once stays right.
 class SocketTable {
  public:
   static constexpr std::size_t tableCount = 4;  ///< TCP and UDP, each over IPv4 and IPv6.
