@@ -78,7 +78,7 @@ std::int32_t churnSockets(std::int32_t count) {
     for (;;) {
       for (const int each : open(20'000)) {
         close(each);
-        usleep(50);
+        usleep(20);
       }
     }
   }}.detach();

@@ -269,6 +269,8 @@ TEST(ProcessPass, ForgetsAProcessThatExitsWhileItIsRead) {
   ProcessPass pass(procDirectory, clock, getuid(), settled, {}, true);
   KnownProcess& known = pass.find(child->pid())->known;
   const FileDescriptor stat = pass.open(known);
+  std::array<char, 64> start;
+  EXPECT_TRUE(readStart(stat, start).starts_with(std::to_string(known.pid) + " ("));
   EXPECT_TRUE(pass.readFacts(known, stat) && known.facts);
   child.reset();
   EXPECT_FALSE(pass.readFacts(known, stat) || known.facts);
@@ -366,7 +368,7 @@ TEST(LinuxSockets, FindsTheSocketsThatAThreadHasToItself) {
 
 /// In another namespace, whose tables the kernel gives piece by piece.
 TEST(LinuxSockets, SkipsNoneWhileOthersComeAndGo) {
-  constexpr int count = 100;
+  constexpr int count = 400;
   ObedientChild child;
   if (child.ask(Command::enterNetwork) != 0) {
     GTEST_SKIP() << "making a network namespace takes rights that are not there";
