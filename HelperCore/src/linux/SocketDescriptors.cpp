@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <string_view>
 
@@ -17,21 +18,20 @@ namespace tessaloom {
 
 namespace {
 
-std::optional<std::uint32_t> readSocketLink(const FileDescriptor& directory, std::int32_t number) {
-  std::array<char, 64> target;
-  const ssize_t length =
-      readlinkat(directory.get(), ProcPath{number}.text(), target.data(), target.size());
-  if (length <= 0) return std::nullopt;
-  return parseInodeLink("socket", {target.data(), static_cast<std::size_t>(length)});
-}
-
-/// `number`: a process or a thread.
+/// `number`: a process or a thread. The folder may be open to a caller to whom the kernel refuses
+/// the links in it. It decides about those by the process, so the first refusal stands for all.
 void addSockets(const ProcFiles& proc, std::int32_t number, std::vector<std::uint32_t>& inodes) {
   const FileDescriptor directory = proc.open(ProcPath{number, "fd"}, O_DIRECTORY);
   const auto descriptors = directory ? listNumbers(directory) : std::nullopt;
   if (!descriptors) return;
   for (const std::int32_t descriptor : *descriptors) {
-    if (auto inode = readSocketLink(directory, descriptor)) inodes.push_back(*inode);
+    std::array<char, 64> target;
+    const ssize_t length =
+        readlinkat(directory.get(), ProcPath{descriptor}.text(), target.data(), target.size());
+    if (length < 0 && (errno == EACCES || errno == EPERM)) return;
+    if (length <= 0) continue;
+    const std::string_view link(target.data(), static_cast<std::size_t>(length));
+    if (const auto inode = parseInodeLink("socket", link)) inodes.push_back(*inode);
   }
 }
 
