@@ -13,9 +13,6 @@ namespace tessaloom {
 
 namespace {
 
-constexpr std::size_t largeBytes = 262'144;  // Freed by calls, worth giving back to the system.
-constexpr std::size_t messageBytes = 1'024;  // What a message takes beside its body, roughly.
-
 constexpr bool runsEngine(Method::Kind kind) {
   return kind == Method::Kind::generation || kind == Method::Kind::probe;
 }
@@ -147,10 +144,10 @@ void CallScheduler::sendReplies() {
   }
 }
 
+// What a call's work took cannot be told from its request and reply: a listing that failed has
+// taken as much as one that did not. Where there is little to give back this takes microseconds.
 void CallScheduler::releaseMemory() {
-  if (freedBytes_ < largeBytes || unanswered_ > 0) return;
-  freedBytes_ = 0;
-  ::malloc_trim(0);
+  if (unanswered_ == 0 && std::exchange(hasFreedMemory_, false)) ::malloc_trim(0);
 }
 
 CallScheduler::Caller* CallScheduler::find(pid_t process) {
@@ -264,7 +261,7 @@ void CallScheduler::send(Call& call) {
     sendReply(call.message.get(), call.outcome);
     queuedBytes_ += size;
   }
-  freedBytes_ += messageBytes + call.weight.bytes + size;
+  hasFreedMemory_ = true;
   if (std::holds_alternative<TooManyCalls>(call.outcome)) {
     --caller.refused;
     --refused_;

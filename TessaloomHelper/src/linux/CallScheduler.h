@@ -64,7 +64,7 @@ class CallScheduler {
   /// Sends the replies that there are, in turns, while the library has room.
   void sendReplies();
 
-  /// Gives memory back to the system after large calls. To be called when there is nothing else to
+  /// Gives memory back to the system after calls. To be called when there is nothing else to
   /// do.
   void releaseMemory();
 
@@ -105,7 +105,7 @@ class CallScheduler {
   std::array<std::size_t, Method::kindCount> running_{};
   std::size_t finished_ = 0;
   std::uint64_t turns_ = 0;
-  std::size_t freedBytes_ = 0;   ///< Of calls, since memory was last given back.
+  bool hasFreedMemory_ = false;  ///< Calls have ended since memory was last given back.
   std::size_t queuedBytes_ = 0;  ///< Sent since the library's queue was last seen empty.
 };
 
