@@ -105,6 +105,17 @@ def registration(run):
         wrote = helper_log()[earlier:]
         run.check((calls, wrote[:len(line or "x")]) == (expected, line), f"{state}: {calls}, {wrote}")
 
+    run.end_helper()
+    with Peer() as systemd:
+        systemd.call(BUS, BUS_PATH, BUS, "RequestName", "su", "org.freedesktop.systemd1", 4)
+        child = launch_helper()
+        while systemd.receive(time.monotonic() + 10).member != "GetUnitFileState":
+            pass
+        stopped_at = time.monotonic()
+        child.terminate()
+        run.check(child.wait() == 128 + signal.SIGTERM, f"while it registers: exit status {child.returncode}")
+        run.check(time.monotonic() - stopped_at < 1, "while it registers, a signal is heard late")
+
 
 @case(rounds=1)
 def stopped_bus(run):

@@ -1,7 +1,11 @@
 #include "HelperProtocol/linux/BusRequests.h"
 
+#include <poll.h>
+
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <chrono>
 #include <iterator>
 #include <new>
 #include <system_error>
@@ -97,22 +101,32 @@ std::expected<BusRequest, int> BusRequests::watchOwner(const std::string& name,
   return BusRequest(*this, watch.id);
 }
 
-std::expected<BusMessage, int> BusRequests::callAndWait(sd_bus_message* call, Deadline deadline) {
-  using std::chrono::microseconds;
+std::expected<BusMessage, int> BusRequests::callAndWait(sd_bus_message* call, Deadline deadline,
+                                                        int interruption) {
   BusMessage reply;
   const auto request = send(call, [&reply](sd_bus_message* answer) { reply = retain(answer); });
   if (!request) return std::unexpected(request.error());
   while (!reply) {
     int result = sd_bus_process(bus_, nullptr);
-    if (result == 0) {
-      const auto left =
-          std::chrono::duration_cast<microseconds>(deadline - std::chrono::steady_clock::now());
-      if (left.count() <= 0) return std::unexpected(ETIMEDOUT);
-      result = sd_bus_wait(bus_, static_cast<std::uint64_t>(left.count()));
-    }
+    if (result == 0) result = wait(deadline, interruption);
     if (result < 0 && result != -EINTR) return std::unexpected(-result);
   }
   return reply;
+}
+
+// Until the connection has something to do; a negative errno when the call is to end before. The
+// library's own time limits all lie far beyond that of a call.
+int BusRequests::wait(Deadline deadline, int interruption) const {
+  const int events = sd_bus_get_events(bus_);
+  if (events < 0) return events;
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+  if (left.count() <= 0) return -ETIMEDOUT;
+  std::array<pollfd, 2> watched{
+      pollfd{.fd = sd_bus_get_fd(bus_), .events = static_cast<short>(events), .revents = 0},
+      pollfd{.fd = interruption, .events = POLLIN, .revents = 0}};
+  if (::poll(watched.data(), watched.size(), static_cast<int>(left.count())) < 0) return -errno;
+  return watched[1].revents != 0 ? -ECANCELED : 0;
 }
 
 std::expected<BusMessage, int> BusRequests::newBusCall(const char* method) const {

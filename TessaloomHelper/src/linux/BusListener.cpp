@@ -251,8 +251,7 @@ std::optional<int> BusListener::advanceStopping() {
   if (hasProgress || scheduler_.hasRunningCalls()) lastProgress_ = now;
   const bool isOver = now >= stopDeadline_ || now - lastProgress_ >= busLimit;
   if (!isOver && !isSettled()) return std::nullopt;
-  logLine("ended by signal " + std::to_string(stopSignal_));
-  return 128 + stopSignal_;
+  return StopSignals::reportEnd(stopSignal_);
 }
 
 // The library wants to write for as long as something is queued.

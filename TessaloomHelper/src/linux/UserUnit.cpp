@@ -1,5 +1,6 @@
 #include "linux/UserUnit.h"
 
+#include <cerrno>
 #include <chrono>
 #include <expected>
 #include <string>
@@ -18,13 +19,20 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* unit = "com.brindlemoor.Tessaloom.helper.service";
 
+struct Manager {
+  sd_bus* bus;
+  BusRequests requests;
+  Clock::time_point deadline;
+  int stopSignals;
+  bool isInterrupted = false;
+};
+
 // The manager's reply or the text of what went wrong. `append` adds the call's arguments.
 template <class Append>
-std::expected<BusMessage, std::string> callManager(sd_bus* bus, BusRequests& requests,
-                                                   Clock::time_point deadline, const char* method,
+std::expected<BusMessage, std::string> callManager(Manager& manager, const char* method,
                                                    Append append) {
   sd_bus_message* created = nullptr;
-  int result = sd_bus_message_new_method_call(bus, &created, "org.freedesktop.systemd1",
+  int result = sd_bus_message_new_method_call(manager.bus, &created, "org.freedesktop.systemd1",
                                               "/org/freedesktop/systemd1",
                                               "org.freedesktop.systemd1.Manager", method);
   const BusMessage call(created);
@@ -33,18 +41,20 @@ std::expected<BusMessage, std::string> callManager(sd_bus* bus, BusRequests& req
   if (result >= 0) result = append(call.get());
   if (result < 0) return std::unexpected(errnoText(-result));
 
-  auto reply = requests.callAndWait(call.get(), deadline);
-  if (!reply) return std::unexpected(errnoText(reply.error()));
+  auto reply = manager.requests.callAndWait(call.get(), manager.deadline, manager.stopSignals);
+  if (!reply) {
+    manager.isInterrupted = reply.error() == ECANCELED;
+    return std::unexpected(errnoText(reply.error()));
+  }
   const sd_bus_error* error = sd_bus_message_get_error(reply->get());
   if (error == nullptr) return *std::move(reply);
   return std::unexpected(error->message != nullptr ? error->message : error->name);
 }
 
-std::expected<bool, std::string> isEnabled(sd_bus* bus, BusRequests& requests,
-                                           Clock::time_point deadline) {
-  const auto reply =
-      callManager(bus, requests, deadline, "GetUnitFileState",
-                  [](sd_bus_message* call) { return sd_bus_message_append(call, "s", unit); });
+std::expected<bool, std::string> isEnabled(Manager& manager) {
+  const auto reply = callManager(manager, "GetUnitFileState", [](sd_bus_message* call) {
+    return sd_bus_message_append(call, "s", unit);
+  });
   if (!reply) return std::unexpected(reply.error());
   const char* state = nullptr;
   const int result = sd_bus_message_read(reply->get(), "s", &state);
@@ -52,26 +62,27 @@ std::expected<bool, std::string> isEnabled(sd_bus* bus, BusRequests& requests,
   return std::string_view(state).starts_with("enabled");  // or "enabled-runtime"
 }
 
-std::expected<bool, std::string> enable(sd_bus* bus, BusRequests& requests,
-                                        Clock::time_point deadline) {
-  const auto reply =
-      callManager(bus, requests, deadline, "EnableUnitFiles", [](sd_bus_message* call) {
-        constexpr int forThisBootOnly = 0;
-        constexpr int replacingLinks = 0;
-        return sd_bus_message_append(call, "asbb", 1, unit, forThisBootOnly, replacingLinks);
-      });
+std::expected<bool, std::string> enable(Manager& manager) {
+  const auto reply = callManager(manager, "EnableUnitFiles", [](sd_bus_message* call) {
+    constexpr int forThisBootOnly = 0;
+    constexpr int replacingLinks = 0;
+    return sd_bus_message_append(call, "asbb", 1, unit, forThisBootOnly, replacingLinks);
+  });
   if (!reply) return std::unexpected(reply.error());
   return true;
 }
 
 }  // namespace
 
-void registerUserUnit(sd_bus* bus, std::chrono::microseconds limit) {
-  const auto deadline = Clock::now() + limit;
-  BusRequests requests(bus);
-  auto enabled = isEnabled(bus, requests, deadline);
-  if (enabled && !*enabled) enabled = enable(bus, requests, deadline);
-  if (!enabled) logLine("systemd user unit register failed", enabled.error());
+void registerUserUnit(sd_bus* bus, std::chrono::microseconds limit, int stopSignals) {
+  Manager manager{.bus = bus,
+                  .requests = BusRequests(bus),
+                  .deadline = Clock::now() + limit,
+                  .stopSignals = stopSignals};
+  auto enabled = isEnabled(manager);
+  if (enabled && !*enabled) enabled = enable(manager);
+  if (!enabled && !manager.isInterrupted)
+    logLine("systemd user unit register failed", enabled.error());
 }
 
 }  // namespace tessaloom

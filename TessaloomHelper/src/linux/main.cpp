@@ -75,7 +75,8 @@ int serve() {
   }
   // Closed without waiting for a bus that may have stopped: what matters has been flushed.
   const std::unique_ptr<sd_bus, BusRelease<sd_bus_close_unref>> bus(opened->release());
-  registerUserUnit(bus.get(), registrationLimit);
+  registerUserUnit(bus.get(), registrationLimit, signals.descriptor());
+  if (const auto signal = signals.next()) return StopSignals::reportEnd(*signal);
   const auto identity = ExecutableIdentity::of("/proc/self/exe");
 
   const std::unique_ptr<Kernel> kernel = makeSystemKernel();

@@ -98,8 +98,10 @@ class BusRequests {
                                             ReplyHandler refused);
 
   /// Sends a call and handles what the connection receives until the reply is there, which may be
-  /// an error. The errno when that failed, ETIMEDOUT past the deadline.
-  std::expected<BusMessage, int> callAndWait(sd_bus_message* call, Deadline deadline);
+  /// an error. The errno when that failed, ETIMEDOUT past the deadline, ECANCELED as soon as the
+  /// descriptor `interruption`, if any, can be read.
+  std::expected<BusMessage, int> callAndWait(sd_bus_message* call, Deadline deadline,
+                                             int interruption = -1);
 
  private:
   friend class BusRequest;
@@ -133,6 +135,7 @@ class BusRequests {
   void fail(std::string destination, sd_bus_message* error);
   void cancel(std::uint64_t id);
 
+  int wait(Deadline deadline, int interruption) const;
   int receive(sd_bus_message* message);
   bool receiveReply(sd_bus_message* reply);
   void receiveOwnerChange(sd_bus_message* signal);
