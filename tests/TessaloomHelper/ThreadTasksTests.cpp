@@ -83,10 +83,12 @@ void expectToWaitFor(ThreadTasks& tasks, std::ptrdiff_t threads) {
   EXPECT_TRUE(eventually([&] { return ran == 2; }));
 }
 
-TEST(ThreadTasksTest, TasksWaitAboveTheBoundAndWhenNoThreadCanBeMade) {
+TEST(ThreadTasksTest, TasksWaitAboveTheBoundAndWhenNoThreadCanBeMadeOrAreRefused) {
   ThreadTasks bounded;
   expectToWaitFor(bounded, ThreadTasks::maximumThreads);
   ThreadTasks tasks;
+  std::latch released(1);
+  ThreadTasks refusing(ThreadTasks::Shortage::refuses);
   // The system has no stack as large as new threads ask for from here on.
   pthread_attr_t before;
   pthread_attr_t huge;
@@ -96,6 +98,9 @@ TEST(ThreadTasksTest, TasksWaitAboveTheBoundAndWhenNoThreadCanBeMade) {
   ASSERT_EQ(::pthread_setattr_default_np(&huge), 0);
   EXPECT_THROW(ThreadTasks(), std::system_error);
   expectToWaitFor(tasks, 1);
+  refusing.runConcurrently(quality, [&] { released.wait(); });
+  EXPECT_THROW(refusing.runConcurrently(quality, [] {}), std::system_error);
+  released.count_down();
   ::pthread_setattr_default_np(&before);
 }
 

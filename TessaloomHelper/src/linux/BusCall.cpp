@@ -14,8 +14,9 @@ struct ReplyMessage {
   BusMessage reply;
 
   int operator()(std::monostate) {
-    return sd_bus_message_new_method_errorf(call, out(), SD_BUS_ERROR_NO_MEMORY,
-                                            "The helper could not carry out the call.");
+    return sd_bus_message_new_method_errorf(
+        call, out(), SD_BUS_ERROR_NO_MEMORY,
+        "The helper has not the memory or the threads to carry out the call.");
   }
 
   int operator()(TooManyCalls) {

@@ -1,12 +1,13 @@
 #include "linux/ThreadTasks.h"
 
 #include <algorithm>
+#include <iterator>
 #include <new>
 #include <utility>
 
 namespace tessaloom {
 
-ThreadTasks::ThreadTasks() {
+ThreadTasks::ThreadTasks(Shortage shortage) : shortage_(shortage) {
   const MutexLock locked(lock_);
   if (const auto error = startWorker()) throw std::system_error(error);
 }
@@ -18,8 +19,12 @@ ThreadTasks::~ThreadTasks() {
 void ThreadTasks::runConcurrently(QualityOfService /*quality*/, std::function<void()> task) {
   Entries entry;
   entry.push_back({{}, std::move(task)});
+  Entries refused;  // Destroyed after the lock is released.
   const MutexLock locked(lock_);
-  accept(std::move(entry));
+  const auto error = accept(std::move(entry));
+  if (!error || shortage_ == Shortage::waits) return;
+  refused.splice(refused.end(), accepted_, std::prev(accepted_.end()));
+  throw std::system_error(error);
 }
 
 void ThreadTasks::runAfter(std::chrono::milliseconds delay, QualityOfService /*quality*/,
@@ -47,13 +52,16 @@ bool ThreadTasks::stop(std::chrono::milliseconds limit) {
   return true;
 }
 
-void ThreadTasks::accept(Entries entry) {
+/// The error when no thread was to be had: then a worker that exists takes the task once it is
+/// free.
+std::error_code ThreadTasks::accept(Entries entry) {
+  std::error_code error;
   accepted_.splice(accepted_.end(), entry);
   if (accepted_.size() > idle_ && workers_.size() < maximumThreads && !stopping_) {
-    // When there is none to be had, a worker that exists takes the task once it is free.
-    [[maybe_unused]] const auto error = startWorker();
+    error = startWorker();
   }
   workChanged_.notify_one();
+  return error;
 }
 
 void ThreadTasks::acceptDue() {
@@ -75,6 +83,7 @@ std::error_code ThreadTasks::startWorker() try {
   const auto self = fresh.begin();
   *self = std::thread([this, self] { work(self); });
   workers_.splice(workers_.end(), fresh);
+  ++idle_;
   return {};
 } catch (const std::system_error& error) {
   return error.code();
@@ -85,7 +94,6 @@ std::error_code ThreadTasks::startWorker() try {
 /// Whether there is a task to take; otherwise the worker is to exit.
 bool ThreadTasks::awaitTask(MutexLock& locked) {
   const auto idleUntil = Clock::now() + idleTime;
-  ++idle_;
   for (;;) {
     acceptDue();
     if (!accepted_.empty() || stopping_) break;
@@ -100,7 +108,6 @@ bool ThreadTasks::awaitTask(MutexLock& locked) {
       workChanged_.wait_until(locked, wakeAt);
     }
   }
-  --idle_;
   return !accepted_.empty();
 }
 
@@ -109,6 +116,7 @@ void ThreadTasks::work(Threads::iterator self) {
   {
     MutexLock locked(lock_);
     while (awaitTask(locked)) {
+      --idle_;
       Entries mine;
       mine.splice(mine.end(), accepted_, accepted_.begin());
       keepTime();
@@ -116,7 +124,9 @@ void ThreadTasks::work(Threads::iterator self) {
       mine.front().task();
       mine.clear();  // What the task holds may take any lock as it goes.
       locked.lock();
+      ++idle_;
     }
+    --idle_;
     if (stopping_) return;  // The destructor joins it.
     earlier.swap(exited_);
     exited_.splice(exited_.end(), workers_, self);

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <list>
 #include <system_error>
@@ -17,8 +18,10 @@ namespace tessaloom {
 /// quality of service makes no difference.
 ///
 /// Up to `maximumThreads` tasks run at once; what comes on top waits in the order it came. When the
-/// system refuses a thread, tasks wait for the ones there are, of which one always exists. An idle
-/// pool sleeps: it wakes for a task or a delay that has passed, never on its own.
+/// system refuses a thread, tasks wait for the ones there are, of which one always exists, unless
+/// the pool is one that refuses: then runConcurrently throws std::system_error, for tasks that may
+/// take minutes. Delayed tasks always wait. An idle pool sleeps: it wakes for a task or a delay
+/// that has passed, never on its own.
 ///
 /// Destroying it starts no delayed task any more, runs every task that was accepted to its end
 /// and joins the threads. Tasks may hand in others meanwhile; delayed ones are then dropped.
@@ -28,8 +31,10 @@ class ThreadTasks final : public Tasks {
   /// After that an idle thread exits, unless it is the last.
   static constexpr std::chrono::seconds idleTime{2};
 
+  enum class Shortage : std::uint8_t { waits, refuses };
+
   /// Throws std::system_error when the system gives no thread to start with.
-  ThreadTasks();
+  explicit ThreadTasks(Shortage shortage = Shortage::waits);
   ~ThreadTasks() override;
   ThreadTasks(const ThreadTasks&) = delete;
   ThreadTasks& operator=(const ThreadTasks&) = delete;
@@ -54,7 +59,7 @@ class ThreadTasks final : public Tasks {
   /// Entries move between lists by splicing, so a task once accepted needs no memory any more.
   using Entries = std::list<Entry>;
 
-  void accept(Entries entry) TL_REQUIRES(lock_);
+  std::error_code accept(Entries entry) TL_REQUIRES(lock_);
   void acceptDue() TL_REQUIRES(lock_);
   std::error_code startWorker() TL_REQUIRES(lock_);
   void keepTime() TL_REQUIRES(lock_);
@@ -62,14 +67,15 @@ class ThreadTasks final : public Tasks {
   void work(Threads::iterator self) TL_EXCLUDES(lock_);
   void join() TL_EXCLUDES(lock_);
 
+  const Shortage shortage_;
   Mutex lock_;
   std::condition_variable_any workChanged_;
   std::condition_variable_any becameIdle_;
   Entries accepted_ TL_GUARDED_BY(lock_);
   Entries delayed_ TL_GUARDED_BY(lock_);  ///< In the order in which they fall due.
   Threads workers_ TL_GUARDED_BY(lock_);
-  Threads exited_ TL_GUARDED_BY(lock_);  ///< Idle ones that have not been joined yet.
-  std::size_t idle_ TL_GUARDED_BY(lock_) = 0;
+  Threads exited_ TL_GUARDED_BY(lock_);        ///< Idle ones that have not been joined yet.
+  std::size_t idle_ TL_GUARDED_BY(lock_) = 0;  ///< Workers that run no task.
   bool stopping_ TL_GUARDED_BY(lock_) = false;
 };
 

@@ -80,7 +80,7 @@ int serve() {
   const auto identity = ExecutableIdentity::of("/proc/self/exe");
 
   const std::unique_ptr<Kernel> kernel = makeSystemKernel();
-  ThreadTasks engineTasks;
+  ThreadTasks engineTasks(ThreadTasks::Shortage::refuses);
   ThreadTasks queueTasks;
   ThreadTasks vettingTasks;
   const auto releaseDescriptors = [&kernel] { kernel->releaseKeptDescriptors(); };
