@@ -2,6 +2,7 @@
 
 import contextlib
 import os
+import shutil
 import signal
 import time
 
@@ -115,6 +116,14 @@ def registration(run):
         child.terminate()
         run.check(child.wait() == 128 + signal.SIGTERM, f"while it registers: exit status {child.returncode}")
         run.check(time.monotonic() - stopped_at < 1, "while it registers, a signal is heard late")
+
+    child, client = start_helper(), run.client()
+    hanging(client)
+    child.kill()
+    run.check(eventually(lambda: not engines(), 2), "an engine outlives a helper that was killed")
+    child.wait()
+    client.close()
+    shutil.rmtree(GENERATIONS)
 
 
 @case(rounds=1)

@@ -3,6 +3,7 @@
 #include <linux/close_range.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -61,6 +62,7 @@ class SignalsBlocked {
 struct Launch {
   const Program& program;
   const ChildEnds& ends;
+  pid_t parent;
   int error = 0;  ///< The child's, before it exits.
 };
 
@@ -110,8 +112,17 @@ TL_UNINSTRUMENTED void limitDescriptors(const rlimit* limit) {
   ::syscall(SYS_prlimit64, 0, RLIMIT_NOFILE, given, nullptr);
 }
 
+/// Has the kernel end the child when the thread that spawned it ends, which stays with a child
+/// until it has reaped it: so when this whole process is killed. False when that has happened.
+TL_UNINSTRUMENTED bool endWithParent(pid_t parent) {
+  ::syscall(SYS_prctl, PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
+  return ::syscall(SYS_getppid) == parent;
+}
+
 /// Returns only when something failed, with errno set.
-TL_UNINSTRUMENTED void becomeProgram(const Program& program, const ChildEnds& ends) {
+TL_UNINSTRUMENTED void becomeProgram(const Launch& launch) {
+  const auto& [program, ends, parent, error] = launch;
+  if (!endWithParent(parent)) return;
   resetSignals();
   if (::syscall(SYS_setpgid, 0, 0) != 0) return;
   if (!ownDescriptorTable(ends)) return;
@@ -130,7 +141,7 @@ TL_UNINSTRUMENTED void becomeProgram(const Program& program, const ChildEnds& en
 
 TL_UNINSTRUMENTED int runChild(void* argument) {
   auto& launch = *static_cast<Launch*>(argument);
-  becomeProgram(launch.program, launch.ends);
+  becomeProgram(launch);
   launch.error = errno;
   for (;;) ::syscall(SYS_exit_group, EXIT_FAILURE);
 }
@@ -145,7 +156,7 @@ std::expected<pid_t, int> spawn(const Program& program, const ChildEnds& ends) {
   // The child's calls take little; it needs a stack of its own because what it calls would
   // overwrite what this thread returns to.
   alignas(std::max_align_t) std::array<std::byte, 16'384> stack;
-  Launch launch{program, ends};
+  Launch launch{program, ends, ::getpid()};
   constexpr int flags = CLONE_VM | CLONE_VFORK | CLONE_FILES | SIGCHLD;
 
   const SignalsBlocked blocked;
