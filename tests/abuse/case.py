@@ -26,7 +26,7 @@ MODULES = ("boundary", "flatpaks", "leaving", "shortages", "endurance")
 CASES = {}
 SETTLING = 12        # Seconds.
 IDLE_TIME = 2.5      # Seconds; threads leave after 2.
-MEMORY_SLACK = 1024  # KiB; a case may allow more, as its `slack`.
+MEMORY_SLACK = 1024  # KiB.
 
 
 def case(rounds, **needs):
@@ -49,9 +49,8 @@ class Skipped(Exception):
 
 
 class Run:
-    def __init__(self, rounds, seed, slack=MEMORY_SLACK):
+    def __init__(self, rounds, seed):
         self.rounds = rounds
-        self.slack = slack
         self.seed = seed
         self.random = random.Random(seed)
         self.ledger = honest.Ledger()
@@ -104,7 +103,7 @@ class Run:
 
     def excess(self, held):
         return {key: held[key] - before for key, before in self.before.items()
-                if held[key] > before + (self.slack if key == "memory" else 0)}
+                if held[key] > before + (MEMORY_SLACK if key == "memory" else 0)}
 
     def bus_log(self):
         """What the bus and the helpers that it started wrote."""
@@ -120,7 +119,7 @@ class Run:
 
 def run_case(name, rounds, seed, is_quick):
     function, _, needs = CASES[name]
-    run, leaks, skipped = Run(rounds, seed, needs.get("slack", MEMORY_SLACK)), {}, None
+    run, leaks, skipped = Run(rounds, seed), {}, None
     try:
         FILES.mkdir(exist_ok=True)
         run.warm_up() if not is_quick else run.under_load(turns=1)
