@@ -2,6 +2,7 @@
 
 #include <malloc.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,6 +33,9 @@ constexpr std::chrono::seconds vettingLimit{6};
 constexpr int maximumRoundTrips = 20;
 // Messages that wait in the library for the bus to take them.
 constexpr std::uint64_t maximumQueued = 1'024;
+// What the kernel has taken can no longer be sent in turns. The system's own size holds hundreds of
+// replies, and the bus takes a millisecond over each while many calls of a caller are unanswered.
+constexpr int sendBufferBytes = 32'768;
 // Whatever else happens is looked at after this many messages.
 constexpr int maximumBurst = 64;
 
@@ -105,6 +109,8 @@ BusListener::BusListener(Environment environment)
              environment_.queueTasks, environment_.context),
       table_(methodTable(onMethod)),
       leaveCompletion_(std::make_unique<LeaveCompletion>(*this)) {
+  ::setsockopt(sd_bus_get_fd(environment_.bus), SOL_SOCKET, SO_SNDBUF, &sendBufferBytes,
+               sizeof sendBufferBytes);
   // Filters see a call before the library answers what it knows by itself (introspection, pings):
   // nobody who is not admitted gets past.
   sd_bus_slot* slot = nullptr;

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "HelperProtocol/linux/BusCallback.h"
+#include "linux/CallScheduler.h"
 
 namespace tessaloom {
 
@@ -104,7 +105,7 @@ int PeerRegistry::authorize(sd_bus_message* call) {
     case AdmissionState::refused:
       break;
   }
-  return replyAccessDenied(call);
+  return isToBeAnswered(*peer) ? replyAccessDenied(call) : 1;
 }
 
 Peer* PeerRegistry::find(std::string_view name) {
@@ -178,12 +179,18 @@ int PeerRegistry::hold(Peer& peer, sd_bus_message* call) {
   const auto size = sizeOf(call);
   if (!size || peer.held.size() >= maximumHeldCalls || *size > maximumHeldBytes - peer.heldBytes ||
       !makeRoomToHold(peer, *size)) {
-    return replyTooMany(call);
+    return isToBeAnswered(peer) ? replyTooMany(call) : 1;
   }
   peer.held.push_back(retain(call));
   peer.heldBytes += *size;
   heldBytes_ += *size;
   return 1;
+}
+
+bool PeerRegistry::isToBeAnswered(Peer& peer) const {
+  std::uint64_t queued = 0;
+  return ++peer.refusals <= assuredRefusals || sd_bus_get_n_queued_write(bus_, &queued) < 0 ||
+         queued <= CallScheduler::maximumQueuedReplies;
 }
 
 bool PeerRegistry::makeRoomToHold(const Peer& peer, std::size_t bytes) {

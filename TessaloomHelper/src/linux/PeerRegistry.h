@@ -34,6 +34,7 @@ struct Peer {
   std::vector<BusMessage> held;  ///< Calls that came while undecided.
   std::size_t heldBytes = 0;
   std::size_t replayed = 0;                    ///< Held calls that are to be read again.
+  std::size_t refusals = 0;                    ///< Calls that were refused.
   std::shared_ptr<PeerConnection> connection;  ///< Of an admitted peer.
   pid_t process = 0;                           ///< Known once the bus has reported it.
 };
@@ -51,6 +52,9 @@ class PeerRegistry {
   static constexpr std::size_t maximumHeldCalls = 64;  ///< Of one connection.
   static constexpr std::size_t maximumHeldBytes = CallLoad::maximumBytes;
   static constexpr std::size_t maximumHeldBytesInAll = 4 * maximumHeldBytes;
+  /// A peer that has been refused more often gets no answer while the bus is slow to take what is
+  /// sent: it would hold up everybody's replies.
+  static constexpr std::size_t assuredRefusals = 64;
 
   /// `queueTasks` runs the admitted peers' queues. Peers of other users than `user` are refused
   /// without a look at their process; `vetting` decides about the others.
@@ -75,6 +79,7 @@ class PeerRegistry {
   bool makeRoom();
 
   int hold(Peer& peer, sd_bus_message* call);
+  bool isToBeAnswered(Peer& peer) const;
   bool makeRoomToHold(const Peer& peer, std::size_t bytes);
   std::vector<BusMessage> takeHeld(Peer& peer);
 
