@@ -135,6 +135,8 @@ class ReplyFilter {
       calls_[serial] = owners_.empty() ? 0 : owners_.size() - 1;
     } else if (isAboutOwner(call, "GetNameOwner")) {
       ownerQuestions_.insert(serial);
+    } else {
+      otherQuestions_.insert(serial);
     }
   }
 
@@ -159,6 +161,10 @@ class ReplyFilter {
                     sender) != owners_.end();
       if (!isFromHelper && !(isFromBus && type == G_DBUS_MESSAGE_TYPE_ERROR)) return false;
       calls_.erase(call);
+    } else {
+      // Also a forgery of the reply to a call that is not sent yet: GDBus takes it from the moment
+      // at which the call gets its serial, before this filter has seen the call.
+      return isFromBus && otherQuestions_.erase(serial) != 0;
     }
     return true;
   }
@@ -181,6 +187,7 @@ class ReplyFilter {
   std::vector<std::string> owners_;       ///< The helper's unique names so far.
   std::map<guint32, std::size_t> calls_;  ///< By serial: the first owner that can answer.
   std::set<guint32> ownerQuestions_;      ///< Serials.
+  std::set<guint32> otherQuestions_;      ///< Of other calls, all of which are to the bus.
 };
 
 /// The editor's end of the connection. One for the whole program: the helper signals only processes
