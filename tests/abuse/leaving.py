@@ -74,6 +74,13 @@ def told_to_stop(run):
                 bus.kill()
             ended = child.wait(), helper_log().count(f"helper: {line}\n"), engines(), GENERATIONS.exists()
             run.check(ended == (status, 1, [], False), f"{number}: status, lines, engines, directory: {ended}")
+    with run.client() as client:
+        child = start_helper()
+        hanging(client)
+        child.kill()
+        run.check(eventually(lambda: not engines(), 2), "an engine outlives a helper that was killed")
+        child.wait()
+        shutil.rmtree(GENERATIONS)
 
 
 @case(rounds=1)
@@ -116,14 +123,6 @@ def registration(run):
         child.terminate()
         run.check(child.wait() == 128 + signal.SIGTERM, f"while it registers: exit status {child.returncode}")
         run.check(time.monotonic() - stopped_at < 1, "while it registers, a signal is heard late")
-
-    child, client = start_helper(), run.client()
-    hanging(client)
-    child.kill()
-    run.check(eventually(lambda: not engines(), 2), "an engine outlives a helper that was killed")
-    child.wait()
-    client.close()
-    shutil.rmtree(GENERATIONS)
 
 
 @case(rounds=1)

@@ -3,8 +3,8 @@
 import contextlib
 import pathlib
 import resource
-import time
 import shutil
+import time
 
 import honest
 from boundary import hanging
