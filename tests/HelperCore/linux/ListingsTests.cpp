@@ -2,10 +2,8 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -16,9 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <memory>
 #include <new>
@@ -33,7 +29,6 @@
 
 #include "HelperCore/ListeningPorts.h"
 #include "HelperCore/ProcessIdentity.h"
-#include "HelperCore/ProcessKill.h"
 #include "HelperCore/ProcessListing.h"
 #include "TLFoundation/FileDescriptor.h"
 #include "linux/Exclusive.h"
@@ -511,72 +506,6 @@ TEST(LinuxListingsUnderChurn, EqualThoseOfAFreshStart) {
     EXPECT_EQ(processes(kernel), processes(fresh));
     if (withPorts && round % 2 == 1) comparePorts();
   }
-}
-
-/// The next process gets `pid`, if it is free. Takes CAP_CHECKPOINT_RESTORE or CAP_SYS_ADMIN over
-/// the pid namespace.
-bool setNextPID(pid_t pid) {
-  std::ofstream file{"/proc/sys/kernel/ns_last_pid"};
-  file << pid - 1 << std::flush;
-  return file.good();
-}
-
-/// Whether the pid of a listed process came round.
-bool tryOnce(LinuxKernel& kernel) {
-  std::optional<ObedientChild> listed{std::in_place};
-  const pid_t pid = listed->pid();
-  std::vector<ProcessIdentity> identities;
-  for (const RawProcess& row : listRawProcesses(kernel)) {
-    identities.push_back({row.pid, row.startSec, row.startUSec});
-  }
-  ProvenanceCache cache{std::chrono::seconds{60}};
-  cache.record(identities, kernel.wallClockTime());
-  const auto held = kernel.openProcess(pid);
-  const auto heldStart = held->startTime();
-  listed.reset();
-  setNextPID(pid);
-  ObedientChild successor;
-  if (successor.pid() != pid) return false;
-  EXPECT_NE(kernel.openProcess(pid)->startTime(), heldStart);
-  const KillRequest request{.pid = ProcessID{pid}, .signal = Signal::terminate};
-  EXPECT_FALSE(killProcess(request, kernel, cache).succeeded);
-  EXPECT_EQ(held->signal(SIGTERM), ESRCH);
-  EXPECT_NO_THROW(successor.ask(ObedientChild::Command::duplicate)) << "a signal ended it";
-  return true;
-}
-
-TEST(LinuxPIDReuse, NeverLetsASignalReachTheSuccessor) {
-  // A thousand tries take a minute of ticks.
-  const char* wanted = getenv("TESSALOOM_PID_REUSE_TRIES");
-  const int tries = wanted != nullptr ? atoi(wanted) : 50;
-  constexpr int failed = 1, refused = 2;
-  const pid_t outer = fork();
-  if (outer == 0) {
-    constexpr int own = CLONE_NEWPID | CLONE_NEWNS;
-    if (unshare(own) != 0 && unshare(CLONE_NEWUSER | own) != 0) _exit(refused);
-    // The first process of a pid namespace of its own, where nobody else takes pids.
-    const pid_t first = fork();
-    if (first != 0) {
-      int status = 0;
-      waitpid(first, &status, 0);
-      _exit(WIFEXITED(status) ? WEXITSTATUS(status) : failed);
-    }
-    const bool prepared = mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                          mount("proc", "/proc", "proc", 0, nullptr) == 0 && setNextPID(1000);
-    if (!prepared) _exit(refused);
-    LinuxKernel kernel;
-    int reused = 0;
-    for (int i = 0; i < tries; ++i) reused += tryOnce(kernel) ? 1 : 0;
-    EXPECT_GT(reused, tries / 2);
-    std::fflush(stdout);
-    _exit(HasFailure() ? failed : 0);
-  }
-  int status = 0;
-  waitpid(outer, &status, 0);
-  if (WEXITSTATUS(status) == refused) {
-    GTEST_SKIP() << "setting the next pid takes a pid namespace and rights over it";
-  }
-  EXPECT_EQ(status, 0);
 }
 
 }  // namespace
