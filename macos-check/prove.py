@@ -42,7 +42,7 @@ FAULTS = [
     ("a function of a later system", AGENT, REGISTER, "__attribute__((availability(macos, introduced=14.0))) void later();\n" + REGISTER + "  later();\n", COMPILER),
     ("an undefined symbol", AGENT, REGISTER, "void missing();\n" + REGISTER + "  missing();\n", COMPILER),
     ("a function of a later C++ library", KERNEL, "namespace tessaloom {", "#include <charconv>\nauto later(char* text) { return std::to_chars(text, text + 9, 1.5); }\nnamespace tessaloom {", COMPILER),
-    ("an order that the oldest library lacks", RECORDS, "namespace tessaloom {", "static_assert(std::array<int, 1>{1} <=> std::array<int, 1>{2} < 0);\nnamespace tessaloom {", OLDEST),
+    ("an order that the oldest library lacks", KERNEL, "namespace tessaloom {", "static_assert(std::array<int, 1>{1} <=> std::array<int, 1>{2} < 0);\nnamespace tessaloom {", OLDEST),
     ("a field without an initialiser", RECORDS, ", .tv_usec = 999'999", "", COMPILER),
     ("two methods are swapped", SERVICE, 'methodNamed("HelperCapabilities")', 'methodNamed("ListProcesses")', "versions"),
     ("a reply is sent twice", SERVICE, "reply(tessaloom::dataFromBytes(*bytes), nil);", "reply(tessaloom::dataFromBytes(*bytes), nil); reply(tessaloom::dataFromBytes(*bytes), nil);", "versions"),
