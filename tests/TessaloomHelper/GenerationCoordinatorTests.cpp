@@ -44,13 +44,6 @@ class GenerationCoordinatorTest : public testing::Test {
     EXPECT_EQ(outcome.error(), (GenerationErrorPayload{kind, codex, status, detail}));
   }
 
-  void expectVersion(const std::optional<std::string>& version, const std::string& words) {
-    std::ofstream(home / ".practice-version") << words;
-    EXPECT_EQ(coordinator().engineStatus({codex}),
-              (EngineStatus{codex, true, std::nullopt, version}))
-        << words;
-  }
-
   CLIRunner runner;
   TemporaryDirectory home;
   TemporaryDirectory temporary;
@@ -90,10 +83,16 @@ TEST_F(GenerationCoordinatorTest, FailsToLaunchWithoutWhatItNeeds) {
 }
 
 TEST_F(GenerationCoordinatorTest, StatusTellsWhatTheProbePrints) {
-  expectVersion("codex-cli 0.169.0", "practice:exit=1");
-  expectVersion("", "practice:no-output practice:signal=6");
+  const auto version = [this](const char* words) {
+    std::ofstream(home / ".practice-version") << words;
+    const auto status = coordinator().engineStatus({codex});
+    EXPECT_EQ(status, (EngineStatus{codex, true, std::nullopt, status.version}));
+    return status.version;
+  };
+  EXPECT_EQ(version("practice:exit=1"), "codex-cli 0.169.0");
+  EXPECT_EQ(version("practice:no-output practice:signal=6"), "");
   std::ofstream(installed) << "#!/nonexistent";
-  expectVersion(std::nullopt, "practice:");
+  EXPECT_EQ(version(""), std::nullopt);
 }
 
 TEST_F(GenerationCoordinatorTest, AsksForTheUserAgainOnceDescriptorsAreReleased) {

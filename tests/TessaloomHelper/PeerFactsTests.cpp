@@ -7,31 +7,32 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "TLFoundation/Pipe.h"
+#include "linux/KeyFile.h"
 #include "linux/PeerFacts.h"
+#include "linux/PeerRequirement.h"
 #include "support/TemporaryDirectory.h"
 
 namespace tessaloom {
 namespace {
 
-/// A child process that executes a program or becomes something else; ended with this object.
+/// A child process that becomes something else and stops then; ended with this object.
 class Child {
  public:
-  explicit Child(const std::function<bool()>& become) {
-    Pipe failure = makePipe().value();
-    pid = ::fork();
+  explicit Child(const std::function<bool()>& become) : pid(::fork()) {
     if (pid == 0) {
-      if (!become() && ::write(failure.writeEnd.get(), "", 1) != 0) ::_exit(1);
-      failure.writeEnd.reset();
-      for (;;) ::pause();
+      if (become()) ::raise(SIGSTOP);
+      ::_exit(1);
     }
-    failure.writeEnd.reset();
-    char byte = 0;
-    isReady = ::read(failure.readEnd.get(), &byte, 1) == 0;
+    int status = 0;
+    ::waitpid(pid, &status, WUNTRACED);
+    isReady = WIFSTOPPED(status);
+    if (!isReady) pid = -1;  // Reaped.
   }
   ~Child() { end(); }
   Child(const Child&) = delete;
@@ -54,8 +55,9 @@ TEST(PeerFacts, TellWhatAProcessRuns) {
   ended.end();
   EXPECT_FALSE(readPeerFacts(std::exchange(ended.pid, -1), folder.path()));
   const std::string program = folder / "program";
-  std::filesystem::copy_file("/bin/sleep", program);
-  const Child child([&] { return ::execl(program.c_str(), "sleep", "600", nullptr) == 0; });
+  std::filesystem::copy_file("/bin/sh", program);
+  const Child child(
+      [&] { return ::execl(program.c_str(), "sh", "-c", "kill -STOP $$", nullptr) == 0; });
   ASSERT_TRUE(child.isReady);
   std::filesystem::remove(program);
   const PeerFacts facts = readPeerFacts(child.pid, folder.path()).value();
@@ -132,6 +134,55 @@ TEST_F(FlatpakPeer, BelongsToAnInstanceByWhatOnlyTheHostCanWrite) {
   first.end();
   first.pid = -1;
   EXPECT_EQ(applicationOf(proxy), "");  // Only a directory was left behind.
+}
+
+TEST(PeerRequirement, AdmitsTheEditorAndTheClientOnly) {
+  const std::string editor = "com.brindlemoor.Tessaloom";
+  const PeerRequirement requirement(1000, "/opt/t/libexec/tessaloom-helper");
+  const auto native = [&](const std::string& executable) {
+    return PeerFacts{true, executable, editor};
+  };
+  const auto sandboxed = [](const std::string& application) {
+    return PeerFacts{false, "/opt/t/libexec/tessaloom", application};
+  };
+  const struct {
+    const char* name;
+    PeerFacts peer;
+    bool isAdmitted;
+  } rows[] = {
+      {"editor", native("/opt/t/libexec/tessaloom"), true},
+      {"client", native("/opt/t/libexec/tessaloom-helperctl"), true},
+      {"the helper itself", native("/opt/t/libexec/tessaloom-helper"), false},
+      {"below the folder", native("/opt/t/libexec/x/tessaloom"), false},
+      {"a folder with the same start", native("/opt/t/libexec2/tessaloom"), false},
+      {"a longer name", native("/opt/t/libexec/tessaloom2"), false},
+      {"nothing", native(""), false},
+      {"the Flatpak editor", sandboxed(editor), true},
+      {"a sandbox that is not a Flatpak", sandboxed(""), false},
+      {"another Flatpak", sandboxed(editor + ".Other"), false},
+      {"other case", sandboxed("com.brindlemoor.tessaloom"), false},
+  };
+  for (const auto& row : rows) EXPECT_EQ(requirement.admits(row.peer), row.isAdmitted) << row.name;
+  EXPECT_TRUE(PeerRequirement(0, "/tessaloom-helper").admits(native("/tessaloom")));
+  EXPECT_FALSE(PeerRequirement(0, "").admits(native("/tessaloom")));
+}
+
+TEST(KeyFile, HasAValueOnlyWhenNoReaderCouldFindAnother) {
+  const struct {
+    const char* text;
+    std::optional<std::string> name;
+  } rows[] = {
+      {"[Context]\nname=c\n[Application]\r\n#name=b\n name = a=b \r\n[Other]\nname=d", "a=b"},
+      {"[Runtime]\nname=a\n", std::nullopt},
+      {"name=a\n[Application]\n", std::nullopt},
+      {"[Application]\nname=a\nname=b\n", std::nullopt},
+      {"[ Application ]\nname=a\n", std::nullopt},
+      {"[Application\nname=a\n", std::nullopt},
+      {"", std::nullopt},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(keyFileValue(row.text, "Application", "name"), row.name) << row.text;
+  }
 }
 
 }  // namespace

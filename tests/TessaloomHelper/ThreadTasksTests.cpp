@@ -1,14 +1,15 @@
 #include <pthread.h>
 
-#include <algorithm>
 #include <atomic>
-#include <filesystem>
 #include <latch>
 #include <memory>
 #include <system_error>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "TessaloomHelper/ManualTasks.h"
+#include "linux/SerialQueue.h"
 #include "linux/ThreadTasks.h"
 #include "support/TemporaryDirectory.h"
 
@@ -17,29 +18,6 @@ namespace {
 
 using namespace std::chrono_literals;
 constexpr auto quality = QualityOfService::standard;
-
-std::ptrdiff_t threadCount() {
-  return std::ranges::distance(std::filesystem::directory_iterator("/proc/self/task"));
-}
-
-/// Runs tasks that end only when all of them run at once.
-void meet(ThreadTasks& tasks, int count) {
-  const auto together = std::make_shared<std::latch>(count + 1);
-  for (int i = 0; i < count; ++i) {
-    tasks.runConcurrently(quality, [together] { together->arrive_and_wait(); });
-  }
-  together->arrive_and_wait();
-}
-
-TEST(ThreadTasksTest, IdleThreadsLeave) {
-  // A sanitizer may start a thread of its own beside a process's first.
-  std::thread([] {}).join();
-  const auto before = threadCount();
-  ThreadTasks tasks;
-  meet(tasks, 16);
-  EXPECT_TRUE(eventually([&] { return threadCount() == before + 1; }));
-  meet(tasks, 2);
-}
 
 TEST(ThreadTasksTest, DestructionRunsWhatWasAcceptedAndDropsWhatIsDelayed) {
   std::atomic<int> ran = 0;
@@ -102,6 +80,20 @@ TEST(ThreadTasksTest, TasksWaitAboveTheBoundAndWhenNoThreadCanBeMadeOrAreRefused
   EXPECT_THROW(refusing.runConcurrently(quality, [] {}), std::system_error);
   released.count_down();
   ::pthread_setattr_default_np(&before);
+}
+
+TEST(SerialQueueTest, KeepsWhatWasAcceptedAndNoJobThatFoundNoThread) {
+  ManualTasks tasks;
+  std::vector<int> ran;
+  {
+    SerialQueue queue(tasks, quality);
+    tasks.isExhausted = true;
+    EXPECT_THROW(queue.submit([&] { ran.push_back(1); }), std::bad_alloc);
+    tasks.isExhausted = false;
+    queue.submit([&] { ran.push_back(2); });
+  }
+  tasks.run();
+  EXPECT_EQ(ran, std::vector{2});
 }
 
 }  // namespace
