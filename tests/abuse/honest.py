@@ -153,6 +153,9 @@ class Honest:
     def engine(self):
         return self.random.choice(("claudeCode", "codex"))
 
+    def rest(self):
+        time.sleep(0.05)
+
     def reconnect(self):
         self.client.close()
         self.client = Client(self.ledger)
