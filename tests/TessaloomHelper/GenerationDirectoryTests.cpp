@@ -37,6 +37,7 @@ TEST(GenerationDirectoryTest, IsPrivateWhateverTheUmaskAndGoesWithItsObject) {
       const auto directory = GenerationDirectory::create(perUser, id);
       ASSERT_TRUE(directory) << umask;
       EXPECT_EQ(directory->path(), perUser / name);
+      EXPECT_TRUE(directory->write("schema.json", "of an earlier run"));
       EXPECT_EQ(directory->write("schema.json", "{}"), perUser / name / "schema.json");
       EXPECT_FALSE(directory->write(".", "a file has no such name"));
       EXPECT_EQ(modeOf(perUser), fs::perms(0700));
