@@ -12,16 +12,11 @@
 #include <string_view>
 
 #include "HelperCore/Kernel.h"
+#include "KernelLayout.h"
 
 namespace tessaloom {
 
 // The kernel's own records, read into the ones that the process logic uses. Pure functions.
-
-// A kernel fills these by size: another size is another layout.
-static_assert(sizeof(kinfo_proc) == 648);
-static_assert(sizeof(proc_taskinfo) == 96);
-static_assert(sizeof(proc_fdinfo) == 8);
-static_assert(sizeof(socket_fdinfo) == 792);
 
 static_assert(INI_IPV4 == SocketInfo::ipv4 && INI_IPV6 == SocketInfo::ipv6);
 

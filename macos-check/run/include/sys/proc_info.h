@@ -1,6 +1,6 @@
 #pragma once
 
-// What is read of Darwin's records, at Darwin's offsets; see KernelLayoutChecks.cpp.
+// What is read of Darwin's records, at Darwin's offsets; see KernelLayout.h.
 
 #include <stdint.h>
 

@@ -14,7 +14,7 @@ struct darwin_timeval {
   int32_t tv_usec;
 };
 
-// The named fields stand where Darwin has them; KernelLayoutChecks.cpp holds both against each
+// The named fields stand where Darwin has them; KernelLayout.h holds both against each
 // other.
 struct kinfo_proc {
   struct {
