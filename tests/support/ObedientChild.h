@@ -1,14 +1,15 @@
 #pragma once
 
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <stdexcept>
 #include <string_view>
-#include <utility>
 
 #include "TLFoundation/FileDescriptor.h"
 #include "support/ObedientProtocol.h"
@@ -55,36 +56,40 @@ class ObedientChild {
     return exchange(request);
   }
 
-  /// Gives the child a descriptor of its own of what `descriptor` refers to; tells its number.
+  /// Gives the child a descriptor of its own of what `descriptor` refers to; returns its number.
   std::int32_t give(const FileDescriptor& descriptor) {
     return exchange({.command = Command::keep}, descriptor.get());
   }
-  /// Takes a descriptor away from the child.
+  /// Takes a descriptor away from the child; none if that has made itself inaccessible.
   FileDescriptor take(std::int32_t number) {
-    ask(Command::show, number);
-    FileDescriptor taken = std::move(received_);
+    const FileDescriptor process{static_cast<int>(syscall(SYS_pidfd_open, pid_, 0))};
+    FileDescriptor taken{static_cast<int>(syscall(SYS_pidfd_getfd, process.get(), number, 0))};
     ask(Command::close, number);
     return taken;
   }
 
  private:
   std::int32_t exchange(const obedient::Request& request, int descriptor = -1) {
-    obedient::sendMessage(channel_.get(), request, descriptor);
+    obedient::Packet packet{request};
+    cmsghdr* attachment = CMSG_FIRSTHDR(&packet.header);
+    attachment->cmsg_level = SOL_SOCKET;
+    attachment->cmsg_type = SCM_RIGHTS;
+    attachment->cmsg_len = CMSG_LEN(sizeof descriptor);
+    std::memcpy(CMSG_DATA(attachment), &descriptor, sizeof descriptor);
+    if (descriptor < 0) packet.header.msg_controllen = 0;
+    sendmsg(channel_.get(), &packet.header, MSG_NOSIGNAL);
     return receive();
   }
   std::int32_t receive() {
-    obedient::Reply reply{};
-    int descriptor = -1;
-    if (!obedient::receiveMessage(channel_.get(), reply, descriptor)) {
+    std::int32_t result = 0;
+    if (read(channel_.get(), &result, sizeof result) != sizeof result) {
       throw std::runtime_error("the obedient process did not answer");
     }
-    received_ = FileDescriptor{descriptor};
-    return reply.result;
+    return result;
   }
 
   pid_t pid_ = -1;
   FileDescriptor channel_;
-  FileDescriptor received_;
 };
 
 }  // namespace tessaloom

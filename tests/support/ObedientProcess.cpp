@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <future>
 #include <thread>
 #include <vector>
@@ -112,8 +113,6 @@ std::int32_t obey(const Request& request, int received, char** arguments) {
   switch (request.command) {
     case Command::keep:
       return received;
-    case Command::show:
-      return 0;
     case Command::close:
       return close(request.first);
     case Command::duplicate:
@@ -164,15 +163,16 @@ std::int32_t obey(const Request& request, int received, char** arguments) {
 
 /// Says that it is there, and then answers requests until the other end is closed.
 void serve(char** arguments) {
-  Request request{};
-  int received = -1;
-  int shown = -1;
-  Reply reply{.result = 0};
-  while (sendMessage(channel, reply, shown) && receiveMessage(channel, request, received)) {
-    reply.result = obey(request, received, arguments);
-    shown = request.command == Command::show ? request.first : -1;
+  for (std::int32_t result = 0;;) {
+    write(channel, &result, sizeof result);
+    Packet packet;
+    // Not close-on-exec: what a process keeps outlives its execution of another program.
+    if (recvmsg(channel, &packet.header, 0) != sizeof packet.request) _exit(0);
+    int received = -1;
+    const cmsghdr* attachment = CMSG_FIRSTHDR(&packet.header);
+    if (attachment != nullptr) std::memcpy(&received, CMSG_DATA(attachment), sizeof received);
+    result = obey(packet.request, received, arguments);
   }
-  _exit(0);
 }
 
 }  // namespace

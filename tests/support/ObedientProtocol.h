@@ -5,17 +5,15 @@
 #include <sys/uio.h>
 
 #include <cstdint>
-#include <cstring>
 
-/// What an obedient process and its parent say to each other: packets of a fixed size, each with
-/// at most one descriptor.
+/// What a parent asks of an obedient process: packets of a fixed size, each with at most one
+/// descriptor. The answer is a number of 32 bits: what the system call returned.
 namespace tessaloom::obedient {
 
 inline constexpr int channel = 0;
 
 enum class Command : std::int32_t {
   keep,              ///< Keeps the descriptor that comes with the request; tells its number.
-  show,              ///< Sends descriptor `first` along.
   close,             ///< `first`.
   duplicate,         ///< `first`; tells the new number.
   duplicateOnto,     ///< `first` onto `second`.
@@ -45,42 +43,12 @@ struct Request {
   char text[64] = {};
 };
 
-struct Reply {
-  std::int32_t result;
-};
-
-/// A message as sendmsg(2) and recvmsg(2) take it, with room for one descriptor.
-template <class Message>
+/// A request as sendmsg(2) and recvmsg(2) take it, with room for one descriptor.
 struct Packet {
-  Message message{};
-  iovec part{&message, sizeof message};
+  Request request{};
+  iovec part{&request, sizeof request};
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
   msghdr header{nullptr, 0, &part, 1, control, sizeof control, 0};
 };
-
-template <class Message>
-bool sendMessage(int socket, const Message& message, int descriptor) {
-  Packet<Message> packet{message};
-  cmsghdr* attachment = CMSG_FIRSTHDR(&packet.header);
-  attachment->cmsg_level = SOL_SOCKET;
-  attachment->cmsg_type = SCM_RIGHTS;
-  attachment->cmsg_len = CMSG_LEN(sizeof descriptor);
-  std::memcpy(CMSG_DATA(attachment), &descriptor, sizeof descriptor);
-  if (descriptor < 0) packet.header.msg_controllen = 0;
-  return sendmsg(socket, &packet.header, MSG_NOSIGNAL) == sizeof message;
-}
-
-/// False when the other end is closed. `descriptor` is -1 unless one came along.
-template <class Message>
-bool receiveMessage(int socket, Message& message, int& descriptor) {
-  Packet<Message> packet;
-  // Not close-on-exec: what a process keeps outlives its execution of another program.
-  if (recvmsg(socket, &packet.header, 0) != sizeof message) return false;
-  message = packet.message;
-  descriptor = -1;
-  const cmsghdr* attachment = CMSG_FIRSTHDR(&packet.header);
-  if (attachment != nullptr) std::memcpy(&descriptor, CMSG_DATA(attachment), sizeof descriptor);
-  return true;
-}
 
 }  // namespace tessaloom::obedient
