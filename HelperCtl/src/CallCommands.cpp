@@ -155,7 +155,7 @@ CommandResult runCall(const Arguments& arguments) {
   }
   const CallReply reply = callOnce(name, body, std::nullopt);
   if (!reply) return reportError(reply.error(), arguments.has(jsonOption.name));
-  console::printBody(*reply);
+  arguments.has(jsonOption.name) ? console::printJSON(*reply) : console::printBody(*reply);
   return ExitStatus::done;
 }
 

@@ -1,11 +1,17 @@
 #include "Client.h"
 
+#include <utility>
+
 #include <nlohmann/json.hpp>
 
 #include "EventLoop.h"
 
 namespace tessaloom {
 namespace {
+
+constexpr std::chrono::seconds silence{3};
+constexpr std::string_view waitingText =
+    "waiting for the helper; in another terminal, `tessaloom-helperctl doctor` may say why";
 
 CallError noAnswer(std::chrono::seconds limit) {
   CallError error{
@@ -26,6 +32,14 @@ CallReply callAndWait(Transport& transport, std::string_view method,
     reply = std::move(answer);
     isAnswered = true;
   });
+  // A person need not wait in silence for what usually takes no time.
+  bool isAnnounced = false;
+  if (limit == callPatience && console::errorIsTerminal()) {
+    loop.every(silence, [&isAnnounced] {
+      if (std::exchange(isAnnounced, true)) return;
+      console::printToError(console::styledForError(console::Style::dim, waitingText) + "\n");
+    });
+  }
   std::optional<EventLoop::Clock::time_point> deadline;
   if (limit) deadline = EventLoop::Clock::now() + *limit;
   loop.run([&isAnswered] { return isAnswered; }, deadline);

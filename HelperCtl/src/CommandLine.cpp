@@ -18,11 +18,11 @@ constexpr std::array generateOptions{engineOption, shapeOption, instructionsOpti
                                      idOption};
 constexpr std::array killOptions{signalOption};
 constexpr std::array psOptions{
-    OptionRule{"--sort", "COLUMN", "pid (default), command, memory, age, terminal or parent", 0,
+    OptionRule{"--sort", "COLUMN", "pid (default), command, memory, age, terminal, parent", 0,
                WordKind::processColumn},
     headersOption, watchOption};
 constexpr std::array portsOptions{
-    OptionRule{"--sort", "COLUMN", "port (default), protocol, process, pid or address", 0,
+    OptionRule{"--sort", "COLUMN", "port (default), protocol, process, pid, address", 0,
                WordKind::portColumn},
     headersOption, watchOption};
 
@@ -37,36 +37,31 @@ constexpr std::array methodAndBody{Positional{"METHOD", WordKind::method},
 
 constexpr std::array commands{
     Command{"version", "show the helper's protocol version", "", {}, {}, runVersion},
-    Command{"capabilities",
-            "show what the helper offers, and its version",
-            "",
-            {},
-            {},
-            runCapabilities},
+    Command{"capabilities", "show the helper's version and abilities", "", {}, {}, runCapabilities},
     Command{"freshness",
-            "check whether the helper's executable has been replaced",
+            "check whether the helper was replaced",
             "A helper whose executable has been replaced exits once no generation is running;\n"
             "the next call starts the new one.\n",
             {},
             {},
             runFreshness},
     Command{"ps", "list your processes",
-            "Only processes of the current user are listed; with arguments, only those of that\n"
-            "process ID or with that text in their names.\n",
+            "Only processes of the current user are listed; with arguments, only those of\n"
+            "that process ID or with that text in their names.\n",
             processFilters, psOptions, runPs},
-    Command{"ports", "list the ports that your processes listen on",
-            "Listening TCP sockets and bound UDP sockets of the current user's processes; with\n"
-            "arguments, only those of that port, process ID or process name.\n",
+    Command{"ports", "list ports that your processes listen on",
+            "Listening TCP sockets and bound UDP sockets of the current user's processes;\n"
+            "with arguments, only those of that port, process ID or process name.\n",
             portFilters, portsOptions, runPorts},
     Command{"kill", "send a signal to your processes",
-            "SIGNAL is INT, TERM or KILL, also as a number or with SIG before it; -9 and -KILL\n"
-            "work, too. The processes are listed first over the same connection: the helper\n"
-            "signals only what it has just listed.\n",
+            "SIGNAL is INT, TERM or KILL, also as a number or with SIG before it; -9 and\n"
+            "-KILL work, too. The processes are listed first over the same connection: the\n"
+            "helper signals only what it has just listed.\n",
             processes, killOptions, runKill},
     Command{"engine-status",
             "check whether an engine is installed",
-            "ENGINE is claudeCode or codex. That an engine is not found is a valid answer: the\n"
-            "exit status is 0.\n",
+            "ENGINE is claudeCode or codex. That an engine is not found is a valid answer:\n"
+            "the exit status is 0.\n",
             engine,
             {},
             runEngineStatus},
@@ -83,25 +78,25 @@ constexpr std::array commands{
             runCancel},
     Command{"call",
             "send one raw call",
-            "METHOD is a name as on the bus. The body is JSON; with - it is read from standard\n"
-            "input. The methods, and which of them take a body:\n",
+            "METHOD is a name as on the bus. The body is JSON; with - it is read from\n"
+            "standard input. The methods, and which of them take a body:\n",
             methodAndBody,
             {},
             runCall},
-    Command{
-        "session",
-        "send many calls over one connection",
-        "Each line of standard input, METHOD BODY, is sent as soon as it is read, as long as\n"
-        "the helper takes more calls. Each reply is a line, N ok BODY or N error NAME MESSAGE,\n"
-        "where N is the number of its call's line. Exits at the end of input, once all replies\n"
-        "have come: with status 0 whatever they say, 3 if a call did not reach the helper.\n",
-        {},
-        {},
-        runSession},
+    Command{"session",
+            "send many calls over one connection",
+            "Each line of standard input, METHOD BODY, is sent as soon as it is read, as long\n"
+            "as the helper takes more calls. Each reply is a line, N ok BODY or N error NAME\n"
+            "MESSAGE, where N is the number of its call's line. Exits at the end of input,\n"
+            "once all replies have come: with status 0 whatever they say, 3 if a call did not\n"
+            "reach the helper.\n",
+            {},
+            {},
+            runSession},
     Command{"doctor",
             "find out what is wrong",
-            "Checks step by step whether the helper and the engines can be reached, and says what\n"
-            "to do. Exit status 1 if text cannot be generated.\n",
+            "Checks step by step whether the helper and the engines can be reached, and says\n"
+            "what to do. Exit status 1 if text cannot be generated.\n",
             {},
             {},
             runDoctor},
@@ -130,7 +125,7 @@ std::string optionLine(const OptionRule& rule) {
   std::string name = rule.letter == 0 ? "    " : std::string{'-', rule.letter, ',', ' '};
   name += rule.name;
   if (!rule.valueName.empty()) name.append(" ").append(rule.valueName);
-  return "  " + padded(name, 26) + std::string(rule.summary) + "\n";
+  return "  " + padded(name, 25) + std::string(rule.summary) + "\n";
 }
 
 UsageError unknownCommand(std::string_view word) {
@@ -143,15 +138,15 @@ std::string generalHelp() {
   std::string text =
       "Usage: tessaloom-helperctl COMMAND [OPTIONS]\n"
       "Try, debug and test the Tessaloom helper of the current user.\n\n";
-  for (const Command& command : commands) {
-    text += "  " + padded(usageOf(command), 36) + std::string(command.summary) + "\n";
-  }
-  text += "\n";
+  const auto line = [](const std::string& usage, std::string_view summary) {
+    return "  " + padded(usage, 37) + std::string(summary) + "\n";
+  };
+  for (const Command& command : commands) text += line(usageOf(command), command.summary);
+  text += line("help [COMMAND]", "show this help, or a command's details") + "\n";
   for (const OptionRule& rule : commonOptions) text += optionLine(rule);
   text +=
-      "\nCOMMAND --help shows the details of one command.\n"
-      "Exit status: 0 done, 1 the helper answered with an error or refused, 2 wrong usage,\n"
-      "3 the helper could not be reached.\n";
+      "\nExit status: 0 done, 1 the helper answered with an error or refused, 2 wrong\n"
+      "usage, 3 the helper could not be reached.\n";
   return text;
 }
 
@@ -219,7 +214,7 @@ ExitStatus runCommand(const Command& command, std::span<const std::string> words
 ExitStatus runHelp(std::span<const std::string> words, bool json) {
   const auto name =
       std::ranges::find_if(words, [](const std::string& word) { return !word.starts_with('-'); });
-  if (name == words.end()) return printAndExit(generalHelp());
+  if (name == words.end() || *name == "help") return printAndExit(generalHelp());
   const Command* command = findCommand(*name);
   if (command == nullptr) return refuseUsage(unknownCommand(*name), nullptr, json);
   return printAndExit(helpOf(*command));

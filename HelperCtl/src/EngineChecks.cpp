@@ -157,10 +157,16 @@ EngineCheck checkFoundEngine(GenerationEngineID engine, const std::optional<Curr
     version = probe.version;
   }
   check.finding += ", version " + (version.empty() ? "unknown" : safeLine(version));
+  const std::string needed = "the helper needs " + text(minimumVersion(engine)) + " or later";
   const auto number = versionIn(version);
-  if (!number || *number >= minimumVersion(engine)) return {check, true};
+  if (!number) {
+    check.outcome = notice;
+    check.finding += ", which is not known to be recent enough: " + needed;
+    return {check, true};
+  }
+  if (*number >= minimumVersion(engine)) return {check, true};
   check.outcome = bad;
-  check.finding += ", is too old: the helper needs " + text(minimumVersion(engine)) + " or later";
+  check.finding += ", is too old: " + needed;
   check.remedy = std::string("Update it: ") + std::string(executableName(engine)) + " update";
   return {check, false};
 }

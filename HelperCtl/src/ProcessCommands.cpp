@@ -231,9 +231,11 @@ ExitStatus Listing<Record>::watch(Transport& transport) const {
 std::expected<ProcessID, UsageError> readPID(const std::string& text) {
   std::int32_t value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc() || end != text.data() + text.size() || value <= 0) {
-    return std::unexpected(UsageError{"invalid process ID \"" + safeLine(text) +
-                                      "\": expected a number from 1 to 2147483647"});
+  const bool isNumber = error != std::errc::invalid_argument && end == text.data() + text.size();
+  if (!isNumber || error != std::errc() || value <= 0) {
+    return std::unexpected(UsageError{"process ID \"" + safeLine(text) + "\" is " +
+                                      (isNumber ? "out of range: use a number" : "not a number") +
+                                      " from 1 to 2147483647"});
   }
   return ProcessID(value);
 }

@@ -1,18 +1,21 @@
 # bash completion for tessaloom-helperctl                     -*- shell-script -*-
 
 _tessaloom_helperctl() {
-  local word words=() prefix=
-  # bash parts words at "=", the program takes --option=value as one.
+  local word words=() current=${COMP_WORDS[COMP_CWORD]} prefix
+  # bash parts words at "=" and ":", the program takes --option=value as one.
   for word in "${COMP_WORDS[@]:1:COMP_CWORD}"; do
-    if ((${#words[@]})) && [[ ${words[-1]} == --* && ($word == = || ${words[-1]} == *=) ]]; then
+    if ((${#words[@]})) && [[ $word == [=:]* || ${words[-1]} == *[=:] ]]; then
       words[-1]+=$word
     else
       words+=("$word")
     fi
   done
-  [[ ${words[-1]} != --*=* ]] || prefix=${words[-1]%%=*}=
+  # What stands before the part that bash replaces.
+  [[ $current != [=:] ]] || current=
+  prefix=${words[-1]%"$current"}
   mapfile -t COMPREPLY < <(tessaloom-helperctl __complete "${words[@]}" 2>/dev/null | cut -f 1)
   COMPREPLY=("${COMPREPLY[@]#"$prefix"}")
+  [[ ${#COMPREPLY[@]} -eq 0 ]] || mapfile -t COMPREPLY < <(printf '%q\n' "${COMPREPLY[@]}")
 }
 
 complete -F _tessaloom_helperctl tessaloom-helperctl
