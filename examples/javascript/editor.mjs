@@ -59,7 +59,7 @@ class Helper {
   }
 
   #fail(description) {
-    for (const { reject } of this.#waiting.values()) reject(new HelperError("", description));
+    for (const { reject } of this.#waiting.values()) reject(new HelperError("unreachable", description));
     this.#waiting.clear();
   }
 }
@@ -105,11 +105,11 @@ const helper = new Helper();
 try {
   const [command, ...words] = process.argv.slice(2);
   if ((await helper.call("ProtocolVersion")) !== 1) {
-    throw new HelperError("", "This helper speaks another version of the protocol.");
+    throw new HelperError("version", "This helper speaks another version of the protocol.");
   }
   if (command === "generate" && words.length === 2) await generate(helper, ...words);
   else if (command === "cancel" && words.length === 2) await cancel(helper, ...words);
-  else throw new HelperError("", "usage: editor.mjs generate|cancel");
+  else throw new HelperError("usage", "editor.mjs generate|cancel");
 } catch (error) {
   const advice = error.kind === "notAuthenticated" ? "Sign in to the engine first" : (error.kind ?? error.name);
   console.error(`${advice}: ${error.message}`);

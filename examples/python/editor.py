@@ -8,6 +8,7 @@ The helper does not admit an interpreter, which anybody could give a program. It
 the same messages: a line for each call, a line for each reply.
 """
 
+import contextlib
 import json
 import subprocess
 import sys
@@ -38,14 +39,14 @@ class Helper:
         return self
 
     def __exit__(self, *_):
-        self.client.stdin.close()
-        self.client.wait()
+        self.client.communicate()
 
     def send(self, method, request=None):
         """Sends a call without waiting for its reply; the number to wait for."""
         body = "" if request is None else " " + json.dumps(request)
-        self.client.stdin.write(method + body + "\n")
-        self.client.stdin.flush()
+        with contextlib.suppress(BrokenPipeError):  # Then there is no reply, either.
+            self.client.stdin.write(method + body + "\n")
+            self.client.stdin.flush()
         self.last_call += 1
         return self.last_call
 
@@ -54,7 +55,7 @@ class Helper:
         while call not in self.replies:
             line = self.client.stdout.readline()
             if not line:
-                raise HelperError("", "The helper could not be reached.")
+                raise HelperError("unreachable", "The helper could not be reached.")
             number, outcome, rest = line.rstrip("\n").split(" ", 2)
             self.replies[int(number)] = outcome, rest
         outcome, rest = self.replies.pop(call)
@@ -84,7 +85,7 @@ def generate(helper, engine, prompt):
 def main(words):
     with Helper() as helper:
         if helper.call("ProtocolVersion") != 1:
-            raise HelperError("", "This helper speaks another version of the protocol.")
+            raise HelperError("version", "This helper speaks another version of the protocol.")
         if words[:1] == ["status"]:
             show_status(helper)
         elif words[:1] == ["generate"] and len(words) == 3:
