@@ -1,10 +1,13 @@
-"""Links between the documents lead to files, and every decision is linked."""
+"""Links between the documents lead to files, and every decision is linked.
+
+    links.py [ROOT]    ROOT is a folder with docs/ in it; the project's own by default
+"""
 
 import pathlib
 import re
 import sys
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+ROOT = pathlib.Path(*sys.argv[1:2] or [__file__ + "/../../.."]).resolve()
 LINK = re.compile(r"\]\(([^)#:\s]+)(?:#[^)]*)?\)")
 
 documents = [*ROOT.glob("*.md"), *ROOT.glob("docs/**/*.md")]
