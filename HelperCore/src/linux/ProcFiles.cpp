@@ -74,11 +74,11 @@ bool ProcFiles::isOwnedBy(std::uint32_t owner, std::int32_t pid, const FileDescr
   return known ? status.st_uid == owner : this->owner(pid) == owner;
 }
 
-std::uint32_t ProcFiles::networkNamespace(std::int32_t number) const {
+std::expected<std::uint32_t, int> ProcFiles::networkNamespace(std::int32_t number) const {
   std::array<char, 64> target;
   const ssize_t length =
       readlinkat(directory_, ProcPath{number, "ns/net"}.text(), target.data(), target.size());
-  if (length <= 0) return 0;
+  if (length < 0) return std::unexpected(errno);
   return parseInodeLink("net", {target.data(), static_cast<std::size_t>(length)}).value_or(0);
 }
 

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <expected>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -51,8 +52,9 @@ class ProcFiles {
   /// root.
   bool isOwnedBy(std::uint32_t owner, std::int32_t pid, const FileDescriptor& file) const;
 
-  /// The network namespace of a process or thread; 0 when it may not be known.
-  std::uint32_t networkNamespace(std::int32_t number) const;
+  /// The network namespace of a process or thread. Fails with an errno value: EACCES where the
+  /// kernel refuses to show what the process has open, too.
+  std::expected<std::uint32_t, int> networkNamespace(std::int32_t number) const;
 
   /// A descriptor was refused (EMFILE, ENFILE), so that something may be missing.
   bool ranOutOfDescriptors() const { return ranOut_; }

@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <expected>
 #include <string_view>
 
 #include "linux/ProcParser.h"
@@ -35,11 +36,18 @@ void addSockets(const ProcFiles& proc, std::int32_t number, std::vector<std::uin
   }
 }
 
+/// Whether the kernel shows nothing of a process or thread. Then each link of its descriptors would
+/// be refused by the same rule, and listing them is work for nothing.
+bool isRefused(const std::expected<std::uint32_t, int>& network) {
+  return !network && network.error() == EACCES;
+}
+
 }  // namespace
 
 SocketDescriptors readSocketDescriptors(const ProcFiles& proc, std::int32_t pid) {
-  SocketDescriptors sockets{.inodes = {}, .networkNamespace = proc.networkNamespace(pid)};
-  addSockets(proc, pid, sockets.inodes);
+  const auto network = proc.networkNamespace(pid);
+  SocketDescriptors sockets{.inodes = {}, .networkNamespace = network.value_or(0)};
+  if (!isRefused(network)) addSockets(proc, pid, sockets.inodes);
   return sockets;
 }
 
@@ -67,8 +75,9 @@ std::vector<NamespaceMember> addSocketsOfThreads(const ProcFiles& proc, std::int
   for (const std::int32_t thread :
        proc.listNumbers(ProcPath{pid, "task"}.text()).value_or(std::vector<std::int32_t>{})) {
     if (thread == pid) continue;
-    const std::uint32_t network = proc.networkNamespace(thread);
-    if (network != 0 && network != sockets.networkNamespace) members.push_back({network, thread});
+    const auto network = proc.networkNamespace(thread);
+    if (isRefused(network)) continue;
+    if (network && *network != sockets.networkNamespace) members.push_back({*network, thread});
     const bool isRead = std::ranges::any_of(tables, [thread](std::int32_t other) {
       return shareDescriptors(thread, other).value_or(false);
     });

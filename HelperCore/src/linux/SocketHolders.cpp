@@ -65,7 +65,7 @@ void markSharingParents(ProcessPass& pass) {
 /// Adds the sockets of the namespaces that are not the helper's own, each by way of the first
 /// processes or threads in it that let themselves be asked.
 void addForeignNamespaces(ProcessPass& pass, SocketTable& table) {
-  const std::uint32_t own = pass.proc().networkNamespace(getpid());
+  const std::uint32_t own = pass.proc().networkNamespace(getpid()).value_or(0);
   std::map<std::uint32_t, SocketTable::Progress> namespaces;
   const auto add = [&](std::uint32_t network, std::int32_t member) {
     if (network != 0 && network != own) table.addFrom(pass.proc(), member, namespaces[network]);
