@@ -21,7 +21,7 @@ constexpr std::chrono::milliseconds exitPollInterval{20};
 
 /// Whether a read or write that failed so may succeed later.
 bool isPassing(int error) {
-  return error == EINTR || error == EAGAIN || error == EWOULDBLOCK;
+  return error == EINTR || error == EAGAIN;
 }
 
 /// What poll takes for a wait until `until`: rounded up, so that it never returns just before.
