@@ -113,7 +113,8 @@ TEST(SocketParser, ReadsTheTablesOfAMachineThatIsLittleEndian) {
       "inode\n" +
       line("0100007F:1F90", "0A", "1") + line("0100007F:1F91", "01", "2") +
       line("00000000:0050", "0A", "0") + line("zz00007F:1F90", "0A", "3") +
-      line("0000000000000000FFFF00000100007F:0017", "0A", "4") + line("0100007F:1F92", "0A", "");
+      line("0000000000000000FFFF00000100007F:0017", "0A", "4") + line("0100007F:1F92", "0A", "") +
+      line("0100007F:1FZZ", "0A", "6");
   SocketsByInode sockets;
   addSocketsOfText(tcp, InternetTransport::tcp, sockets);
   addSocketsOfText(line("3500007F:0035", "07", "5"), InternetTransport::udp, sockets);
