@@ -8,10 +8,6 @@
 namespace tessaloom {
 namespace {
 
-std::unexpected<UsageError> usageError(std::string message) {
-  return std::unexpected(UsageError{std::move(message)});
-}
-
 bool isOption(std::string_view word) {
   return word.size() > 1 && word.front() == '-';
 }
@@ -44,6 +40,10 @@ std::size_t editDistance(std::string_view a, std::string_view b) {
 }
 
 }  // namespace
+
+std::unexpected<UsageError> usageError(std::string message) {
+  return std::unexpected(UsageError{std::move(message)});
+}
 
 const OptionRule* findOption(std::span<const OptionRule> rules, std::string_view word) {
   const std::string_view name = word.substr(0, word.find('='));

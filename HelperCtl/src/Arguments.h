@@ -43,6 +43,8 @@ struct UsageError {
   std::string message;
 };
 
+std::unexpected<UsageError> usageError(std::string message);
+
 /// A command's words, sorted into options and positionals.
 class Arguments {
  public:

@@ -20,10 +20,6 @@ namespace {
 using console::print;
 using console::safeLine;
 
-std::unexpected<UsageError> usageError(std::string message) {
-  return std::unexpected(UsageError{std::move(message)});
-}
-
 std::string timeoutRange() {
   return "--timeout must be between " + std::to_string(GenerationTimeout::minimum) + " and " +
          std::to_string(GenerationTimeout::maximum) + " seconds";
