@@ -10,6 +10,7 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
 find_package(Threads REQUIRED)
 
+# Where the sources of a target are compiled as one, the locals of one would shadow what the others keep to themselves.
 # Instantiated by clang, stable_sort of the standard library of g++ 12 uses what that library deprecates.
 # g++ 12 sees null pointers and overlaps inside inlined library code that cannot be (GCC bug 105651 and its
 # like), the more so the more it optimises.
@@ -19,7 +20,7 @@ target_compile_options(
   INTERFACE -Wall
             -Wextra
             -Wpedantic
-            -Wshadow
+            $<$<NOT:$<BOOL:${CMAKE_UNITY_BUILD}>>:-Wshadow>
             -Wconversion
             -Wsign-conversion
             -Wnon-virtual-dtor
