@@ -1,5 +1,5 @@
 // Listings as they cross the connection, by their number of rows, and texts at the limits of a
-// request.
+// request, beside the JSON library.
 
 #include "HelperProtocol/HelperCoding.h"
 
@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
+#include <nlohmann/json.hpp>
 
 #include "HelperProtocol/GenerationRequest.h"
 #include "HelperProtocol/ProcessMessages.h"
@@ -25,36 +26,48 @@ std::vector<ProcessSample> listing(std::int64_t rows) {
   return samples;
 }
 
-void encodeListing(benchmark::State& state) {
-  const auto samples = listing(state.range(0));
-  for ([[maybe_unused]] auto _ : state) {
-    benchmark::DoNotOptimize(HelperCoding::makeEncoder().encode(samples));
-  }
+/// Times `work` under a name of the form SUBJECT/PEER[/SIZE].
+template <class Work>
+void add(const std::string& name, Work work) {
+  benchmark::RegisterBenchmark(name.c_str(), [work](benchmark::State& state) {
+    for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(work());
+  })->Unit(benchmark::kMicrosecond);
 }
-BENCHMARK(encodeListing)->Arg(150)->Arg(1'000)->Arg(5'000)->Unit(benchmark::kMicrosecond);
 
-void decodeListing(benchmark::State& state) {
-  const auto body = HelperCoding::makeEncoder().encode(listing(state.range(0)));
-  for ([[maybe_unused]] auto _ : state) {
-    const auto samples = HelperCoding::makeDecoder().decode<std::vector<ProcessSample>>(body);
-    benchmark::DoNotOptimize(samples.data());
-  }
+/// Beside the library's own reading of the same text into a document, without a look at what it
+/// says.
+template <class Record>
+void addDecoding(const std::string& subject, const std::string& size, const std::string& body) {
+  add(subject + "/helper" + size,
+      [body] { return HelperCoding::makeDecoder().decode<Record>(body); });
+  add(subject + "/nlohmann parse" + size, [body] { return nlohmann::json::parse(body); });
 }
-BENCHMARK(decodeListing)->Arg(150)->Arg(1'000)->Arg(5'000)->Unit(benchmark::kMicrosecond);
 
-void decodeRequest(benchmark::State& state, const std::string& character) {
+void addListing(std::int64_t rows) {
+  const auto samples = listing(rows);
+  const auto body = HelperCoding::makeEncoder().encode(samples);
+  const std::string size = "/" + std::to_string(rows);
+  add("encode a listing/helper" + size,
+      [samples] { return HelperCoding::makeEncoder().encode(samples); });
+  add("encode a listing/nlohmann dump" + size,
+      [document = nlohmann::json::parse(body)] { return document.dump(); });
+  addDecoding<std::vector<ProcessSample>>("decode a listing", size, body);
+}
+
+void addRequest(const std::string& subject, const std::string& character) {
   std::string prompt;
   for (std::int64_t i = 0; i < GenerationRequest::promptLimit; ++i) prompt += character;
-  const auto body = HelperCoding::makeEncoder().encode(
-      GenerationRequest(UUID::random(), GenerationEngineID::codex, GenerationShape::freeText, "",
-                        prompt, GenerationTimeout()));
-  for ([[maybe_unused]] auto _ : state) {
-    const auto request = HelperCoding::makeDecoder().decode<GenerationRequest>(body);
-    benchmark::DoNotOptimize(request.prompt().data());
-  }
+  const GenerationRequest request(UUID::random(), GenerationEngineID::codex,
+                                  GenerationShape::freeText, "", prompt, GenerationTimeout());
+  addDecoding<GenerationRequest>(subject, "", HelperCoding::makeEncoder().encode(request));
 }
-BENCHMARK_CAPTURE(decodeRequest, ASCII, "x")->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(decodeRequest, accents, "e\u0301")->Unit(benchmark::kMicrosecond);
+
+const bool registered = [] {
+  for (const std::int64_t rows : {150, 1'000, 5'000}) addListing(rows);
+  addRequest("decode a prompt in ASCII", "x");
+  addRequest("decode a prompt with accents", "e\u0301");
+  return true;
+}();
 
 }  // namespace
 }  // namespace tessaloom
