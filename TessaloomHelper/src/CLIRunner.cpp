@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "ChildRun.h"
 #include "DescriptorShortage.h"
-#include "Subprocess.h"
 #include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/Unicode.h"
 
@@ -86,7 +86,7 @@ std::expected<RunResult, GenerationErrorPayload> CLIRunner::run(
   };
   if (isEnding()) return cancelled();
   auto process = withDescriptors(releaseDescriptors_,
-                                 [&] { return Subprocess::launch(invocation, descriptorLimit_); });
+                                 [&] { return ChildRun::launch(invocation, descriptorLimit_); });
   if (!process) return std::unexpected(launchFailure(engine, process.error()));
   const std::shared_ptr<ChildProcess>& child = process->child();
   Registration registration(*this, requestID, child);

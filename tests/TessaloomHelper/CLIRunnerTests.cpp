@@ -24,7 +24,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Subprocess.h"
+#include "ChildRun.h"
 #include "TessaloomHelper/CLIRunner.h"
 #include "support/TemporaryDirectory.h"
 

@@ -66,17 +66,17 @@ class StdinWriter {
 /// One child with its three streams, from its launch to its end, on the thread that runs it: feeds
 /// it, reads it, sends it the signals that are due, and reaps it. A child that still runs when the
 /// object is destroyed is killed.
-class Subprocess {
+class ChildRun {
  public:
   using Clock = ChildProcess::Clock;
 
   /// Fails with an errno value: no descriptor, no process, or nothing that could be executed. The
   /// invocation must outlive the object. See `SpawnPlatform::Program` for the limit.
-  static std::expected<Subprocess, int> launch(const CLIInvocation& invocation,
-                                               const std::optional<rlimit>& descriptorLimit);
+  static std::expected<ChildRun, int> launch(const CLIInvocation& invocation,
+                                             const std::optional<rlimit>& descriptorLimit);
 
-  Subprocess(Subprocess&&) = default;
-  ~Subprocess();
+  ChildRun(ChildRun&&) = default;
+  ~ChildRun();
 
   const std::shared_ptr<ChildProcess>& child() const { return child_; }
 
@@ -94,8 +94,8 @@ class Subprocess {
   const StreamReader& standardError() const { return error_; }
 
  private:
-  Subprocess(std::shared_ptr<ChildProcess> child, FileDescriptor wake, FileDescriptor output,
-             FileDescriptor error, StdinWriter input);
+  ChildRun(std::shared_ptr<ChildProcess> child, FileDescriptor wake, FileDescriptor output,
+           FileDescriptor error, StdinWriter input);
 
   bool hasExited() const { return exited_ || (!exit_ && child_->hasExited()); }
   /// Waits until a stream is ready or the child exits, at most until `until`, and handles that.

@@ -1,4 +1,4 @@
-#include "Subprocess.h"
+#include "ChildRun.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -25,9 +25,9 @@ bool isPassing(int error) {
 }
 
 /// What poll takes for a wait until `until`: rounded up, so that it never returns just before.
-int pollTimeout(Subprocess::Clock::time_point until) {
+int pollTimeout(ChildRun::Clock::time_point until) {
   const auto rest = std::chrono::ceil<std::chrono::milliseconds>(
-      std::max(until - Subprocess::Clock::now(), Subprocess::Clock::duration::zero()));
+      std::max(until - ChildRun::Clock::now(), ChildRun::Clock::duration::zero()));
   constexpr std::int64_t longest = std::numeric_limits<int>::max();
   return static_cast<int>(std::min<std::int64_t>(rest.count(), longest));
 }
@@ -65,8 +65,8 @@ void StdinWriter::writeSome() {
   if (count < 0 || rest_.empty()) pipe_.reset();
 }
 
-std::expected<Subprocess, int> Subprocess::launch(const CLIInvocation& invocation,
-                                                  const std::optional<rlimit>& descriptorLimit) {
+std::expected<ChildRun, int> ChildRun::launch(const CLIInvocation& invocation,
+                                              const std::optional<rlimit>& descriptorLimit) {
   auto output = makePipe();
   if (!output) return std::unexpected(output.error());
   auto error = makePipe();
@@ -86,12 +86,12 @@ std::expected<Subprocess, int> Subprocess::launch(const CLIInvocation& invocatio
       invocation, {input->readEnd.get(), output->writeEnd.get(), error->writeEnd.get()},
       std::move(wake->writeEnd), descriptorLimit);
   if (!child) return std::unexpected(child.error());
-  return Subprocess(*std::move(child), std::move(wake->readEnd), std::move(output->readEnd),
-                    std::move(error->readEnd), std::move(writer));
+  return ChildRun(*std::move(child), std::move(wake->readEnd), std::move(output->readEnd),
+                  std::move(error->readEnd), std::move(writer));
 }
 
-Subprocess::Subprocess(std::shared_ptr<ChildProcess> child, FileDescriptor wake,
-                       FileDescriptor output, FileDescriptor error, StdinWriter input)
+ChildRun::ChildRun(std::shared_ptr<ChildProcess> child, FileDescriptor wake, FileDescriptor output,
+                   FileDescriptor error, StdinWriter input)
     : child_(std::move(child)),
       wake_(std::move(wake)),
       exit_(SpawnPlatform::exitDescriptor(child_->pid())),
@@ -99,11 +99,11 @@ Subprocess::Subprocess(std::shared_ptr<ChildProcess> child, FileDescriptor wake,
       error_(std::move(error)),
       input_(std::move(input)) {}
 
-Subprocess::~Subprocess() {
+ChildRun::~ChildRun() {
   if (child_) child_->destroy();
 }
 
-bool Subprocess::awaitExit(Clock::time_point deadline) {
+bool ChildRun::awaitExit(Clock::time_point deadline) {
   while (!hasExited()) {
     const auto now = Clock::now();
     if (now >= deadline) return false;
@@ -117,18 +117,18 @@ bool Subprocess::awaitExit(Clock::time_point deadline) {
   return true;
 }
 
-void Subprocess::awaitReaders(std::chrono::milliseconds grace) {
+void ChildRun::awaitReaders(std::chrono::milliseconds grace) {
   const auto end = Clock::now() + grace;
   while (!(output_.finished() && error_.finished()) && Clock::now() < end) moveBytes(end);
 }
 
-Subprocess::Clock::time_point Subprocess::nextWake(Clock::time_point deadline) const {
+ChildRun::Clock::time_point ChildRun::nextWake(Clock::time_point deadline) const {
   auto wake = child_->nextKill().value_or(deadline);
   if (!exit_) wake = std::min(wake, Clock::now() + exitPollInterval);
   return std::min(wake, deadline);
 }
 
-void Subprocess::moveBytes(Clock::time_point until) {
+void ChildRun::moveBytes(Clock::time_point until) {
   enum Watched : std::uint8_t { output, error, input, exit, wake, count };
   // poll passes over negative descriptors.
   std::array<pollfd, count> watched{{{output_.descriptor(), POLLIN, 0},
