@@ -330,6 +330,9 @@ ObjectRecord* objc_retainAutoreleaseReturnValue(ObjectRecord* object) {
 ObjectRecord* objc_retainAutoreleasedReturnValue(ObjectRecord* object) {
   return objc_retain(object);
 }
+ObjectRecord* objc_unsafeClaimAutoreleasedReturnValue(ObjectRecord* object) {
+  return object;  // Of what is called for nothing but its effects.
+}
 void objc_storeStrong(ObjectRecord** location, ObjectRecord* object) {
   ObjectRecord* before = *location;
   *location = objc_retain(object);
