@@ -46,12 +46,13 @@ TEST(Table, CutsWhatMayShrinkAndThenDropsTheLastColumns) {
 
 TEST(HumanFormat, SizesAgesAndDurations) {
   const std::pair<std::string, const char*> rows[] = {
-      {humanBytes(999), "999 B"},         {humanBytes(1'000), "0.9 KiB"},
-      {humanBytes(1'023'999), "999 KiB"}, {humanBytes(1'024'000), "0.9 MiB"},
-      {humanBytes(INT64_MAX), "7.9 EiB"}, {humanAge(60), "1m 0s"},
-      {humanAge(3'599), "59m 59s"},       {humanAge(86'400), "1d 0h"},
-      {humanAge(3'600), "1h 0m"},         {humanAge(59), "59s"},
-      {humanMilliseconds(999), "999 ms"}, {humanMilliseconds(1'960), "1.9 s"},
+      {humanBytes(999), "999 B"},          {humanBytes(1'000), "0.9 KiB"},
+      {humanBytes(1'023'999), "999 KiB"},  {humanBytes(1'024'000), "0.9 MiB"},
+      {humanBytes(INT64_MAX), "7.9 EiB"},  {humanAge(60), "1m 0s"},
+      {humanAge(3'599), "59m 59s"},        {humanAge(86'400), "1d 0h"},
+      {humanAge(3'600), "1h 0m"},          {humanAge(59), "59s"},
+      {humanMilliseconds(999), "999 ms"},  {humanMilliseconds(1'960), "1.9 s"},
+      {humanMilliseconds(9'000), "9.0 s"},
   };
   for (const auto& [actual, expected] : rows) EXPECT_EQ(actual, expected);
 }
