@@ -1,12 +1,11 @@
 #!/usr/bin/env python3
-"""Compiles the sources of the macOS target again, as the oldest and the newest supported Xcode would; tests the newest only.
+"""Compiles every source of the macOS target again, alone, as the oldest and the newest supported Xcode would; tests the newest only.
 
     compile_again.py BUILD
 
 BUILD is a build folder of preset macos; BUILD/../libc++-16 is Debian's package of that library, unpacked. clang 16
 with libc++ 16 is what Xcode 15 has: the library lacks what came later, the compiler deduces less. clang 19 with its
-own libc++ is what the newest Xcode has: it warns of more, and its headers include less, so it gets each source
-alone, where the build joins those of a target.
+own libc++ is what the newest Xcode has: it warns of more, and its headers include less.
 """
 
 import json
@@ -28,7 +27,7 @@ def headers_of(version, build):
 
 
 def alone(entry):
-    """The entries of the sources that CMake joined in the entry's own, or the entry itself."""
+    """The entries of the sources that a unity build joins in the entry's own, or the entry itself."""
     joined = Path(entry["file"])
     if joined.parent.name != "Unity":
         return [entry]
@@ -56,13 +55,13 @@ def main(build):
     entries = json.loads((build / "compile_commands.json").read_text())
     is_good = True
     sources = [single for entry in entries for single in alone(entry)]
-    product = [entry for entry in entries if not Path(alone(entry)[0]["file"]).is_relative_to(ROOT / "tests")]
+    product = [single for single in sources if not Path(single["file"]).is_relative_to(ROOT / "tests")]
     for version, units in ((16, product), (19, sources)):
         with ThreadPoolExecutor(os.cpu_count()) as pool:
             results = pool.map(lambda entry: errors_of(entry, version, build), units)
             failures = [errors for errors in results if errors]
         print("".join(failures), end="", file=sys.stderr)
-        print(f"{len(units) - len(failures)} of {len(units)} translation units compile with clang {version} and its library")
+        print(f"{len(units) - len(failures)} of {len(units)} sources compile with clang {version} and its library")
         is_good &= not failures
     return 0 if is_good else 1
 
