@@ -1,7 +1,8 @@
+#pragma once
+
 // The layout of the kernel's records on arm64 and x86-64. A kernel fills them by size and offset:
 // another layout would be read wrongly, so it does not compile. This holds for the system's headers
 // and for the doubles that take their place when the target runs on Linux.
-#pragma once
 
 #include <libproc.h>
 #include <sys/proc_info.h>
