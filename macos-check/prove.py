@@ -27,10 +27,11 @@ TRANSPORT = "HelperCtl/src/macos/XPCTransport.mm"
 SESSION = "HelperCtl/src/SessionCommand.cpp"
 RECORDS = "tests/macos/KernelRecordsChecks.cpp"
 COMPILER, OLDEST = "compile check", "compile check, clang 16"
+LAUNCH = "LaunchTests"
 REGISTER = "void registerLaunchAgent() {\n"
 
 # What is wrong, in which source, from what to what, and what must notice: the compile check, with its own compiler or
-# with the oldest one, or a scenario of the run.
+# with the oldest one, a scenario of the run, or the cases of the launch.
 FAULTS = [
     ("another selector of a method", SERVICE, "quitIfOutdatedWithReply:", "quitWithReply:", COMPILER),
     ("another reply block of a method", SERVICE, "(void (^)(int64_t version))", "(void (^)(long version))", COMPILER),
@@ -71,6 +72,11 @@ FAULTS = [
     ("engines outlive a signal", PROCESS, "  runner_.endAll();", "", "termination"),
     ("children inherit descriptors", SPAWN, "POSIX_SPAWN_SETSIGDEF |\n                        POSIX_SPAWN_CLOEXEC_DEFAULT", "POSIX_SPAWN_SETSIGDEF", "generations"),
     ("children stay in the helper's process group", SPAWN, "POSIX_SPAWN_SETPGROUP | ", "", "deadline"),
+    ("children block what the helper blocks", SPAWN, "POSIX_SPAWN_SETSIGMASK | ", "", LAUNCH),
+    ("children ignore what the helper ignores", SPAWN, "POSIX_SPAWN_SETSIGDEF |\n                        POSIX", "POSIX", LAUNCH),
+    ("children stay in the helper's directory", SPAWN, "if (program.workingDirectory != nullptr) {", "if (false) {", LAUNCH),
+    ("children get no environment", SPAWN, "program.environment);", "nullptr);", LAUNCH),
+    ("a failed launch is not reported", SPAWN, "return std::unexpected(error);", "return std::unexpected(5);", LAUNCH),
     ("a buffer is shorter than the record", KERNEL, "PROC_PIDFDSOCKETINFO, &record, sizeof record", "PROC_PIDFDSOCKETINFO, &record, sizeof record - 1", "listings"),
     ("another user's rows", KERNEL, "!= owner) continue;", "== owner) continue;", "listings"),
     ("the client's connection is not resumed", TRANSPORT, "  [connection_ resume];", "", "launch_on_demand"),
@@ -139,6 +145,8 @@ def run_notices(build, source, program, scenario, altered, output):
     if errors:
         sys.exit(errors)
     command = [ROOT / "macos-check/run/run-pair", build, "--scenario", scenario, "--with", program]
+    if scenario == LAUNCH:
+        command = [program]
     result = subprocess.run(command, capture_output=True, text=True, check=False)
     return scenario if result.returncode else ""
 
@@ -153,6 +161,8 @@ def notices(check, build, source, before, after, expected, scratch):
     by = compile_check_notices(check, source, program, altered, output)
     if by or expected in (COMPILER, OLDEST):
         return by
+    if expected == LAUNCH:
+        program = LAUNCH
     return run_notices(build, source, program, expected, altered, output)
 
 
