@@ -2,6 +2,7 @@
 
 import contextlib
 import os
+import resource
 import shutil
 import signal
 import time
@@ -13,7 +14,7 @@ from bus_peer import BUS, BUS_PATH, CALL, ERROR, RETURN, Peer
 from case import case
 from honest import CANCELLED
 from session import (ACCESS_DENIED, FILES, GENERATIONS, HELPER, VERSION_WORDS, Outsider, another_bus, engines, eventually, helper_log,
-                     launch_helper, process_of, processes, processor_seconds, replace_helper, start_helper, status_of,
+                     launch_helper, limited, process_of, processes, processor_seconds, replace_helper, start_helper, status_of,
                      stopped)
 
 # Nothing that only the very process knows: a listing authorises with the helper that made it.
@@ -58,7 +59,7 @@ def gone_at_once(run):
 @case(rounds=1)
 def told_to_stop(run):
     """Every signal that a user or a session sends, and the end of its bus, end it in order: what it runs is cancelled,
-    and nothing is left. A second one does not start."""
+    and nothing is left. A second one does not start. Engines have the limits that it was started with."""
     run.end_helper()
     numbers = (signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGQUIT, signal.SIGUSR1, signal.SIGALRM, signal.SIGXCPU)
     rows = [(number, 128 + number, f"ended by signal {int(number)}") for number in numbers]
@@ -76,8 +77,11 @@ def told_to_stop(run):
             ended = child.wait(), helper_log().count(f"helper: {line}\n"), engines(), GENERATIONS.exists()
             run.check(ended == (status, 1, [], False), f"{number}: status, lines, engines, directory: {ended}")
     with run.client() as client:
-        child = start_helper()
+        with limited(os.getpid(), resource.RLIMIT_NOFILE, 700):
+            child, given = start_helper(), resource.getrlimit(resource.RLIMIT_NOFILE)
         hanging(client)
+        raised, *passed = (resource.prlimit(pid, resource.RLIMIT_NOFILE) for pid in (child.pid, *engines()))
+        run.check(raised > given and passed == [given], f"limits: {raised} and {passed} for {given}")
         child.kill()
         run.check(eventually(lambda: not engines(), 2), "an engine outlives a helper that was killed")
         child.wait()
