@@ -1,15 +1,15 @@
-// One match of a glob against a path, beside fnmatch(3), which knows no **, and PCRE2 with its
-// just-in-time compiler and the regular expression that says the same. All patterns are prepared
-// beforehand as far as each matcher allows.
+// One match of a glob against a path, by the path's length, beside fnmatch(3), which knows no **,
+// and PCRE2 with its just-in-time compiler and the regular expression that says the same. All
+// patterns are prepared beforehand as far as each matcher allows.
 
 #include "TLFoundation/GlobMatcher.h"
 
 #include <fnmatch.h>
 
-#include <array>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <benchmark/benchmark.h>
 
@@ -21,30 +21,40 @@ namespace {
 
 struct Case {
   const char* name;
-  const char* glob;
-  const char* fnmatch;  // null where fnmatch has no equal
-  const char* expression;
+  std::string glob;
+  bool fnmatchKnowsIt;
+  std::string expression;
   std::string path;
   bool caseInsensitive;
   bool expected;
 };
 
-const std::array cases{
-    Case{"literal", "src/main.cpp", "src/main.cpp", R"(\Asrc/main\.cpp\z)", "src/main.cpp", false,
-         true},
-    Case{"star", "docs/*.md", "docs/*.md", R"(\Adocs/[^/]*\.md\z)", "docs/getting-started.md",
-         false, true},
-    Case{"double star", "src/**/*.md", nullptr, R"(\Asrc/(?:[^/]+/)*[^/]*\.md\z)",
-         "src/documentation/guides/getting-started/readme.md", false, true},
-    Case{"ignoring case", "*.MD", "*.MD", R"((?i)\A[^/]*\.MD\z)", "Getting-Started.md", true, true},
-    Case{"not ASCII", "r\u00E9sum\u00E9s/*.md", "r\u00E9sum\u00E9s/*.md",
-         "\\Ar\u00E9sum\u00E9s/[^/]*\\.md\\z", "r\u00E9sum\u00E9s/na\u00EFve.md", false, true},
-    Case{"hostile", "*a*a*a*a*b", "*a*a*a*a*b", R"(\A[^/]*a[^/]*a[^/]*a[^/]*a[^/]*b\z)",
-         std::string(48, 'a'), false, false},
-    Case{"hostile double stars", "**/a/**/a/**/a/**/a/**/b", nullptr,
-         R"(\A(?:[^/]+/)*a/(?:[^/]+/)*a/(?:[^/]+/)*a/(?:[^/]+/)*a/(?:[^/]+/)*b\z)",
-         "a/a/a/a/a/a/a/a/a/a/a/a/a/a/a/a/a/a/a/a/a/a/a/c", false, false},
-};
+/// So many times the text.
+std::string repeated(const std::string& text, std::size_t count) {
+  std::string result;
+  while (count-- > 0) result += text;
+  return result;
+}
+
+/// All cases with paths of about this length.
+std::vector<Case> casesOf(std::size_t length) {
+  const std::string name = repeated("s", length);
+  return {
+      {"literal", name + ".cpp", true, "\\A" + name + R"(\.cpp\z)", name + ".cpp", false, true},
+      {"star", "docs/*.md", true, R"(\Adocs/[^/]*\.md\z)", "docs/" + name + ".md", false, true},
+      {"double star", "src/**/*.md", false, R"(\Asrc/(?:[^/]+/)*[^/]*\.md\z)",
+       "src/" + repeated("guides/", length / 7) + "readme.md", false, true},
+      {"ignoring case", "*.MD", true, R"((?i)\A[^/]*\.MD\z)", repeated("S", length) + ".md", true,
+       true},
+      {"not ASCII", "r\u00E9sum\u00E9s/*.md", true, "\\Ar\u00E9sum\u00E9s/[^/]*\\.md\\z",
+       "r\u00E9sum\u00E9s/" + repeated("\u00EF", length) + ".md", false, true},
+      {"hostile", "*a*a*a*a*b", true, R"(\A[^/]*a[^/]*a[^/]*a[^/]*a[^/]*b\z)",
+       repeated("a", length), false, false},
+      {"hostile double stars", "**/a/**/a/**/a/**/a/**/b", false,
+       R"(\A(?:[^/]+/)*a/(?:[^/]+/)*a/(?:[^/]+/)*a/(?:[^/]+/)*a/(?:[^/]+/)*b\z)",
+       repeated("a/", length / 2) + "c", false, false},
+  };
+}
 
 /// Times `matches` once its answer is known to be right.
 template <class Matches>
@@ -63,14 +73,14 @@ void globMatcher(benchmark::State& state, const Case& row) {
 
 void systemMatcher(benchmark::State& state, const Case& row) {
   const int flags = FNM_PATHNAME | (row.caseInsensitive ? FNM_CASEFOLD : 0);
-  run(state, row, [&] { return fnmatch(row.fnmatch, row.path.c_str(), flags) == 0; });
+  run(state, row, [&] { return fnmatch(row.glob.c_str(), row.path.c_str(), flags) == 0; });
 }
 
 void regularExpression(benchmark::State& state, const Case& row) {
   int error = 0;
   PCRE2_SIZE offset = 0;
   pcre2_code* code =
-      pcre2_compile(reinterpret_cast<PCRE2_SPTR>(row.expression), PCRE2_ZERO_TERMINATED,
+      pcre2_compile(reinterpret_cast<PCRE2_SPTR>(row.expression.c_str()), PCRE2_ZERO_TERMINATED,
                     PCRE2_UTF | PCRE2_UCP, &error, &offset, nullptr);
   if (code == nullptr) throw std::invalid_argument(row.expression);
   pcre2_jit_compile(code, PCRE2_JIT_COMPLETE);
@@ -84,13 +94,17 @@ void regularExpression(benchmark::State& state, const Case& row) {
 }
 
 const bool registered = [] {
-  for (const auto& row : cases) {
-    const std::string name = row.name;
-    benchmark::RegisterBenchmark((name + "/helper").c_str(), globMatcher, row);
-    if (row.fnmatch != nullptr) {
-      benchmark::RegisterBenchmark((name + "/fnmatch").c_str(), systemMatcher, row);
+  for (const std::size_t length : {32UL, 256UL}) {
+    const std::string size = "/" + std::to_string(length);
+    for (const auto& row : casesOf(length)) {
+      const auto add = [&](const std::string& matcher,
+                           void (*match)(benchmark::State&, const Case&)) {
+        benchmark::RegisterBenchmark((row.name + matcher + size).c_str(), match, row);
+      };
+      add("/helper", globMatcher);
+      if (row.fnmatchKnowsIt) add("/fnmatch", systemMatcher);
+      add("/PCRE2", regularExpression);
     }
-    benchmark::RegisterBenchmark((name + "/PCRE2").c_str(), regularExpression, row);
   }
   return true;
 }();

@@ -1,5 +1,5 @@
-// Listings as they cross the connection, by their number of rows, and texts at the limits of a
-// request, beside the JSON library.
+// Listings as they cross the connection, by their number of rows, texts at the limits of a request,
+// and bodies up to the largest that is taken, by their bytes, beside the JSON library.
 
 #include "HelperProtocol/HelperCoding.h"
 
@@ -62,10 +62,20 @@ void addRequest(const std::string& subject, const std::string& character) {
   addDecoding<GenerationRequest>(subject, "", HelperCoding::makeEncoder().encode(request));
 }
 
+/// A body of so many bytes that consists of small values which nobody asked for.
+void addHostileValues(std::size_t bytes) {
+  std::string body = R"({"requestID":")" + UUID::random().string() + R"(","others":[0)";
+  while (body.size() + 4 <= bytes) body += ",0";
+  body.resize(bytes - 2, ' ');
+  body += "]}";
+  addDecoding<GenerationCancelRequest>("decode hostile values", "/" + std::to_string(bytes), body);
+}
+
 const bool registered = [] {
   for (const std::int64_t rows : {150, 1'000, 5'000}) addListing(rows);
   addRequest("decode a prompt in ASCII", "x");
   addRequest("decode a prompt with accents", "e\u0301");
+  for (const std::size_t mebibytes : {1UL, 16UL}) addHostileValues(mebibytes << 20);
   return true;
 }();
 

@@ -1,5 +1,5 @@
-// Counting the user-perceived characters of a prompt as long as a request allows, beside utf8proc's
-// own walk through the text and ICU's break iterator.
+// Counting the user-perceived characters of a prompt, up to the longest that a request allows,
+// beside utf8proc's own walk through the text and ICU's break iterator.
 
 #include <unicode/ubrk.h>
 #include <unicode/utext.h>
@@ -16,8 +16,6 @@
 
 namespace tessaloom {
 namespace {
-
-constexpr std::size_t length = 64'000;
 
 std::size_t helperCount(std::string_view text) {
   return Unicode::characterCount(text);
@@ -52,7 +50,8 @@ std::size_t icuCount(std::string_view text) {
 }
 
 /// Times `count` once its answer is known to be right.
-void run(benchmark::State& state, const char* character, std::size_t (*count)(std::string_view)) {
+void run(benchmark::State& state, const char* character, std::size_t (*count)(std::string_view),
+         std::size_t length) {
   std::string text;
   for (std::size_t i = 0; i < length; ++i) text += character;
   if (count(text) != length) return state.SkipWithError("wrong answer");
@@ -67,9 +66,11 @@ const bool registered = [] {
                {"Chinese", "\u6587"}, {"emoji", "\U0001F600"}, {"Devanagari", "\u0915\u093F"}};
   for (const auto& [name, character] : texts) {
     const auto add = [&](const char* counter, std::size_t (*count)(std::string_view)) {
-      benchmark::RegisterBenchmark((std::string(name) + "/" + counter).c_str(), run, character,
-                                   count)
-          ->Unit(benchmark::kMicrosecond);
+      for (const std::size_t length : {4'000UL, 64'000UL}) {
+        const auto row = std::string(name) + "/" + counter + "/" + std::to_string(length);
+        benchmark::RegisterBenchmark(row.c_str(), run, character, count, length)
+            ->Unit(benchmark::kMicrosecond);
+      }
     };
     add("helper", helperCount);
     add("utf8proc", utf8procCount);

@@ -40,7 +40,8 @@ def read_lines(text):
 def read_google_benchmark(text):
     runs = collections.defaultdict(list)
     microseconds = {"ns": 1e-3, "us": 1.0, "ms": 1e3}
-    for run in json.loads(text)["benchmarks"]:
+    # Their order in the program, not the random one of the interleaved runs.
+    for run in sorted(json.loads(text)["benchmarks"], key=lambda run: run["family_index"]):
         if run["run_type"] == "iteration" and "error_message" not in run:
             name = re.sub(r"/repeats:\d+.*", "", run["run_name"])
             runs[name].append(run["real_time"] * microseconds[run["time_unit"]])
@@ -80,12 +81,12 @@ def exponent(points):
 
 
 def growth(rows):
-    """The median times by size of every subject that was measured at several."""
+    """The median times by size of every subject that was measured at several, and of its peers."""
     points = collections.defaultdict(dict)
     for row in rows:
         if row.size:
             points[row.table, row.name, "helper"][row.size] = statistics.median(row.own)
-            points[row.table, row.peer, row.peer][row.size] = statistics.median(row.theirs)
+            points[row.table, row.name, row.peer][row.size] = statistics.median(row.theirs)
     return {key: sorted(sizes.items()) for key, sizes in points.items() if len(sizes) > 1}
 
 
@@ -102,15 +103,22 @@ def table_text(table, rows, grown):
         name = row.name + (f", {row.size:,}" if row.size else "")
         lines.append(f"| {name} | {show(statistics.median(row.own))} | {row.peer}: "
                      f"{show(statistics.median(row.theirs))} | {middle:.3g}{spread} |")
-    exponents = [f"{name} {exponent(points):.2f}" for (place, name, _), points in grown.items() if place == table]
+    exponents = collections.defaultdict(dict)
+    for (place, name, who), points in grown.items():
+        if place == table:
+            exponents[name][who] = f"{exponent(points):.2f}"
     if exponents:
-        lines += ["", "Exponents of growth: " + "; ".join(exponents) + "."]
+        texts = (f"{name} {who.pop('helper')} ({', '.join(f'{peer} {value}' for peer, value in who.items())})"
+                 for name, who in exponents.items())
+        lines += ["", "Exponents of growth, and the peers': " + "; ".join(texts) + "."]
     return "\n".join(lines)
 
 
 def plot(grown):
     """Time over size, both logarithmic, of the listings under a session's limits."""
-    series = {(name, who): points for (table, name, who), points in grown.items() if table == "listings-1024"}
+    # One peer may be in several rows: its own growth is shown once.
+    series = {(name if who == "helper" else who, who): points for (table, name, who), points in grown.items()
+              if table == "listings-1024"}
     width, height, margin = 720, 400, 60
     sizes = [size for points in series.values() for size, _ in points]
     times = [time for points in series.values() for _, time in points]
@@ -153,7 +161,6 @@ def main():
     parser.add_argument("files", nargs="+")
     arguments = parser.parse_args()
     rows = [row for path in arguments.files for row in rows_of(path)]
-    # One peer may be in several rows of a subject: its own growth is shown once.
     grown = growth(rows)
     text = "\n\n".join(table_text(table, [row for row in rows if row.table == table], grown)
                        for table in TABLES if any(row.table == table for row in rows))
