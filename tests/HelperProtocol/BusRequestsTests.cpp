@@ -1,6 +1,3 @@
-#include <sys/socket.h>
-
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -8,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "HelperProtocol/linux/BusRequests.h"
+#include "support/ScriptedBus.h"
 
 namespace tessaloom {
 namespace {
@@ -15,84 +13,23 @@ namespace {
 constexpr const char* service = "com.example.Service";
 constexpr const char* attacker = ":1.66";
 
-BusHandle endOf(int descriptor, bool isServer) {
-  sd_bus* bus = nullptr;
-  EXPECT_GE(sd_bus_new(&bus), 0);
-  BusHandle owned(bus);
-  EXPECT_GE(sd_bus_set_fd(bus, descriptor, descriptor), 0);
-  sd_id128_t id{};
-  if (isServer) id.bytes[0] = 1;
-  EXPECT_GE(sd_bus_set_server(bus, isServer ? 1 : 0, id), 0);
-  EXPECT_GE(sd_bus_start(bus), 0);
-  return owned;
-}
-
-/// A connection whose other end is the test, which plays the bus and everybody on it: so it may
-/// write any sender.
-class BusRequestsTest : public testing::Test {
+class BusRequestsTest : public testing::Test, protected ScriptedBus {
  protected:
-  BusRequestsTest() {
-    int ends[2];
-    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends), 0);
-    played_ = endOf(ends[0], true);
-    bus_ = endOf(ends[1], false);
-    requests_.emplace(bus_.get());
-  }
-
-  /// Lets both ends handle what they have received.
-  void exchange() {
-    for (int idle = 0; idle < 2;) {
-      sd_bus_message* received = nullptr;
-      int busy = sd_bus_process(played_.get(), &received);
-      if (received != nullptr) asked_.emplace_back(received);
-      busy += sd_bus_process(bus_.get(), nullptr);
-      idle = busy > 0 ? 0 : idle + 1;
-    }
-  }
-
-  /// The last call of this method that arrived at the test's end.
-  sd_bus_message* asked(std::string_view method) {
-    exchange();
-    for (auto call = asked_.rbegin(); call != asked_.rend(); ++call) {
-      if (sd_bus_message_get_member(call->get()) == method) return call->get();
-    }
-    return nullptr;
-  }
-
-  void sendAs(const char* sender, sd_bus_message* message) {
-    const BusMessage owned(message);
-    EXPECT_GE(sd_bus_message_set_sender(message, sender), 0);
-    EXPECT_GE(sd_bus_send(played_.get(), message, nullptr), 0);
-    exchange();
-  }
-
-  /// Replies to a call; with an error if the text is the name of one.
+  /// With an error if the text is the name of one.
   void reply(const char* sender, sd_bus_message* call, const char* text) {
-    ASSERT_NE(call, nullptr);
-    sd_bus_message* reply = nullptr;
     if (std::string_view(text).starts_with("org.freedesktop.DBus.Error.")) {
-      sd_bus_message_new_method_errorf(call, &reply, text, "no");
+      replyError(sender, call, text);
     } else {
-      sd_bus_message_new_method_return(call, &reply);
-      sd_bus_message_append(reply, "s", text);
+      ScriptedBus::reply(sender, call, "s", text);
     }
-    sendAs(sender, reply);
-  }
-
-  void reportOwner(const char* sender, const char* name, const char* owner) {
-    sd_bus_message* signal = nullptr;
-    sd_bus_message_new_signal(played_.get(), &signal, BusRequests::busPath,
-                              BusRequests::busInterface, "NameOwnerChanged");
-    sd_bus_message_append(signal, "sss", name, "", owner);
-    sendAs(sender, signal);
   }
 
   BusRequest call(const char* destination, const char* method) {
     sd_bus_message* message = nullptr;
-    sd_bus_message_new_method_call(bus_.get(), &message, destination, "/", "com.example.Interface",
-                                   method);
+    sd_bus_message_new_method_call(connection(), &message, destination, "/",
+                                   "com.example.Interface", method);
     const BusMessage owned(message);
-    return *requests_->send(message, [this](sd_bus_message* reply) {
+    return *requests.send(message, [this](sd_bus_message* reply) {
       const sd_bus_error* error = sd_bus_message_get_error(reply);
       const char* text = nullptr;
       if (error == nullptr) sd_bus_message_read(reply, "s", &text);
@@ -101,12 +38,7 @@ class BusRequestsTest : public testing::Test {
   }
 
   std::vector<std::string> answers;
-  std::optional<BusRequests> requests_;
-
- private:
-  std::vector<BusMessage> asked_;
-  BusHandle played_;
-  BusHandle bus_;
+  BusRequests requests{connection()};
 };
 
 using Texts = std::vector<std::string>;
@@ -156,9 +88,9 @@ TEST_F(BusRequestsTest, OwnersAreReportedUntilTheRequestEnds) {
   const auto handler = [&](std::string_view owner) {
     owners.emplace_back(owner);
     // A handler may begin others and end its own.
-    inner = *requests_->watchOwner(":1.9", [](std::string_view) { FAIL(); }, {});
+    inner = *requests.watchOwner(":1.9", [](std::string_view) { FAIL(); }, {});
   };
-  auto watch = requests_->watchOwner(":1.9", handler, {});
+  auto watch = requests.watchOwner(":1.9", handler, {});
   reportOwner(BusRequests::busName, ":1.9", "");
   inner = {};
   watch = {};
