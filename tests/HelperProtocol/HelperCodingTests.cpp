@@ -1,7 +1,12 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <fstream>
+#include <map>
 #include <optional>
+#include <regex>
+#include <set>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <unordered_set>
@@ -9,6 +14,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "HelperProtocol/BoundedText.h"
 #include "HelperProtocol/CodingError.h"
@@ -20,7 +26,9 @@
 #include "HelperProtocol/GenerationResult.h"
 #include "HelperProtocol/HelperCapabilities.h"
 #include "HelperProtocol/HelperCoding.h"
+#include "HelperProtocol/HelperDTOError.h"
 #include "HelperProtocol/HelperFreshness.h"
+#include "HelperProtocol/Methods.h"
 #include "HelperProtocol/ProcessMessages.h"
 #include "support/Repeated.h"
 #include "support/Thrown.h"
@@ -48,10 +56,16 @@ std::string encode(const Record& record) {
   return resultOf([&] { return HelperCoding::makeEncoder().encode(record); });
 }
 
-/// The body as it is written again once it was read, or the words with which it is refused.
+/// The body as it is written again once it was read.
+template <class Record>
+std::string rewrite(const std::string& body) {
+  return HelperCoding::makeEncoder().encode(HelperCoding::makeDecoder().decode<Record>(body));
+}
+
+/// The same, or the words with which the body is refused.
 template <class Record>
 std::string recode(const std::string& body) {
-  return resultOf([&] { return encode(HelperCoding::makeDecoder().decode<Record>(body)); });
+  return resultOf([&] { return rewrite<Record>(body); });
 }
 
 struct Row {
@@ -71,7 +85,6 @@ void expectEach(const std::vector<Row>& rows) {
 TEST(HelperCodingTests, WritesWhatItReads) {
   const std::string inID = R"({"requestID":")" + upperUUID + "\"";
   expectEach({
-      {recode<HelperFreshness>, R"({"isOutdated":false,"willExit":true})", ""},
       {recode<HelperCapabilities>, R"({"names":["b","a","b"],"helperVersion":""})",
        R"({"names":["a","b"],"helperVersion":""})"},
       {recode<GenerationRequest>,
@@ -85,8 +98,6 @@ TEST(HelperCodingTests, WritesWhatItReads) {
        ""},
       {recode<GenerationErrorPayload>,
        R"({"kind":"notAuthenticated","engine":"codex","exitCode":-1,"detail":""})", ""},
-      {recode<GenerationErrorPayload>, R"({"kind":"launchFailed","engine":"codex"})", ""},
-      {recode<EngineStatus>, R"({"engine":"codex","binaryFound":true,"authenticated":false})", ""},
       {recode<KillRequest>, "\n{ \"signal\" : 2.0e0 , \"unknown\":[{}], \"pid\":1.0 }\t",
        R"({"pid":1,"signal":2})"},
       {recode<KillResult>, R"({"succeeded":true,"message":null})", R"({"succeeded":true})"},
@@ -95,7 +106,6 @@ TEST(HelperCodingTests, WritesWhatItReads) {
        R"(\u000b\f\r\u000e\u000f\u0010\u001f )"
        "\x7F\u2028\"}",
        ""},
-      {recode<std::vector<ProcessSample>>, "[]", ""},
       // Texts are cleaned and cut.
       {recode<ProcessSample>,
        R"({"pid":-1,"parentPID":0,"tty":"\n)" + std::string(33, 't') +
@@ -237,17 +247,6 @@ TEST(HelperCodingTests, DatesAreToTheSecondRoundedDownAndOfOneForm) {
   EXPECT_EQ(encode(startedAt(double{NAN})), outside);
 }
 
-TEST(HelperCodingTests, RecordsAreKeysOfSets) {
-  EXPECT_EQ((std::unordered_set{startedAt(0), startedAt(0), startedAt(1)}.size()), 2U);
-  const PortSample port(8080, "tcp", 4242, "", "127.0.0.1");
-  EXPECT_EQ((std::unordered_set{port, port}.size()), 1U);
-  EXPECT_EQ(port.id(), "tcp/127.0.0.1/8080/4242");
-  const GenerationResult result{UUID::random(), GenerationEngineID::codex, "", {}, {}, 0};
-  auto other = result;
-  other.fields = GeneratedFields("", {"a"}, {}, false);
-  EXPECT_EQ((std::unordered_set{result, result, other}.size()), 2U);
-}
-
 TEST(UUIDTests, ReadsExactlyTheTextForm) {
   EXPECT_EQ(UUID::parse(lowerUUID)->string(), upperUUID);
   for (const std::string& text :
@@ -305,6 +304,92 @@ TEST(GenerationEnumsTests, UnknownNamesAreQuotedOnOneLine) {
   EXPECT_EQ(failure->what(), "Unknown shape \"x\uFFFD" + std::string(62, 'y') + "\".");
   EXPECT_NE(failure, GenerationDTOError::unknownShape("x"));
   EXPECT_THROW(generationEngineID("Codex"), GenerationDTOError);
+}
+
+/// By their names in the documentation.
+const std::map<std::string, std::string (*)(const std::string&)>& records() {
+  static const std::map<std::string, std::string (*)(const std::string&)> all{
+      {"HelperCapabilities", rewrite<HelperCapabilities>},
+      {"HelperFreshness", rewrite<HelperFreshness>},
+      {"GenerationRequest", rewrite<GenerationRequest>},
+      {"GenerationCancelRequest", rewrite<GenerationCancelRequest>},
+      {"GenerationResult", rewrite<GenerationResult>},
+      {"GeneratedFields", rewrite<GeneratedFields>},
+      {"GenerationTokens", rewrite<GenerationTokens>},
+      {"GenerationErrorPayload", rewrite<GenerationErrorPayload>},
+      {"EngineStatusRequest", rewrite<EngineStatusRequest>},
+      {"EngineStatus", rewrite<EngineStatus>},
+      {"KillRequest", rewrite<KillRequest>},
+      {"KillResult", rewrite<KillResult>},
+      {"[ProcessSample]", rewrite<std::vector<ProcessSample>>},
+      {"[PortSample]", rewrite<std::vector<PortSample>>},
+  };
+  return all;
+}
+
+/// The groups of every match in the document.
+std::vector<std::vector<std::string>> matches(const char* pattern) {
+  std::ostringstream text;
+  text << std::ifstream(TESSALOOM_DOCS "/protocol.md").rdbuf();
+  const std::string document = text.str();
+  const std::regex expression(pattern);
+  std::vector<std::vector<std::string>> found;
+  for (std::sregex_iterator match(document.begin(), document.end(), expression), end; match != end;
+       ++match) {
+    found.emplace_back(match->begin(), match->end());
+  }
+  return found;
+}
+
+TEST(ProtocolDocument, EveryExampleIsTheRecordThatItShows) {
+  std::set<std::string> shown;
+  for (const auto& groups : matches("```json (\\S+)\n([^`]+)```")) {
+    const std::string& name = groups[1];
+    ASSERT_TRUE(records().contains(name)) << name;
+    // Written again it is the same, keys in the same order: the examples lack nothing and hold
+    // nothing that is ignored.
+    using Json = nlohmann::ordered_json;
+    EXPECT_EQ(Json::parse(records().at(name)(groups[2])).dump(), Json::parse(groups[2]).dump());
+    shown.insert(name);
+  }
+  EXPECT_EQ(shown.size(), records().size());
+}
+
+TEST(ProtocolDocument, ListsEveryMethod) {
+  auto listed = matches(
+      "\\| `(\\w+)\\((\\w*)\\) → (\\w+)` \\| `([\\w:]+)` \\| `?(\\w*)`? ?\\| ([\\w `]+) \\|");
+  ASSERT_EQ(listed.size(), methods.size());
+  for (std::size_t row = 0; row < listed.size(); ++row) {
+    const Method& method = methods[row];
+    const std::string argument = method.takesRequest() ? "ay" : "";
+    std::erase(listed[row].back(), '`');
+    listed[row].erase(listed[row].begin());
+    EXPECT_EQ(listed[row], (std::vector<std::string>{
+                               method.name, argument, method.result, method.selector,
+                               method.takesRequest() ? method.request : "", method.reply}));
+  }
+}
+
+template <class Error>
+void expectRefusal(const Error& error, const std::vector<std::string>& groups) {
+  EXPECT_EQ(std::to_string(static_cast<std::int64_t>(error.kind())), groups[3]) << groups[2];
+  EXPECT_EQ(error.what(), groups[4]) << groups[2];
+}
+
+TEST(ProtocolDocument, EveryRefusedBodyIsRefusedAsToldThere) {
+  const auto rows = matches("\\| `(\\w+)` \\| `([^`]+)` \\| (\\d+) \\| `([^`]+)` \\|");
+  EXPECT_GE(rows.size(), 10U);
+  for (const auto& groups : rows) {
+    try {
+      ADD_FAILURE() << groups[2] << " is accepted: " << records().at(groups[1])(groups[2]);
+    } catch (const DecodingError& error) {
+      expectRefusal(error, groups);
+    } catch (const GenerationDTOError& error) {
+      expectRefusal(error, groups);
+    } catch (const HelperDTOError& error) {
+      expectRefusal(error, groups);
+    }
+  }
 }
 
 }  // namespace
