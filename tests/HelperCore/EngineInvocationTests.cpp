@@ -1,4 +1,3 @@
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -102,15 +101,6 @@ TEST(CLIInvocationBuilder, SetsDirectoriesWithoutTrailingSlashes) {
   EXPECT_EQ(environment.at("TMPDIR"), "/tmp/x");
   EXPECT_EQ(CLIInvocationBuilder::environment("/", "me", "/tmp").at("HOME"), "/");
   EXPECT_EQ(CLIInvocationBuilder::searchLocations("//").front(), "/.local/bin");
-}
-
-TEST(CurrentUser, ComesFromTheUserDatabase) {
-  const passwd* entry = ::getpwuid(::getuid());
-  const auto user = lookUpCurrentUser();
-  ASSERT_EQ(user.has_value(), entry != nullptr);
-  if (!user) return;
-  EXPECT_EQ(user->loginName, entry->pw_name);
-  EXPECT_TRUE(fs::equivalent(user->homeDirectory, entry->pw_dir));
 }
 
 }  // namespace

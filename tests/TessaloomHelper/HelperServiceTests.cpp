@@ -4,24 +4,15 @@
 
 #include <gtest/gtest.h>
 
-#include "HelperCore/ScriptedKernel.h"
 #include "TessaloomHelper/HelperService.h"
-#include "TessaloomHelper/ManualTasks.h"
+#include "TessaloomHelper/ServiceWithoutEngines.h"
 #include "support/TemporaryDirectory.h"
 
 namespace tessaloom {
 namespace {
 
-/// A service without engines, on a system with process 42 and a wall clock that a test sets.
-class HelperServiceTest : public testing::Test {
+class HelperServiceTest : public testing::Test, protected ServiceWithoutEngines {
  protected:
-  HelperServiceTest() {
-    kernel.table = {ownRecord(42)};
-    kernel.startTimes = {{42, kernel.table[0].start}, {99, kernel.table[0].start}};
-    kernel.wallClock = [this] { return Instant{Instant::duration{now++}}; };
-    kernel.processClock = Instant{Instant::duration{1'700'000'100}};
-  }
-
   /// Calls a method and does what that leaves to do. The only reply: a body, or what an error says.
   std::string call(HelperService& asked, std::string_view method, std::string_view body = {}) {
     std::vector<Reply> replies;  // All, so that a second one to the same call is seen.
@@ -42,33 +33,8 @@ class HelperServiceTest : public testing::Test {
     return succeeded;
   }
 
-  TemporaryDirectory temporary;
-  CLIRunner runner;
-  ManualTasks tasks;
   std::size_t started = 0;
   std::size_t unfinished = 0;
-  ScriptedKernel kernel;
-  double now = 1'800'000'000;
-  GenerationCoordinator coordinator{
-      runner,
-      temporary.path(),
-      {.currentUser = [] { return CurrentUser{"/nonexistent", "nobody"}; },
-       .engine =
-           [](GenerationEngineID engine, const auto&) {
-             return std::unexpected(
-                 GenerationErrorPayload{GenerationFailureKind::launchFailed, engine});
-           }}};
-  ExitWhenIdle exit{{}, {}, runner, tasks, [] {}};
-  ServiceContext context{.coordinator = coordinator,
-                         .kernel = kernel,
-                         .exitWhenIdle = exit,
-                         .runEngineCall =
-                             [this](std::function<void()> work) {
-                               tasks.runConcurrently(QualityOfService::userInitiated,
-                                                     std::move(work));
-                             },
-                         .shortVersion = "1.2\n\x1b\u200b" + std::string(40, 'x'),
-                         .maximumReplyBytes = 1'000};
   HelperService service{context};
 };
 

@@ -4,12 +4,9 @@
 #include <latch>
 #include <memory>
 #include <system_error>
-#include <vector>
 
 #include <gtest/gtest.h>
 
-#include "TessaloomHelper/ManualTasks.h"
-#include "linux/SerialQueue.h"
 #include "linux/ThreadTasks.h"
 #include "support/TemporaryDirectory.h"
 
@@ -81,20 +78,6 @@ TEST(ThreadTasksTest, TasksWaitAboveTheBoundAndWhenNoThreadCanBeMadeOrAreRefused
   EXPECT_THROW(refusing.runConcurrently(quality, [] {}), std::system_error);
   released.count_down();
   ::pthread_setattr_default_np(&before);
-}
-
-TEST(SerialQueueTest, KeepsWhatWasAcceptedAndNoJobThatFoundNoThread) {
-  ManualTasks tasks;
-  std::vector<int> ran;
-  {
-    SerialQueue queue(tasks, quality);
-    tasks.isExhausted = true;
-    EXPECT_THROW(queue.submit([&] { ran.push_back(1); }), std::bad_alloc);
-    tasks.isExhausted = false;
-    queue.submit([&] { ran.push_back(2); });
-  }
-  tasks.run();
-  EXPECT_EQ(ran, std::vector{2});
 }
 
 }  // namespace

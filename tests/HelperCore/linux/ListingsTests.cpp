@@ -15,7 +15,6 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
-#include <future>
 #include <memory>
 #include <new>
 #include <optional>
@@ -31,7 +30,6 @@
 #include "HelperCore/ProcessIdentity.h"
 #include "HelperCore/ProcessListing.h"
 #include "TLFoundation/FileDescriptor.h"
-#include "linux/Exclusive.h"
 #include "linux/LinuxKernel.h"
 #include "linux/LinuxProcessHandle.h"
 #include "linux/Parallel.h"
@@ -229,15 +227,6 @@ TEST(LinuxKernel, SharesDescriptorsAmongThreadsAndGivesThemBackWhenTheyRunShort)
       EXPECT_TRUE(kernel.openProcess(child.pid())->startTime());
     }
   }
-}
-
-TEST(Exclusive, IsHadByOneCallerAtATime) {
-  Exclusive<int> value;
-  const auto isFree = [&value] { return bool(value.tryTake()); };
-  auto loan = value.take();
-  EXPECT_FALSE(std::async(std::launch::async, isFree).get());
-  loan.reset();
-  EXPECT_TRUE(std::async(std::launch::async, isFree).get());
 }
 
 /// The processes that one of some listings remembers, until `wanted` is among them. On a busy
