@@ -1,5 +1,5 @@
-// A program of its own, because it replaces the allocator: what bodies and engine output may take
-// while they are read, and that no allocation that fails ends the process.
+// A program of its own, because it replaces the allocator: no allocation that fails ends the
+// process.
 
 #include <malloc.h>
 
@@ -18,14 +18,12 @@
 #include "HelperCore/GenerationOutputParser.h"
 #include "HelperProtocol/GenerationRequest.h"
 #include "HelperProtocol/HelperCoding.h"
-#include "support/Repeated.h"
 
 namespace {
 
 constexpr std::size_t never = std::numeric_limits<std::size_t>::max();
 
 std::atomic<std::size_t> live = 0;
-std::atomic<std::size_t> peak = 0;
 std::atomic<std::size_t> untilFailure = never;
 
 }  // namespace
@@ -35,7 +33,6 @@ void* operator new(std::size_t size) {
   void* block = std::malloc(size);
   if (block == nullptr) throw std::bad_alloc();
   live += malloc_usable_size(block);
-  if (live > peak) peak = live.load();
   return block;
 }
 
@@ -67,38 +64,6 @@ void readClaude(const std::string& text) {
 
 void readCodex(const std::string& text) {
   std::ignore = GenerationOutputParser::parseCodex(text, GenerationShape::itemFields, {});
-}
-
-TEST(Memory, ReadingTakesOnlyWhatIsKept) {
-  constexpr std::size_t size = 1'048'576;
-  const auto list = [](const std::string& before, const std::string& item,
-                       const std::string& after) {
-    return before + repeated(item + ",", size / (item.size() + 1)) + item + after;
-  };
-  const struct {
-    const char* name;
-    Read read;
-    std::string text;
-    std::size_t most;
-  } rows[] = {
-      // The library keeps the punctuation since the last literal.
-      {"array of objects", readBody<GenerationRequest>, list("[", "{}", "]"), 13 * size / 4},
-      {"unknown key", readBody<GenerationRequest>, list("{\"a\":[", "[]", "]}"), 13 * size / 4},
-      {"array for a text", readBody<GenerationRequest>, list("{\"prompt\":[", "\"\"", "]}"), 4'096},
-      {"tags", readBody<GeneratedFields>, list("{\"tags\":[", "\"t\"", "]}"), 16'384},
-      {"claude: objects", readClaude, list("{\"a\":[", "{}", "]}"), 13 * size / 4},
-      // The structured output is kept as text.
-      {"claude: tags", readClaude, list("{\"structured_output\":{\"tags\":[", "\"t\"", "]}}"),
-       5 * size},
-      {"codex: lines", readCodex, repeated("{}\n", size / 3), 4'096},
-  };
-  for (const auto& row : rows) {
-    const std::size_t before = live;
-    peak = before;
-    row.read(row.text);
-    EXPECT_LT(peak - before, row.most) << row.name;
-    EXPECT_EQ(live, before) << row.name;
-  }
 }
 
 // Whichever allocation fails, reading ends in std::bad_alloc and gives back what it had.

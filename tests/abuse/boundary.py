@@ -1,16 +1,14 @@
 """Who may call, what those who may not can do to those who may, and what one who may can take from others."""
 
-import contextlib
 import os
-import pathlib
 import time
 
 import honest
 from bus_peer import BUS, BUS_PATH, Peer
 from case import Skipped, case
 from sandbox import PROGRAM as SANDBOXED
-from session import (ACCESS_DENIED, ADMITTED, FILES, HELPER, HELPER_PATH, LIMITS_EXCEEDED, VERSION_WORDS, Outsider,
-                     engines, eventually, memory_of, processes)
+from session import (ACCESS_DENIED, ADMITTED, FILES, HELPER, HELPER_PATH, LIMITS_EXCEEDED, Outsider, engines,
+                     eventually, memory_of, processes)
 
 EDITOR = "[Application]\nname=com.brindlemoor.Tessaloom\n"
 
@@ -24,22 +22,6 @@ def forged_credentials(run):
               f"{outcomes.count('nothing')} without an answer")
 
 
-@case(rounds=40)
-def forged_replies(run):
-    """A peer answers for the bus whatever the helper asks about new callers."""
-    with run.load(), Outsider("forge_replies"):
-        for _ in range(run.rounds):
-            with run.client() as client:
-                client.ask("ProtocolVersion", right=1)
-
-
-@case(rounds=12)
-def forged_departures(run):
-    """A peer tells the helper that its callers have left, while they generate, list and kill."""
-    with Outsider("forge_departures"):
-        run.under_load((("kill",), ("generate", "cancel"), honest.BRIEF), turns=run.rounds)
-
-
 @case(rounds=1)
 def false_sandboxes(run):
     """Sandboxes that are no application's, and such as say that they are the editor's."""
@@ -50,22 +32,6 @@ def false_sandboxes(run):
         for row, info in rows.items():
             with Outsider("call_from_sandbox", program=SANDBOXED, info=info) as liar:
                 run.check(liar.first == [ACCESS_DENIED] * 3, f"a sandbox {row}: {liar.first}")
-
-
-@case(rounds=1, another_user=True)
-def another_user(run):
-    """Another user of the machine, even one who reaches the bus's socket."""
-    folder = pathlib.Path("/tmp/other-user")
-    if not folder.exists():
-        raise Skipped("it takes root to be two users")
-    address = os.environ["DBUS_SESSION_BUS_ADDRESS"]
-    for parent in pathlib.Path(address.removeprefix("unix:path=")).parents:
-        if parent.stat().st_uid == os.getuid():
-            parent.chmod(0o755)
-    (folder / "address.new").write_text(address)
-    (folder / "address.new").rename(folder / "address")
-    outcome = eventually((folder / "outcome").exists) and eventually((folder / "outcome").read_text)
-    run.check(outcome and outcome.startswith("Failed to register on connection"), f"it got {outcome}")
 
 
 @case(rounds=70)
@@ -122,27 +88,8 @@ def hanging(client, words="", **options):
 
 @case(rounds=1)
 def crowd(run):
-    """Callers take no more than their bounds and shares of calls, bodies, generations and probes, and of time."""
-    go = FILES / "go"
-    VERSION_WORDS.write_text(f"practice:wait-for={go}")
-    probe = ['{"engine":"codex"}', "", 0, ""]
-    with contextlib.ExitStack() as stack, run.client() as client:
-        crowd = [stack.enter_context(Outsider("ask_at_once", program=ADMITTED, method="GenerationEngineStatus",
-                                              requests=[probe] * 20)) for _ in range(4)]
-        for caller in crowd:
-            caller.go_on()
-        run.check(eventually(lambda: len(engines()) >= 16) and not eventually(lambda: len(engines()) > 16, 1),
-                  f"{len(engines())} engines run instead of 16")
-        VERSION_WORDS.unlink()
-        started = time.monotonic()
-        client.ask("GenerationEngineStatus", {"engine": "codex"}, lambda value, error: not error and "version" in value)
-        run.check(time.monotonic() - started < 5, "a probe waits for others' share")
-        run.under_load((("generate", "cancel"), honest.BRIEF), turns=4)
-        go.touch()
-        for caller in crowd:
-            outcomes = caller.report()
-            run.check((outcomes.count("admitted"), outcomes.count(LIMITS_EXCEEDED)) == (16, 4), f"outcomes: {outcomes}")
-
+    """Callers take no more than their bounds of calls, bodies, generations and time."""
+    with run.client() as client:
         resisting = ("ignore-term practice:grandchild=600000", "flood=5242880", "flood-err=5242880")
         three = [hanging(client, f"practice:{words}", timeout=5) for words in resisting]
         client.ask("GenerateText", honest.generation("One more"), (honest.GENERATION_ERROR + "engineRefused", 1))

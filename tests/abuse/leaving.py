@@ -22,40 +22,6 @@ from session import (ACCESS_DENIED, FILES, GENERATIONS, HELPER, VERSION_WORDS, O
 PORTABLE = (honest.BRIEF[:-1] + ("reconnect",), ("list", "ports", "reconnect"), ("generate", "status", "fail", "rest"))
 
 
-@case(rounds=6)
-def gone_at_once(run):
-    """What an admitted caller asks for is done, also when it leaves at once."""
-    with run.client() as patient:
-        for turn in range(run.rounds):
-            def ask_and_leave(client, method, request):
-                for _ in range(turn % 2):
-                    client.start("ListProcesses")  # What it waits behind.
-                client.start(method, request)
-                client.close()
-
-            def admitted():
-                client = run.client()
-                client.ask("ProtocolVersion", right=1)
-                return client
-
-            request, started = hanging(patient, timeout=5)
-            ask_and_leave(admitted(), "CancelGeneration", {"requestID": request["requestID"]})
-            patient.finish(started, CANCELLED)
-
-            up, go, done = (FILES / f"{name}-{turn}" for name in ("started", "go", "done"))
-            words = f"practice:touch={up} practice:wait-for={go} practice:touch={done}"
-            ask_and_leave(admitted(), "GenerateText", honest.generation(f"Go on {words}"))
-            run.check(eventually(up.exists), "a generation was dropped")
-            go.touch()
-            run.check(eventually(done.exists), "a generation was ended")
-
-            killer = honest.Honest(run.ledger, run.seed)
-            killer.list()
-            ask_and_leave(killer.client, "KillProcess", {"pid": killer.sleeper.pid, "signal": 9})
-            run.check(eventually(lambda: killer.sleeper.poll() is not None), "a signal was dropped")
-            killer.close()
-
-
 @case(rounds=1)
 def told_to_stop(run):
     """Every signal that a user or a session sends, and the end of its bus, end it in order: what it runs is cancelled,

@@ -8,10 +8,9 @@ import shutil
 import stat
 import subprocess
 
-from session import HELPER, HELPER_PATH, INTERFACE, eventually
+from session import eventually
 
-# Debian's users "daemon" and "bin": every system has them, and nothing runs as them.
-UNPRIVILEGED, ANOTHER = 1, 2
+UNPRIVILEGED = 1  # Debian's user "daemon": every system has it, and nothing runs as it.
 IS_ROOT = os.getuid() == 0
 USER = UNPRIVILEGED if IS_ROOT else os.getuid()
 IDENTIFY = "setpriv --clear-groups --regid={0} --reuid={0}"
@@ -76,13 +75,6 @@ def start(work, needs, words):
     root_first, become, users, drop = "", IDENTIFY.format(UNPRIVILEGED) if IS_ROOT else "", OWN_USERS, DROP
     if "privileged" in needs:
         drop = ""
-    if "another_user" in needs and IS_ROOT:
-        # Two users take root's own namespace of users.
-        become, users, drop = "", "", become
-        root_first = f"""chown {USER}:{USER} $ABUSE_RUNTIME /run/practice; mkdir -m 777 /tmp/other-user
-            {IDENTIFY.format(ANOTHER)} sh -c 'cd /tmp/other-user; until [ -e address ]; do sleep 0.1; done
-            dbus-send --bus=$(cat address) --print-reply --dest={HELPER} {HELPER_PATH} {INTERFACE}.ProtocolVersion >said 2>&1
-            mv said outcome' &"""
     with control_group(f"tessaloom-abuse-{os.getpid()}") if "manager" in needs else contextlib.nullcontext() as group:
         join = ["sh", "-c", f'echo $$ >{group}/cgroup.procs; exec "$@"', "sh"] if group else []
         if group:

@@ -77,17 +77,6 @@ def forge_replies():
             forge(peer, kind, serial + 1, helper, signature, arguments, error_name=error)
 
 
-def forge_departures():
-    """Tells the helper that everybody has left the bus, again and again."""
-    peer = connect()
-    report("ready")
-    while True:
-        for number in range(int(peer.name.split(".")[1]) + 100):
-            peer.send_message(SIGNAL, "sss", [f":1.{number}", f":1.{number}", ""], path=BUS_PATH, interface=BUS,
-                              member="NameOwnerChanged", destination=next(iter(peer.owners[HELPER])))
-        helper_serial(peer)  # It has read them.
-
-
 def call_from_sandbox(info=None):
     """Calls from a sandbox with a root of its own in which it writes what it likes."""
     with connect() as peer:
