@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/kcmp.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <cstddef>
 #include <expected>
 #include <string_view>
+#include <vector>
 
 #include "linux/ProcParser.h"
 
@@ -36,6 +38,14 @@ void addSockets(const ProcFiles& proc, std::int32_t number, std::vector<std::uin
   }
 }
 
+/// Of this process. Other threads open and close descriptors meanwhile, as they do in any other
+/// process.
+void addIfSocket(std::int32_t descriptor, std::vector<std::uint32_t>& inodes) {
+  struct statx status{};
+  if (statx(descriptor, "", AT_EMPTY_PATH, STATX_TYPE | STATX_INO, &status) != 0) return;
+  if (S_ISSOCK(status.stx_mode)) inodes.push_back(static_cast<std::uint32_t>(status.stx_ino));
+}
+
 /// Whether the kernel shows nothing of a process or thread. Then each link of its descriptors would
 /// be refused by the same rule, and listing them is work for nothing.
 bool isRefused(const std::expected<std::uint32_t, int>& network) {
@@ -55,16 +65,19 @@ SocketDescriptors readOwnSocketDescriptors(const ProcFiles& proc, const std::vec
   SocketDescriptors sockets;
   std::array<char, 4096> buffer;
   const auto room = parseDescriptorRoom(proc.read(ProcPath{getpid(), "status"}, buffer));
+  std::vector<pollfd> asked;
   for (std::int32_t number = 0; number < room.value_or(0); ++number) {
     const auto index = static_cast<std::size_t>(number);
-    if (index < kept.size() && kept[index]) continue;
-    struct statx status{};
-    // Other threads open and close descriptors meanwhile, as they do in any other process.
-    if (statx(number, "", AT_EMPTY_PATH, STATX_TYPE | STATX_INO, &status) != 0) continue;
-    if (S_ISSOCK(status.stx_mode)) {
-      sockets.inodes.push_back(static_cast<std::uint32_t>(status.stx_ino));
+    if (index >= kept.size() || !kept[index]) {
+      asked.push_back({.fd = number, .events = 0, .revents = 0});
     }
   }
+  // Most numbers are unused, and one call says which. It is refused for more numbers than this
+  // process may have, which somebody may have lowered; then each is looked at.
+  if (poll(asked.data(), asked.size(), 0) >= 0) {
+    std::erase_if(asked, [](const pollfd& each) { return (each.revents & POLLNVAL) != 0; });
+  }
+  for (const pollfd& each : asked) addIfSocket(each.fd, sockets.inodes);
   return sockets;
 }
 
