@@ -48,6 +48,7 @@ def told_to_stop(run):
         hanging(client)
         raised, *passed = (resource.prlimit(pid, resource.RLIMIT_NOFILE) for pid in (child.pid, *engines()))
         run.check(raised > given and passed == [given], f"limits: {raised} and {passed} for {given}")
+        run.check(int(status_of(child.pid)["FDSize"]) >= min(raised[0], 4096), "its table of descriptors has yet to grow")
         child.kill()
         run.check(eventually(lambda: not engines(), 2), "an engine outlives a helper that was killed")
         child.wait()

@@ -21,7 +21,8 @@ class ResourceLimits {
   static ResourceLimits current();
 
   /// Raises the soft limit on descriptors to `wantedDescriptors`, or to the hard limit where that
-  /// is lower. Never lowers it.
+  /// is lower. Never lowers it. Must be called while the process has one thread: it also makes room
+  /// for descriptors, which takes longer later.
   void raise() const;
 
   /// What setrlimit(2) with RLIMIT_NOFILE restores; nullopt when it could not be read.
