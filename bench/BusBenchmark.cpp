@@ -4,6 +4,7 @@
 //
 //   tessaloom calls             round trip, cold start and idle memory, beside the echo service
 //   tessaloom beside-listings   round trip while another connection lists processes
+//   tessaloom first-listings    a new helper's first listings, beside ps and ss
 //   tessaloom generations HOME  one generation, beside its engine run by hand; HOME is the home
 //   directory
 //                               that the helper sees
@@ -37,11 +38,10 @@
 #include "HelperProtocol/HelperCoding.h"
 #include "HelperProtocol/Methods.h"
 #include "HelperProtocol/linux/BusHandles.h"
+#include "Load.h"
 #include "Paired.h"
 #include "TLFoundation/Pipe.h"
 #include "TLFoundation/PointerArray.h"
-
-extern char** environ;
 
 namespace tessaloom {
 namespace {
@@ -162,6 +162,32 @@ void measureCallsBesideListings() {
             {std::ranges::max(peer)});
 }
 
+/// What the editor meets first: a helper that has answered two calls, and so has its threads, but
+/// has listed nothing.
+void measureFirstListings() {
+  const BusHandle bus = openBus();
+  const auto firstCall = [&](const char* method) {
+    stop(bus.get(), helperName);
+    for (int i = 0; i < 2; ++i) call(bus.get(), helperName, methodNamed("ProtocolVersion").name);
+    return timed([&] { call(bus.get(), helperName, method); });
+  };
+  const struct {
+    const char* name;
+    const char* method;
+    std::vector<std::string> peer;
+  } subjects[] = {{"processes", methodNamed("ListProcesses").name, psCommand()},
+                  {"ports", methodNamed("ListListeningPorts").name, ssCommand()}};
+  for (const Size& size : {Size{150, 31}, Size{1'000, 15}}) {
+    const Load load(size.processes);
+    for (const auto& [name, method, peer] : subjects) {
+      measurePairs(
+          {"listings-fresh", name, peer.front(), size.processes}, size.rounds,
+          [&] { return firstCall(method); }, [&] { return timed([&] { runPeer(peer); }); });
+    }
+  }
+  stop(bus.get(), helperName);
+}
+
 // Processes
 
 Pipe newPipe() {
@@ -263,10 +289,13 @@ int run(std::span<char*> arguments) {
     measureCalls();
   else if (command == "beside-listings" && arguments.size() == 2)
     measureCallsBesideListings();
+  else if (command == "first-listings" && arguments.size() == 2)
+    measureFirstListings();
   else if (command == "generations" && arguments.size() == 3)
     measureGenerations(arguments[2]);
   else
-    throw std::invalid_argument("usage: tessaloom calls | beside-listings | generations HOME");
+    throw std::invalid_argument(
+        "usage: tessaloom calls | beside-listings | first-listings | generations HOME");
   return EXIT_SUCCESS;
 }
 

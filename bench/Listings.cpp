@@ -3,16 +3,10 @@
 //
 //   ListingsBenchmark TABLE    TABLE is the table of the report that the rows belong to
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdio>
 #include <functional>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,66 +14,12 @@
 #include "HelperCore/ListeningPorts.h"
 #include "HelperCore/ProcessListing.h"
 #include "HelperProtocol/HelperCoding.h"
+#include "Load.h"
 #include "Paired.h"
-#include "TLFoundation/FileDescriptor.h"
 #include "linux/ResourceLimits.h"
-
-extern char** environ;
 
 namespace tessaloom {
 namespace {
-
-/// A program that runs beside this one, with its output going nowhere or to a pipe.
-class Program {
- public:
-  Program(std::vector<std::string> words, int input, int output) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-    std::vector<char*> arguments;
-    for (std::string& word : words) arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    const int error =
-        posix_spawnp(&pid_, arguments[0], &actions, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) throw std::runtime_error(words[0] + " does not start");
-  }
-  ~Program() { ::waitpid(pid_, nullptr, 0); }
-  Program(const Program&) = delete;
-  Program& operator=(const Program&) = delete;
-
- private:
-  pid_t pid_ = -1;
-};
-
-/// Processes that hold descriptors and sockets until this object is gone.
-class Load {
- public:
-  Load(int processes, int descriptors, int sockets) {
-    int input[2];
-    int output[2];
-    if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0) {
-      throw std::runtime_error("no pipes");
-    }
-    FileDescriptor inputEnd(input[0]);
-    FileDescriptor outputEnd(output[1]);
-    keepAlive_ = FileDescriptor(input[1]);
-    FileDescriptor answers(output[0]);
-    program_ =
-        std::make_unique<Program>(std::vector{std::string(PROCESS_LOAD), std::to_string(processes),
-                                              std::to_string(descriptors), std::to_string(sockets)},
-                                  input[0], output[1]);
-    outputEnd.reset();
-    char byte = 0;
-    if (::read(answers.get(), &byte, 1) != 1) throw std::runtime_error("the load is not ready");
-  }
-  ~Load() { keepAlive_.reset(); }
-
- private:
-  std::unique_ptr<Program> program_;  // Waited for once its input is closed.
-  FileDescriptor keepAlive_;
-};
 
 std::size_t listProcesses(Kernel& kernel) {
   std::vector<ProcessSample> samples;
@@ -92,11 +32,6 @@ std::size_t listProcesses(Kernel& kernel) {
 
 std::size_t listPorts(Kernel& kernel) {
   return HelperCoding::makeEncoder().encode(listListeningPorts(kernel)).size();
-}
-
-void runPeer(const std::vector<std::string>& words) {
-  const FileDescriptor nowhere(::open("/dev/null", O_RDWR | O_CLOEXEC));
-  const Program peer(words, nowhere.get(), nowhere.get());
 }
 
 struct Subject {
@@ -128,19 +63,10 @@ void measure(const std::string& table, const Subject& subject, Kernel& known, in
 }
 
 void measureAll(const std::string& table) {
-  const std::vector<Subject> subjects{
-      {"processes",
-       {{"ps", "-u", std::to_string(::geteuid()), "-o", "pid,ppid,tty,lstart,rss,comm"}},
-       listProcesses},
-      {"ports", {{"ss", "-lntup"}, {"lsof", "-nP", "-i"}}, listPorts}};
-  constexpr int descriptorsEach = 14;
-  struct Size {
-    int processes;
-    int sockets;
-    int rounds;
-  };
-  for (const Size& size : {Size{150, 30, 31}, Size{1'000, 200, 15}, Size{5'000, 1'000, 7}}) {
-    const Load load(size.processes, descriptorsEach, size.sockets);
+  const std::vector<Subject> subjects{{"processes", {psCommand()}, listProcesses},
+                                      {"ports", {ssCommand(), {"lsof", "-nP", "-i"}}, listPorts}};
+  for (const Size& size : {Size{150, 31}, Size{1'000, 15}, Size{5'000, 7}}) {
+    const Load load(size.processes);
     const auto known = makeSystemKernel();
     // What is known of a process counts when its probe is old enough.
     for (int warmUp = 0; warmUp < 3; ++warmUp) {

@@ -22,6 +22,7 @@ TABLES = {
     "load": ("Calls while another connection lists 5,000 processes", "cost"),
     "generations": ("Generations, beside the engine started by hand", "cost"),
     "memory": ("Idle memory in KiB, beside a bare sd-bus service", "cost"),
+    "listings-fresh": ("A helper's first listing, over the bus", "speed"),
     "listings-1024": ("Listings with a soft limit of 1,024 descriptors, as a session gives it", "speed"),
     "listings-20000": ("Listings with a soft limit of 20,000 descriptors", "speed"),
     "listings-pinned": ("Listings pinned to one processor", "speed"),
