@@ -109,9 +109,6 @@ TEST(GenerationOutputParser, ParsesClaude) {
        {"Unicode space around", "\u3000" + structured(R"({"content":"x"})") + "\u2029", "x"},
        {"is_error", besides(R"("is_error":true,"result":"Overloaded\nnow")"),
         "nonZeroExit: Overloadednow"},
-       {"is_error with a marker", R"({"is_error":true,"result":"INVALID API KEY"})",
-        "notAuthenticated: INVALID API KEY"},
-       {"is_error without result", R"({"is_error":true})", someError},
        {"is_error with a result of another type", R"({"is_error":true,"result":401})", someError},
        {"is_error as a string", besides(R"("is_error":"true")"), "x"},
        {"api error number", besides(R"("api_error_status":529)"), someError},
@@ -220,12 +217,9 @@ TEST(GenerationOutputParser, ClassifiesFailures) {
 
 TEST(GenerationOutputParser, StripsCodeFences) {
   const std::pair<std::string, std::string> rows[] = {
-      {"  plain \n", "plain"},
-      {"```json\n{}\n```", "{}"},
       {"\u2003```\r\n a\r\n```\n", "a"},
       {"```\na\n```\nb\n```", "a\n```\nb"},
       {"```\na````", "a`"},
-      {"```\n```", ""},
   };
   for (const auto& [text, expected] : rows)
     EXPECT_EQ(GenerationOutputParser::stripCodeFence(text), expected) << text;

@@ -52,10 +52,6 @@ std::int32_t forkSharing(std::int32_t closed) {
   return 0;
 }
 
-std::int32_t enterNetwork() {
-  return unshare(CLONE_NEWNET) == 0 ? 0 : unshare(CLONE_NEWUSER | CLONE_NEWNET);
-}
-
 std::int32_t openListener() {
   const int made = socket(AF_INET, SOCK_STREAM, 0);
   return listen(made, 1) == 0 ? made : -1;
@@ -142,7 +138,7 @@ std::int32_t obey(const Request& request, int received, char** arguments) {
     case Command::forkSharing:
       return forkSharing(request.first);
     case Command::enterNetwork:
-      return enterNetwork();
+      return unshare(CLONE_NEWNET) == 0 ? 0 : unshare(CLONE_NEWUSER | CLONE_NEWNET);
     case Command::churnSockets:
       return churnSockets(request.first);
     case Command::listen:
@@ -156,7 +152,6 @@ std::int32_t obey(const Request& request, int received, char** arguments) {
     }
     case Command::execAgain:
       execv("/proc/self/exe", arguments);
-      return -1;
   }
   return -1;
 }
