@@ -6,8 +6,7 @@
 //   tessaloom beside-listings   round trip while another connection lists processes
 //   tessaloom first-listings    a new helper's first listings, beside ps and ss
 //   tessaloom generations HOME  one generation, beside its engine run by hand; HOME is the home
-//   directory
-//                               that the helper sees
+//                               directory that the helper sees
 
 #include <fcntl.h>
 #include <signal.h>
@@ -94,8 +93,8 @@ pid_t processOf(sd_bus* bus, const char* service) {
   return pid;
 }
 
-/// Ends the service. Its process may stay a zombie for as long as whoever reaps it likes, so the
-/// end is that of the name, with a moment for what follows it.
+/// Ends the service. Its process may stay a zombie until its parent reaps it, so the end of the
+/// name counts, with a moment for what follows.
 void stop(sd_bus* bus, const char* service) {
   const pid_t pid = processOf(bus, service);
   if (pid <= 0) return;

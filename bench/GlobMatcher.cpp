@@ -29,7 +29,7 @@ struct Case {
   bool expected;
 };
 
-/// So many times the text.
+/// The text, repeated.
 std::string repeated(const std::string& text, std::size_t count) {
   std::string result;
   while (count-- > 0) result += text;

@@ -62,7 +62,7 @@ void addRequest(const std::string& subject, const std::string& character) {
   addDecoding<GenerationRequest>(subject, "", HelperCoding::makeEncoder().encode(request));
 }
 
-/// A body of so many bytes that consists of small values which nobody asked for.
+/// A body of `bytes` bytes that consists of small values with unknown keys.
 void addHostileValues(std::size_t bytes) {
   std::string body = R"({"requestID":")" + UUID::random().string() + R"(","others":[0)";
   while (body.size() + 4 <= bytes) body += ",0";

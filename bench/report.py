@@ -16,7 +16,7 @@ import math
 import re
 import statistics
 
-# Title, and whether the ratio says how much dearer (cost) or how many times as fast (speed) the helper is.
+# Title, and whether the ratio says how much more expensive (cost) or how many times as fast (speed) the helper is.
 TABLES = {
     "calls": ("Calls, beside a bare sd-bus service", "cost"),
     "load": ("Calls while another connection lists 5,000 processes", "cost"),

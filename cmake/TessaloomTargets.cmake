@@ -13,7 +13,7 @@ find_package(Threads REQUIRED)
 # Where the sources of a target are compiled as one, the locals of one would shadow what the others keep to themselves.
 # Instantiated by clang, stable_sort of the standard library of g++ 12 uses what that library deprecates.
 # g++ 12 sees null pointers and overlaps inside inlined library code that cannot be (GCC bug 105651 and its
-# like), the more so the more it optimises.
+# like), the more so the more it optimizes.
 add_library(tessaloom_settings INTERFACE)
 target_compile_options(
   tessaloom_settings

@@ -64,7 +64,7 @@ bool checkJSON(std::string_view text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view body(reinterpret_cast<const char*>(data), size);
-  // What is no JSON is refused before the record matters, so one of them is enough.
+  // What is not JSON is refused before the record matters, so one record is enough.
   if (!checkJSON(body)) {
     REQUIRE(!decoded<GenerationRequest>(body));
     return 0;

@@ -7,8 +7,7 @@
 // to standard error and exits with 64. Otherwise it answers in that engine's real format, with a
 // text made from the first line of the task. `--version` prints what the real ones print.
 //
-// It misbehaves on request, by words in the task, carried out in their order,
-// before the answer:
+// It misbehaves on request, by words in the task, carried out in their order before the answer:
 //
 //   practice:sleep=MS           waits
 //   practice:hang               waits for ten minutes
@@ -95,7 +94,7 @@ struct Session {
   std::string task;
   std::optional<std::string> answer;  ///< Instead of the engine's own.
   bool invalidUTF8 = false;
-  bool readsInput = false;  ///< Whether standard input is read to its end before leaving.
+  bool readsInput = false;  ///< Whether standard input is read to its end before exiting.
   int exitStatus = 0;
   int deathSignal = 0;
 };

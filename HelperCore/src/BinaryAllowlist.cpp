@@ -11,7 +11,7 @@
 namespace tessaloom {
 namespace {
 
-/// Why a candidate that exists is refused; nothing when it is acceptable.
+/// Why a candidate that exists is refused; nullopt if it is acceptable.
 std::optional<BinaryRejection> rejectionOf(const FileFacts& facts, uid_t currentUID) {
   if (!facts.isRegularFile) return Rejection::NotRegularFile{};
   if (!facts.isExecutable) return Rejection::NotExecutable{};

@@ -38,7 +38,7 @@ struct OptionRule {
   bool takesDashedWord = false;
 };
 
-/// What a person got wrong about the command line, as a sentence.
+/// What is wrong with the command line, as a sentence for the user.
 struct UsageError {
   std::string message;
 };

@@ -32,7 +32,7 @@ CallReply callAndWait(Transport& transport, std::string_view method,
     reply = std::move(answer);
     isAnswered = true;
   });
-  // A person need not wait in silence for what usually takes no time.
+  // Such a call usually takes no time, so a long wait is announced.
   bool isAnnounced = false;
   if (limit == callPatience && console::errorIsTerminal()) {
     loop.every(silence, [&isAnnounced] {

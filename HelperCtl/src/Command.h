@@ -23,8 +23,7 @@ struct Positional {
   bool repeats = false;  ///< Of the last one only.
 };
 
-/// One command of the client. Dispatch, help and completion know the commands by the table of them
-/// alone.
+/// One command of the client. Dispatch, help and completion all read one table of commands.
 struct Command {
   std::string_view name;
   std::string_view summary;  ///< One short line, an imperative.
@@ -51,7 +50,7 @@ inline constexpr OptionRule timeoutOption{"--timeout", "SECONDS", "5 to 300 (def
 inline constexpr OptionRule idOption{"--id", "UUID", "the generation's ID (default: a new one)"};
 inline constexpr OptionRule signalOption{
     "--signal", "SIGNAL", "INT, TERM (default) or KILL", 's', WordKind::signal, true};
-inline constexpr OptionRule headersOption{"--no-headers", "", "leave out the line of titles"};
+inline constexpr OptionRule headersOption{"--no-headers", "", "omit the header line"};
 inline constexpr OptionRule watchOption{"--watch", "", "redraw every two seconds", 'w'};
 
 CommandResult runVersion(const Arguments& arguments);

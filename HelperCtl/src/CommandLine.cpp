@@ -39,7 +39,7 @@ constexpr std::array commands{
     Command{"version", "show the helper's protocol version", "", {}, {}, runVersion},
     Command{"capabilities", "show the helper's version and abilities", "", {}, {}, runCapabilities},
     Command{"freshness",
-            "check whether the helper was replaced",
+            "check whether the helper is outdated",
             "A helper whose executable has been replaced exits once no generation is running;\n"
             "the next call starts the new one.\n",
             {},

@@ -22,7 +22,7 @@ struct Candidate {
 };
 using Candidates = std::vector<Candidate>;
 
-/// Nobody waits longer than this for a shell's suggestions.
+/// How long a shell's completion may wait for the helper.
 constexpr std::chrono::seconds patience{2};
 
 Candidates plain(std::initializer_list<std::string_view> words) {
@@ -108,7 +108,7 @@ Candidates optionCandidates(std::span<const OptionRule> rules) {
   return candidates;
 }
 
-/// Candidates for the positional that comes after so many others.
+/// Candidates for the positional at `index`.
 Candidates positionalCandidates(const Command& command, std::size_t index) {
   if (command.positionals.empty()) return {};
   const bool isOpen = command.positionals.back().repeats;

@@ -62,7 +62,7 @@ Check checkVersion(Transport& transport) {
 
 Check checkUser(const std::optional<CurrentUser>& user) {
   if (!user) {
-    return {bad, "user", "the user database does not know user " + std::to_string(getuid()),
+    return {bad, "user", "the user database has no user " + std::to_string(getuid()),
             "See: getent passwd " + std::to_string(getuid())};
   }
   return {good, "user",

@@ -146,7 +146,7 @@ EngineCheck checkFoundEngine(GenerationEngineID engine, const std::optional<Curr
   const auto executable = resolveEngine(engine, user);
   check.finding = executable ? safeLine(executable->string()) : "found by the helper";
   if (version.empty() && executable) {
-    // A helper that got no version in all the time that it waits need not be proved right.
+    // Where the helper's own probe ran into its time limit, another probe would only do so again.
     const EngineProbe probe = hasHung ? hungProbe() : probeEngine(*executable, *user);
     if (!probe.problem.empty()) {
       check.outcome = bad;
@@ -171,7 +171,7 @@ EngineCheck checkFoundEngine(GenerationEngineID engine, const std::optional<Curr
   return {check, false};
 }
 
-/// Asks the helper about an engine or, where there is none to ask, looks itself.
+/// Asks the helper about an engine; without a helper, looks for the engine itself.
 EngineCheck checkEngine(Transport* transport, GenerationEngineID engine,
                         const std::optional<CurrentUser>& user) {
   const std::string subject(wireValue(engine));

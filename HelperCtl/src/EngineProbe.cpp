@@ -113,7 +113,7 @@ std::string startProblem(int error, const std::filesystem::path& executable) {
 
 std::string endProblem(int status, const std::string& errorText) {
   std::string problem = WIFSIGNALED(status)
-                            ? "it died by signal " + std::to_string(WTERMSIG(status))
+                            ? "it was killed by signal " + std::to_string(WTERMSIG(status))
                             : "it exited with status " + std::to_string(WEXITSTATUS(status));
   const std::string line = firstLine(errorText);
   return line.empty() ? problem : problem + ": " + line;

@@ -20,9 +20,9 @@
 namespace tessaloom {
 namespace {
 
-/// The line that says how long the engine has been at work. It is drawn only where it can be wiped
-/// away again, and only while this process is in the terminal's foreground: elsewhere it would
-/// disturb what the person is doing there, and Ctrl-C would not come here.
+/// The line that shows how long the engine has been running. It is drawn only where it can be
+/// erased again, and only while this process is in the terminal's foreground: elsewhere it would
+/// overwrite what the user is doing there, and Ctrl-C would not reach this process.
 class ProgressLine {
  public:
   explicit ProgressLine(GenerationEngineID engine) : engine_(wireValue(engine)) {}

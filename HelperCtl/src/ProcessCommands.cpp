@@ -62,7 +62,7 @@ const std::vector<ListingColumn<ProcessSample>> processColumns{
      isBeforeBy<&ProcessSample::command, ProcessSample>},
     {{"MEMORY", right},
      [](const ProcessSample& process) { return humanBytes(process.residentBytes()); },
-     // As with a size, the largest is what one looks for.
+     // The largest first: that is what a user looks for.
      [](const ProcessSample& a, const ProcessSample& b) {
        return a.residentBytes() > b.residentBytes();
      }},
@@ -204,7 +204,7 @@ void Listing<Record>::show(std::vector<Record> records) const {
   for (const std::string& line : lines(records)) console::print(line + "\n");
 }
 
-/// Over what the last redraw left, without a moment at which the terminal is empty.
+/// Draws over the previous lines instead of clearing the terminal first, which would flicker.
 template <class Record>
 void Listing<Record>::redraw(std::vector<Record> records) const {
   choose(records);

@@ -36,8 +36,8 @@ using CallReply = std::expected<Bytes, CallError>;
 
 /// One connection to the helper.
 ///
-/// For one thread. Nothing blocks: the owner polls `readiness` and lets `process` do what can be
-/// done. Calls are sent in the order they were made; replies may come in any order.
+/// For one thread. Nothing blocks: the owner polls `readiness` and then calls `process`. Calls are
+/// sent in the order they were made; replies may come in any order.
 class Transport {
  public:
   using Handler = std::function<void(CallReply)>;

@@ -47,8 +47,7 @@ class Router final : public nlohmann::json_sax<json> {
   bool start_array(std::size_t /*size*/) override { return open(JSONContainer::array); }
   bool end_array() override { return close(); }
 
-  // The library's message has numbers of its own before what is wrong, and may quote the text
-  // after.
+  // The library's message begins with numbers of its own and may end with a quotation of the text.
   bool parse_error(std::size_t position, const std::string& /*token*/,
                    const json::exception& error) override {
     constexpr std::string_view separator = " - ";

@@ -9,7 +9,7 @@
 
 namespace tessaloom {
 
-/// The case of `cases` whose wire value is `text`; nothing when there is none.
+/// The case of `cases` whose wire value is `text`; nullopt if there is none.
 template <class Enum, std::size_t count>
 std::optional<Enum> caseNamed(std::string_view text, const std::array<Enum, count>& cases) {
   for (const Enum one : cases) {

@@ -21,7 +21,7 @@ namespace {
 
 using Clock = ChildProcess::Clock;
 
-/// The whole seconds of a timeout. One that has none is a fault of the caller.
+/// The whole seconds of a timeout. One that is not a number of seconds is an error of the caller.
 std::int64_t wholeSeconds(std::chrono::duration<double> timeout) {
   constexpr double limit = 0x1p63;
   const double seconds = timeout.count();

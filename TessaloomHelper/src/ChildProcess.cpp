@@ -18,7 +18,7 @@ namespace {
 bool isZombie(pid_t pid, int options) {
   siginfo_t info{};  // For a child that still runs, si_pid stays as it was.
   while (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT | options) != 0) {
-    if (errno != EINTR) return true;  // ECHILD: the system has forgotten it.
+    if (errno != EINTR) return true;  // ECHILD: it has been reaped already.
   }
   return info.si_pid != 0;
 }

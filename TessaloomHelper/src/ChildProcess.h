@@ -63,8 +63,7 @@ class ChildProcess {
   /// Blocks until the child has exited. Does not reap it, so no other process can get its pid.
   void awaitExit() const;
 
-  /// Reaps an exited child. The exit status, or the number of the
-  /// signal that ended it.
+  /// Reaps an exited child. Returns the exit status, or the number of the signal that ended it.
   std::int32_t reap() TL_EXCLUDES(lock_);
 
   /// Kills the group and reaps: for a run that cannot go on. Does nothing after `reap`.

@@ -75,8 +75,8 @@ std::expected<ChildRun, int> ChildRun::launch(const CLIInvocation& invocation,
   if (!input) return std::unexpected(input.error());
   auto wake = makePipe(PipeMode::nonblocking);
   if (!wake) return std::unexpected(wake.error());
-  // A write of more than there is room for must not wait. A read follows the news that there is
-  // something to read, so it never waits.
+  // A write of more than fits must not block. A read comes after poll has reported data, so it
+  // never blocks.
   if (::fcntl(input->writeEnd.get(), F_SETFL, O_NONBLOCK) != 0) return std::unexpected(errno);
 
   const std::string_view text =
@@ -142,7 +142,7 @@ void ChildRun::moveBytes(Clock::time_point until) {
   if (watched[input].revents != 0) input_.writeSome();
   if (watched[wake].revents != 0) empty(wake_);
   if (watched[exit].revents != 0) {
-    // The news can be a moment ahead of the zombie on macOS.
+    // On macOS the notice can come a moment before the child is a zombie.
     child_->awaitExit();
     exited_ = true;
   }

@@ -7,12 +7,12 @@ namespace tessaloom {
 
 ExitWhenIdle::ExitWhenIdle(std::optional<std::filesystem::path> executable,
                            std::optional<ExecutableIdentity> start, CLIRunner& runner, Tasks& tasks,
-                           std::function<void()> leave)
+                           std::function<void()> exitProcess)
     : executable_(std::move(executable)),
       start_(start),
       runner_(runner),
       tasks_(tasks),
-      leave_(std::move(leave)) {}
+      exitProcess_(std::move(exitProcess)) {}
 
 bool ExitWhenIdle::isExecutableReplaced() const {
   if (!start_ || !executable_) return false;
@@ -26,10 +26,10 @@ void ExitWhenIdle::scheduleExitWhenIdle(std::chrono::milliseconds delay) noexcep
   try {
     tasks_.runAfter(delay, QualityOfService::utility, [this] {
       if (runner_.unfinishedCount() > 0) return scheduleExitWhenIdle(nextCheck);
-      leave_();
+      exitProcess_();
     });
   } catch (const std::exception&) {
-    return;  // Neither memory nor a thread to be had: the helper stays until it is asked again.
+    return;  // No memory or no thread: the helper continues until it is asked again.
   }
 }
 

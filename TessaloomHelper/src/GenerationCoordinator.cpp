@@ -56,8 +56,9 @@ GenerationCoordinator::GenerationCoordinator(CLIRunner& runner,
       temporaryDirectory_(std::move(temporaryDirectory)),
       lookups_(std::move(lookups)) {}
 
-// The user database is a file or a service, and not each of its modules says that it could not be
-// opened for want of a descriptor. A user who is truly unknown is rare and can wait.
+// The user database is a file or a service, and not every module reports that it could not be
+// opened for lack of a descriptor. A user who really is unknown is rare, so the retries cost
+// little.
 std::optional<CurrentUser> GenerationCoordinator::currentUser() const {
   constexpr std::chrono::milliseconds pauses[] = {0ms, 10ms, 40ms, 160ms};
   auto user = lookups_.currentUser();
@@ -104,7 +105,7 @@ std::expected<GenerationResult, GenerationErrorPayload> GenerationCoordinator::g
   if (!run) return std::unexpected(run.error());
 
   auto parsed = parseOutput(*run, request);
-  const auto end = Clock::now();  // Cleaning the text is the helper's own time.
+  const auto end = Clock::now();  // Cleaning the text does not count.
   if (!parsed) return std::unexpected(std::move(parsed.error()));
   return GenerationResult{
       .requestID = request.requestID(),
@@ -132,7 +133,7 @@ EngineStatus GenerationCoordinator::engineStatus(const EngineStatusRequest& requ
   Environment environment;
   std::expected<FileDescriptor, int> directory;
   if (const auto user = currentUser()) {
-    // The engine may want to write there; where it cannot, that is its own affair.
+    // The engine may write there; the probe runs even if the directory cannot be made.
     directory = openPrivateDirectory(temporaryDirectory_);
     environment = CLIInvocationBuilder::environment(user->homeDirectory, user->loginName,
                                                     temporaryDirectory_);

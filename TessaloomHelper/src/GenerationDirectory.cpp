@@ -29,7 +29,7 @@ int makeDirectories(const std::filesystem::path& path) {
     made = ::mkdir(path.c_str(), ownerOnly);
   }
   if (made != 0) return errno == EEXIST ? 0 : errno;
-  // The umask took its part, and a parent's group bit may have come along.
+  // The umask may have cleared bits, and a parent's set-group-ID bit may have been inherited.
   return ::chmod(path.c_str(), ownerOnly) == 0 ? 0 : errno;
 }
 
@@ -91,7 +91,7 @@ class TreeRemoval {
 
   void run() {
     if (!root_) return;
-    // Someone may still be writing here, so this ends some time even while it gets on.
+    // A process may still be writing here, so the number of passes is bounded.
     for (int passes = 0; passes < maximumPasses && removeEntries(); ++passes) root_.rewind();
   }
 
@@ -167,8 +167,8 @@ bool writeAll(const FileDescriptor& file, std::string_view text) {
 }  // namespace
 
 std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::path& directory) {
-  // Another process may remove it each time before it is locked here, so what counts is the time,
-  // in which others get on, and not how often.
+  // Another process may remove it each time before it is locked here, so the attempts are bounded
+  // by time, not by number.
   constexpr std::chrono::seconds patience{1};
   constexpr std::chrono::milliseconds pause{1};  // Removing it takes less.
   const auto end = std::chrono::steady_clock::now() + patience;

@@ -17,7 +17,8 @@ namespace tessaloom {
 std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::path& directory);
 
 /// Removes a directory that `openPrivateDirectory` would accept, if it is empty and neither this
-/// nor another process uses it. One that starts to use it at the same moment makes it again.
+/// nor another process uses it. A process that starts to use it at the same moment creates it
+/// again.
 void removeUnusedDirectory(const std::filesystem::path& directory);
 
 /// The directory of one generation, "tessaloom-generation-" and the request id. It is removed when

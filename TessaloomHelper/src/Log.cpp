@@ -10,7 +10,7 @@ namespace tessaloom {
 
 void logLine(std::string_view text, std::string_view cause) {
   constexpr std::int64_t limit = 500;  // Unicode scalars.
-  // The cause is cleaned on its own: cleaning trims the ends.
+  // The cause is cleaned on its own, so that the limit applies to each of the two.
   const std::string end = cause.empty() ? "" : ": " + DisplayString::singleLine(cause, limit);
   const std::string line = "helper: " + DisplayString::singleLine(text, limit) + end + '\n';
   [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());

@@ -4,8 +4,8 @@
 
 namespace tessaloom {
 
-/// Somebody who starts the helper to see what it is gets an answer on standard output instead of a
-/// helper: true when `option` asks for one. `starter` is what starts the helper otherwise.
+/// Handles --help and --version: prints the answer on standard output and returns true; false for
+/// any other `option`. `starter` is what normally starts the helper.
 bool describeSelf(std::string_view option, std::string_view program, std::string_view starter);
 
 }  // namespace tessaloom

@@ -79,8 +79,8 @@ async function generate(helper, engine, prompt) {
 }
 
 /**
- * The answer to a cancelled generation is the generation's own: an error of the kind "cancelled". Until its engine was
- * launched nothing can be stopped, so the cancellation is repeated.
+ * The answer to a cancelled generation is the generation's own: an error of the kind "cancelled". Until its engine has
+ * been launched nothing can be stopped, so the cancellation is repeated.
  */
 async function cancel(helper, engine, prompt) {
   const request = generationRequest(engine, prompt);

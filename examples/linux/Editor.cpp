@@ -4,9 +4,9 @@
 //   tessaloom generate ENGINE PROMPT  generates text
 //   tessaloom cancel ENGINE PROMPT    starts a generation and cancels it
 //   tessaloom stop                    starts a program, finds it in the listing and ends it
-//   tessaloom update                  what to do after the package was updated
+//   tessaloom update                  what to do after the package has been updated
 //
-// It believes a reply only if the helper or the bus sent it: see ReplyFilter.
+// It accepts a reply only if the helper or the bus sent it: see ReplyFilter.
 //
 // GDBus rather than sd-bus, because a sandboxed program reaches the session bus through Flatpak's
 // proxy, and sd-bus clients do not get past the one of Debian 12. The helper admits the sandboxed
@@ -355,8 +355,8 @@ int generate(Helper& helper, std::string_view engine, std::string_view prompt) {
 }
 
 /// The answer to a cancelled generation is the generation's own: an error of the kind "cancelled".
-/// The cancel call only says whether an engine was running at that moment. Until it was launched
-/// nothing can be signaled, so the call is repeated.
+/// The cancel call only says whether an engine was running at that moment. Until it has been
+/// launched nothing can be signaled, so the call is repeated.
 int cancel(Helper& helper, std::string_view engine, std::string_view prompt) {
   const json request = generationRequest(engine, prompt);
   std::optional<Reply> reply;

@@ -38,19 +38,19 @@ final class Assistant {
     }
   }
 
-  /// Before its engine was launched a generation cannot be stopped, so this repeats until it takes effect.
+  /// Before its engine has been launched a generation cannot be stopped, so this repeats until it takes effect.
   func cancel() {
     guard let identifier = running else { return }
-    helper.cancel(identifier) { isSignalled in
-      guard !isSignalled else { return }
+    helper.cancel(identifier) { isSignaled in
+      guard !isSignaled else { return }
       DispatchQueue.main.asyncAfter(deadline: .now() + 0.1) { self.cancel() }
     }
   }
 
   /// The listing that allows the signal is a part of the call.
   func stop(process: Int32, show: @escaping (String) -> Void) {
-    helper.stopProcess(process) { isSignalled, message in
-      DispatchQueue.main.async { show(isSignalled ? "Stopped." : message) }
+    helper.stopProcess(process) { isSignaled, message in
+      DispatchQueue.main.async { show(isSignaled ? "Stopped." : message) }
     }
   }
 }

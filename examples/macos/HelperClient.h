@@ -42,17 +42,17 @@ typedef NS_ENUM(NSInteger, HelperFailure) {
     NS_SWIFT_NAME(generateText(_:engine:identifier:reply:));
 
 /// Whether an engine was running and is being stopped. Repeat it until it says so or the generation
-/// has replied: before the engine was launched there is nothing to stop.
+/// has replied: before the engine has been launched there is nothing to stop.
 - (void)cancel:(NSString*)identifier
-         reply:(void (^)(BOOL isSignalled))reply NS_SWIFT_NAME(cancel(_:reply:));
+         reply:(void (^)(BOOL isSignaled))reply NS_SWIFT_NAME(cancel(_:reply:));
 
 /// Lists the processes and ends the given one. The message is for the user.
 - (void)stopProcess:(int)pid
-              reply:(void (^)(BOOL isSignalled, NSString* message))reply
+              reply:(void (^)(BOOL isSignaled, NSString* message))reply
     NS_SWIFT_NAME(stopProcess(_:reply:));
 
-/// Once after the editor starts and after it was updated: a helper whose executable was replaced
-/// exits as soon as no generation runs, and the next call starts the new one.
+/// Once after the editor starts and after it has been updated: a helper whose executable has been
+/// replaced exits as soon as no generation runs, and the next call starts the new one.
 - (void)afterUpdate;
 
 @end

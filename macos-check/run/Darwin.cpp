@@ -128,7 +128,7 @@ int list(const std::vector<Record>& records, void* buffer, int size) {
   return filled;
 }
 
-/// The internet sockets of a network namespace, by inode, as /proc/net tells them.
+/// The internet sockets of a network namespace, by inode, as /proc/net lists them.
 using Sockets = std::unordered_map<std::string, socket_info>;
 
 void addSockets(Sockets& sockets, int pid, std::string_view table) {

@@ -60,15 +60,15 @@ std::string answer(HelperClient* client, std::string_view command, const char* f
                      }];
     } else if (command == "cancel") {
       [client cancel:text
-               reply:^(BOOL isSignalled) {
-                 done->give(isSignalled ? "signalled" : "not signalled");
+               reply:^(BOOL isSignaled) {
+                 done->give(isSignaled ? "signaled" : "not signaled");
                }];
     } else if (command == "stop") {
-      [client stopProcess:std::atoi(first)
-                    reply:^(BOOL isSignalled, NSString* message) {
-                      done->give((isSignalled ? "signalled" : "not signalled ") +
-                                 textFromString(message));
-                    }];
+      [client
+          stopProcess:std::atoi(first)
+                reply:^(BOOL isSignaled, NSString* message) {
+                  done->give((isSignaled ? "signaled" : "not signaled ") + textFromString(message));
+                }];
     } else {
       done->text.set_value("unknown command");
     }
@@ -95,7 +95,7 @@ int main(int count, char** arguments) {
         const std::string text =
             isOne ? answer(client, command, first, count > 3 ? arguments[3] : "")
                   : answer(client, "cancel", "6B29FC40-CA47-4067-B31D-00DD010662DA", "");
-        if (isOne || text != "not signalled") std::puts(text.c_str());
+        if (isOne || text != "not signaled") std::puts(text.c_str());
       }
     }
   }

@@ -13,6 +13,6 @@
 
 NSString* stringOf(std::string_view text);
 
-/// A variable of the environment, which tells the doubles how the machine around them is; empty
-/// when unset. The programs themselves read none.
+/// A variable of the environment, which configures the doubles; empty when unset. The programs
+/// themselves read none.
 std::string_view environmentOf(const char* name);

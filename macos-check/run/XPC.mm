@@ -44,7 +44,7 @@ NSError* connectionError(NSInteger code) {
              }];
 }
 
-/// A method's shape as a protocol's metadata tells it: what XPC makes its messages from.
+/// A method's shape as a protocol's metadata describes it: what XPC makes its messages from.
 struct Shape {
   bool takesRequest;
   bool repliesWithData;
@@ -267,7 +267,7 @@ class Caller : public std::enable_shared_from_this<Caller> {
 
 namespace {
 
-// How many arguments there are only the shape tells; the rest is what was in the registers.
+// Only the shape says how many arguments there are; the rest is what was in the registers.
 void forwardToRemote(id object, SEL selector, void* first, void* second) {
   RemoteProxy* proxy = object;
   const auto name = reinterpret_cast<Selector>(selector);
@@ -398,7 +398,7 @@ int checkIn(const std::string& service) {
   return descriptor;
 }
 
-/// Tells the test how many objects live, at the abstract address "objects-PID".
+/// Reports to the test how many objects exist, at the abstract address "objects-PID".
 void tellObjects() {
   const int listening = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};

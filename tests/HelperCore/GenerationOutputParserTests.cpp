@@ -122,7 +122,7 @@ TEST(GenerationOutputParser, ParsesClaude) {
        {"usage that counts nothing",
         besides(R"("usage":{"input_tokens":-7,"output_tokens":5.7,"cache_read_input_tokens":"7"})"),
         "x 0/0/0"},
-       {"result is no content", R"({"result":"x"})", noContent},
+       {"result is not content", R"({"result":"x"})", noContent},
        {"content of another type", structured(R"({"content":1})"), noContent},
        {"blank content", structured(R"({"content":" \n\u2003"})"), noContent},
        {"fenced content", structured(R"({"content":" ```md\n# A\n``` "})"), "# A"},
@@ -184,7 +184,7 @@ TEST(GenerationOutputParser, ParsesCodex) {
                                   )" + answer,
         "x"},
        {"empty failure text", answer + R"({"type":"error","message":""})", "nonZeroExit: "},
-       {"message is no JSON", codexMessage("x"), noContent},
+       {"message is not JSON", codexMessage("x"), noContent},
        {"padded message", codexMessage("\u00a0\n{\"content\":\" x \"}\n"), "x"}});
   expectRows(codex, itemFields,
              {{"no JSON", codexMessage("{"), notJSON},

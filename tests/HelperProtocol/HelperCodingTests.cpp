@@ -132,7 +132,7 @@ TEST(HelperCodingTests, WritesWhatItReads) {
 }
 
 // The documentation's refused bodies show which code comes with which words.
-TEST(HelperCodingTests, TellsWhereABodyIsWrong) {
+TEST(HelperCodingTests, ReportsWhereABodyIsWrong) {
   constexpr auto kill = recode<KillRequest>;
   constexpr auto ports = recode<std::vector<PortSample>>;
   constexpr auto fields = recode<GeneratedFields>;
@@ -376,7 +376,7 @@ void expectRefusal(const Error& error, const std::vector<std::string>& groups) {
   EXPECT_EQ(error.what(), groups[4]) << groups[2];
 }
 
-TEST(ProtocolDocument, EveryRefusedBodyIsRefusedAsToldThere) {
+TEST(ProtocolDocument, EveryRefusedBodyIsRefusedAsDocumented) {
   const auto rows = matches("\\| `(\\w+)` \\| `([^`]+)` \\| (\\d+) \\| `([^`]+)` \\|");
   EXPECT_GE(rows.size(), 10U);
   for (const auto& groups : rows) {

@@ -80,7 +80,7 @@ inline std::optional<GlobPatternError> failure(const std::string& pattern) {
   return std::nullopt;
 }
 
-/// Whether the pattern matches the whole text, when `isOne` tells what stands for one element of it
+/// Whether the pattern matches the whole text, when `isOne` says what stands for one element of it
 /// and `isStar` what stands for any number of them. What can be one element is not also a star.
 template <class Element, class IsOne, class IsStar>
 bool matchesAll(const std::vector<Element>& pattern, const std::vector<Element>& text, IsOne isOne,

@@ -104,7 +104,7 @@ TEST(UnicodeTests, TrimsTheWhiteSpaceProperty) {
     EXPECT_EQ(Unicode::trimmed(text), isSpace ? "x y" : text);
   });
   EXPECT_EQ(Unicode::trimmed(" \n\u2003\t"), "");
-  EXPECT_EQ(Unicode::trimmed("\u0300\xA0 "), "\u0300\xA0");  // the end of a letter is no space
+  EXPECT_EQ(Unicode::trimmed("\u0300\xA0 "), "\u0300\xA0");  // the end of a letter is not a space
 }
 
 TEST(UnicodeTests, LowercasesFullyAndWithoutContext) {

@@ -226,7 +226,7 @@ TEST_F(BusCallsTest, BoundsWhatIsHeld) {
   EXPECT_EQ(answers(), Texts{"6 LimitsExceeded"}) << "it would hold as much as any";
 }
 
-TEST_F(BusCallsTest, DoesWhatACallerAskedForBeforeItLeft) {
+TEST_F(BusCallsTest, CarriesOutCallsOfACallerThatHasDisconnected) {
   call(1, "ListProcesses");
   call(1, "KillProcess", R"({"pid":42,"signal":15})");
   introduce(2);

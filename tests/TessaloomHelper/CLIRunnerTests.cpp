@@ -68,7 +68,7 @@ void setDispositions(sighandler_t disposition) {
   }
 }
 
-/// Waits for any child and tells the signal that ended it; -1 when there is none.
+/// Waits for any child and returns the signal that ended it; -1 if there is none.
 int endOfAnyChild() {
   int status = -1;
   ::wait(&status);
@@ -250,7 +250,7 @@ TEST_F(CLIRunnerTest, StreamsThatAGrandchildHoldsOpenContributeNothing) {
   const auto outcome = held.get();
   for (const pid_t grandchild : children()) {
     ::kill(grandchild, SIGUSR1);
-    EXPECT_EQ(endOfAnyChild(), SIGUSR1) << "signalled after its leader had gone";
+    EXPECT_EQ(endOfAnyChild(), SIGUSR1) << "signaled after its leader had exited";
   }
   ASSERT_TRUE(outcome);
   EXPECT_EQ(outcome->exitStatus, 4);
@@ -302,7 +302,7 @@ TEST_F(CLIRunnerTest, ManagesWithoutTheNewerCalls) {
   EXPECT_EXIT(runThere(), testing::ExitedWithCode(0), "");
 }
 
-TEST_F(CLIRunnerTest, TimeoutsThatAreNoNumberOfSecondsEndTheProcess) {
+TEST_F(CLIRunnerTest, TimeoutsThatAreNotANumberOfSecondsEndTheProcess) {
   for (const double timeout : {std::numeric_limits<double>::infinity(), std::nan(""), 0x1p63}) {
     EXPECT_DEATH(run({}, id, Timeout(timeout)), "");
   }

@@ -82,7 +82,7 @@ TEST_F(GenerationCoordinatorTest, FailsToLaunchWithoutWhatItNeeds) {
   expectFailure(Kind::binaryNotFound, "codex wasn’t found in any of the usual install locations.");
 }
 
-TEST_F(GenerationCoordinatorTest, StatusTellsWhatTheProbePrints) {
+TEST_F(GenerationCoordinatorTest, StatusReportsWhatTheProbePrints) {
   const auto version = [this](const char* words) {
     std::ofstream(home / ".practice-version") << words;
     const auto status = coordinator().engineStatus({codex});

@@ -92,7 +92,7 @@ TEST_F(HelperServiceTest, SignalsOnlyWhatItsOwnConnectionListedLast) {
   EXPECT_FALSE(kill(service));
 }
 
-TEST(ExitWhenIdleTest, KnowsAReplacedExecutable) {
+TEST(ExitWhenIdleTest, DetectsAReplacedExecutable) {
   const TemporaryDirectory directory;
   const std::filesystem::path executable = directory / "helper";
   const std::filesystem::path other = directory / "other";

@@ -48,7 +48,7 @@ class Child {
   bool isReady = false;
 };
 
-TEST(PeerFacts, TellWhatAProcessRuns) {
+TEST(PeerFacts, ReportWhatAProcessRuns) {
   const TemporaryDirectory folder;
   EXPECT_FALSE(readPeerFacts(0, folder.path()));
   Child ended([] { return true; });

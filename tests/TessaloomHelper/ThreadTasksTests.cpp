@@ -14,7 +14,7 @@ namespace tessaloom {
 namespace {
 
 using namespace std::chrono_literals;
-constexpr auto quality = QualityOfService::standard;
+constexpr auto quality = QualityOfService::utility;
 
 TEST(ThreadTasksTest, DestructionRunsWhatWasAcceptedAndDropsWhatIsDelayed) {
   std::atomic<int> ran = 0;

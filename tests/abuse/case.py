@@ -25,12 +25,12 @@ from session import FILES, HELPER, engines, eventually, footprint, helper_log, p
 MODULES = ("boundary", "flatpaks", "leaving", "shortages", "endurance")
 CASES = {}
 SETTLING = 12        # Seconds.
-IDLE_TIME = 2.5      # Seconds; threads leave after 2.
+IDLE_TIME = 2.5      # Seconds; threads exit after 2.
 MEMORY_SLACK = 1024  # KiB.
 
 
 def case(rounds, **needs):
-    """Makes a function a case, which goes `rounds` times round unless told otherwise. script/abuse sees to what it
+    """Makes a function a case, which is repeated `rounds` times unless another number is given. script/abuse sees to what it
     needs of its namespaces."""
     def add(function):
         CASES[function.__name__.replace("_", "-")] = (function, rounds, needs)

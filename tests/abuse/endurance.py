@@ -28,7 +28,7 @@ def start_as(pid):
 
 @case(rounds=60, privileged=True)
 def reused_pids(run):
-    """Processes that have a listed one's pid are not signalled."""
+    """Processes that reuse the pid of a listed one are not signaled."""
     caller, reused = honest.Honest(run.ledger, run.seed), 0
     try:
         pathlib.Path("/proc/sys/kernel/ns_last_pid").write_text("1000")

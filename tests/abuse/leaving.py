@@ -17,7 +17,7 @@ from session import (ACCESS_DENIED, FILES, GENERATIONS, HELPER, VERSION_WORDS, O
                      launch_helper, limited, process_of, processes, processor_seconds, replace_helper, start_helper, status_of,
                      stopped)
 
-# Nothing that only the very process knows: a listing authorises with the helper that made it.
+# Nothing that depends on one helper process: a listing authorizes only with the helper that made it.
 # A replaced helper exits when it finds no engine running, every half second: there have to be such moments.
 PORTABLE = (honest.BRIEF[:-1] + ("reconnect",), ("list", "ports", "reconnect"), ("generate", "status", "fail", "rest"))
 
@@ -94,12 +94,12 @@ def registration(run):
         stopped_at = time.monotonic()
         child.terminate()
         run.check(child.wait() == 128 + signal.SIGTERM, f"while it registers: exit status {child.returncode}")
-        run.check(time.monotonic() - stopped_at < 1, "while it registers, a signal is heard late")
+        run.check(time.monotonic() - stopped_at < 1, "while it registers, a signal is handled late")
 
 
 @case(rounds=1)
 def stopped_bus(run):
-    """With answers that nobody takes it neither burns the processor nor becomes deaf."""
+    """With answers that no peer reads it neither uses the processor nor ignores signals."""
     run.end_helper()
     child, clients = start_helper(), [run.client() for _ in range(8)]
     for client in clients:
@@ -135,7 +135,7 @@ def stopped_bus(run):
 
 
 def replace(run, client, turn=0):
-    """Replaces the helper and has it told; its pid."""
+    """Replaces the helper's executable and asks it about that; its pid."""
     client.ask("ProtocolVersion", right=1)
     old = process_of(HELPER, client)
     replace_helper(turn)

@@ -37,7 +37,7 @@ def install(built, root, work):
     (work / "bin").mkdir()
     for name in ("tessaloom-helper", "tessaloom-helperctl", "practice-engine", "process-load"):
         shutil.copy(built / name, work / "bin")
-    # The honest callers are admitted because their program bears the editor's name.
+    # The honest callers are admitted because their program has the editor's name.
     shutil.copy(os.path.realpath("/usr/bin/python3"), work / "bin/tessaloom")
     with contextlib.suppress(OSError):
         # For a user without rights to make a file system that never answers.

@@ -67,7 +67,7 @@ def forge_credentials(victim, rounds):
 
 
 def forge_replies():
-    """Answers whatever the helper asks the bus, by turns with an error, with nothing and with something."""
+    """Answers whatever the helper asks the bus, alternately with an error, a wrong value and an empty reply."""
     peer = connect()
     report("ready")
     lies = ((ERROR, "s", ["no"], BUS + ".Error.NameHasNoOwner"), (RETURN, "u", [1], None), (RETURN, "", (), None))
@@ -121,7 +121,7 @@ def ask_at_once(method, requests):
 
 
 def vanish(rounds):
-    """Connects, calls and leaves at once, in the middle of a message by turns."""
+    """Connects, calls and disconnects at once, every other time in the middle of a message."""
     report("ready")
     for turn in range(rounds):
         with Peer() as peer:

@@ -26,17 +26,17 @@ def enter_own_root(files):
 
 
 def enter_silent_root(device):
-    """A root directory in which every look-up waits for ever."""
+    """A root directory in which every look-up blocks indefinitely."""
     # A thread answers what entering takes (fuse(4), linux/fuse.h), and then no more.
     fuse = os.open(device, os.O_RDWR)
     root = mounted("fuse", f"fd={fuse},rootmode=40000,user_id={os.getuid()},group_id={os.getgid()}", fuse)
 
     def answer():
-        initialise, get_attributes, access = 26, 3, 34
+        initialize, get_attributes, access = 26, 3, 34
         while True:
             request = os.read(fuse, 1 << 20)
             _, operation, unique = struct.unpack_from("=IIQ", request)
-            if operation == initialise:
+            if operation == initialize:
                 body = struct.pack("=IIIIHHI", 7, 22, 0, 0, 0, 0, 4096)
             elif operation == get_attributes:
                 body = struct.pack("=QII" + "QQQQQQIIIIIIIII", 3600, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0o40755, 2,

@@ -21,7 +21,7 @@ HELPER_PATH = "/com/brindlemoor/Tessaloom/Helper"
 INTERFACE = "com.brindlemoor.Tessaloom.HelperServicing"
 ACCESS_DENIED, LIMITS_EXCEEDED = BUS + ".Error.AccessDenied", BUS + ".Error.LimitsExceeded"
 
-ADMITTED = (sys.executable,)  # This program bears the editor's name, beside the helper.
+ADMITTED = (sys.executable,)  # This program has the editor's name, beside the helper.
 INSTALLED = pathlib.Path(sys.executable).parent
 HELPER_PROGRAM = INSTALLED / "tessaloom-helper"
 ROOT = pathlib.Path(__file__).parent.parent.parent
@@ -32,7 +32,7 @@ GENERATIONS = pathlib.Path(f"/tmp/tessaloom-{os.getuid()}")
 
 
 def eventually(condition, seconds=10):
-    """Looks until a condition holds, for what no descriptor tells of; whether it did in time."""
+    """Looks until a condition holds, for what no descriptor reports; whether it did in time."""
     deadline = time.monotonic() + seconds
     while not (result := condition()) and time.monotonic() < deadline:
         time.sleep(0.01)
@@ -90,7 +90,7 @@ def helper_log():
 
 
 def replace_helper(turn):
-    """Puts another file in the place of the helper's executable, or gives it a later time, by turns."""
+    """Puts another file in the place of the helper's executable, or gives it a later time, alternately."""
     fresh = shutil.copy(HELPER_PROGRAM, INSTALLED / "tessaloom-helper.new")
     if turn % 2:
         os.utime(HELPER_PROGRAM, (0, time.time() + 10 * turn))
@@ -124,7 +124,7 @@ def limited(pid, limit, value):
 
 @contextlib.contextmanager
 def processes(count, sockets=0):
-    """So many processes and listening sockets meanwhile."""
+    """`count` processes and `sockets` listening sockets meanwhile."""
     resource.setrlimit(resource.RLIMIT_NOFILE, (resource.getrlimit(resource.RLIMIT_NOFILE)[1],) * 2)
     with subprocess.Popen([ROOT / "bin/process-load", str(count), "3", str(sockets)], stdin=subprocess.PIPE,
                           stdout=subprocess.PIPE) as made:

@@ -38,7 +38,7 @@ def survives(run, what):
 
 @case(rounds=12)
 def no_descriptors(run):
-    """Without a descriptor to be had, calls may fail; no engine is told missing, and nobody refused for good."""
+    """Without a descriptor to be had, calls may fail; no engine is reported missing, and no caller is refused permanently."""
     with run.client() as client, run.client() as fresh, survives(run, "no descriptors") as pid:
         with limited(pid, resource.RLIMIT_NOFILE, 3):
             for turn in range(run.rounds):
@@ -58,7 +58,7 @@ def no_processes(run):
         with run.client() as client, run.client() as other, run.client() as fresh:
             request, started = hanging(client, timeout=30)
             pid = run.helper()
-            # No thread of its pool may be free: they leave when they have been idle for some seconds.
+            # No thread of its pool may be free: they exit when they have been idle for some seconds.
             eventually(lambda: footprint(pid)["threads"] <= run.before["threads"])
             with limited(pid, resource.RLIMIT_NPROC, 1):
                 waiting = other.start("GenerateText", honest.generation("Try"))

@@ -57,7 +57,7 @@ std::int32_t openListener() {
   return listen(made, 1) == 0 ? made : -1;
 }
 
-/// Opens sockets that stay, and then as many that come at once and go one by one, for ever.
+/// Opens sockets that stay, and then as many that come at once and go one by one, without end.
 std::int32_t churnSockets(std::int32_t count) {
   const auto open = [count](std::int32_t firstPort) {
     std::vector<int> sockets;

@@ -13,9 +13,9 @@ namespace tessaloom::obedient {
 inline constexpr int channel = 0;
 
 enum class Command : std::int32_t {
-  keep,              ///< Keeps the descriptor that comes with the request; tells its number.
+  keep,              ///< Keeps the descriptor that comes with the request; returns its number.
   close,             ///< `first`.
-  duplicate,         ///< `first`; tells the new number.
+  duplicate,         ///< `first`; returns the new number.
   duplicateOnto,     ///< `first` onto `second`.
   setName,           ///< `text`.
   hideFromOthers,    ///< Stops being dumpable.
@@ -25,10 +25,10 @@ enum class Command : std::int32_t {
   leaveMainThread,   ///< Answers from another thread; the main thread exits.
   startThreadApart,  ///< One with descriptors, and where allowed a network, of its own, that
                      ///< listens; returns the port.
-  forkTwin,          ///< Tells its pid; it ends with its parent.
-  forkHeir,          ///< Tells its pid; it outlives its parent, for a minute at most.
+  forkTwin,          ///< Returns its pid; it ends with its parent.
+  forkHeir,          ///< Returns its pid; it outlives its parent, for a minute at most.
   forkSharing,       ///< With the same table of descriptors, of which it closes `first` at SIGUSR1.
-  forkZombie,        ///< Tells its pid; it has exited and is never reaped.
+  forkZombie,        ///< Returns its pid; it has exited and is never reaped.
   enterNetwork,      ///< A network namespace of its own; -1 where that is not allowed.
   churnSockets,      ///< Binds the UDP ports from 10,000 on, `first` of them, that stay; as many
                      ///< from 20,000 on come and go from then on.

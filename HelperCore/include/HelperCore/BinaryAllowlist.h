@@ -52,7 +52,7 @@ using BinaryRejection =
     std::variant<Rejection::WrongOwner, Rejection::WritableByGroupOrOther, Rejection::NotFound,
                  Rejection::NotRegularFile, Rejection::NotExecutable>;
 
-/// Reads one candidate; nothing when it is absent or unreadable.
+/// Reads one candidate; nullopt if it is absent or unreadable.
 using FactsReader = std::function<std::optional<FileFacts>(const std::filesystem::path&)>;
 
 /// Where engines are looked for, and which executables are refused because someone other than the

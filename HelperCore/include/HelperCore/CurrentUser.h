@@ -14,8 +14,8 @@ struct CurrentUser {
   friend bool operator==(const CurrentUser&, const CurrentUser&) = default;
 };
 
-/// From the user database, getpwuid_r(getuid()): afresh at every call, never cached, no environment
-/// variable is read. Nothing when the database has no such user or cannot be read. Safe from any
+/// From the user database, getpwuid_r(getuid()), which is read anew at every call; no environment
+/// variable is read. nullopt if the database has no such user or cannot be read. Safe from any
 /// thread.
 std::optional<CurrentUser> lookUpCurrentUser();
 

@@ -14,7 +14,7 @@ struct ExecutableIdentity {
   std::uint64_t inode;
   Instant modified;  ///< With the nanoseconds that a double can hold.
 
-  /// From stat(2) of the path, symbolic links followed; nothing when that fails.
+  /// From stat(2) of the path, symbolic links followed; nullopt if that fails.
   static std::optional<ExecutableIdentity> of(const std::filesystem::path& path);
 
   friend bool operator==(const ExecutableIdentity&, const ExecutableIdentity&) = default;

@@ -110,7 +110,7 @@ class Kernel {
   /// with no sockets.
   virtual std::vector<SocketHolder> fetchSocketHolders(std::uint32_t owner) = 0;
 
-  /// Never null. A pid that names no process gives one without a start time.
+  /// Never null. For a pid without a process it has no start time.
   virtual std::unique_ptr<ProcessHandle> openProcess(std::int32_t pid) = 0;
 
   /// Closes all descriptors that are kept between calls; waits for a listing that uses them, some

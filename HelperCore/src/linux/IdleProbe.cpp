@@ -17,8 +17,8 @@ std::optional<RunCounters> readCounters(const FileDescriptor& schedstat) {
   return parseRunCounters(readStart(schedstat, buffer));
 }
 
-/// Whether some CPUs have no tick while a single process runs on them. The file lists them; where
-/// the kernel knows of no such thing, there is none.
+/// Whether some CPUs run without a tick while a single process runs on them. The file lists them;
+/// kernels without this feature do not have it.
 bool mayRunWithoutTicks() {
   if (::access("/sys/devices/system/cpu", F_OK) != 0) return true;
   const FileDescriptor file{::open("/sys/devices/system/cpu/nohz_full", O_RDONLY | O_CLOEXEC)};

@@ -31,8 +31,8 @@ struct KnownProcess {
   void forget() { *this = KnownProcess(pid); }
 
   std::int32_t pid = 0;
-  bool isFromEarlier =
-      false;  ///< An earlier listing came across it, or its predecessor in the pid.
+  /// An earlier listing found it, or another process that had the pid before it.
+  bool isFromEarlier = false;
   FileDescriptor statm;
   IdleProbe probe;  ///< Watches since before `facts` and `sockets` were read.
   std::optional<ProcessFacts> facts;

@@ -50,14 +50,14 @@ void forEachPart(std::size_t count, const Work& work) {
     return true;
   };
 
-  struct Helpers {
-    ~Helpers() {
+  struct Workers {
+    ~Workers() {
       for (std::thread& each : threads) each.join();
     }
     std::vector<std::thread> threads;
   };
   {
-    Helpers helpers;
+    Workers workers;
     bool isAlone = true;
     while (takePart()) {
       if (!isAlone || std::chrono::steady_clock::now() - started < worthThreads) continue;
@@ -65,12 +65,12 @@ void forEachPart(std::size_t count, const Work& work) {
       const std::size_t parts = (count - std::min(next.load(), count)) / partSize;
       const std::size_t threads = std::min({usableProcessors(), mostThreads, parts});
       try {
-        while (helpers.threads.size() + 1 < threads) {
-          helpers.threads.emplace_back([&takePart] {
+        while (workers.threads.size() + 1 < threads) {
+          workers.threads.emplace_back([&takePart] {
             while (takePart()) continue;
           });
         }
-      } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): as promised above
+      } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): documented above
       } catch (const std::bad_alloc&) {     // NOLINT(bugprone-empty-catch)
       }
     }

@@ -47,7 +47,7 @@ void addIfSocket(std::int32_t descriptor, std::vector<std::uint32_t>& inodes) {
 }
 
 /// Whether the kernel shows nothing of a process or thread. Then each link of its descriptors would
-/// be refused by the same rule, and listing them is work for nothing.
+/// be refused by the same rule, so they are not listed.
 bool isRefused(const std::expected<std::uint32_t, int>& network) {
   return !network && network.error() == EACCES;
 }

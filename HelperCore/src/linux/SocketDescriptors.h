@@ -21,13 +21,12 @@ struct NamespaceMember {
   std::int32_t thread;
 };
 
-/// Reads the links in /proc/PID/fd, which is the expensive part of listing ports: a call of the
-/// kernel for each open file. A process that may not be looked at has no sockets, as far as can be
-/// known.
+/// Reads the links in /proc/PID/fd, which is the expensive part of listing ports: one system call
+/// for each open file. A process that may not be examined is reported without sockets.
 SocketDescriptors readSocketDescriptors(const ProcFiles& proc, std::int32_t pid);
 
-/// The same of this process, by its descriptors themselves, which is several times as fast.
-/// `kept`, by number, are known to be no sockets.
+/// The same of this process, by its descriptors themselves, which is several times as fast. `kept`,
+/// by number, are known not to be sockets.
 SocketDescriptors readOwnSocketDescriptors(const ProcFiles& proc, const std::vector<bool>& kept);
 
 /// Adds the sockets in tables of descriptors that threads of the process have to themselves, and

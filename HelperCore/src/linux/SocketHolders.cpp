@@ -41,7 +41,7 @@ void read(ProcessPass& pass, Slot& slot, std::int32_t self) {
     slot.namespaceMembers = addSocketsOfThreads(pass.proc(), known.pid, *known.sockets);
     if (!pass.readFacts(known, stat)) return;
   }
-  // Threads of the kernel share a table in which nothing ever is.
+  // Kernel threads share a table that is always empty.
   slot.sharesDescriptors = !known.facts->isKernelThread &&
                            shareDescriptors(known.pid, known.facts->parentPID).value_or(false);
 }
@@ -62,8 +62,8 @@ void markSharingParents(ProcessPass& pass) {
   }
 }
 
-/// Adds the sockets of the namespaces that are not the helper's own, each by way of the first
-/// processes or threads in it that let themselves be asked.
+/// Adds the sockets of the namespaces that are not the helper's own, each read through the first
+/// process or thread in it that the kernel permits.
 void addForeignNamespaces(ProcessPass& pass, SocketTable& table) {
   const std::uint32_t own = pass.proc().networkNamespace(getpid()).value_or(0);
   std::map<std::uint32_t, SocketTable::Progress> namespaces;

@@ -39,7 +39,7 @@ constexpr std::array<Table, SocketTable::tableCount> tables{{
 
 constexpr std::size_t bufferSize = std::size_t{32} * 1024;
 
-/// Under churn each reading finds something new, and one that never ends helps nobody.
+/// Where sockets come and go constantly each reading finds something new, so the number is bounded.
 constexpr int mostReadings = 8;
 
 /// How many pieces a table came in; nullopt when it cannot be read to its end.
@@ -63,9 +63,9 @@ bool readWhole(SocketsByInode& sockets, const ReadOnce& readOnce) {
   return true;
 }
 
-/// The kernel fills a piece of its own accord, up to a page, or as far as the reader has room.
-/// Every other reading begins with a shorter piece, so that what stands where one reading continues
-/// is in the middle of a piece of the next.
+/// The kernel fills a piece up to a page, or as far as the reader's buffer allows. Every other
+/// reading begins with a shorter piece, so that what stands where one reading continues is in the
+/// middle of a piece of the next.
 Pieces readTextOnce(const FileDescriptor& file, int reading, InternetTransport transport,
                     SocketsByInode& sockets) {
   constexpr std::size_t shortPiece = 2048;

@@ -12,7 +12,7 @@ namespace tessaloom {
 ///
 /// The kernel lists a table in pieces and may skip a socket between two of them when another one is
 /// closed. A table that came in several pieces is therefore read until two readings one after the
-/// other find the same; a socket's inode is its alone, so what was found once stays right.
+/// other find the same; no two sockets share an inode, so what was found once stays valid.
 class SocketTable {
  public:
   static constexpr std::size_t tableCount = 4;  ///< TCP and UDP, each over IPv4 and IPv6.
@@ -20,7 +20,7 @@ class SocketTable {
   using Progress = std::array<bool, tableCount>;
 
   /// Adds the sockets of the namespace that this process is in: by sock_diag(7), and table by table
-  /// from /proc/net where that is not to be had (a kernel without it or without one of its
+  /// from /proc/net where that is not available (a kernel without it or without one of its
   /// handlers, a sandbox that forbids it).
   void addOwnNamespace(const ProcFiles& proc);
 

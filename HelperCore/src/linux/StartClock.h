@@ -10,8 +10,8 @@ namespace tessaloom {
 /// Turns the kernel's start times, which are clock ticks after the boot, into points of the wall
 /// clock.
 ///
-/// The wall clock at boot is worked out once, when this object is made, rounded down to a whole
-/// tick: taken again, it would differ by some microseconds, and by more after the clock was set.
+/// The wall clock at boot is computed once, when this object is made, and rounded down to a whole
+/// tick: computed again, it would differ by some microseconds, and by more after the clock was set.
 /// Safe from any thread.
 class StartClock {
  public:
@@ -22,8 +22,8 @@ class StartClock {
 
   ProcessStartTime startTime(std::uint64_t ticks) const;
 
-  /// This moment, reckoned as the start times are: the boot plus the clock that counts since then,
-  /// whatever happened to the wall clock.
+  /// The current time, computed as the start times are: the boot plus the clock that counts since
+  /// then, whatever happened to the wall clock.
   Instant now() const;
 
   /// The tick that runs now. A process that starts from now on has this tick or a later one.

@@ -15,11 +15,11 @@ struct DeviceNumber {
 DeviceNumber deviceNumber(std::uint32_t encoded);
 
 /// The name of a terminal by its number alone (Documentation/admin-guide/devices.txt): pts/3, tty1,
-/// ttyS0. Nothing for other kinds of terminals.
+/// ttyS0. nullopt for other kinds of terminals.
 std::optional<std::string> wellKnownTerminalName(DeviceNumber device);
 
 /// The name of the controlling terminal `encoded` of a process, without a directory; empty for
-/// none, or when the system knows no name.
+/// none, or when the system has no name for it.
 std::string terminalName(std::uint32_t encoded);
 
 }  // namespace tessaloom

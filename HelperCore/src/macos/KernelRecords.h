@@ -36,7 +36,7 @@ constexpr ProcessRecord decodeProcess(const kinfo_proc& record) {
           .name = std::string(name.substr(0, name.find('\0')))};
 }
 
-/// The device number of the controlling terminal; nothing when there is none.
+/// The device number of the controlling terminal; nullopt if there is none.
 constexpr std::optional<dev_t> decodeTerminal(const kinfo_proc& record) {
   constexpr dev_t noDevice = -1;
   if (record.kp_eproc.e_tdev == noDevice) return std::nullopt;

@@ -25,7 +25,7 @@ std::string startByHand() {
 
 std::string adviceForBusError(std::string_view name) {
   if (name == "ServiceUnknown" || name == "NameHasNoOwner") {
-    return "The helper is not running and this bus does not know how to start it. Install the "
+    return "The helper is not running and this bus cannot start it. Install the "
            "package, or " +
            startByHand();
   }

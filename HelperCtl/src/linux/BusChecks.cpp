@@ -55,7 +55,7 @@ class BusQuestions {
     return reply;
   }
 
-  /// A number that the bus knows of the owner of a name.
+  /// A number that the bus reports about the owner of a name.
   std::optional<std::uint32_t> number(const char* member, std::string_view name) {
     const auto reply = ask(member, std::string(name));
     std::uint32_t value = 0;
@@ -121,7 +121,7 @@ std::optional<Check> checkSandbox() {
                    std::string(HelperConstants::machServiceName)};
 }
 
-/// A bus of another user's, as under sudo: it turns this program away.
+/// A bus that belongs to another user, as under sudo: it refuses this program.
 std::optional<Check> checkBusOwner(const BusQuestions& bus) {
   const auto owner = bus.owner();
   if (!owner || *owner == geteuid()) return std::nullopt;
@@ -192,7 +192,7 @@ std::vector<Check> checkWayToHelper() {
   } else if (canStart) {
     checks.push_back({good, "helper", "not running; the bus starts it on demand"});
   } else {
-    checks.push_back({bad, "helper", "not running, and the bus does not know how to start it",
+    checks.push_back({bad, "helper", "not running, and the bus cannot start it",
                       "Install the package, or start tessaloom-helper by hand. A bus that was "
                       "already running reads a new activation file after: busctl --user call "
                       "org.freedesktop.DBus / org.freedesktop.DBus ReloadConfig"});

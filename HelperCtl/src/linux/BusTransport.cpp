@@ -61,7 +61,7 @@ CallReply readReply(sd_bus_message* reply) {
                                    "The reply is not of the expected type."));
 }
 
-/// Replies are believed from the helper and the bus only, see BusRequests.
+/// Accepts replies from the helper and the bus only; see BusRequests.
 class BusTransport final : public Transport {
  public:
   explicit BusTransport(BusHandle bus) : bus_(bus.release()), requests_(bus_.get()) {}

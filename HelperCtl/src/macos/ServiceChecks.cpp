@@ -3,8 +3,8 @@
 namespace tessaloom {
 
 std::vector<Check> checkWayToHelper() {
-  // There is nothing to ask before the first call: whether launchd knows
-  // the helper, and whether the helper accepts this program, shows only in how that call ends.
+  // There is nothing to ask before the first call: whether launchd has the helper's agent, and
+  // whether the helper accepts this program, shows only in how that call ends.
   return {};
 }
 

@@ -101,7 +101,7 @@ void XPCTransport::call(const std::string& method, const std::optional<Bytes>& b
   const Method* known = findMethod(method);
   if (known == nullptr) {
     CallError error = usageError("unknownMethod", "\"" + method + "\" is not a method name.");
-    error.advice = "The methods' names: tessaloom-helperctl call --help";
+    error.advice = "To list the methods: tessaloom-helperctl call --help";
     return inbox_->put(call, std::unexpected(std::move(error)));
   }
   if (known->takesRequest() != body.has_value()) {

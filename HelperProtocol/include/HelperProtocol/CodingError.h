@@ -12,8 +12,8 @@ namespace tessaloom {
 class DecodingError : public std::runtime_error {
  public:
   enum class Kind : std::int64_t {
-    dataCorrupted =
-        1,  ///< Not JSON, or a value that names no case (an engine, a signal, a UUID, a date).
+    /// Not JSON, or a value that is not a valid engine, shape, kind, signal, UUID or date.
+    dataCorrupted = 1,
     typeMismatch = 2,      ///< Another JSON type than the field's.
     keyNotFound = 3,       ///< A required key is missing, or null.
     numberDoesNotFit = 4,  ///< An integral number outside the field's range.

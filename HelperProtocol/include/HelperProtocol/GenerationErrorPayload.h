@@ -14,10 +14,10 @@ namespace tessaloom {
 struct GenerationErrorPayload {
   GenerationFailureKind kind;
   GenerationEngineID engine;
-  std::optional<std::int32_t> exitCode =
-      std::nullopt;  ///< The engine's exit status where it decided the failure.
-  std::optional<std::string> detail =
-      std::nullopt;  ///< For a person; one line, at most `detailLimit` scalars.
+  /// The engine's exit status where it decided the failure.
+  std::optional<std::int32_t> exitCode = std::nullopt;
+  /// For the user; one line, at most `detailLimit` scalars.
+  std::optional<std::string> detail = std::nullopt;
 
   static constexpr std::int64_t detailLimit = 500;  ///< Unicode scalars.
 

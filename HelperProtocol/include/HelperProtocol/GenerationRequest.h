@@ -17,8 +17,8 @@ namespace tessaloom {
 class GenerationRequest {
  public:
   static constexpr std::int64_t instructionsLimit = 8'000;  ///< User-perceived characters.
-  static constexpr std::int64_t promptLimit =
-      BoundedText::maximumLength;  ///< User-perceived characters.
+  /// User-perceived characters.
+  static constexpr std::int64_t promptLimit = BoundedText::maximumLength;
 
   /// Throws GenerationDTOError. The checks, in order: length and then control characters of
   /// `instructions`, length and then control characters of `prompt`. (A decoded body is checked in

@@ -63,10 +63,10 @@ struct GenerationResult {
   UUID requestID;
   GenerationEngineID engine;
   std::string text;  ///< For `itemFields` the answer's JSON text.
-  std::optional<GeneratedFields>
-      fields;  ///< Present for `itemFields`; the key is left out when absent.
-  std::optional<GenerationTokens>
-      tokens;  ///< Absent when the engine reported no usage; left out when absent.
+  /// Present for `itemFields`; the key is left out when absent.
+  std::optional<GeneratedFields> fields;
+  /// Absent, and the key left out, when the engine reported no usage.
+  std::optional<GenerationTokens> tokens;
   std::int64_t durationMilliseconds;  ///< Wall time of the run.
 
   friend bool operator==(const GenerationResult&, const GenerationResult&) = default;

@@ -16,12 +16,12 @@ class UUID {
  public:
   explicit UUID(const std::array<std::uint8_t, 16>& bytes) : bytes_(bytes) {}
 
-  /// Exactly 36 characters: 32 hexadecimal digits in groups of 8-4-4-4-12. Anything else is no
-  /// UUID.
+  /// Exactly 36 characters: 32 hexadecimal digits in groups of 8-4-4-4-12; nullopt for anything
+  /// else.
   static std::optional<UUID> parse(std::string_view text);
 
-  /// A new random identifier (version 4), from the system's random source.
-  /// Throws std::system_error when the system has none to give.
+  /// A new random identifier (version 4), from the system's random source. Throws std::system_error
+  /// when that fails.
   static UUID random();
 
   /// The canonical upper-case form, 36 characters.

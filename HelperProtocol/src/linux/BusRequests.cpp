@@ -178,7 +178,7 @@ void BusRequests::setOwner(Destination& destination, std::string_view owner) {
   }
 }
 
-// Without the owner's name no reply could be believed: the calls end with the bus's error, and the
+// Without the owner's name no reply could be accepted: the calls end with the bus's error, and the
 // next one asks for the owner again.
 void BusRequests::fail(std::string destination, sd_bus_message* error) {
   destinations_.remove_if([&](const Destination& one) { return one.name == destination; });
@@ -209,7 +209,7 @@ void BusRequests::cancel(std::uint64_t id) {
     if (sd_bus_message_append(call->get(), "s", rule.c_str()) < 0) return;
     sd_bus_send(bus_, call->get(), nullptr);
   } catch (const std::bad_alloc&) {
-    return;  // The bus goes on reporting what nobody listens to.
+    return;  // The bus keeps reporting changes that nothing handles.
   }
 }
 

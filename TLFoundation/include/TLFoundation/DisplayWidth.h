@@ -3,9 +3,9 @@
 #include <cstddef>
 #include <string_view>
 
-/// How much room text takes in a terminal's grid, where most characters fill one column, wide ones
-/// (CJK, most emoji) two and combining marks none. Text is UTF-8; an ill-formed part counts as
-/// U+FFFD. Pure functions, safe from any thread; linear in the length of the text.
+/// How many columns text fills on a terminal, where most characters fill one, wide ones (CJK, most
+/// emoji) two and combining marks none. Text is UTF-8; an ill-formed part counts as U+FFFD. Pure
+/// functions, safe from any thread; linear in the length of the text.
 namespace tessaloom {
 
 /// The columns that the text fills. Control characters fill none.

@@ -106,8 +106,8 @@ class CLIRunner {
   mutable Mutex lock_;
   std::unordered_map<UUID, std::shared_ptr<ChildProcess>> inFlight_ TL_GUARDED_BY(lock_);
   std::unordered_set<UUID> cancelled_ TL_GUARDED_BY(lock_);
-  std::unordered_set<std::shared_ptr<ChildProcess>> running_
-      TL_GUARDED_BY(lock_);  ///< Registered or not.
+  /// Registered or not.
+  std::unordered_set<std::shared_ptr<ChildProcess>> running_ TL_GUARDED_BY(lock_);
   bool ending_ TL_GUARDED_BY(lock_) = false;
 };
 

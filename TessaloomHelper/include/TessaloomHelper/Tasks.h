@@ -6,7 +6,7 @@
 
 namespace tessaloom {
 
-enum class QualityOfService : std::uint8_t { userInitiated, standard, utility };
+enum class QualityOfService : std::uint8_t { userInitiated, utility };
 
 /// Work on other threads: Dispatch's global queues on macOS, a pool of threads on Linux.
 ///

@@ -16,12 +16,12 @@ struct ReplyMessage {
   int operator()(std::monostate) {
     return sd_bus_message_new_method_errorf(
         call, out(), SD_BUS_ERROR_NO_MEMORY,
-        "The helper has not the memory or the threads to carry out the call.");
+        "The helper lacks the memory or the threads to carry out the call.");
   }
 
   int operator()(TooManyCalls) {
     return sd_bus_message_new_method_errorf(call, out(), SD_BUS_ERROR_LIMITS_EXCEEDED,
-                                            "Too many calls are waiting, or too large ones.");
+                                            "Too many calls are pending, or they are too large.");
   }
 
   int operator()(std::int64_t number) {

@@ -27,7 +27,7 @@ namespace {
 
 constexpr std::chrono::milliseconds stopTick{100};
 constexpr std::chrono::seconds starvationLimit{5};
-// Callers that are being vetted hold an exiting helper no longer than this.
+// Callers that are being vetted delay the exit no longer than this.
 constexpr std::chrono::seconds vettingLimit{6};
 // Nor does a caller that keeps calling by the unique name.
 constexpr int maximumRoundTrips = 20;
@@ -57,12 +57,12 @@ std::vector<sd_bus_vtable> methodTable(sd_bus_message_handler_t handler) {
 }
 
 using std::chrono::microseconds;
-constexpr microseconds forEver = microseconds::max();
+constexpr microseconds unlimited = microseconds::max();
 
 // How long the library wants to wait at most.
 microseconds waitLimit(sd_bus* bus) {
   std::uint64_t wakeAt = UINT64_MAX;  // Microseconds of the monotonic clock.
-  if (sd_bus_get_timeout(bus, &wakeAt) < 0 || wakeAt == UINT64_MAX) return forEver;
+  if (sd_bus_get_timeout(bus, &wakeAt) < 0 || wakeAt == UINT64_MAX) return unlimited;
   const auto now =
       std::chrono::duration_cast<microseconds>(std::chrono::steady_clock::now().time_since_epoch());
   return std::max(microseconds(static_cast<std::int64_t>(wakeAt)) - now, microseconds(0));
@@ -89,34 +89,34 @@ void require(int result, const char* what) {
 
 }  // namespace
 
-class BusListener::LeaveCompletion final : public CompletionQueue::Completion {
+class BusListener::ExitCompletion final : public CompletionQueue::Completion {
  public:
-  explicit LeaveCompletion(BusListener& listener) : listener_(listener) {}
-  void run() override { listener_.beginLeaving(); }
+  explicit ExitCompletion(BusListener& listener) : listener_(listener) {}
+  void run() override { listener_.beginExit(); }
 
  private:
   BusListener& listener_;
 };
 
-BusListener::BusListener(Environment environment)
-    : environment_(std::move(environment)),
-      requests_(environment_.bus),
+BusListener::BusListener(Collaborators collaborators)
+    : collaborators_(std::move(collaborators)),
+      requests_(collaborators_.bus),
       name_(requests_, serviceName),
-      scheduler_(environment_.bus, completions_, environment_.engineTasks),
-      vetting_(completions_, environment_.vettingTasks, checkOf(environment_.requirement),
-               [&kernel = environment_.context.kernel] { kernel.releaseKeptDescriptors(); }),
-      peers_(environment_.bus, requests_, vetting_, environment_.requirement.user(),
-             environment_.queueTasks, environment_.context),
+      scheduler_(collaborators_.bus, completions_, collaborators_.engineTasks),
+      vetting_(completions_, collaborators_.vettingTasks, checkOf(collaborators_.requirement),
+               [&kernel = collaborators_.context.kernel] { kernel.releaseKeptDescriptors(); }),
+      peers_(collaborators_.bus, requests_, vetting_, collaborators_.requirement.user(),
+             collaborators_.queueTasks, collaborators_.context),
       table_(methodTable(onMethod)),
-      leaveCompletion_(std::make_unique<LeaveCompletion>(*this)) {
-  ::setsockopt(sd_bus_get_fd(environment_.bus), SOL_SOCKET, SO_SNDBUF, &sendBufferBytes,
+      exitCompletion_(std::make_unique<ExitCompletion>(*this)) {
+  ::setsockopt(sd_bus_get_fd(collaborators_.bus), SOL_SOCKET, SO_SNDBUF, &sendBufferBytes,
                sizeof sendBufferBytes);
-  // Filters see a call before the library answers what it knows by itself (introspection, pings):
-  // nobody who is not admitted gets past.
+  // Filters run before the library answers calls by itself (introspection, pings), so a peer that
+  // is not admitted gets no such answer either.
   sd_bus_slot* slot = nullptr;
-  require(sd_bus_add_filter(environment_.bus, &slot, onCall, this), "sd_bus_add_filter");
+  require(sd_bus_add_filter(collaborators_.bus, &slot, onCall, this), "sd_bus_add_filter");
   filter_.reset(slot);
-  require(sd_bus_add_object_vtable(environment_.bus, &slot, HelperConstants::objectPath,
+  require(sd_bus_add_object_vtable(collaborators_.bus, &slot, HelperConstants::objectPath,
                                    HelperConstants::interfaceName, table_.data(), this),
           "sd_bus_add_object_vtable");
   object_.reset(slot);
@@ -136,8 +136,8 @@ int BusListener::run() {
   }
 }
 
-void BusListener::leave() noexcept {
-  if (!isLeaveRequested_.exchange(true)) completions_.post(*leaveCompletion_);
+void BusListener::requestExit() noexcept {
+  if (!isExitRequested_.exchange(true)) completions_.post(*exitCompletion_);
 }
 
 // Handles one message. Reading goes on while replies wait for the bus to take them, so that no
@@ -146,7 +146,7 @@ void BusListener::leave() noexcept {
 // reading no more: then the connection is written to when the bus is ready for it.
 std::optional<int> BusListener::process() {
   const bool mayProcess = std::exchange(isBusReady_, false) || mayRead();
-  const int processed = mayProcess ? sd_bus_process(environment_.bus, nullptr) : 0;
+  const int processed = mayProcess ? sd_bus_process(collaborators_.bus, nullptr) : 0;
   burst_ = processed > 0 ? burst_ + 1 : 0;
   if (processed >= 0) {
     starvedSince_.reset();
@@ -154,7 +154,7 @@ std::optional<int> BusListener::process() {
   }
   if (processed != -ENOMEM) return endAtOnce("the session bus was lost");
   if (waitForMemory()) return std::nullopt;
-  return endAtOnce("no memory to read a message from the session bus");
+  return endAtOnce("out of memory reading from the session bus");
 }
 
 // A call of an admitted caller, of a method with the right signature.
@@ -174,8 +174,8 @@ std::optional<int> BusListener::advance() {
       return advanceStarting();
     case Phase::serving:
       return std::nullopt;
-    case Phase::leaving:
-      return advanceLeaving();
+    case Phase::exiting:
+      return advanceExit();
     case Phase::stopping:
       return advanceStopping();
   }
@@ -195,22 +195,23 @@ std::optional<int> BusListener::advanceStarting() {
 
 // The service manager is notified first: a start of the unit that the bus then asks for waits for
 // this process's end, where it would be taken as done already while the unit counts as running.
-void BusListener::beginLeaving() {
-  isLeaveRequested_ = false;
+void BusListener::beginExit() {
+  isExitRequested_ = false;
   if (phase_ != Phase::serving) return;
   // A call may have come since the check. Without the name, this process could not be asked to
   // cancel it.
   if (scheduler_.hasEngineCalls()) {
-    return environment_.context.exitWhenIdle.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
+    return collaborators_.context.exitWhenIdle.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
   }
-  phase_ = Phase::leaving;
+  phase_ = Phase::exiting;
   sd_notify(0, "STOPPING=1");
   name_.release();
 }
 
-// The bus may deliver calls until it has taken the name back. One that runs an engine belongs to
-// whoever has the name, so the name is asked for again; the bus then hands over the calls that it
-// has kept for the next owner. Only when there is one already, the engine runs without the name.
+// The bus may deliver calls until it has taken the name back. One that runs an engine must be
+// served by the owner of the name, so the name is requested again; the bus then delivers the calls
+// that it has kept for the next owner. If the name has another owner by then, the engine runs
+// without the name.
 void BusListener::takeNameBack() {
   name_.acquire();
   // A manager that was notified of a stop kills the process when that takes too long; a generation
@@ -218,11 +219,11 @@ void BusListener::takeNameBack() {
   sd_notify(0, "EXTEND_TIMEOUT_USEC=330000000");
 }
 
-std::optional<int> BusListener::advanceLeaving() {
+std::optional<int> BusListener::advanceExit() {
   if (name_.isPending()) return std::nullopt;
   if (name_.isOwned()) {
     phase_ = Phase::serving;
-    environment_.context.exitWhenIdle.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
+    collaborators_.context.exitWhenIdle.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
     return std::nullopt;
   }
   if (scheduler_.hasEngineCalls() && !name_.failure()) {
@@ -249,7 +250,7 @@ void BusListener::beginStopping(int signal) {
 }
 
 std::optional<int> BusListener::advanceStopping() {
-  environment_.endEngines();
+  collaborators_.endEngines();
   if (!name_.isPending()) name_.release();
   const auto now = Clock::now();
   const std::size_t unanswered = scheduler_.unansweredCount();
@@ -263,7 +264,7 @@ std::optional<int> BusListener::advanceStopping() {
 // The library wants to write for as long as something is queued.
 bool BusListener::isSettled() {
   if (name_.isOwned() || name_.isPending() || scheduler_.unansweredCount() > 0) return false;
-  if ((sd_bus_get_events(environment_.bus) & POLLOUT) != 0) return false;
+  if ((sd_bus_get_events(collaborators_.bus) & POLLOUT) != 0) return false;
   if (!peers_.hasHeldCalls()) return true;
   if (!vettedSince_) vettedSince_ = Clock::now();
   return Clock::now() - *vettedSince_ >= vettingLimit;
@@ -290,7 +291,7 @@ int BusListener::endAtOnce(std::string_view reason) {
   logLine(reason);
   const auto deadline = Clock::now() + stopLimit;
   while (scheduler_.hasRunningCalls() && Clock::now() < deadline) {
-    environment_.endEngines();
+    collaborators_.endEngines();
     waitForCompletions();
     completions_.runAll();
   }
@@ -299,33 +300,34 @@ int BusListener::endAtOnce(std::string_view reason) {
 
 bool BusListener::mayRead() const {
   std::uint64_t queued = 0;
-  return sd_bus_get_n_queued_write(environment_.bus, &queued) < 0 || queued < maximumQueued;
+  return sd_bus_get_n_queued_write(collaborators_.bus, &queued) < 0 || queued < maximumQueued;
 }
 
 void BusListener::wait() {
   const bool isReading = mayRead();
-  microseconds limit = isReading ? waitLimit(environment_.bus) : forEver;
-  if (phase_ == Phase::leaving || phase_ == Phase::stopping) {
+  microseconds limit = isReading ? waitLimit(collaborators_.bus) : unlimited;
+  if (phase_ == Phase::exiting || phase_ == Phase::stopping) {
     limit = std::min<microseconds>(limit, stopTick);
   }
   if (std::exchange(burst_, 0) > 0) limit = microseconds(0);
   if (limit > microseconds(0)) scheduler_.releaseMemory();
   const timespec timeout = timespecOf(limit);
-  const int events = isReading ? std::max(sd_bus_get_events(environment_.bus), 0) : POLLOUT;
+  const int events = isReading ? std::max(sd_bus_get_events(collaborators_.bus), 0) : POLLOUT;
   std::array<pollfd, 3> watched{
-      pollfd{.fd = sd_bus_get_fd(environment_.bus),
+      pollfd{.fd = sd_bus_get_fd(collaborators_.bus),
              .events = static_cast<short>(events),
              .revents = 0},
       pollfd{.fd = completions_.descriptor(), .events = POLLIN, .revents = 0},
-      pollfd{.fd = environment_.signals.descriptor(), .events = POLLIN, .revents = 0}};
-  const timespec* end = limit == forEver ? nullptr : &timeout;
+      pollfd{.fd = collaborators_.signals.descriptor(), .events = POLLIN, .revents = 0}};
+  const timespec* end = limit == unlimited ? nullptr : &timeout;
   if (::ppoll(watched.data(), watched.size(), end, nullptr) <= 0) return;
   isBusReady_ = watched[0].revents != 0;
   if (watched[2].revents != 0) readSignals();
 }
 
-// A message that finds no memory stays where it is, and would be tried again without a pause.
-// Answers that go out make room; a process that nothing helps exits, and the next call starts one.
+// A message for which there is no memory stays in the library and would be tried again without a
+// pause. Replies that are sent free memory; if that does not help, the process exits, and the next
+// call starts a new one.
 bool BusListener::waitForMemory() {
   static_cast<void>(::malloc_trim(0));
   waitForCompletions();
@@ -339,7 +341,7 @@ void BusListener::waitForCompletions() {
 }
 
 void BusListener::readSignals() {
-  while (const auto signal = environment_.signals.next()) beginStopping(*signal);
+  while (const auto signal = collaborators_.signals.next()) beginStopping(*signal);
 }
 
 int BusListener::onCall(sd_bus_message* call, void* userdata, sd_bus_error*) {

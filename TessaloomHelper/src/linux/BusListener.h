@@ -34,9 +34,9 @@ namespace tessaloom {
 /// of sd-bus's objects are atomic. Methods run on other threads and send their outcome back through
 /// a completion queue.
 ///
-/// How it ends: leave() releases the name, as soon as no call is unfinished that runs an engine,
-/// answers every call that was routed to it before, and then has run() return. A signal and the
-/// loss of the bus end the engines first and wait for them no longer than `stopLimit`.
+/// How it ends: requestExit() releases the name, as soon as no call is unfinished that runs an
+/// engine, answers every call that was routed to it before, and then has run() return. A signal and
+/// the loss of the bus end the engines first and wait for them no longer than `stopLimit`.
 class BusListener {
  public:
   static constexpr std::chrono::seconds stopLimit{10};
@@ -47,7 +47,7 @@ class BusListener {
   /// What the listener works with; everything outlives it. `engineTasks` may be full of engines'
   /// work, `queueTasks` runs only the peers' queues, which never wait for an engine, `vettingTasks`
   /// only looks at peers. `endEngines` ends what runs and may be called repeatedly.
-  struct Environment {
+  struct Collaborators {
     sd_bus* bus;
     const ServiceContext& context;
     Tasks& engineTasks;
@@ -59,30 +59,30 @@ class BusListener {
   };
 
   /// Throws std::system_error when the bus library or the system lacks memory or descriptors.
-  explicit BusListener(Environment environment);
+  explicit BusListener(Collaborators collaborators);
   ~BusListener();
 
   /// Takes the name, notifies the service manager, and serves until the end. The process's exit
-  /// status: 0 after leave(), 128 plus the signal's number after a signal, 1 when the name cannot
-  /// be acquired or the bus is lost.
+  /// status: 0 after requestExit(), 128 plus the signal's number after a signal, 1 when the name
+  /// cannot be acquired or the bus is lost.
   int run();
 
   /// Asks for the orderly end. Any thread, any number of times.
-  void leave() noexcept;
+  void requestExit() noexcept;
 
  private:
-  enum class Phase : std::uint8_t { starting, serving, leaving, stopping };
+  enum class Phase : std::uint8_t { starting, serving, exiting, stopping };
   using Clock = std::chrono::steady_clock;
 
-  class LeaveCompletion;
+  class ExitCompletion;
 
   int accept(sd_bus_message* message);
   std::optional<int> process();
   std::optional<int> advance();
   std::optional<int> advanceStarting();
-  std::optional<int> advanceLeaving();
+  std::optional<int> advanceExit();
   std::optional<int> advanceStopping();
-  void beginLeaving();
+  void beginExit();
   void beginStopping(int signal);
   void takeNameBack();
   bool isSettled();
@@ -97,7 +97,7 @@ class BusListener {
   static int onCall(sd_bus_message* call, void* userdata, sd_bus_error* error);
   static int onMethod(sd_bus_message* call, void* userdata, sd_bus_error* error);
 
-  Environment environment_;
+  Collaborators collaborators_;
   CompletionQueue completions_;
   BusRequests requests_;
   BusName name_;
@@ -113,8 +113,8 @@ class BusListener {
   int burst_ = 0;            ///< Messages handled since the last look at everything else.
   std::optional<Clock::time_point> starvedSince_;
 
-  std::unique_ptr<LeaveCompletion> leaveCompletion_;
-  std::atomic<bool> isLeaveRequested_ = false;
+  std::unique_ptr<ExitCompletion> exitCompletion_;
+  std::atomic<bool> isExitRequested_ = false;
   int stopSignal_ = 0;
   Clock::time_point stopDeadline_;
   std::size_t unanswered_ = 0;        ///< Calls, when last looked at while stopping.

@@ -204,7 +204,7 @@ void CallScheduler::start(Call& call) noexcept {
         try {
           engineTasks_.runConcurrently(QualityOfService::userInitiated, std::move(work));
         } catch (const std::exception&) {
-          return;  // The responder goes with the work.
+          return;  // The responder is destroyed with the work.
         }
       });
     }

@@ -21,7 +21,7 @@ void CompletionQueue::post(Completion& completion) noexcept {
     const bool wasEmpty = first_ == nullptr;
     *end_ = &completion;
     end_ = &completion.next_;
-    // Whoever made the queue non-empty wakes the reader, which takes all.
+    // The post that makes the queue non-empty wakes the reader, which takes everything.
     if (!wasEmpty) return;
   }
   const std::uint64_t one = 1;

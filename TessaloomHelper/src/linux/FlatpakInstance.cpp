@@ -140,7 +140,7 @@ std::expected<std::string, int> flatpakApplication(const ProcessDirectory& proce
   static_cast<void>(list.release());                        // The stream's now.
   while (const dirent* entry = ::readdir(entries.get())) {  // NOLINT(concurrency-mt-unsafe): own
     const std::string_view id = entry->d_name;
-    // Directories of applications, which their sandboxes write below, bear dots.
+    // Directories of applications, below which their sandboxes write, have dots in their names.
     if (id.find_first_not_of("0123456789") != std::string_view::npos) continue;
     auto application = applicationOf(*instances, entry->d_name, *peer);
     // An instance that cannot be read has ended, say; only a shortage may hide the right one.

@@ -8,8 +8,8 @@
 
 namespace tessaloom {
 
-/// Where Flatpak describes what it runs: $XDG_RUNTIME_DIR (XDG Base Directories), or
-/// without it the directory that the system makes for this user.
+/// Where Flatpak describes what it runs: $XDG_RUNTIME_DIR (XDG Base Directories), otherwise the
+/// directory that the system makes for this user.
 std::filesystem::path userRuntimeDirectory();
 
 /// The application of the running Flatpak instance that a process belongs to; empty when it belongs
@@ -22,7 +22,7 @@ std::filesystem::path userRuntimeDirectory();
 /// - the first process inside the sandbox holds a lock on `.ref` for as long as the instance runs,
 ///   and the kernel reports which process that is.
 ///
-/// A process belongs to the instance when it lives in that first process's mount, process and user
+/// A process belongs to the instance when it is in that first process's mount, process and user
 /// namespaces, or is the proxy through which the sandbox reaches the bus. The proxy runs outside of
 /// those; it and the first process hold the two ends of a pipe, by which it notices the instance's
 /// end.

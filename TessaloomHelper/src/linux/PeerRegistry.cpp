@@ -75,8 +75,7 @@ int replyTooMany(sd_bus_message* call) {
 }
 
 int replyUnknown(sd_bus_message* call) {
-  return answer(call, SD_BUS_ERROR_LIMITS_EXCEEDED,
-                "It could not be found out in time who is calling.");
+  return answer(call, SD_BUS_ERROR_LIMITS_EXCEEDED, "The caller could not be identified in time.");
 }
 
 }  // namespace
@@ -120,27 +119,27 @@ bool PeerRegistry::hasHeldCalls() const {
 }
 
 // One watch for each peer rather than one for all names: the bus then wakes the helper only for its
-// own peers' ends, not for every program that disconnects. It is asked for before the
-// credentials, so that a sender that vanishes in between is noticed by one of the two.
+// own peers' ends, not for every program that disconnects. It is asked for before the credentials,
+// so that one of the two detects a sender that disconnects in between.
 Peer* PeerRegistry::add(const char* name) {
-  removeDeparted();
+  removeDisconnected();
   if (!makeRoom()) return nullptr;
   auto peer = std::make_unique<Peer>(name);
-  auto departure = requests_.watchOwner(
+  auto ownerWatch = requests_.watchOwner(
       peer->name,
       [this, key = peer->name](std::string_view owner) {
-        if (owner.empty()) receiveDeparture(key);
+        if (owner.empty()) receiveDisconnect(key);
       },
       [this, key = peer->name](sd_bus_message*) {
         if (Peer* unwatched = find(key)) postpone(*unwatched);
       });
-  if (!departure) return nullptr;
+  if (!ownerWatch) return nullptr;
   auto credentials = requests_.askBus(
       "GetConnectionCredentials",
       [this, key = peer->name](sd_bus_message* reply) { receiveCredentials(key, reply); }, "s",
       name);
   if (!credentials) return nullptr;
-  peer->departure = *std::move(departure);
+  peer->ownerWatch = *std::move(ownerWatch);
   peer->credentials = *std::move(credentials);
   return peers_.emplace(peer->name, std::move(peer)).first->second.get();
 }
@@ -156,14 +155,14 @@ void PeerRegistry::remove(const std::string& name) {
   peers_.erase(found);
 }
 
-void PeerRegistry::removeDeparted() {
-  std::vector<std::string> departed;
+void PeerRegistry::removeDisconnected() {
+  std::vector<std::string> disconnected;
   for (const auto& [name, peer] : peers_) {
-    if (peer->hasLeft && peer->state != AdmissionState::undecided && peer->replayed == 0) {
-      departed.push_back(name);
+    if (peer->hasDisconnected && peer->state != AdmissionState::undecided && peer->replayed == 0) {
+      disconnected.push_back(name);
     }
   }
-  for (const std::string& name : departed) remove(name);
+  for (const std::string& name : disconnected) remove(name);
 }
 
 // Peers that were refused may be forgotten, to be vetted again should they call again: they cannot
@@ -212,7 +211,7 @@ void PeerRegistry::receiveCredentials(const std::string& name, sd_bus_message* r
   Peer* peer = find(name);
   if (peer == nullptr || peer->state != AdmissionState::undecided) return;
   if (sd_bus_message_is_method_error(reply, nullptr) > 0) {
-    // Gone, and with it the proof of who it was; or the bus lacks something.
+    // It has disconnected, so nothing proves who it was; or the bus lacks a resource.
     return postpone(*peer);
   }
   const auto credentials = readCredentials(reply);
@@ -223,12 +222,12 @@ void PeerRegistry::receiveCredentials(const std::string& name, sd_bus_message* r
   if (!isStarted) postpone(*peer);
 }
 
-// What has arrived is done also for a peer that has left, as long as its process is still there to
-// be vetted.
-void PeerRegistry::receiveDeparture(const std::string& name) {
+// Calls that have arrived are carried out even after the peer has disconnected, as long as its
+// process still exists and can be vetted.
+void PeerRegistry::receiveDisconnect(const std::string& name) {
   Peer* peer = find(name);
   if (peer == nullptr) return;
-  peer->hasLeft = true;
+  peer->hasDisconnected = true;
   if (peer->held.empty() && peer->replayed == 0) remove(name);
 }
 
@@ -250,7 +249,7 @@ void PeerRegistry::admit(Peer& peer) {
   peer.connection = std::make_shared<PeerConnection>(context_, queueTasks_, peer.process);
   peer.state = AdmissionState::admitted;
   ++admitted_;
-  // Back to where they came from, ahead of everything that was not read yet.
+  // Back into the library's queue, ahead of everything that has not been read yet.
   for (const BusMessage& call : takeHeld(peer)) {
     const int result = sd_bus_enqueue_for_read(bus_, call.get());
     if (result < 0) {

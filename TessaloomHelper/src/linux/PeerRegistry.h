@@ -22,14 +22,15 @@ namespace tessaloom {
 
 enum class AdmissionState : std::uint8_t { undecided, admitted, refused };
 
-/// A connection that has called, by its unique name, which a bus never gives twice.
+/// A connection that has called, by its unique name, which a bus never assigns twice.
 struct Peer {
   explicit Peer(std::string uniqueName) : name(std::move(uniqueName)) {}
 
   std::string name;
   AdmissionState state = AdmissionState::undecided;
-  bool hasLeft = false;  ///< Has disconnected while a call of it is held or to be read again.
-  BusRequest departure;
+  bool hasDisconnected =
+      false;  ///< Has disconnected while a call of it is held or to be read again.
+  BusRequest ownerWatch;
   BusRequest credentials;
   std::vector<BusMessage> held;  ///< Calls that came while undecided.
   std::size_t heldBytes = 0;
@@ -53,7 +54,7 @@ class PeerRegistry {
   static constexpr std::size_t maximumHeldBytes = CallLoad::maximumBytes;
   static constexpr std::size_t maximumHeldBytesInAll = 4 * maximumHeldBytes;
   /// A peer that has been refused more often gets no answer while the bus is slow to take what is
-  /// sent: it would hold up everybody's replies.
+  /// sent: it would delay the replies to all others.
   static constexpr std::size_t assuredRefusals = 64;
 
   /// `queueTasks` runs the admitted peers' queues. Peers of other users than `user` are refused
@@ -75,7 +76,7 @@ class PeerRegistry {
  private:
   Peer* add(const char* name);
   void remove(const std::string& name);
-  void removeDeparted();
+  void removeDisconnected();
   bool makeRoom();
 
   int hold(Peer& peer, sd_bus_message* call);
@@ -84,7 +85,7 @@ class PeerRegistry {
   std::vector<BusMessage> takeHeld(Peer& peer);
 
   void receiveCredentials(const std::string& name, sd_bus_message* reply);
-  void receiveDeparture(const std::string& name);
+  void receiveDisconnect(const std::string& name);
   void decide(const std::string& name, PeerVetting::Result result);
   void admit(Peer& peer);
   void refuse(Peer& peer);

@@ -56,7 +56,7 @@ PeerVetting::Result PeerVetting::check(pid_t process) noexcept {
     } catch (const std::exception&) {
       return Result::refused;
     }
-    // A lack of something says nothing about the peer and must not be remembered as a refusal.
+    // A shortage says nothing about the peer and must not be recorded as a refusal.
     if (!isShortage(error)) return Result::refused;
     if (tries == maximumTries) return Result::unknown;
     releaseDescriptors_();

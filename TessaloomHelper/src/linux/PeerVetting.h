@@ -30,7 +30,7 @@ class PeerVetting {
   enum class Result : std::uint8_t {
     admitted,
     refused,
-    unknown,  ///< Could not be found out in time, or for want of memory or descriptors.
+    unknown,  ///< Not decided in time, or for lack of memory or descriptors.
   };
 
   /// Whether a process may call, or the errno of why that cannot be read. Runs on other threads.

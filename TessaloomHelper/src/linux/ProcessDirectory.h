@@ -20,8 +20,8 @@ bool isShortage(int error);
 /// other. Once the process no longer exists, every read fails with ESRCH.
 ///
 /// Only the texts of links are read, which the kernel makes up itself. Nothing is looked up in the
-/// process's own file system, where a look-up may take for ever. Errors are errno values. Safe from
-/// any thread.
+/// process's own file system, where a look-up may block indefinitely. Errors are errno values. Safe
+/// from any thread.
 class ProcessDirectory {
  public:
   static std::expected<ProcessDirectory, int> open(pid_t process);

@@ -52,8 +52,8 @@ bool ThreadTasks::stop(std::chrono::milliseconds limit) {
   return true;
 }
 
-/// The error when no thread was to be had: then a worker that exists takes the task once it is
-/// free.
+/// The error when no thread could be started: then an existing worker takes the task once it is
+/// idle.
 std::error_code ThreadTasks::accept(Entries entry) {
   std::error_code error;
   accepted_.splice(accepted_.end(), entry);
@@ -122,7 +122,7 @@ void ThreadTasks::work(Threads::iterator self) {
       keepTime();
       locked.unlock();
       mine.front().task();
-      mine.clear();  // What the task holds may take any lock as it goes.
+      mine.clear();  // What the task owns may take any lock in its destructor.
       locked.lock();
       ++idle_;
     }

@@ -36,7 +36,8 @@ std::expected<BusMessage, std::string> callManager(Manager& manager, const char*
                                               "/org/freedesktop/systemd1",
                                               "org.freedesktop.systemd1.Manager", method);
   const BusMessage call(created);
-  // Without a manager on this bus there is nothing to register with; starting one is not our part.
+  // Without a manager on this bus there is nothing to register with; starting one is not the
+  // helper's task.
   if (result >= 0) result = sd_bus_message_set_auto_start(call.get(), 0);
   if (result >= 0) result = append(call.get());
   if (result < 0) return std::unexpected(errnoText(-result));

@@ -41,8 +41,8 @@ constexpr std::chrono::seconds registrationLimit{2};
 constexpr std::chrono::milliseconds lastTasksLimit{200};
 constexpr std::size_t maximumReplyBytes = 32UL * 1'048'576;
 
-// Whatever started the helper may have left descriptors open, which no engine shall inherit, or a
-// standard one closed, whose number the next descriptor would take and get our error lines.
+// The helper may be started with descriptors open, which no engine may inherit, or with a standard
+// one closed, whose number the next descriptor would take, and with it the error lines.
 void secureDescriptors() {
   for (int standard = STDIN_FILENO; standard <= STDERR_FILENO; ++standard) {
     if (::fcntl(standard, F_GETFD) < 0) ::open("/dev/null", O_RDWR);
@@ -50,7 +50,7 @@ void secureDescriptors() {
   ::close_range(STDERR_FILENO + 1, UINT_MAX, CLOSE_RANGE_CLOEXEC);
 }
 
-// By itself the allocator raises both thresholds to the size of the largest block that was ever
+// By default the allocator raises both thresholds to the size of the largest block that was ever
 // freed, and then keeps blocks of that size in an arena for each thread.
 void limitFreedMemory() {
   constexpr int threshold = 128 * 1024;
@@ -89,25 +89,26 @@ int serve() {
                                           {.releaseDescriptors = releaseDescriptors});
   std::optional<BusListener> listener;
   ExitWhenIdle exitWhenIdle(executable, identity, runner, queueTasks,
-                            [&listener] { listener->leave(); });
+                            [&listener] { listener->requestExit(); });
   const ServiceContext context{.coordinator = coordinator,
                                .kernel = *kernel,
                                .exitWhenIdle = exitWhenIdle,
                                .runEngineCall = [](const auto& work) { work(); },
                                .shortVersion = TESSALOOM_VERSION,
                                .maximumReplyBytes = maximumReplyBytes};
-  listener.emplace(
-      BusListener::Environment{.bus = bus.get(),
-                               .context = context,
-                               .engineTasks = engineTasks,
-                               .queueTasks = queueTasks,
-                               .vettingTasks = vettingTasks,
-                               .requirement = PeerRequirement(::geteuid(), executable.value_or("")),
-                               .signals = signals,
-                               .endEngines = [&runner] { runner.endAll(); }});
+  listener.emplace(BusListener::Collaborators{
+      .bus = bus.get(),
+      .context = context,
+      .engineTasks = engineTasks,
+      .queueTasks = queueTasks,
+      .vettingTasks = vettingTasks,
+      .requirement = PeerRequirement(::geteuid(), executable.value_or("")),
+      .signals = signals,
+      .endEngines = [&runner] { runner.endAll(); }});
   const int status = listener->run();
   removeUnusedDirectory(perUserTemporaryDirectory());
-  // Threads may be stuck in what nobody waits for; then the process ends under them.
+  // Threads may be blocked in work that nothing waits for; then the process ends without joining
+  // them.
   for (ThreadTasks* tasks : {&engineTasks, &queueTasks, &vettingTasks}) {
     if (!tasks->stop(lastTasksLimit)) std::_Exit(status);
   }

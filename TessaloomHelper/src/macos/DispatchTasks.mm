@@ -12,14 +12,12 @@ dispatch_queue_t globalQueue(QualityOfService quality) {
   switch (quality) {
     case QualityOfService::userInitiated:
       return dispatch_get_global_queue(QOS_CLASS_USER_INITIATED, 0);
-    case QualityOfService::standard:
-      return dispatch_get_global_queue(QOS_CLASS_DEFAULT, 0);
     case QualityOfService::utility:
       return dispatch_get_global_queue(QOS_CLASS_UTILITY, 0);
   }
 }
 
-/// Dispatch says nothing about when its threads drain their pools, so each task has its own.
+/// Dispatch does not specify when its threads drain their pools, so each task has its own.
 dispatch_block_t block(std::function<void()> task) {
   return ^{
     @autoreleasepool {

@@ -30,8 +30,8 @@ using Clock = std::chrono::steady_clock;
 
 /// How long the process outlives its last reply, which XPC may not have sent yet.
 constexpr std::chrono::milliseconds replyGrace{200};
-/// How long a replaced helper waits for a pause between brief calls. Callers that leave none would
-/// keep it for ever; one call may then be interrupted.
+/// How long a replaced helper waits for a pause between brief calls. Callers that never pause would
+/// keep it running; one call may then be interrupted.
 constexpr std::chrono::seconds pauseLimit{2};
 /// How long a termination signal waits for the engines, and how often it looks. launchd kills what
 /// is left after 20 seconds.
@@ -59,7 +59,8 @@ class HelperProcess {
   HelperProcess()
       : executable_(executablePath()),
         coordinator_(runner_, perUserTemporaryDirectory()),
-        exitWhenIdle_(executable_, identityOf(executable_), runner_, tasks_, [this] { leave(); }),
+        exitWhenIdle_(executable_, identityOf(executable_), runner_, tasks_,
+                      [this] { exitWhenPaused(); }),
         context_{.coordinator = coordinator_,
                  .kernel = *kernel_,
                  .exitWhenIdle = exitWhenIdle_,
@@ -75,7 +76,7 @@ class HelperProcess {
   void endOnSignals();
 
  private:
-  void leave();
+  void exitWhenPaused();
   void stop(int signal);
   void exitOnceSettled(int signal, Clock::time_point deadline);
 
@@ -94,7 +95,7 @@ class HelperProcess {
 };
 
 // No generation is registered, but one may not be launched yet or not be answered.
-void HelperProcess::leave() {
+void HelperProcess::exitWhenPaused() {
   if (isStopping_) return;
   std::call_once(readyToLeave_, [this] { pauseDeadline_ = Clock::now() + pauseLimit; });
   const bool isPause = openCalls_.areSettled(replyGrace) || Clock::now() >= pauseDeadline_;

@@ -13,7 +13,7 @@ int main(int argc, char** argv) {
   if (argc > 1 && tessaloom::describeSelf(argv[1], "TessaloomHelper", "launchd")) return 0;
   @autoreleasepool {
     // An engine may close its input before all of it is written, and its end must be waited for.
-    // Whoever started the helper may have left either signal otherwise.
+    // The helper may have been started with either signal set otherwise.
     ::signal(SIGPIPE, SIG_IGN);
     ::signal(SIGCHLD, SIG_DFL);
 

@@ -99,7 +99,7 @@ std::string portOf(const FileDescriptor& descriptor) {
   return std::to_string(ntohs(address.sin6_port));
 }
 
-TEST(LinuxProcesses, TellsWhatAProcessIs) {
+TEST(LinuxProcesses, ReportsWhatAProcessIs) {
   LinuxKernel kernel;
   const double before = kernel.processClockTime().time_since_epoch().count();
   ObedientChild child;
@@ -371,7 +371,7 @@ TEST(LinuxSockets, SkipsNoneWhileOthersComeAndGo) {
   }
 }
 
-TEST(LinuxListings, NoticeWhatIsDoneToAProcessThatRests) {
+TEST(LinuxListings, DetectWhatIsDoneToAnIdleProcess) {
   LinuxKernel kernel{settled};
   ObedientChild parent, child;
   const pid_t heir = parent.ask(Command::forkHeir);
@@ -489,7 +489,7 @@ TEST(LinuxListingsUnderChurn, EqualThoseOfAFreshStart) {
       }
       return rows;
     };
-    // What one listing reads, the other may believe: at times the ports are not asked for.
+    // What one listing reads, the other may reuse: sometimes the ports are not listed.
     const bool withPorts = round % 12 < 4 || round % 12 == 11;
     if (withPorts && round % 2 == 0) comparePorts();
     EXPECT_EQ(processes(kernel), processes(fresh));

@@ -174,7 +174,7 @@ TEST(SocketParser, ReadsADump) {
   }
 }
 
-TEST(SocketParser, TellsHowADumpEnds) {
+TEST(SocketParser, ReportsHowADumpEnds) {
   SocketsByInode sockets;
   const std::int32_t noHandler = -ENOENT, noError = 0;
   const std::pair<Datagram, DumpState> rows[] = {

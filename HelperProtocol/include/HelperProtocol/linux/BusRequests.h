@@ -43,12 +43,12 @@ class BusRequest {
 /// Any peer of a bus can send a message that carries the serial of somebody else's call, or that
 /// looks like a signal of the bus; serials are easy to guess. The library's own callbacks (of
 /// sd_bus_call_async, sd_bus_add_match and all that build on them) look at the serial alone, and
-/// the first message that carries it uses the callback up. Nothing may be decided by them. Only the
-/// sender is written by the bus and cannot be forged. So calls are sent here without a callback of
-/// the library, and replies are matched in a filter by serial and sender: a forged one is dropped,
-/// and the call goes on waiting for the genuine one, however many forgeries come first.
+/// the first message that carries it consumes the callback. No decision may depend on them. Only
+/// the sender is written by the bus and cannot be forged. So calls are sent here without a callback
+/// of the library, and replies are matched in a filter by serial and sender: a forged one is
+/// dropped, and the call goes on waiting for the genuine one, however many forgeries come first.
 ///
-/// The reply to a call is believed when it comes from
+/// The reply to a call is accepted when it comes from
 /// - the peer itself, when the call was addressed to the bus or to a unique name;
 /// - a unique name that the bus has reported as the owner of the well-known name that the call was
 ///   addressed to, at some time since the call was sent;
