@@ -1,7 +1,8 @@
 #pragma once
 
-#include <cerrno>
 #include <functional>
+
+#include "TLFoundation/FileDescriptor.h"
 
 namespace tessaloom {
 
@@ -11,7 +12,7 @@ namespace tessaloom {
 template <class Attempt>
 auto withDescriptors(const std::function<void()>& release, Attempt attempt) {
   auto result = attempt();
-  if (result || (result.error() != EMFILE && result.error() != ENFILE)) return result;
+  if (result || !isDescriptorShortage(result.error())) return result;
   release();
   return attempt();
 }

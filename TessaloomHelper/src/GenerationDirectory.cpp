@@ -1,6 +1,5 @@
 #include "GenerationDirectory.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -8,10 +7,11 @@
 
 #include <cerrno>
 #include <chrono>
-#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
+
+#include "TLFoundation/DirectoryReader.h"
 
 namespace tessaloom {
 
@@ -53,35 +53,6 @@ std::expected<FileDescriptor, int> openLocked(const std::filesystem::path& direc
   if (!isPrivate(facts)) return std::unexpected(EACCES);
   return opened;
 }
-
-struct CloseDirectory {
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
-
-/// The entries of an open directory, read again from the start at each `rewind`.
-class DirectoryReader {
- public:
-  explicit DirectoryReader(FileDescriptor directory) : stream_(::fdopendir(directory.get())) {
-    if (stream_) directory.release();
-  }
-
-  explicit operator bool() const { return stream_ != nullptr; }
-  int descriptor() const { return ::dirfd(stream_.get()); }
-  void rewind() { ::rewinddir(stream_.get()); }
-
-  /// The next name, valid until the next call; null at the end.
-  const char* next() {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): a stream of one thread's own, where readdir is safe.
-    while (const dirent* entry = ::readdir(stream_.get())) {
-      const std::string_view name(entry->d_name);
-      if (name != "." && name != "..") return entry->d_name;
-    }
-    return nullptr;
-  }
-
- private:
-  std::unique_ptr<DIR, CloseDirectory> stream_;
-};
 
 /// Empties a directory tree by moving every nested directory up to its root, so that neither stack
 /// nor descriptors grow with the depth that an engine made.

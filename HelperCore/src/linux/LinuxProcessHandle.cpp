@@ -36,7 +36,7 @@ LinuxProcessHandle::LinuxProcessHandle(const FileDescriptor& procDirectory, cons
     : clock_(clock), pid_(pid) {
   if (by == By::pidfdWherePossible) {
     pidfd_ = FileDescriptor{openPidfd(pid)};
-    ranOut_ = !pidfd_ && outOfDescriptors();
+    ranOut_ = !pidfd_ && isDescriptorShortage(errno);
     if (!pidfd_ && !hasNoPidfds()) return;
   }
   const ProcFiles proc{procDirectory};

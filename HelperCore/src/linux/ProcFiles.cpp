@@ -47,7 +47,7 @@ ProcPath::ProcPath(std::int32_t number, std::string_view file) {
 
 FileDescriptor ProcFiles::open(const char* path, int flags) const {
   FileDescriptor file{openat(directory_, path, O_RDONLY | O_CLOEXEC | flags)};
-  if (!file && outOfDescriptors()) ranOut_ = true;
+  if (!file && isDescriptorShortage(errno)) ranOut_ = true;
   return file;
 }
 
@@ -80,10 +80,6 @@ std::expected<std::uint32_t, int> ProcFiles::networkNamespace(std::int32_t numbe
       readlinkat(directory_, ProcPath{number, "ns/net"}.text(), target.data(), target.size());
   if (length < 0) return std::unexpected(errno);
   return parseInodeLink("net", {target.data(), static_cast<std::size_t>(length)}).value_or(0);
-}
-
-bool outOfDescriptors() {
-  return errno == EMFILE || errno == ENFILE;
 }
 
 std::string_view readStart(const FileDescriptor& file, std::span<char> buffer) {

@@ -64,9 +64,6 @@ class ProcFiles {
   mutable std::atomic<bool> ranOut_ = false;
 };
 
-/// Whether errno says that no more descriptors can be opened.
-bool outOfDescriptors();
-
 /// The start of an open file, in one read; empty when it cannot be read.
 std::string_view readStart(const FileDescriptor& file, std::span<char> buffer);
 

@@ -1,6 +1,5 @@
 #include "linux/FlatpakInstance.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,12 +9,12 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
-#include <memory>
 #include <optional>
 #include <set>
 #include <string_view>
 #include <utility>
 
+#include "TLFoundation/DirectoryReader.h"
 #include "TLFoundation/FileDescriptor.h"
 #include "linux/KeyFile.h"
 
@@ -135,14 +134,13 @@ std::expected<std::string, int> flatpakApplication(const ProcessDirectory& proce
 
   FileDescriptor list(::fcntl(instances->get(), F_DUPFD_CLOEXEC, 0));
   if (!list) return std::unexpected(errno);
-  const std::unique_ptr<DIR, int (*)(DIR*)> entries(::fdopendir(list.get()), ::closedir);
+  DirectoryReader entries(std::move(list));
   if (!entries) return std::unexpected(errno);
-  static_cast<void>(list.release());                        // The stream's now.
-  while (const dirent* entry = ::readdir(entries.get())) {  // NOLINT(concurrency-mt-unsafe): own
-    const std::string_view id = entry->d_name;
+  while (const char* name = entries.next()) {
+    const std::string_view id = name;
     // Directories of applications, below which their sandboxes write, have dots in their names.
     if (id.find_first_not_of("0123456789") != std::string_view::npos) continue;
-    auto application = applicationOf(*instances, entry->d_name, *peer);
+    auto application = applicationOf(*instances, name, *peer);
     // An instance that cannot be read has ended, say; only a shortage may hide the right one.
     if (!application && isShortage(application.error())) return application;
     if (application && !application->empty()) return application;

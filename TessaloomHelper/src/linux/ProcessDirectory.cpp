@@ -1,6 +1,5 @@
 #include "linux/ProcessDirectory.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,9 +7,10 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <memory>
 #include <string_view>
 #include <utility>
+
+#include "TLFoundation/DirectoryReader.h"
 
 namespace tessaloom {
 
@@ -33,7 +33,7 @@ bool isStandard(std::string_view descriptor) {
 }  // namespace
 
 bool isShortage(int error) {
-  return error == EMFILE || error == ENFILE || error == ENOMEM;
+  return isDescriptorShortage(error) || error == ENOMEM;
 }
 
 std::expected<ProcessDirectory, int> ProcessDirectory::open(const std::string& path) {
@@ -58,21 +58,20 @@ std::expected<std::string, int> ProcessDirectory::namespaceName(const char* kind
 std::expected<std::set<std::string>, int> ProcessDirectory::pipes(PipeEnd end) const {
   FileDescriptor list(::openat(directory_.get(), "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!list) return std::unexpected(errno);
-  const std::unique_ptr<DIR, int (*)(DIR*)> entries(::fdopendir(list.get()), ::closedir);
+  DirectoryReader entries(std::move(list));
   if (!entries) return std::unexpected(errno);
-  const int directory = list.release();  // The stream's now.
 
   // The kernel shows how a descriptor was opened as the permissions of its link.
   const mode_t wanted = end == PipeEnd::reading ? S_IRUSR : S_IWUSR;
   std::set<std::string> found;
   for (std::size_t seen = 0; seen < maximumDescriptors; ++seen) {
-    const dirent* entry = ::readdir(entries.get());  // NOLINT(concurrency-mt-unsafe): own stream
-    if (entry == nullptr) break;
+    const char* name = entries.next();
+    if (name == nullptr) break;
     struct stat link{};
-    if (isStandard(entry->d_name)) continue;
-    auto text = linkText(directory, entry->d_name);
+    if (isStandard(name)) continue;
+    auto text = linkText(entries.descriptor(), name);
     if (!text || !text->starts_with("pipe:[")) continue;
-    if (::fstatat(directory, entry->d_name, &link, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    if (::fstatat(entries.descriptor(), name, &link, AT_SYMLINK_NOFOLLOW) != 0) continue;
     if ((link.st_mode & (S_IRUSR | S_IWUSR)) == wanted) found.insert(*std::move(text));
   }
   return found;
