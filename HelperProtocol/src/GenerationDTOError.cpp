@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "HelperProtocol/GenerationTimeout.h"
 #include "TLFoundation/DisplayString.h"
 
 namespace tessaloom {
@@ -37,14 +36,14 @@ GenerationDTOError GenerationDTOError::textTooLong(std::int64_t limit, std::int6
               std::to_string(limit) + " allowed."};
 }
 
-GenerationDTOError GenerationDTOError::timeoutOutOfRange(std::int64_t seconds) {
+GenerationDTOError GenerationDTOError::timeoutOutOfRange(std::int64_t seconds, std::int64_t minimum,
+                                                         std::int64_t maximum) {
   return {Kind::timeoutOutOfRange,
           0,
           seconds,
           {},
           "A timeout of " + std::to_string(seconds) + " seconds is outside " +
-              std::to_string(GenerationTimeout::minimum) + " to " +
-              std::to_string(GenerationTimeout::maximum) + "."};
+              std::to_string(minimum) + " to " + std::to_string(maximum) + "."};
 }
 
 GenerationDTOError GenerationDTOError::tooManyItems(std::int64_t limit, std::int64_t actual) {

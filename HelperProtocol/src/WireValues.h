@@ -5,8 +5,6 @@
 #include <optional>
 #include <string_view>
 
-#include "HelperProtocol/GenerationEnums.h"
-
 namespace tessaloom {
 
 /// The case of `cases` whose wire value is `text`; nullopt if there is none.

@@ -24,7 +24,8 @@ class GenerationDTOError : public std::runtime_error {
   /// A bounded text has `actual` characters, more than `limit`.
   static GenerationDTOError textTooLong(std::int64_t limit, std::int64_t actual);
   /// A timeout of `seconds`, which is outside 5 to 300.
-  static GenerationDTOError timeoutOutOfRange(std::int64_t seconds);
+  static GenerationDTOError timeoutOutOfRange(std::int64_t seconds, std::int64_t minimum,
+                                              std::int64_t maximum);
   /// A list has `actual` entries, more than `limit`.
   static GenerationDTOError tooManyItems(std::int64_t limit, std::int64_t actual);
   /// A string that did not come in a message body names no engine.
