@@ -21,7 +21,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -65,6 +64,21 @@ BusHandle openBus() {
   require(sd_bus_open_user(&bus), "connecting to the bus");
   return BusHandle(bus);
 }
+
+/// The D-Bus error of a failed call, freed with it.
+class BusError {
+ public:
+  BusError() = default;
+  ~BusError() { sd_bus_error_free(&error_); }
+  BusError(const BusError&) = delete;
+  BusError& operator=(const BusError&) = delete;
+
+  sd_bus_error* get() { return &error_; }
+  const char* message() const { return error_.message; }
+
+ private:
+  sd_bus_error error_{};
+};
 
 BusMessage call(sd_bus* bus, const char* service, const char* method,
                 const std::string* body = nullptr) {

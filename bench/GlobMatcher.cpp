@@ -6,7 +6,6 @@
 
 #include <fnmatch.h>
 
-#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <vector>

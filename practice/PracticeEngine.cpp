@@ -23,7 +23,6 @@
 //   practice:garbage            answers with what is not JSON
 //   practice:no-output          answers nothing
 //   practice:not-signed-in      answers as an engine without an account, and exits with 1
-//   practice:old-version        complains about an option as an old version does, and exits with it
 //   practice:exit=N             exits with N after the answer
 //   practice:signal=N           dies by signal N after the answer
 //
@@ -232,15 +231,6 @@ void answerAsNotSignedIn(Session& session) {
                    "\n";
 }
 
-void complainAsOldVersion(Session& session) {
-  session.answer = "";
-  session.exitStatus = session.engine == Engine::codex ? 2 : 1;
-  complain(session.engine == Engine::codex
-               ? "error: unexpected argument '--ignore-user-config' found\n\nUsage: codex exec "
-                 "[OPTIONS] [PROMPT]\n\nFor more information, try '--help'.\n"
-               : "error: unknown option '--permission-prompts'\n");
-}
-
 void printEnvironment() {
   std::vector<std::string> entries;
   for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry)
@@ -289,8 +279,6 @@ constexpr Word words[] = {
     {"no-output", false, [](Session& session, std::string_view) { session.answer = ""; }},
     {"not-signed-in", false,
      [](Session& session, std::string_view) { answerAsNotSignedIn(session); }},
-    {"old-version", false,
-     [](Session& session, std::string_view) { complainAsOldVersion(session); }},
     {"exit", false,
      [](Session& session, std::string_view value) {
        session.exitStatus = static_cast<int>(number(value));

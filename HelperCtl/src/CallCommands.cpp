@@ -19,8 +19,8 @@ namespace {
 
 constexpr std::size_t inputLimit = std::size_t{33} * 1024 * 1024;
 
-using console::print;
-using console::safeLine;
+using Console::print;
+using Console::safeLine;
 
 void showCapabilities(const HelperCapabilities& capabilities) {
   print("Helper version  " + safeLine(capabilities.helperVersion) + "\n");
@@ -47,7 +47,7 @@ void showEngineStatus(const EngineStatus& status) {
   const std::string engine(wireValue(status.engine));
   if (!status.binaryFound) {
     print(engine + ": not found\n");
-    if (console::outputIsTerminal()) {
+    if (Console::outputIsTerminal()) {
       print(
           "To see where it was searched for, or why it was rejected: tessaloom-helperctl doctor\n");
     }
@@ -66,7 +66,7 @@ void showCancel(const KillResult& result) {
     print("The generation is being cancelled.\n");
     return;
   }
-  console::printError(
+  Console::printError(
       result.message ? safeLine(*result.message) : "no engine is running under this ID",
       result.message ? "" : "If one starts later, its generation will end as cancelled.");
 }
@@ -107,7 +107,7 @@ CommandResult runVersion(const Arguments& arguments) {
   const CallReply reply = callOnce(methodNamed("ProtocolVersion").name);
   if (!reply) return reportError(reply.error(), arguments.has(jsonOption.name));
   if (arguments.has(jsonOption.name)) {
-    console::printJSON(*reply);
+    Console::printJSON(*reply);
   } else {
     print("Protocol version " + safeLine(*reply) + "\n");
   }
@@ -155,7 +155,7 @@ CommandResult runCall(const Arguments& arguments) {
   }
   const CallReply reply = callOnce(name, body, std::nullopt);
   if (!reply) return reportError(reply.error(), arguments.has(jsonOption.name));
-  arguments.has(jsonOption.name) ? console::printJSON(*reply) : console::printBody(*reply);
+  arguments.has(jsonOption.name) ? Console::printJSON(*reply) : Console::printBody(*reply);
   return ExitStatus::done;
 }
 

@@ -41,7 +41,7 @@ template <class Record, class Show>
 ExitStatus showReply(const CallReply& reply, const Arguments& arguments, Show show) {
   const bool json = arguments.has(jsonOption.name);
   if (!reply) return reportError(reply.error(), json);
-  if (json) console::printJSON(*reply);
+  if (json) Console::printJSON(*reply);
   const auto record = decodeReply<Record>(*reply);
   if (!record) return reportUnreadableReply(record.error());
   if (!json) show(*record);

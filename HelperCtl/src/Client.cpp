@@ -34,10 +34,10 @@ CallReply callAndWait(Transport& transport, std::string_view method,
   });
   // Such a call usually takes no time, so a long wait is announced.
   bool isAnnounced = false;
-  if (limit == callPatience && console::errorIsTerminal()) {
+  if (limit == callPatience && Console::errorIsTerminal()) {
     loop.every(silence, [&isAnnounced] {
       if (std::exchange(isAnnounced, true)) return;
-      console::printToError(console::styledForError(console::Style::dim, waitingText) + "\n");
+      Console::printToError(Console::styledForError(Console::Style::dim, waitingText) + "\n");
     });
   }
   std::optional<EventLoop::Clock::time_point> deadline;
@@ -62,12 +62,12 @@ ExitStatus reportError(const CallError& error, bool json) {
     if (error.kind) object["kind"] = *error.kind;
     object["message"] = error.message;
     const nlohmann::ordered_json whole{{"error", object}};
-    console::printToError(whole.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
+    Console::printToError(whole.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
                           "\n");
   } else {
-    const std::string text = console::safeLine(error.message.empty() ? error.name : error.message);
+    const std::string text = Console::safeLine(error.message.empty() ? error.name : error.message);
     const bool unreachable = error.category == CallError::Category::unreachable;
-    console::printError((unreachable ? "the helper could not be reached: " : "") + text,
+    Console::printError((unreachable ? "the helper could not be reached: " : "") + text,
                         error.advice);
   }
   return error.category == CallError::Category::unreachable ? ExitStatus::unreachable
@@ -75,7 +75,7 @@ ExitStatus reportError(const CallError& error, bool json) {
 }
 
 ExitStatus reportUnreadableReply(std::string_view problem) {
-  console::printError("the helper's reply could not be read: " + console::safeLine(problem),
+  Console::printError("the helper's reply could not be read: " + Console::safeLine(problem),
                       "The helper may be of another version: tessaloom-helperctl freshness");
   return ExitStatus::refused;
 }

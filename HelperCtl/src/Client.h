@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <optional>
-#include <string>
 #include <string_view>
 
 #include "Console.h"

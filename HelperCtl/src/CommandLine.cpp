@@ -169,8 +169,8 @@ std::string helpOf(const Command& command) {
 }
 
 ExitStatus printAndExit(std::string_view text) {
-  console::print(text);
-  return console::flushOutput() ? ExitStatus::done : ExitStatus::refused;
+  Console::print(text);
+  return Console::flushOutput() ? ExitStatus::done : ExitStatus::refused;
 }
 
 ExitStatus refuseUsage(const UsageError& error, const Command* command, bool json) {
@@ -206,7 +206,7 @@ ExitStatus runCommand(const Command& command, std::span<const std::string> words
   }
   const CommandResult result = command.run(*arguments);
   if (!result) return refuseUsage(result.error(), &command, json);
-  if (!console::flushOutput() && *result == ExitStatus::done) return ExitStatus::refused;
+  if (!Console::flushOutput() && *result == ExitStatus::done) return ExitStatus::refused;
   return *result;
 }
 
@@ -261,7 +261,7 @@ ExitStatus runCommandLine(std::span<const std::string> words) {
   if (arguments->has(versionOption.name)) return printAndExit(versionText);
   if (arguments->has(helpOption.name)) return printAndExit(generalHelp());
   if (json) return refuseUsage({"missing argument: COMMAND"}, nullptr, json);
-  console::printToError(generalHelp());
+  Console::printToError(generalHelp());
   return ExitStatus::usage;
 }
 

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <exception>
 #include <iterator>
@@ -46,7 +45,7 @@ std::vector<Record> listed(const Method& method) {
 Candidates processCandidates(bool withNames) {
   Candidates candidates;
   for (const auto& process : listed<ProcessSample>(methodNamed("ListProcesses"))) {
-    const std::string name = console::safeLine(process.command());
+    const std::string name = Console::safeLine(process.command());
     candidates.push_back({std::to_string(process.pid()), name});
     if (withNames) candidates.push_back({name});
   }
@@ -56,7 +55,7 @@ Candidates processCandidates(bool withNames) {
 Candidates portCandidates() {
   Candidates candidates;
   for (const auto& port : listed<PortSample>(methodNamed("ListListeningPorts"))) {
-    const std::string name = console::safeLine(port.processName());
+    const std::string name = Console::safeLine(port.processName());
     candidates.push_back({std::to_string(port.port()), name});
     candidates.push_back({name});
   }
@@ -165,9 +164,9 @@ void printCompletions(std::span<const std::string> words) {
   const std::string& current = words.back();
   for (const Candidate& candidate : candidatesFor(words.first(words.size() - 1), current)) {
     if (!candidate.word.starts_with(current)) continue;
-    console::print(candidate.word + "\t" + candidate.description + "\n");
+    Console::print(candidate.word + "\t" + candidate.description + "\n");
   }
-  console::flushOutput();
+  Console::flushOutput();
 }
 
 }  // namespace tessaloom

@@ -18,7 +18,7 @@
 #include "TLFoundation/DisplayString.h"
 #include "TLFoundation/ErrnoText.h"
 
-namespace tessaloom::console {
+namespace tessaloom::Console {
 namespace {
 
 constexpr std::size_t usualWidth = 80;
@@ -203,4 +203,4 @@ std::string safeText(std::string_view text) {
   return DisplayString::multiLine(text, static_cast<std::int64_t>(text.size()));
 }
 
-}  // namespace tessaloom::console
+}  // namespace tessaloom::Console

@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <limits>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -17,7 +16,7 @@ enum class ExitStatus : int {
 };
 
 /// The three standard streams and what their far ends can show.
-namespace console {
+namespace Console {
 
 enum class Style { bold, dim, good, bad };
 
@@ -67,5 +66,5 @@ std::string safeText(std::string_view text);
 /// One line as standard output shows it, whose width is known.
 std::string safeCell(std::string_view text);
 
-}  // namespace console
+}  // namespace Console
 }  // namespace tessaloom

@@ -28,7 +28,7 @@
 namespace tessaloom {
 namespace {
 
-using console::safeLine;
+using Console::safeLine;
 using enum Check::Outcome;
 
 /// How long the first call may take, with the helper's start and its decision about this program.
@@ -142,15 +142,15 @@ std::string_view word(Check::Outcome outcome) {
 }
 
 void show(const Check& check) {
-  const auto style = check.outcome == good     ? console::Style::good
-                     : check.outcome == notice ? console::Style::bold
-                                               : console::Style::bad;
+  const auto style = check.outcome == good     ? Console::Style::good
+                     : check.outcome == notice ? Console::Style::bold
+                                               : Console::Style::bad;
   std::string mark(word(check.outcome));
   mark.resize(6, ' ');
   std::string subject = check.subject;
   subject.resize(std::max<std::size_t>(17, subject.size() + 1), ' ');
-  console::print(console::styledForOutput(style, mark) + subject + check.finding + "\n");
-  if (!check.remedy.empty()) console::print(std::string(23, ' ') + check.remedy + "\n");
+  Console::print(Console::styledForOutput(style, mark) + subject + check.finding + "\n");
+  if (!check.remedy.empty()) Console::print(std::string(23, ' ') + check.remedy + "\n");
 }
 
 nlohmann::ordered_json asJSON(const std::vector<Check>& checks) {
@@ -180,11 +180,11 @@ CommandResult runDoctor(const Arguments& arguments) {
   const bool isSound =
       std::ranges::none_of(checks, [](const Check& c) { return c.outcome == bad; });
   if (arguments.has(jsonOption.name)) {
-    console::printJSON(
+    Console::printJSON(
         asJSON(checks).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
   } else {
     for (const Check& check : checks) show(check);
-    console::print(
+    Console::print(
         isSound ? "\nText can be generated, if the engine is signed in: that shows only when it is "
                   "used.\n"
                 : "\nText cannot be generated until the problems marked \"bad\" are fixed.\n");

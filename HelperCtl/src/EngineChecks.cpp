@@ -27,7 +27,7 @@
 namespace tessaloom {
 namespace {
 
-using console::safeLine;
+using Console::safeLine;
 using enum Check::Outcome;
 
 /// The files of the engine's name in the search locations that were rejected, and what to do.

@@ -99,7 +99,7 @@ std::optional<int> await(pid_t pid, std::array<pollfd, 2> streams,
 std::string firstLine(std::string_view text) {
   const std::size_t start = text.find_first_not_of(" \t\r\n");
   if (start == std::string_view::npos) return {};
-  return console::safeLine(text.substr(start, text.find_first_of("\r\n", start) - start));
+  return Console::safeLine(text.substr(start, text.find_first_of("\r\n", start) - start));
 }
 
 std::string startProblem(int error, const std::filesystem::path& executable) {

@@ -17,8 +17,8 @@
 namespace tessaloom {
 namespace {
 
-using console::print;
-using console::safeLine;
+using Console::print;
+using Console::safeLine;
 
 std::string timeoutRange() {
   return "--timeout must be between " + std::to_string(GenerationTimeout::minimum) + " and " +
@@ -44,7 +44,7 @@ std::string explainLimit(const GenerationDTOError& error) {
 
 std::expected<std::string, UsageError> readPrompt(const Arguments& arguments) {
   const bool fromInput = arguments.positionals().empty() || arguments.positionals().front() == "-";
-  if (arguments.positionals().empty() && console::inputIsTerminal()) {
+  if (arguments.positionals().empty() && Console::inputIsTerminal()) {
     return usageError("no prompt: pass one in quotes or pipe it in");
   }
   std::string prompt = fromInput ? readStandardInput() : arguments.positionals().front();
@@ -112,11 +112,11 @@ void showResult(const GenerationResult& result) {
     print("globs         " + joined(result.fields->globs()) + "\n");
     print(std::string("always apply  ") + (result.fields->alwaysApply() ? "yes" : "no") + "\n");
   } else {
-    const std::string text = console::safeText(result.text);
+    const std::string text = Console::safeText(result.text);
     print(text);
     if (!text.ends_with('\n')) print("\n");
   }
-  if (!console::errorIsTerminal()) return;
+  if (!Console::errorIsTerminal()) return;
   std::string footer =
       std::string(wireValue(result.engine)) + ", " + humanMilliseconds(result.durationMilliseconds);
   if (result.tokens) {
@@ -124,8 +124,8 @@ void showResult(const GenerationResult& result) {
               std::to_string(result.tokens->cachedInput) + " cached), " +
               std::to_string(result.tokens->output) + " out";
   }
-  console::flushOutput();
-  console::printToError(console::styledForError(console::Style::dim, footer) + "\n");
+  Console::flushOutput();
+  Console::printToError(Console::styledForError(Console::Style::dim, footer) + "\n");
 }
 
 /// Whether a reply is about the generation that was asked for. One that cannot be read is not known
@@ -156,15 +156,15 @@ CommandResult runGenerate(const Arguments& arguments) {
   if (!request) return std::unexpected(request.error());
   const auto transport = openTransport();
   if (!transport) return reportError(transport.error(), arguments.has(jsonOption.name));
-  if (console::errorIsTerminal()) {
-    console::printToError(console::styledForError(console::Style::dim,
+  if (Console::errorIsTerminal()) {
+    Console::printToError(Console::styledForError(Console::Style::dim,
                                                   "generation " + request->requestID().string()) +
                           "\n");
   }
   auto [reply, signal] = runGeneration(**transport, *request);
   const ExitStatus status = showGeneration(std::move(reply), *request, arguments);
   if (signal != 0) {
-    console::flushOutput();
+    Console::flushOutput();
     dieBySignal(signal);
   }
   return status;

@@ -31,7 +31,7 @@ class ProgressLine {
   ProgressLine& operator=(const ProgressLine&) = delete;
 
   void show(bool cancelling) {
-    if (!console::canRedrawErrorLine()) return;
+    if (!Console::canRedrawErrorLine()) return;
     const auto elapsed =
         std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_);
     const std::string line =
@@ -39,13 +39,13 @@ class ProgressLine {
         std::to_string(elapsed.count()) + " s" +
         (cancelling ? " (Ctrl-C again quits immediately)" : " (Ctrl-C cancels)");
     // The last column stays free: some terminals go to the next line when it is filled.
-    const std::string_view shown = prefixOfWidth(line, console::errorWidth() - 1);
-    console::printToError("\r\033[K" + console::styledForError(console::Style::dim, shown));
+    const std::string_view shown = prefixOfWidth(line, Console::errorWidth() - 1);
+    Console::printToError("\r\033[K" + Console::styledForError(Console::Style::dim, shown));
     isShown_ = true;
   }
 
   void clear() {
-    if (isShown_ && console::canRedrawErrorLine()) console::printToError("\r\033[K");
+    if (isShown_ && Console::canRedrawErrorLine()) Console::printToError("\r\033[K");
     isShown_ = false;
   }
 

@@ -5,8 +5,6 @@
 #include <cstdint>
 #include <expected>
 #include <functional>
-#include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -24,8 +22,8 @@
 namespace tessaloom {
 namespace {
 
-using console::safeCell;
-using console::safeLine;
+using Console::safeCell;
+using Console::safeLine;
 
 constexpr std::chrono::seconds watchInterval{2};
 
@@ -147,7 +145,7 @@ CommandResult Listing<Record>::run() {
         UsageError{"unknown column \"" + safeLine(order) + "\": use one of" + titles});
   }
   const bool json = arguments_.has(jsonOption.name);
-  if (arguments_.has(watchOption.name) && (json || !console::outputIsTerminal())) {
+  if (arguments_.has(watchOption.name) && (json || !Console::outputIsTerminal())) {
     return std::unexpected(UsageError{"--watch needs a terminal, and no --json"});
   }
   const auto transport = openTransport();
@@ -158,7 +156,7 @@ CommandResult Listing<Record>::run() {
     auto records = decodeReply<std::vector<Record>>(*reply);
     if (!records) return reportUnreadableReply(records.error());
     choose(*records);
-    console::printJSON(HelperCoding::makeEncoder().encode(*records));
+    Console::printJSON(HelperCoding::makeEncoder().encode(*records));
     return ExitStatus::done;
   }
   return showReply<std::vector<Record>>(
@@ -192,8 +190,8 @@ std::vector<std::string> Listing<Record>::lines(const std::vector<Record>& recor
     for (const auto& column : columns_) cells.push_back(column.cell(record));
     table.addRow(std::move(cells));
   }
-  std::vector<std::string> all = table.lines(console::outputWidth(), console::ellipsis());
-  all.front() = console::styledForOutput(console::Style::bold, all.front());
+  std::vector<std::string> all = table.lines(Console::outputWidth(), Console::ellipsis());
+  all.front() = Console::styledForOutput(Console::Style::bold, all.front());
   if (arguments_.has(headersOption.name)) all.erase(all.begin());
   return all;
 }
@@ -201,7 +199,7 @@ std::vector<std::string> Listing<Record>::lines(const std::vector<Record>& recor
 template <class Record>
 void Listing<Record>::show(std::vector<Record> records) const {
   choose(records);
-  for (const std::string& line : lines(records)) console::print(line + "\n");
+  for (const std::string& line : lines(records)) Console::print(line + "\n");
 }
 
 /// Draws over the previous lines instead of clearing the terminal first, which would flicker.
@@ -209,11 +207,11 @@ template <class Record>
 void Listing<Record>::redraw(std::vector<Record> records) const {
   choose(records);
   std::vector<std::string> all = lines(records);
-  all.resize(std::min(all.size(), console::outputHeight() - 1));
+  all.resize(std::min(all.size(), Console::outputHeight() - 1));
   std::string screen = "\033[H";
   for (const std::string& line : all) screen += line + "\033[K\n";
-  console::print(screen + "\033[J");
-  console::flushOutput();
+  Console::print(screen + "\033[J");
+  Console::flushOutput();
 }
 
 template <class Record>
@@ -258,9 +256,9 @@ ExitStatus killProcess(Transport& transport, ProcessID pid, Signal signal,
       [pid](const KillResult& result) {
         const std::string target = "process " + std::to_string(pid.value());
         if (result.succeeded) {
-          console::print("Sent the signal to " + target + ".\n");
+          Console::print("Sent the signal to " + target + ".\n");
         } else {
-          console::printError(target + " was not signaled: " +
+          Console::printError(target + " was not signaled: " +
                                   safeLine(result.message.value_or("the helper refused")),
                               "See which processes can be signaled: tessaloom-helperctl ps");
         }

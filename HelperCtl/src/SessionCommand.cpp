@@ -84,7 +84,7 @@ ExitStatus Session::run() {
     return isOver();
   });
   if (outputError_ != 0) {
-    console::printError(console::outputErrorText(outputError_));
+    Console::printError(Console::outputErrorText(outputError_));
     return ExitStatus::refused;
   }
   return unreachable_ ? ExitStatus::unreachable : ExitStatus::done;

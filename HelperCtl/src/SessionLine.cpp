@@ -27,7 +27,7 @@ std::string formatSessionReply(std::size_t number, const CallReply& reply) {
     std::ranges::replace(line, '\n', ' ');
   } else {
     line.append(" error ").append(reply.error().name).append(" ");
-    line.append(console::safeLine(reply.error().message));
+    line.append(Console::safeLine(reply.error().message));
   }
   return line + "\n";
 }

@@ -11,7 +11,7 @@ int main(int argc, char** argv) {
   try {
     return static_cast<int>(runCommandLine(words));
   } catch (const std::exception& error) {
-    console::printError(console::safeLine(error.what()));
+    Console::printError(Console::safeLine(error.what()));
     return static_cast<int>(ExitStatus::refused);
   }
 }

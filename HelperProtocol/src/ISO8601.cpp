@@ -1,6 +1,5 @@
 #include "ISO8601.h"
 
-#include <array>
 #include <chrono>
 #include <cmath>
 #include <cstdint>

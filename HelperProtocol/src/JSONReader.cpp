@@ -1,8 +1,6 @@
 #include "HelperProtocol/JSONReader.h"
 
-#include <charconv>
 #include <cmath>
-#include <limits>
 #include <ranges>
 
 #include <nlohmann/json.hpp>

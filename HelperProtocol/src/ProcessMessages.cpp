@@ -1,7 +1,6 @@
 #include "HelperProtocol/ProcessMessages.h"
 
 #include <string_view>
-#include <utility>
 
 #include "HelperProtocol/HelperDTOError.h"
 #include "TLFoundation/DisplayString.h"

@@ -2,11 +2,8 @@
 
 #include <chrono>
 #include <cstdint>
-#include <string>
-#include <string_view>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "DescriptorShortage.h"
 #include "GenerationDirectory.h"

@@ -137,7 +137,7 @@ struct Connection {
 
 // What each method does with its request. Those that take a Connection run on its queue; those that
 // run an engine have no connection, because it may be gone before they are done.
-namespace handlers {
+namespace Handlers {
 
 std::int64_t protocolVersion(Connection /*connection*/) {
   return HelperConstants::protocolVersion;
@@ -207,7 +207,7 @@ EngineStatus generationEngineStatus(const ServiceContext& context,
   return context.coordinator.engineStatus(request);
 }
 
-}  // namespace handlers
+}  // namespace Handlers
 
 template <class Record>
 Record handle(Record (*handler)(Connection), Connection connection, std::string_view /*body*/) {
@@ -251,15 +251,15 @@ struct Binding {
 };
 
 constexpr std::array bindings{
-    Binding{methodNamed("ProtocolVersion"), atOnce<handlers::protocolVersion>},
-    Binding{methodNamed("ListProcesses"), handlers::listProcesses},
-    Binding{methodNamed("KillProcess"), atOnce<handlers::killProcess>},
-    Binding{methodNamed("ListListeningPorts"), atOnce<handlers::listListeningPorts>},
-    Binding{methodNamed("HelperCapabilities"), atOnce<handlers::helperCapabilities>},
-    Binding{methodNamed("GenerateText"), concurrently<handlers::generateText>},
-    Binding{methodNamed("CancelGeneration"), atOnce<handlers::cancelGeneration>},
-    Binding{methodNamed("QuitIfOutdated"), handlers::quitIfOutdated},
-    Binding{methodNamed("GenerationEngineStatus"), concurrently<handlers::generationEngineStatus>},
+    Binding{methodNamed("ProtocolVersion"), atOnce<Handlers::protocolVersion>},
+    Binding{methodNamed("ListProcesses"), Handlers::listProcesses},
+    Binding{methodNamed("KillProcess"), atOnce<Handlers::killProcess>},
+    Binding{methodNamed("ListListeningPorts"), atOnce<Handlers::listListeningPorts>},
+    Binding{methodNamed("HelperCapabilities"), atOnce<Handlers::helperCapabilities>},
+    Binding{methodNamed("GenerateText"), concurrently<Handlers::generateText>},
+    Binding{methodNamed("CancelGeneration"), atOnce<Handlers::cancelGeneration>},
+    Binding{methodNamed("QuitIfOutdated"), Handlers::quitIfOutdated},
+    Binding{methodNamed("GenerationEngineStatus"), concurrently<Handlers::generationEngineStatus>},
 };
 
 constexpr bool isBound(const Method& method) {

@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <optional>
 #include <vector>
 
 #include "linux/DescriptorBudget.h"
@@ -48,7 +47,7 @@ class ProcessPass {
 
   /// Whether what is known holds if its probe is unchanged: between the age at which that means
   /// idle and the one at which everything is read anew, just in case, after one to two minutes.
-  bool isRemembered(const KnownProcess& known) const {
+  bool mayBeReused(const KnownProcess& known) const {
     return known.facts && known.probe && known.probe.age(startedAt_) >= idleAge_ &&
            !isExpired(known);
   }

@@ -62,7 +62,7 @@ void readAnew(ProcessPass& pass, Slot& slot) {
 
 void read(ProcessPass& pass, Slot& slot) {
   KnownProcess& known = slot.known;
-  if (pass.isRemembered(known) && known.facts->terminal == 0) {
+  if (pass.mayBeReused(known) && known.facts->terminal == 0) {
     slot.residentBytes = residentBytes(pass, known);
     slot.isRemembered = known.facts && known.probe.isUnchanged();
   }

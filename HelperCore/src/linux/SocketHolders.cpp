@@ -32,7 +32,7 @@ std::vector<bool> keptDescriptors(ProcessPass& pass) {
 void read(ProcessPass& pass, Slot& slot, std::int32_t self) {
   KnownProcess& known = slot.known;
   if (known.pid == self) return;
-  if (known.sockets && pass.isRemembered(known) && known.probe.isUnchanged()) return;
+  if (known.sockets && pass.mayBeReused(known) && known.probe.isUnchanged()) return;
   const FileDescriptor stat = pass.open(known);
   if (!stat) return;
   known.sockets = readSocketDescriptors(pass.proc(), known.pid);

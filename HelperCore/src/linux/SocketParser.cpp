@@ -9,8 +9,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <optional>
-#include <string>
 
 #include "linux/ProcParser.h"
 

@@ -27,7 +27,7 @@
 namespace tessaloom {
 namespace {
 
-using console::safeLine;
+using Console::safeLine;
 using enum Check::Outcome;
 
 constexpr std::chrono::seconds patience{5};

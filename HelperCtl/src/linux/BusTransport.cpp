@@ -2,7 +2,6 @@
 #include <deque>
 #include <list>
 #include <memory>
-#include <string_view>
 #include <utility>
 
 #include "BusAdvice.h"

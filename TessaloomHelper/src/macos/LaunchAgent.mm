@@ -2,8 +2,6 @@
 
 #import <ServiceManagement/ServiceManagement.h>
 
-#include <string>
-
 #import "HelperProtocol/macos/FoundationValues.h"
 #include "Log.h"
 

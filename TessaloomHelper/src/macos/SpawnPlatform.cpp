@@ -6,8 +6,6 @@
 #include <sys/event.h>
 #include <unistd.h>
 
-#include <array>
-
 namespace tessaloom::SpawnPlatform {
 
 namespace {

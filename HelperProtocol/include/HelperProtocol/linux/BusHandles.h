@@ -21,21 +21,6 @@ using BusHandle = std::unique_ptr<sd_bus, BusRelease<sd_bus_flush_close_unref>>;
 using BusMessage = std::unique_ptr<sd_bus_message, BusRelease<sd_bus_message_unref>>;
 using BusSlot = std::unique_ptr<sd_bus_slot, BusRelease<sd_bus_slot_unref>>;
 
-/// The D-Bus error of a failed call, freed with it.
-class BusError {
- public:
-  BusError() = default;
-  ~BusError() { sd_bus_error_free(&error_); }
-  BusError(const BusError&) = delete;
-  BusError& operator=(const BusError&) = delete;
-
-  sd_bus_error* get() { return &error_; }
-  const char* message() const { return error_.message; }
-
- private:
-  sd_bus_error error_{};
-};
-
 inline BusMessage retain(sd_bus_message* message) {
   return BusMessage(sd_bus_message_ref(message));
 }
