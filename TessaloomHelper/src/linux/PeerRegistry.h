@@ -27,8 +27,8 @@ struct Peer {
 
   std::string name;
   AdmissionState state = AdmissionState::undecided;
-  bool hasDisconnected =
-      false;  ///< Has disconnected while a call of it is held or to be read again.
+  /// While a call of it is held or to be read again.
+  bool hasDisconnected = false;
   BusRequest ownerWatch;
   BusRequest credentials;
   std::vector<BusMessage> held;  ///< Calls that came while undecided.
