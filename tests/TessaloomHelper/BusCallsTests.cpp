@@ -15,7 +15,6 @@
 #include "TessaloomHelper/ServiceWithoutEngines.h"
 #include "linux/CallScheduler.h"
 #include "linux/PeerRegistry.h"
-#include "support/Repeated.h"
 #include "support/ScriptedBus.h"
 
 namespace tessaloom {
@@ -212,7 +211,7 @@ TEST_F(BusCallsTest, BoundsWhatIsHeld) {
   for (std::size_t i = 0; i <= PeerRegistry::maximumHeldCalls; ++i) call(1, "ProtocolVersion");
   EXPECT_EQ(answers(), Texts{"1 LimitsExceeded"});
   // A path counts, too.
-  const auto most = repeated("x", PeerRegistry::maximumHeldBytes - 1);
+  const std::string most(PeerRegistry::maximumHeldBytes - 1, 'x');
   for (const int sender : {2, 3, 4}) call(sender, "GenerateText", most);
   EXPECT_EQ(answers(), Texts{});
   call(2, "ProtocolVersion");
