@@ -210,6 +210,7 @@ TEST_F(CLIRunnerTest, ChildHasWhatItIsGivenAndNothingElse) {
 TEST_F(CLIRunnerTest, LaunchFailuresCarryTheSystemsText) {
   std::ofstream(directory / "text") << "text";
   std::filesystem::permissions(directory / "text", std::filesystem::perms::owner_all);
+  std::ofstream(directory / "plain") << "#!/bin/sh";
   const struct {
     std::string executable;
     std::optional<std::string> workingDirectory;
@@ -217,6 +218,8 @@ TEST_F(CLIRunnerTest, LaunchFailuresCarryTheSystemsText) {
   } rows[] = {
       {directory / "missing", {}, "No such file or directory"},
       {directory / "text", {}, "Exec format error"},
+      {directory / "plain", {}, "Permission denied"},
+      {PRACTICE_ENGINE, directory / "text", "Not a directory"},
       {PRACTICE_ENGINE, directory / "missing", "No such file or directory"},
   };
   EXPECT_FALSE(runner.cancel(id));
