@@ -82,11 +82,12 @@ def exponent(points):
 
 
 def growth(rows):
-    """The median times by size of every subject that was measured at several, and of its peers."""
+    """The median times by size of every subject that was measured at several, and of its peers. The helper's are those
+    beside the first of them."""
     points = collections.defaultdict(dict)
     for row in rows:
         if row.size:
-            points[row.table, row.name, "helper"][row.size] = statistics.median(row.own)
+            points[row.table, row.name, "helper"].setdefault(row.size, statistics.median(row.own))
             points[row.table, row.name, row.peer][row.size] = statistics.median(row.theirs)
     return {key: sorted(sizes.items()) for key, sizes in points.items() if len(sizes) > 1}
 
@@ -117,9 +118,10 @@ def table_text(table, rows, grown):
 
 def plot(grown):
     """Time over size, both logarithmic, of the listings under a session's limits."""
-    # One peer may be in several rows: its own growth is shown once.
-    series = {(name if who == "helper" else who, who): points for (table, name, who), points in grown.items()
-              if table == "listings-1024"}
+    series = {}
+    for (table, name, who), points in grown.items():
+        if table == "listings-1024":  # A peer that is in several rows is shown once, beside the first.
+            series.setdefault((name if who == "helper" else who, who), points)
     width, height, margin = 720, 400, 60
     sizes = [size for points in series.values() for size, _ in points]
     times = [time for points in series.values() for _, time in points]
