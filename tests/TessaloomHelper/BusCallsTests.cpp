@@ -235,7 +235,7 @@ TEST_F(BusCallsTest, CarriesOutCallsOfACallerThatHasDisconnected) {
   admit(2, 4);
   EXPECT_EQ(registry.find(":1.1"), nullptr);
 
-  // What a generation leaves, nobody gets.
+  // Its generation goes on, and the result is sent to nobody.
   call(2, "GenerateText");
   reportOwner(BusRequests::busName, ":1.2", "");
   EXPECT_EQ(registry.find(":1.2"), nullptr);
