@@ -125,7 +125,6 @@ std::int32_t ChildProcess::reap() {
   const MutexLock locked(lock_);
   reaped_ = true;
   wake_.reset();
-  kills_.clear();
   return statusOf(pid_);
 }
 

@@ -110,7 +110,6 @@ bool ChildRun::awaitExit(Clock::time_point deadline) {
     child_->sendDueKills(now);
     moveBytes(nextWake(deadline));
   }
-  exited_ = true;
   exit_.reset();
   wake_.reset();
   status_ = child_->reap();
