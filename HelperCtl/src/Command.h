@@ -40,10 +40,14 @@ inline constexpr OptionRule versionOption{"--version", "", "show the version of 
 inline constexpr std::array commonOptions{jsonOption, helpOption, versionOption};
 
 /// The option of one command that is required.
-inline constexpr OptionRule engineOption{"--engine", "ENGINE", "claudeCode or codex; required", 0,
-                                         WordKind::engine};
-inline constexpr OptionRule shapeOption{"--shape", "SHAPE", "freeText (default) or itemFields", 0,
-                                        WordKind::shape};
+inline constexpr OptionRule engineOption{.name = "--engine",
+                                         .valueName = "ENGINE",
+                                         .summary = "claudeCode or codex; required",
+                                         .valueKind = WordKind::engine};
+inline constexpr OptionRule shapeOption{.name = "--shape",
+                                        .valueName = "SHAPE",
+                                        .summary = "freeText (default) or itemFields",
+                                        .valueKind = WordKind::shape};
 inline constexpr OptionRule instructionsOption{
     "--instructions", "TEXT", "instructions for the engine, up to 8,000 characters"};
 inline constexpr OptionRule timeoutOption{"--timeout", "SECONDS", "5 to 300 (default 180)"};

@@ -18,12 +18,16 @@ constexpr std::array generateOptions{engineOption, shapeOption, instructionsOpti
                                      idOption};
 constexpr std::array killOptions{signalOption};
 constexpr std::array psOptions{
-    OptionRule{"--sort", "COLUMN", "pid (default), command, memory, age, terminal, parent", 0,
-               WordKind::processColumn},
+    OptionRule{.name = "--sort",
+               .valueName = "COLUMN",
+               .summary = "pid (default), command, memory, age, terminal, parent",
+               .valueKind = WordKind::processColumn},
     headersOption, watchOption};
 constexpr std::array portsOptions{
-    OptionRule{"--sort", "COLUMN", "port (default), protocol, process, pid, address", 0,
-               WordKind::portColumn},
+    OptionRule{.name = "--sort",
+               .valueName = "COLUMN",
+               .summary = "port (default), protocol, process, pid, address",
+               .valueKind = WordKind::portColumn},
     headersOption, watchOption};
 
 constexpr std::array processFilters{Positional{"NAME|PID", WordKind::processName, true, true}};

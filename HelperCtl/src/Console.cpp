@@ -7,7 +7,6 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -15,6 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Arguments.h"
 #include "TLFoundation/DisplayString.h"
 #include "TLFoundation/ErrnoText.h"
 
@@ -97,11 +97,8 @@ std::optional<winsize> sizeOf(int descriptor) {
 
 std::size_t widthOf(int descriptor) {
   if (const auto size = sizeOf(descriptor)) return size->ws_col;
-  const std::string_view columns = environment("COLUMNS");
-  std::size_t width = 0;
-  const auto [end, error] = std::from_chars(columns.data(), columns.data() + columns.size(), width);
-  return error == std::errc() && end == columns.data() + columns.size() && width > 0 ? width
-                                                                                     : usualWidth;
+  const std::size_t columns = parseNumber<std::size_t>(environment("COLUMNS")).value_or(0);
+  return columns > 0 ? columns : usualWidth;
 }
 
 std::string styled(bool isTerminal, Style style, std::string_view text) {

@@ -1,4 +1,3 @@
-#include <charconv>
 #include <cstdint>
 #include <string>
 #include <system_error>
@@ -56,15 +55,11 @@ std::expected<std::string, UsageError> readPrompt(const Arguments& arguments) {
 std::expected<GenerationTimeout, UsageError> readTimeout(const Arguments& arguments) {
   const auto text = arguments.value(timeoutOption.name);
   if (!text) return GenerationTimeout();
-  std::int64_t seconds = 0;
-  const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), seconds);
-  if (end == text->data() + text->size() && error == std::errc::result_out_of_range) {
-    return usageError(timeoutRange() + ", not " + safeLine(*text));
-  }
-  if (error != std::errc() || end != text->data() + text->size()) {
-    return usageError("--timeout \"" + safeLine(*text) + "\" is not a whole number of seconds");
-  }
-  return GenerationTimeout(seconds);
+  const auto seconds = parseNumber<std::int64_t>(*text);
+  if (seconds) return GenerationTimeout(*seconds);
+  return usageError(seconds.error() == std::errc::result_out_of_range
+                        ? timeoutRange() + ", not " + safeLine(*text)
+                        : "--timeout \"" + safeLine(*text) + "\" is not a whole number of seconds");
 }
 
 std::expected<GenerationRequest, UsageError> readRequest(const Arguments& arguments) {

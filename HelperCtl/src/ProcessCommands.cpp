@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <cctype>
-#include <charconv>
 #include <chrono>
 #include <cstdint>
 #include <expected>
@@ -227,15 +226,12 @@ ExitStatus Listing<Record>::watch(Transport& transport) const {
 }
 
 std::expected<ProcessID, UsageError> readPID(const std::string& text) {
-  std::int32_t value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  const bool isNumber = error != std::errc::invalid_argument && end == text.data() + text.size();
-  if (!isNumber || error != std::errc() || value <= 0) {
-    return std::unexpected(UsageError{"process ID \"" + safeLine(text) + "\" is " +
-                                      (isNumber ? "out of range: use a number" : "not a number") +
-                                      " from 1 to 2147483647"});
-  }
-  return ProcessID(value);
+  const auto number = parseNumber<std::int32_t>(text);
+  if (number && *number > 0) return ProcessID(*number);
+  const bool isNumber = number || number.error() == std::errc::result_out_of_range;
+  return usageError("process ID \"" + safeLine(text) + "\" is " +
+                    (isNumber ? "out of range: use a number" : "not a number") +
+                    " from 1 to 2147483647");
 }
 
 std::expected<Signal, UsageError> readSignal(const std::string& text) {
