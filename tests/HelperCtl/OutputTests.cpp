@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "HumanFormat.h"
+#include "SessionLine.h"
 #include "Table.h"
 
 namespace tessaloom {
@@ -15,7 +16,7 @@ using testing::ElementsAre;
 
 Table sampleTable() {
   using enum Table::Alignment;
-  Table table({{"PID", right}, {"COMMAND", left, true}, {"MEMORY", right}, {"TTY", left}});
+  Table table({{"PID", right}, {"COMMAND", left, true}, {"MEMORY", right}, {"TTY", left, true}});
   table.addRow({"7", "a-rather-long-name", "1.5 MiB", "pts/0-console"});
   table.addRow({"1234", "日本語のプロセス", "24 KiB", "-"});
   table.addRow({"12", "cafe\u0301", "3 B", ""});
@@ -31,12 +32,11 @@ TEST(Table, AlignsByWhatATerminalShows) {
 }
 
 TEST(Table, CutsWhatMayShrinkAndThenDropsTheLastColumns) {
-  // 41 columns have room for all four when COMMAND is cut to 11, though TTY is wider then; a wide
-  // character is never halved.
+  // The widest gives way, of two the first; a wide character is never halved.
   EXPECT_THAT(
-      sampleTable().lines(41, "…"),  //
-      ElementsAre(" PID  COMMAND       MEMORY  TTY", "   7  a-rather-l…  1.5 MiB  pts/0-console",
-                  "1234  日本語のプ…   24 KiB  -", "  12  cafe\u0301             3 B"));
+      sampleTable().lines(42, "…"),  //
+      ElementsAre(" PID  COMMAND        MEMORY  TTY", "   7  a-rather-lo…  1.5 MiB  pts/0-console",
+                  "1234  日本語のプ…    24 KiB  -", "  12  cafe\u0301              3 B"));
   // Even with COMMAND at its narrowest, 24 columns lack room for the terminal.
   EXPECT_THAT(sampleTable().lines(24, "…"),  //
               ElementsAre(" PID  COMMAND     MEMORY", "   7  a-rather…  1.5 MiB",
@@ -55,6 +55,11 @@ TEST(HumanFormat, SizesAgesAndDurations) {
       {humanMilliseconds(9'000), "9.0 s"},
   };
   for (const auto& [actual, expected] : rows) EXPECT_EQ(actual, expected);
+}
+
+TEST(SessionLine, IsOneLineEachWay) {
+  EXPECT_EQ(parseSessionLine("KillProcess\r").body, "");
+  EXPECT_EQ(formatSessionReply(7, Bytes("{\n}")), "7 ok { }\n");
 }
 
 }  // namespace
