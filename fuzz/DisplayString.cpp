@@ -1,5 +1,7 @@
-// Passes the input through every text function and checks how their results relate. The first byte
-// chooses the limits.
+// Passes the input through the functions of DisplayString and Unicode and checks how their results
+// relate. The first byte chooses the limits.
+
+#include "TLFoundation/DisplayString.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -11,7 +13,6 @@
 #include <utf8proc.h>
 
 #include "Require.h"
-#include "TLFoundation/DisplayString.h"
 #include "TLFoundation/Unicode.h"
 
 using namespace tessaloom;

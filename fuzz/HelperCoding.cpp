@@ -1,6 +1,8 @@
 // Reads the input as the body of every message. A record that was read survives writing and reading
 // unchanged; a refusal is one of the documented errors, with a text that can be shown as it is.
 
+#include "HelperProtocol/HelperCoding.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -14,7 +16,6 @@
 #include "HelperProtocol/GenerationRequest.h"
 #include "HelperProtocol/GenerationResult.h"
 #include "HelperProtocol/HelperCapabilities.h"
-#include "HelperProtocol/HelperCoding.h"
 #include "HelperProtocol/HelperDTOError.h"
 #include "HelperProtocol/HelperFreshness.h"
 #include "HelperProtocol/JSONReader.h"
