@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include "HelperCore/BinaryAllowlist.h"
-#include "HelperCore/CLIInvocationBuilder.h"
 #include "HelperCore/CurrentUser.h"
 #include "support/TemporaryDirectory.h"
 
@@ -78,27 +77,6 @@ TEST(BinaryAllowlist, JudgesWhatALinkLeadsTo) {
     EXPECT_EQ(BinaryAllowlist::readFacts(home / path), std::nullopt) << path;
   // The path as formed, so that the launch follows the link again.
   EXPECT_EQ(resolveEngine(GenerationEngineID::codex, CurrentUser{home, "u"}), bin / "codex");
-}
-
-// The practice engine compares every vector, text and schema with copies of its own; these cases
-// hold what it does not see.
-
-TEST(CLIInvocationBuilder, ComposesTheInput) {
-  const std::string rules = "OUTPUT RULES\n" + std::string(CLIInvocationBuilder::systemText());
-  const auto promptOf = [](const std::string& instructions) {
-    return CLIInvocationBuilder::prompt(instructions, " p\n");
-  };
-  EXPECT_EQ(promptOf(" \r\n\t\u00a0\u2028"), rules + "\n\nTASK\n p\n");
-  EXPECT_EQ(promptOf("\n\n a\n\n \u200b \u3000\n"),
-            rules + "\n\nSYSTEM INSTRUCTIONS\na\n\n \u200b\n\nTASK\n p\n");
-}
-
-TEST(CLIInvocationBuilder, SetsDirectoriesWithoutTrailingSlashes) {
-  const auto environment = CLIInvocationBuilder::environment("/home/u//", "me", "/tmp/x/");
-  EXPECT_EQ(environment.at("HOME"), "/home/u");
-  EXPECT_EQ(environment.at("TMPDIR"), "/tmp/x");
-  EXPECT_EQ(CLIInvocationBuilder::environment("/", "me", "/tmp").at("HOME"), "/");
-  EXPECT_EQ(CLIInvocationBuilder::searchLocations("//").front(), "/.local/bin");
 }
 
 }  // namespace
