@@ -24,9 +24,11 @@ using Texts = std::vector<std::string>;
 
 /// The registry and the scheduler, joined as the listener joins them. Even processes are the
 /// editor's.
-class BusCallsTest : public testing::Test, protected ScriptedBus, protected ServiceWithoutEngines {
+class PeersAndCallsTest : public testing::Test,
+                          protected ScriptedBus,
+                          protected ServiceWithoutEngines {
  protected:
-  BusCallsTest() {
+  PeersAndCallsTest() {
     context.runEngineCall = [](const auto& work) { work(); };
     sd_bus_slot* slot = nullptr;
     EXPECT_GE(sd_bus_add_filter(connection(), &slot, onCall, this), 0);
@@ -133,7 +135,7 @@ class BusCallsTest : public testing::Test, protected ScriptedBus, protected Serv
 
  private:
   static int onCall(sd_bus_message* call, void* userdata, sd_bus_error* /*error*/) {
-    auto& test = *static_cast<BusCallsTest*>(userdata);
+    auto& test = *static_cast<PeersAndCallsTest*>(userdata);
     std::uint8_t type = 0;
     sd_bus_message_get_type(call, &type);
     if (type != SD_BUS_MESSAGE_METHOD_CALL) return 0;
@@ -146,7 +148,7 @@ class BusCallsTest : public testing::Test, protected ScriptedBus, protected Serv
   BusSlot filter_;
 };
 
-TEST_F(BusCallsTest, VetsACallerAtItsFirstCallAndHoldsWhatItSends) {
+TEST_F(PeersAndCallsTest, VetsACallerAtItsFirstCallAndHoldsWhatItSends) {
   call(1, "ListProcesses");
   call(1, "ProtocolVersion");
   EXPECT_TRUE(registry.hasHeldCalls());
@@ -176,7 +178,7 @@ TEST_F(BusCallsTest, VetsACallerAtItsFirstCallAndHoldsWhatItSends) {
   }
 }
 
-TEST_F(BusCallsTest, ChecksOneProcessAtATimeAndBoundsHowManyWait) {
+TEST_F(PeersAndCallsTest, ChecksOneProcessAtATimeAndBoundsHowManyWait) {
   for (int sender = 1; sender <= 65; ++sender) firstCall(sender, 7);
   EXPECT_EQ(answers(), Texts{"65 LimitsExceeded"});
   EXPECT_EQ(checksAtOnce(), 1);
@@ -192,7 +194,7 @@ TEST_F(BusCallsTest, ChecksOneProcessAtATimeAndBoundsHowManyWait) {
   EXPECT_EQ(std::ranges::count(said, "400 AccessDenied"), 1);
 }
 
-TEST_F(BusCallsTest, GivesUpAfterTheTimeLimitAndGoesOnWithOthers) {
+TEST_F(PeersAndCallsTest, GivesUpAfterTheTimeLimitAndGoesOnWithOthers) {
   // Each round leaves as many behind whose thread never comes back.
   for (int stuck = 0; stuck < 20; stuck += 4) {
     for (int i = stuck; i <= stuck + 4; ++i) firstCall(i, static_cast<std::uint32_t>(2 * i));
@@ -207,7 +209,7 @@ TEST_F(BusCallsTest, GivesUpAfterTheTimeLimitAndGoesOnWithOthers) {
   EXPECT_EQ(answers(), (Texts{"50 x", "51 x"})) << "what came too late does not count";
 }
 
-TEST_F(BusCallsTest, BoundsWhatIsHeld) {
+TEST_F(PeersAndCallsTest, BoundsWhatIsHeld) {
   for (std::size_t i = 0; i <= PeerRegistry::maximumHeldCalls; ++i) call(1, "ProtocolVersion");
   EXPECT_EQ(answers(), Texts{"1 LimitsExceeded"});
   // A path counts, too.
@@ -225,7 +227,7 @@ TEST_F(BusCallsTest, BoundsWhatIsHeld) {
   EXPECT_EQ(answers(), Texts{"6 LimitsExceeded"}) << "it would hold as much as any";
 }
 
-TEST_F(BusCallsTest, CarriesOutCallsOfACallerThatHasDisconnected) {
+TEST_F(PeersAndCallsTest, CarriesOutCallsOfACallerThatHasDisconnected) {
   call(1, "ListProcesses");
   call(1, "KillProcess", R"({"pid":42,"signal":15})");
   introduce(2);
@@ -245,7 +247,7 @@ TEST_F(BusCallsTest, CarriesOutCallsOfACallerThatHasDisconnected) {
   EXPECT_EQ(scheduler.unansweredCount(), 0U);
 }
 
-TEST_F(BusCallsTest, AnswersWhatFindsNoThread) {
+TEST_F(PeersAndCallsTest, AnswersWhatFindsNoThread) {
   admit(1, 2);
   for (const bool isExhausted : {true, false, true}) {
     queueTasks.isExhausted = engineTasks.isExhausted = isExhausted;
@@ -259,7 +261,7 @@ TEST_F(BusCallsTest, AnswersWhatFindsNoThread) {
   }
 }
 
-TEST_F(BusCallsTest, SharesTheEnginesAndTheConnection) {
+TEST_F(PeersAndCallsTest, SharesTheEnginesAndTheConnection) {
   for (int caller = 1; caller <= 5; ++caller) {
     admit(caller, static_cast<std::uint32_t>(2 * caller));
     for (int i = 0; i < 10; ++i) call(caller, "GenerateText");
@@ -280,7 +282,7 @@ TEST_F(BusCallsTest, SharesTheEnginesAndTheConnection) {
   EXPECT_EQ(answers(), (Texts{"2 ay", "3 ay", "2 ay", "3 ay", "2 ay", "3 ay"}));
 }
 
-TEST_F(BusCallsTest, BoundsTheCallsOfEachAndOfAll) {
+TEST_F(PeersAndCallsTest, BoundsTheCallsOfEachAndOfAll) {
   admit(100, 2);
   admit(101, 2);  // Of the same process, and so the same caller.
   for (int i = 0; i < 16; ++i) call(100 + i % 2, "GenerateText");
