@@ -2,7 +2,7 @@
 set(info_section src/macos/InfoPropertyList.cpp)
 if(TESSALOOM_RUN_MACOS_HERE)
   # The one source that needs a Mac's object format.
-  set(info_section "${PROJECT_SOURCE_DIR}/macos-check/run/InfoSection.cpp")
+  set(info_section "${PROJECT_SOURCE_DIR}/macos-check/doubles/InfoSection.cpp")
 endif()
 
 add_executable(

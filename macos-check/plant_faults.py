@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Shows that the compile check and the run together notice faults in the macOS sources.
 
-    prove.py CHECK RUN [NUMBER...]
+    plant_faults.py CHECK RUN [NUMBER...]
 
 CHECK and RUN are build folders of the presets macos and macos-run in which the unaltered sources were built. Plants
 each fault below in a copy of its source. What still compiles for macOS is linked into the program that runs here, and
@@ -144,7 +144,7 @@ def run_notices(build, source, program, scenario, altered, output):
         errors, program = linked(build, program, output, replaced)
     if errors:
         sys.exit(errors)
-    command = [ROOT / "macos-check/run/run-pair", build, "--scenario", scenario, "--with", program]
+    command = [ROOT / "macos-check/doubles/run-pair", build, "--scenario", scenario, "--with", program]
     if scenario == LAUNCH:
         command = [program]
     result = subprocess.run(command, capture_output=True, text=True, check=False)
