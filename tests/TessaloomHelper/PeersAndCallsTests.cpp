@@ -65,7 +65,7 @@ class PeersAndCallsTest : public testing::Test,
   /// Does what there is to do, save the engines' work.
   void settle() {
     for (int round = 0; round < 3; ++round) {
-      runVetting(false);
+      runChecks(false);
       queueTasks.run();
       completions.runAll();
       scheduler.sendReplies();
@@ -74,8 +74,8 @@ class PeersAndCallsTest : public testing::Test,
   }
 
   /// Runs the checks of callers, or else the time limits, until nothing more comes of it.
-  void runVetting(bool isTimer) {
-    auto& entries = vettingTasks.entries;
+  void runChecks(bool isTimer) {
+    auto& entries = checkTasks.entries;
     for (auto entry = entries.begin(); entry != entries.end();) {
       if ((entry->quality == QualityOfService::utility) != isTimer) {
         ++entry;
@@ -91,7 +91,7 @@ class PeersAndCallsTest : public testing::Test,
   }
 
   std::ptrdiff_t checksAtOnce() const {
-    return std::ranges::count(vettingTasks.entries, QualityOfService::userInitiated,
+    return std::ranges::count(checkTasks.entries, QualityOfService::userInitiated,
                               &ManualTasks::Entry::quality);
   }
 
@@ -121,16 +121,16 @@ class PeersAndCallsTest : public testing::Test,
 
   BusRequests requests{connection()};
   CompletionQueue completions;
-  ManualTasks vettingTasks, queueTasks, engineTasks;
+  ManualTasks checkTasks, queueTasks, engineTasks;
   bool hasDescriptors = true;
-  PeerVetting vetting{completions, vettingTasks,
-                      [this](pid_t process) -> std::expected<bool, int> {
-                        if (!hasDescriptors) return std::unexpected(EMFILE);
-                        if (process > 200) return std::unexpected(ESRCH);
-                        return process % 2 == 0;
-                      },
-                      [this] { hasDescriptors = true; }, std::chrono::milliseconds(0)};
-  PeerRegistry registry{connection(), requests, vetting, getuid(), queueTasks, context};
+  PeerCheckRunner checks{completions, checkTasks,
+                         [this](pid_t process) -> std::expected<bool, int> {
+                           if (!hasDescriptors) return std::unexpected(EMFILE);
+                           if (process > 200) return std::unexpected(ESRCH);
+                           return process % 2 == 0;
+                         },
+                         [this] { hasDescriptors = true; }, std::chrono::milliseconds(0)};
+  PeerRegistry registry{connection(), requests, checks, getuid(), queueTasks, context};
   CallScheduler scheduler{connection(), completions, engineTasks};
 
  private:
@@ -187,7 +187,7 @@ TEST_F(PeersAndCallsTest, ChecksOneProcessAtATimeAndBoundsHowManyWait) {
   }
   EXPECT_EQ(checksAtOnce(), 4);
   hasDescriptors = false;  // Which is no refusal: the first check has some released.
-  runVetting(false);
+  runChecks(false);
   const Texts said = answers();
   EXPECT_EQ(said.size(), 64U + 5);
   for (const char* admitted : {"108 x", "110 x"}) EXPECT_EQ(std::ranges::count(said, admitted), 1);
@@ -199,13 +199,13 @@ TEST_F(PeersAndCallsTest, GivesUpAfterTheTimeLimitAndGoesOnWithOthers) {
   for (int stuck = 0; stuck < 20; stuck += 4) {
     for (int i = stuck; i <= stuck + 4; ++i) firstCall(i, static_cast<std::uint32_t>(2 * i));
     EXPECT_EQ(checksAtOnce(), stuck + 4);
-    runVetting(true);
+    runChecks(true);
     EXPECT_EQ(answers().size(), 5U) << "one had to wait";
   }
   firstCall(50, 50);
   firstCall(51, 0);  // Its first check still hangs.
   EXPECT_EQ(checksAtOnce(), 20) << "no other thread";
-  runVetting(false);
+  runChecks(false);
   EXPECT_EQ(answers(), (Texts{"50 x", "51 x"})) << "what came too late does not count";
 }
 

@@ -68,7 +68,7 @@ microseconds waitLimit(sd_bus* bus) {
   return std::max(microseconds(static_cast<std::int64_t>(wakeAt)) - now, microseconds(0));
 }
 
-PeerVetting::Check checkOf(PeerRequirement requirement) {
+PeerCheckRunner::Check checkOf(PeerRequirement requirement) {
   return [requirement = std::move(requirement),
           runtimeDirectory = userRuntimeDirectory()](pid_t process) -> std::expected<bool, int> {
     const auto facts = readPeerFacts(process, runtimeDirectory);
@@ -103,9 +103,9 @@ BusListener::BusListener(Collaborators collaborators)
       requests_(collaborators_.bus),
       name_(requests_, serviceName),
       scheduler_(collaborators_.bus, completions_, collaborators_.engineTasks),
-      vetting_(completions_, collaborators_.vettingTasks, checkOf(collaborators_.requirement),
-               [&kernel = collaborators_.context.kernel] { kernel.releaseKeptDescriptors(); }),
-      peers_(collaborators_.bus, requests_, vetting_, collaborators_.requirement.user(),
+      checks_(completions_, collaborators_.peerCheckTasks, checkOf(collaborators_.requirement),
+              [&kernel = collaborators_.context.kernel] { kernel.releaseKeptDescriptors(); }),
+      peers_(collaborators_.bus, requests_, checks_, collaborators_.requirement.user(),
              collaborators_.queueTasks, collaborators_.context),
       table_(methodTable(onMethod)),
       exitCompletion_(std::make_unique<ExitCompletion>(*this)) {

@@ -19,9 +19,9 @@
 #include "linux/BusName.h"
 #include "linux/CallScheduler.h"
 #include "linux/CompletionQueue.h"
+#include "linux/PeerCheckRunner.h"
 #include "linux/PeerRegistry.h"
 #include "linux/PeerRequirement.h"
-#include "linux/PeerVetting.h"
 #include "linux/StopSignals.h"
 
 namespace tessaloom {
@@ -43,14 +43,14 @@ class BusListener {
   static constexpr std::chrono::seconds busLimit{2};
 
   /// What the listener works with; everything outlives it. `engineTasks` may be full of engines'
-  /// work, `queueTasks` runs only the peers' queues, which never wait for an engine, `vettingTasks`
-  /// only looks at peers. `endEngines` ends what runs and may be called repeatedly.
+  /// work, `queueTasks` runs only the peers' queues, which never wait for an engine,
+  /// `peerCheckTasks` only looks at peers. `endEngines` may be called repeatedly.
   struct Collaborators {
     sd_bus* bus;
     const ServiceContext& context;
     Tasks& engineTasks;
     Tasks& queueTasks;
-    Tasks& vettingTasks;
+    Tasks& peerCheckTasks;
     PeerRequirement requirement;
     const StopSignals& signals;
     std::function<void()> endEngines;
@@ -100,7 +100,7 @@ class BusListener {
   BusRequests requests_;
   BusName name_;
   CallScheduler scheduler_;
-  PeerVetting vetting_;
+  PeerCheckRunner checks_;
   PeerRegistry peers_;
   std::vector<sd_bus_vtable> table_;  ///< Must outlive `object_`, which points into it.
   BusSlot filter_;

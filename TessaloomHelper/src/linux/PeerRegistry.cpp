@@ -80,11 +80,11 @@ int replyUnknown(sd_bus_message* call) {
 
 }  // namespace
 
-PeerRegistry::PeerRegistry(sd_bus* bus, BusRequests& requests, PeerVetting& vetting, uid_t user,
+PeerRegistry::PeerRegistry(sd_bus* bus, BusRequests& requests, PeerCheckRunner& checks, uid_t user,
                            Tasks& queueTasks, const ServiceContext& context)
     : bus_(bus),
       requests_(requests),
-      vetting_(vetting),
+      checks_(checks),
       user_(user),
       queueTasks_(queueTasks),
       context_(context) {}
@@ -217,8 +217,8 @@ void PeerRegistry::receiveCredentials(const std::string& name, sd_bus_message* r
   const auto credentials = readCredentials(reply);
   if (!credentials || credentials->user != user_ || !credentials->process) return refuse(*peer);
   peer->process = static_cast<pid_t>(*credentials->process);
-  const bool isStarted = vetting_.start(
-      peer->process, [this, name](PeerVetting::Result result) { decide(name, result); });
+  const bool isStarted = checks_.start(
+      peer->process, [this, name](PeerCheckRunner::Result result) { decide(name, result); });
   if (!isStarted) postpone(*peer);
 }
 
@@ -231,15 +231,15 @@ void PeerRegistry::receiveDisconnect(const std::string& name) {
   if (peer->held.empty() && peer->replayed == 0) remove(name);
 }
 
-void PeerRegistry::decide(const std::string& name, PeerVetting::Result result) {
+void PeerRegistry::decide(const std::string& name, PeerCheckRunner::Result result) {
   Peer* peer = find(name);
   if (peer == nullptr) return;
   switch (result) {
-    case PeerVetting::Result::admitted:
+    case PeerCheckRunner::Result::admitted:
       return admit(*peer);
-    case PeerVetting::Result::refused:
+    case PeerCheckRunner::Result::refused:
       return refuse(*peer);
-    case PeerVetting::Result::unknown:
+    case PeerCheckRunner::Result::unknown:
       return postpone(*peer);
   }
 }

@@ -14,8 +14,8 @@
 #include "HelperProtocol/linux/BusRequests.h"
 #include "TessaloomHelper/HelperService.h"
 #include "TessaloomHelper/Tasks.h"
+#include "linux/PeerCheckRunner.h"
 #include "linux/PeerConnection.h"
-#include "linux/PeerVetting.h"
 
 namespace tessaloom {
 
@@ -39,8 +39,8 @@ struct Peer {
   pid_t process = 0;                           ///< Known once the bus has reported it.
 };
 
-/// Who may call: has every sender vetted at its first call, holds its calls until the decision, and
-/// removes it when it disconnects. On the bus's thread only.
+/// The senders of calls: has each one vetted at its first call, holds its calls until the decision,
+/// and removes it when it disconnects. On the bus's thread only.
 ///
 /// Calls of peers that are not decided yet are bounded for each connection and in all. When they
 /// exceed the bound in all, the calls of the connection that holds most are refused.
@@ -57,8 +57,8 @@ class PeerRegistry {
   static constexpr std::size_t assuredRefusals = 64;
 
   /// `queueTasks` runs the admitted peers' queues. Peers of other users than `user` are refused
-  /// without a look at their process; `vetting` decides about the others.
-  PeerRegistry(sd_bus* bus, BusRequests& requests, PeerVetting& vetting, uid_t user,
+  /// without a look at their process; `checks` decides about the others.
+  PeerRegistry(sd_bus* bus, BusRequests& requests, PeerCheckRunner& checks, uid_t user,
                Tasks& queueTasks, const ServiceContext& context);
 
   /// Decides about one call before anything else handles it. 0 when its sender is admitted; greater
@@ -85,14 +85,14 @@ class PeerRegistry {
 
   void receiveCredentials(const std::string& name, sd_bus_message* reply);
   void receiveDisconnect(const std::string& name);
-  void decide(const std::string& name, PeerVetting::Result result);
+  void decide(const std::string& name, PeerCheckRunner::Result result);
   void admit(Peer& peer);
   void refuse(Peer& peer);
   void postpone(Peer& peer);
 
   sd_bus* bus_;
   BusRequests& requests_;
-  PeerVetting& vetting_;
+  PeerCheckRunner& checks_;
   uid_t user_;
   Tasks& queueTasks_;
   const ServiceContext& context_;

@@ -82,7 +82,7 @@ int serve() {
   const std::unique_ptr<Kernel> kernel = makeSystemKernel();
   ThreadTasks engineTasks(ThreadTasks::Shortage::refuses);
   ThreadTasks queueTasks;
-  ThreadTasks vettingTasks;
+  ThreadTasks peerCheckTasks;
   const auto releaseDescriptors = [&kernel] { kernel->releaseKeptDescriptors(); };
   CLIRunner runner(limits.descriptors(), releaseDescriptors);
   const GenerationCoordinator coordinator(runner, perUserTemporaryDirectory(),
@@ -101,7 +101,7 @@ int serve() {
       .context = context,
       .engineTasks = engineTasks,
       .queueTasks = queueTasks,
-      .vettingTasks = vettingTasks,
+      .peerCheckTasks = peerCheckTasks,
       .requirement = PeerRequirement(::geteuid(), executable.value_or("")),
       .signals = signals,
       .endEngines = [&runner] { runner.endAll(); }});
@@ -109,7 +109,7 @@ int serve() {
   removeUnusedDirectory(perUserTemporaryDirectory());
   // Threads may be blocked in work that nothing waits for; then the process ends without joining
   // them.
-  for (ThreadTasks* tasks : {&engineTasks, &queueTasks, &vettingTasks}) {
+  for (ThreadTasks* tasks : {&engineTasks, &queueTasks, &peerCheckTasks}) {
     if (!tasks->stop(lastTasksLimit)) std::_Exit(status);
   }
   return status;

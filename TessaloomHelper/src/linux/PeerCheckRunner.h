@@ -15,8 +15,8 @@
 
 namespace tessaloom {
 
-/// Checks processes away from the bus's thread, so that a check that takes long delays nobody but
-/// its own process.
+/// Runs the checks of peers away from the bus's thread, so that one that takes long delays nobody
+/// but its own process.
 ///
 /// One check of a process runs at a time, `maximumRunning` in all; the others wait in the order in
 /// which they came. A check without a result after `timeLimit` ends as `unknown`. A thread that is
@@ -25,7 +25,7 @@ namespace tessaloom {
 /// `maximumRunning` + `maximumStuck` at most.
 ///
 /// On the bus's thread only. Handlers run there as well, never from start().
-class PeerVetting {
+class PeerCheckRunner {
  public:
   enum class Result : std::uint8_t {
     admitted,
@@ -44,11 +44,11 @@ class PeerVetting {
 
   /// `tasks` runs the checks and nothing else. `releaseDescriptors` closes what is only kept for
   /// speed; it is called on other threads, before a check that lacked descriptors is repeated.
-  PeerVetting(CompletionQueue& completions, Tasks& tasks, Check check,
-              std::function<void()> releaseDescriptors,
-              std::chrono::milliseconds limit = timeLimit);
-  PeerVetting(const PeerVetting&) = delete;
-  PeerVetting& operator=(const PeerVetting&) = delete;
+  PeerCheckRunner(CompletionQueue& completions, Tasks& tasks, Check check,
+                  std::function<void()> releaseDescriptors,
+                  std::chrono::milliseconds limit = timeLimit);
+  PeerCheckRunner(const PeerCheckRunner&) = delete;
+  PeerCheckRunner& operator=(const PeerCheckRunner&) = delete;
 
   /// Has a process checked; false when too many checks of it are under way.
   bool start(pid_t process, Handler handler);
@@ -57,30 +57,30 @@ class PeerVetting {
   using Clock = std::chrono::steady_clock;
   enum class State : std::uint8_t { waiting, running, stuck };
 
-  struct Vetting final : CompletionQueue::Completion {
-    Vetting(PeerVetting& owner, pid_t checked, Handler whenDone);
-    void run() override { vetting.finish(*this); }
+  struct Job final : CompletionQueue::Completion {
+    Job(PeerCheckRunner& owner, pid_t checked, Handler whenDone);
+    void run() override { runner.finish(*this); }
 
-    PeerVetting& vetting;
+    PeerCheckRunner& runner;
     pid_t process;
     Handler handler;
     Clock::time_point deadline;
     State state = State::waiting;
     Result result = Result::unknown;
-    std::list<Vetting>::iterator position;
+    std::list<Job>::iterator position;
   };
 
   struct Timer final : CompletionQueue::Completion {
-    explicit Timer(PeerVetting& owner) : vetting(owner) {}
-    void run() override { vetting.expire(); }
+    explicit Timer(PeerCheckRunner& owner) : runner(owner) {}
+    void run() override { runner.expire(); }
 
-    PeerVetting& vetting;
+    PeerCheckRunner& runner;
     bool isSet = false;
   };
 
   Result check(pid_t process) noexcept;
   void startWaiting();
-  void finish(Vetting& finished);
+  void finish(Job& finished);
   void expire();
   void setTimer();
 
@@ -89,7 +89,7 @@ class PeerVetting {
   Check check_;
   std::function<void()> releaseDescriptors_;
   std::chrono::milliseconds limit_;
-  std::list<Vetting> vettings_;
+  std::list<Job> jobs_;
   std::unordered_set<pid_t> busy_;  ///< Processes whose check runs or is stuck.
   std::size_t running_ = 0;
   std::size_t stuck_ = 0;

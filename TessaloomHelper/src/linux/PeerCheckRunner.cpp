@@ -1,4 +1,4 @@
-#include "linux/PeerVetting.h"
+#include "linux/PeerCheckRunner.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -20,31 +20,32 @@ constexpr std::chrono::milliseconds pauseBetweenTries{50};
 
 }  // namespace
 
-PeerVetting::Vetting::Vetting(PeerVetting& owner, pid_t checked, Handler whenDone)
-    : vetting(owner),
+PeerCheckRunner::Job::Job(PeerCheckRunner& owner, pid_t checked, Handler whenDone)
+    : runner(owner),
       process(checked),
       handler(std::move(whenDone)),
       deadline(Clock::now() + owner.limit_) {}
 
-PeerVetting::PeerVetting(CompletionQueue& completions, Tasks& tasks, Check check,
-                         std::function<void()> releaseDescriptors, std::chrono::milliseconds limit)
+PeerCheckRunner::PeerCheckRunner(CompletionQueue& completions, Tasks& tasks, Check check,
+                                 std::function<void()> releaseDescriptors,
+                                 std::chrono::milliseconds limit)
     : completions_(completions),
       tasks_(tasks),
       check_(std::move(check)),
       releaseDescriptors_(std::move(releaseDescriptors)),
       limit_(limit) {}
 
-bool PeerVetting::start(pid_t process, Handler handler) {
-  const auto ofProcess = std::ranges::count(vettings_, process, &Vetting::process);
+bool PeerCheckRunner::start(pid_t process, Handler handler) {
+  const auto ofProcess = std::ranges::count(jobs_, process, &Job::process);
   if (static_cast<std::size_t>(ofProcess) >= maximumOfProcess) return false;
-  Vetting& vetting = vettings_.emplace_back(*this, process, std::move(handler));
-  vetting.position = std::prev(vettings_.end());
+  Job& job = jobs_.emplace_back(*this, process, std::move(handler));
+  job.position = std::prev(jobs_.end());
   startWaiting();
   setTimer();
   return true;
 }
 
-PeerVetting::Result PeerVetting::check(pid_t process) noexcept {
+PeerCheckRunner::Result PeerCheckRunner::check(pid_t process) noexcept {
   for (int tries = 1;; ++tries) {
     int error = ENOMEM;
     try {
@@ -64,27 +65,27 @@ PeerVetting::Result PeerVetting::check(pid_t process) noexcept {
   }
 }
 
-void PeerVetting::startWaiting() {
-  for (Vetting& vetting : vettings_) {
+void PeerCheckRunner::startWaiting() {
+  for (Job& job : jobs_) {
     if (running_ >= maximumRunning || running_ + stuck_ >= maximumRunning + maximumStuck) return;
-    if (vetting.state != State::waiting || busy_.contains(vetting.process)) continue;
-    busy_.insert(vetting.process);
+    if (job.state != State::waiting || busy_.contains(job.process)) continue;
+    busy_.insert(job.process);
     ++running_;
-    vetting.state = State::running;
+    job.state = State::running;
     try {
-      tasks_.runConcurrently(QualityOfService::userInitiated, [&vetting] {
-        vetting.result = vetting.vetting.check(vetting.process);
-        vetting.vetting.completions_.post(vetting);
+      tasks_.runConcurrently(QualityOfService::userInitiated, [&job] {
+        job.result = job.runner.check(job.process);
+        job.runner.completions_.post(job);
       });
     } catch (const std::exception&) {
-      completions_.post(vetting);  // Without a result.
+      completions_.post(job);  // Without a result.
     }
   }
 }
 
-void PeerVetting::finish(Vetting& finished) {
-  std::list<Vetting> removed;
-  removed.splice(removed.end(), vettings_, finished.position);
+void PeerCheckRunner::finish(Job& finished) {
+  std::list<Job> removed;
+  removed.splice(removed.end(), jobs_, finished.position);
   --(finished.state == State::stuck ? stuck_ : running_);
   busy_.erase(finished.process);
   startWaiting();
@@ -92,16 +93,16 @@ void PeerVetting::finish(Vetting& finished) {
 }
 
 // The oldest come first and so expire first.
-void PeerVetting::expire() {
+void PeerCheckRunner::expire() {
   timer_.isSet = false;
   const auto now = Clock::now();
   std::list<Handler> handlers;
-  for (auto vetting = vettings_.begin(); vetting != vettings_.end() && vetting->deadline <= now;) {
-    const auto current = vetting++;
+  for (auto job = jobs_.begin(); job != jobs_.end() && job->deadline <= now;) {
+    const auto current = job++;
     if (current->state == State::stuck) continue;
     handlers.push_back(std::exchange(current->handler, nullptr));
     if (current->state == State::waiting) {
-      vettings_.erase(current);
+      jobs_.erase(current);
     } else {
       current->state = State::stuck;
       --running_;
@@ -113,10 +114,10 @@ void PeerVetting::expire() {
   for (const Handler& handler : handlers) handler(Result::unknown);
 }
 
-void PeerVetting::setTimer() {
-  const auto next = std::ranges::find_if(
-      vettings_, [](const Vetting& vetting) { return vetting.state != State::stuck; });
-  if (timer_.isSet || next == vettings_.end()) return;
+void PeerCheckRunner::setTimer() {
+  const auto next =
+      std::ranges::find_if(jobs_, [](const Job& job) { return job.state != State::stuck; });
+  if (timer_.isSet || next == jobs_.end()) return;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(next->deadline - Clock::now());
   tasks_.runAfter(std::max(left, std::chrono::milliseconds(0)), QualityOfService::utility,
                   [this] { completions_.post(timer_); });
