@@ -24,7 +24,6 @@ namespace {
 
 constexpr const char* notRead = "The helper's reply could not be read.";
 
-using DataBlock = void (^)(NSData* _Nullable data, NSError* _Nullable error);
 /// Takes the place of a result: why there is none.
 using FailureBlock = void (^)(HelperFailure failure, NSString* description);
 
@@ -73,7 +72,7 @@ HelperFailure failureOf(NSError* error) {
 
 /// A reply block that hands over the record in the reply, or why there is none.
 template <class Record>
-DataBlock reading(FailureBlock otherwise, void (^then)(const Record& record)) {
+HelperDataReply reading(FailureBlock otherwise, void (^then)(const Record& record)) {
   return ^(NSData* _Nullable data, NSError* _Nullable error) {
     if (error != nil) {
       otherwise(failureOf(error), error.localizedDescription);

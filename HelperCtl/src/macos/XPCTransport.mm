@@ -17,8 +17,6 @@
 namespace tessaloom {
 namespace {
 
-using DataBlock = void (^)(NSData* _Nullable data, NSError* _Nullable error);
-
 /// XPC's own failures: the connection was interrupted, is invalid, or got a reply of another type.
 /// A peer whose signature the helper's requirement refuses sees an interruption, too.
 constexpr std::string_view connectionErrorDomain = "NSCocoaErrorDomain";
@@ -128,15 +126,15 @@ void XPCTransport::send(const Method& method, const std::optional<Bytes>& body,
     }];
     return;
   }
-  const DataBlock reply = ^(NSData* data, NSError* error) {
+  const HelperDataReply reply = ^(NSData* data, NSError* error) {
     inbox->put(call, callReply(data, error));
   };
   const SEL selector = sel_registerName(method.selector);
   if (body) {
-    using Send = void (*)(id helper, SEL selector, NSData* request, DataBlock reply);
+    using Send = void (*)(id helper, SEL selector, NSData* request, HelperDataReply reply);
     reinterpret_cast<Send>(objc_msgSend)(helper, selector, dataFromBytes(*body), reply);
   } else {
-    using Send = void (*)(id helper, SEL selector, DataBlock reply);
+    using Send = void (*)(id helper, SEL selector, HelperDataReply reply);
     reinterpret_cast<Send>(objc_msgSend)(helper, selector, reply);
   }
 }

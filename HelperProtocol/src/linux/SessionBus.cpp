@@ -10,11 +10,6 @@ namespace tessaloom {
 
 namespace {
 
-std::string_view environment(const char* name) {
-  const char* value = ::secure_getenv(name);
-  return value == nullptr ? std::string_view() : std::string_view(value);
-}
-
 /// `path` as a value in a D-Bus address, where all but a few characters are written as their
 /// hexadecimal codes.
 std::string escaped(std::string_view path) {
@@ -36,12 +31,9 @@ std::string escaped(std::string_view path) {
 // sd_bus_open_user() looks in the first two places only, and gives no chance to decline
 // descriptors.
 std::string sessionBusAddress() {
-  if (const auto address = environment("DBUS_SESSION_BUS_ADDRESS"); !address.empty()) {
-    return std::string(address);
-  }
-  std::string directory(environment("XDG_RUNTIME_DIR"));
-  if (directory.empty()) directory = "/run/user/" + std::to_string(::getuid());
-  return "unix:path=" + escaped(directory) + "/bus";
+  const char* address = ::secure_getenv("DBUS_SESSION_BUS_ADDRESS");
+  if (address != nullptr && *address != '\0') return address;
+  return "unix:path=" + escaped(userRuntimeDirectory().native()) + "/bus";
 }
 
 int configureAndStart(sd_bus* bus) {
@@ -53,6 +45,12 @@ int configureAndStart(sd_bus* bus) {
 }
 
 }  // namespace
+
+std::filesystem::path userRuntimeDirectory() {
+  const char* directory = ::secure_getenv("XDG_RUNTIME_DIR");
+  if (directory != nullptr && *directory == '/') return directory;
+  return "/run/user/" + std::to_string(::getuid());
+}
 
 std::expected<BusHandle, int> openSessionBus() {
   sd_bus* created = nullptr;

@@ -9,12 +9,10 @@ namespace tessaloom {
 
 namespace {
 
-constexpr int firstOther = STDERR_FILENO + 1;
-
 /// 0, or why the descriptor could not be moved.
 int moveAboveStandard(FileDescriptor& descriptor) {
-  if (descriptor.get() >= firstOther) return 0;
-  const int moved = ::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, firstOther);
+  if (descriptor.get() > STDERR_FILENO) return 0;
+  const int moved = ::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   if (moved < 0) return errno;
   descriptor = FileDescriptor(moved);
   return 0;

@@ -17,8 +17,8 @@
 #include "HelperProtocol/HelperConstants.h"
 #include "HelperProtocol/Methods.h"
 #include "HelperProtocol/linux/BusCallback.h"
+#include "HelperProtocol/linux/SessionBus.h"
 #include "Log.h"
-#include "linux/FlatpakInstance.h"
 #include "linux/PeerFacts.h"
 
 namespace tessaloom {

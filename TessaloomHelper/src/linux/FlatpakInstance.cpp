@@ -8,7 +8,6 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
-#include <cstdlib>
 #include <optional>
 #include <set>
 #include <string_view>
@@ -115,12 +114,6 @@ std::expected<std::string, int> applicationOf(const FileDescriptor& instances, c
 }
 
 }  // namespace
-
-std::filesystem::path userRuntimeDirectory() {
-  const char* directory = ::secure_getenv("XDG_RUNTIME_DIR");
-  if (directory != nullptr && *directory == '/') return directory;
-  return "/run/user/" + std::to_string(::getuid());
-}
 
 std::expected<std::string, int> flatpakApplication(const ProcessDirectory& process,
                                                    const std::filesystem::path& runtimeDirectory) {

@@ -8,10 +8,6 @@
 
 namespace tessaloom {
 
-/// Where Flatpak describes what it runs: $XDG_RUNTIME_DIR (XDG Base Directories), otherwise the
-/// directory that the system makes for this user.
-std::filesystem::path userRuntimeDirectory();
-
 /// The application of the running Flatpak instance that a process belongs to; empty when it belongs
 /// to none.
 ///

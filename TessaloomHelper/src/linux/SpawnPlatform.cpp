@@ -33,8 +33,6 @@ namespace tessaloom::SpawnPlatform {
 
 namespace {
 
-constexpr unsigned firstOther = STDERR_FILENO + 1;
-
 /// A set of signals as the kernel has it. The C library's functions leave out the two that it keeps
 /// for itself, 32 and 33.
 using SignalSet = std::uint64_t;
@@ -99,10 +97,12 @@ TL_UNINSTRUMENTED bool connect(int end, int standard) {
 /// Closes all but the standard descriptors. Where the system has no call for that (before
 /// Linux 5.9, or in a sandbox that refuses it) or refuses it, they are closed one by one.
 TL_UNINSTRUMENTED void closeOthers() {
-  if (::syscall(SYS_close_range, firstOther, UINT_MAX, 0) == 0) return;
+  if (::syscall(SYS_close_range, STDERR_FILENO + 1, UINT_MAX, 0) == 0) return;
   std::uint64_t limit[2] = {};  // The kernel's struct rlimit64: soft, hard.
   ::syscall(SYS_prlimit64, 0, RLIMIT_NOFILE, nullptr, limit);
-  for (std::uint64_t other = firstOther; other < limit[0]; ++other) ::syscall(SYS_close, other);
+  for (std::uint64_t other = STDERR_FILENO + 1; other < limit[0]; ++other) {
+    ::syscall(SYS_close, other);
+  }
 }
 
 /// Refused only when somebody has lowered this process's hard limit meanwhile; then that one stays.

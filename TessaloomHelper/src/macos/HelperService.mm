@@ -8,11 +8,10 @@
 #include "TessaloomHelper/HelperService.h"
 
 using tessaloom::methodNamed;
-using DataBlock = void (^)(NSData* _Nullable data, NSError* _Nullable error);
 
 namespace {
 
-tessaloom::ReplyHandler dataReply(DataBlock reply, tessaloom::Method::Kind kind) {
+tessaloom::ReplyHandler dataReply(HelperDataReply reply, tessaloom::Method::Kind kind) {
   return [reply, call = tessaloom::openCall(kind)](const tessaloom::Reply& outcome) {
     if (const auto* bytes = std::get_if<tessaloom::Bytes>(&outcome)) {
       reply(tessaloom::dataFromBytes(*bytes), nil);
@@ -38,7 +37,7 @@ tessaloom::ReplyHandler dataReply(DataBlock reply, tessaloom::Method::Kind kind)
 
 - (void)call:(const tessaloom::Method&)method
      request:(nullable NSData*)request
-       reply:(DataBlock)reply {
+       reply:(HelperDataReply)reply {
   _service->call(method, tessaloom::bytesFromData(request), dataReply(reply, method.kind));
 }
 
@@ -50,35 +49,35 @@ tessaloom::ReplyHandler dataReply(DataBlock reply, tessaloom::Method::Kind kind)
                  });
 }
 
-- (void)listProcessesWithReply:(DataBlock)reply {
+- (void)listProcessesWithReply:(HelperDataReply)reply {
   [self call:methodNamed("ListProcesses") request:nil reply:reply];
 }
 
-- (void)killProcessWithRequest:(NSData*)request reply:(DataBlock)reply {
+- (void)killProcessWithRequest:(NSData*)request reply:(HelperDataReply)reply {
   [self call:methodNamed("KillProcess") request:request reply:reply];
 }
 
-- (void)listListeningPortsWithReply:(DataBlock)reply {
+- (void)listListeningPortsWithReply:(HelperDataReply)reply {
   [self call:methodNamed("ListListeningPorts") request:nil reply:reply];
 }
 
-- (void)helperCapabilitiesWithReply:(DataBlock)reply {
+- (void)helperCapabilitiesWithReply:(HelperDataReply)reply {
   [self call:methodNamed("HelperCapabilities") request:nil reply:reply];
 }
 
-- (void)generateTextWithRequest:(NSData*)request reply:(DataBlock)reply {
+- (void)generateTextWithRequest:(NSData*)request reply:(HelperDataReply)reply {
   [self call:methodNamed("GenerateText") request:request reply:reply];
 }
 
-- (void)cancelGenerationWithRequest:(NSData*)request reply:(DataBlock)reply {
+- (void)cancelGenerationWithRequest:(NSData*)request reply:(HelperDataReply)reply {
   [self call:methodNamed("CancelGeneration") request:request reply:reply];
 }
 
-- (void)quitIfOutdatedWithReply:(DataBlock)reply {
+- (void)quitIfOutdatedWithReply:(HelperDataReply)reply {
   [self call:methodNamed("QuitIfOutdated") request:nil reply:reply];
 }
 
-- (void)generationEngineStatusWithRequest:(NSData*)request reply:(DataBlock)reply {
+- (void)generationEngineStatusWithRequest:(NSData*)request reply:(HelperDataReply)reply {
   [self call:methodNamed("GenerationEngineStatus") request:request reply:reply];
 }
 

@@ -1,15 +1,19 @@
 #pragma once
 
 #include <expected>
+#include <filesystem>
 
 #include "HelperProtocol/linux/BusHandles.h"
 
 namespace tessaloom {
 
-/// A connection to the user's session bus: the one in DBUS_SESSION_BUS_ADDRESS, else the one in
-/// XDG_RUNTIME_DIR, else the one where a service manager makes it, in /run/user/UID. It carries no
-/// file descriptors: no method takes any, and those that came with a waiting call would stay open
-/// as long as it waits. The errno on failure.
+/// Where the user's bus and running Flatpaks are: $XDG_RUNTIME_DIR (XDG Base Directories),
+/// otherwise the directory that the system makes for this user, /run/user/UID.
+std::filesystem::path userRuntimeDirectory();
+
+/// A connection to the user's session bus: the one in DBUS_SESSION_BUS_ADDRESS, else the one in the
+/// user's runtime directory. It carries no file descriptors: no method takes any, and those that
+/// came with a waiting call would stay open as long as it waits. The errno on failure.
 std::expected<BusHandle, int> openSessionBus();
 
 }  // namespace tessaloom
