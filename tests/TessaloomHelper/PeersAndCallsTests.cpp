@@ -282,6 +282,30 @@ TEST_F(PeersAndCallsTest, SharesTheEnginesAndTheConnection) {
   EXPECT_EQ(answers(), (Texts{"2 ay", "3 ay", "2 ay", "3 ay", "2 ay", "3 ay"}));
 }
 
+TEST_F(PeersAndCallsTest, QueuesFewRepliesWhileTheBusTakesNone) {
+  for (const int process : {2, 3, 5}) admit(process, static_cast<std::uint32_t>(process));
+  for (std::size_t i = 0; i < PeerRegistry::assuredRefusals; ++i) call(3, "ProtocolVersion");
+  isReading = false;
+  const int little = 4'096;  // Of its replies the kernel takes few, too.
+  ::setsockopt(sd_bus_get_fd(connection()), SOL_SOCKET, SO_SNDBUF, &little, sizeof little);
+  const auto queuedAfter = [&](int sender, int calls) {
+    for (int i = 0; i < calls; ++i) call(sender, "ProtocolVersion");
+    std::uint64_t queued = 0;
+    sd_bus_get_n_queued_write(connection(), &queued);
+    return queued;
+  };
+  constexpr auto most = CallScheduler::maximumQueuedReplies + 1;
+  EXPECT_EQ(queuedAfter(3, 2'000), most) << "to one that is refused";
+  EXPECT_EQ(queuedAfter(5, 100), most + PeerRegistry::assuredRefusals);
+  EXPECT_EQ(queuedAfter(2, 66), most + PeerRegistry::assuredRefusals) << "kept back";
+  EXPECT_EQ(scheduler.unansweredCount(), 66U);
+  isReading = true;
+  settle();
+  const Texts said = answers();
+  EXPECT_EQ(std::ranges::count(said, "2 x"), 64);
+  EXPECT_EQ(std::ranges::count(said, "2 LimitsExceeded"), 2);
+}
+
 TEST_F(PeersAndCallsTest, BoundsTheCallsOfEachAndOfAll) {
   admit(100, 2);
   admit(101, 2);  // Of the same process, and so the same caller.

@@ -29,7 +29,7 @@ class ScriptedBus {
   void exchange() {
     for (int idle = 0; idle < 2;) {
       sd_bus_message* message = nullptr;
-      int busy = sd_bus_process(played_.get(), &message);
+      int busy = isReading ? sd_bus_process(played_.get(), &message) : 0;
       if (message != nullptr) received.emplace_back(message);
       busy += sd_bus_process(bus_.get(), nullptr);
       idle = busy > 0 ? 0 : idle + 1;
@@ -87,6 +87,7 @@ class ScriptedBus {
   }
 
   std::vector<BusMessage> received;  ///< At the test's end.
+  bool isReading = true;             ///< There; otherwise what is sent to it stays where it is.
 
  private:
   static BusHandle endOf(int descriptor, bool isServer) {
