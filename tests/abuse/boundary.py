@@ -56,13 +56,6 @@ def strangers(run):
         run.check((vanishing.report(), babbling.report()) == ("done", "done"), "they did not come to their end")
 
 
-@case(rounds=4)
-def refused_flood(run):
-    """Outsiders that call without a pause and never read."""
-    with Outsider("flood", method="ListProcesses"), Outsider("flood", method="GenerateText"):
-        run.under_load(turns=10 * run.rounds)
-
-
 @case(rounds=2)
 def never_reads(run):
     """An admitted caller that calls without a pause and never reads its answers."""
