@@ -16,11 +16,10 @@ namespace tessaloom {
 
 namespace {
 
-SocketInfo makeSocketInfo(InternetTransport transport, std::uint8_t state) {
+SocketInfo makeSocketInfo(std::int32_t protocol, std::uint8_t state) {
   SocketInfo info;
-  const bool tcp = transport == InternetTransport::tcp;
-  info.kind = tcp ? SocketInfo::Kind::tcp : SocketInfo::Kind::internet;
-  info.protocol = tcp ? IPPROTO_TCP : IPPROTO_UDP;
+  info.kind = protocol == IPPROTO_TCP ? SocketInfo::Kind::tcp : SocketInfo::Kind::internet;
+  info.protocol = protocol;
   if (state == TCP_LISTEN) info.tcpState = SocketInfo::TCPState::listening;
   return info;
 }
@@ -54,7 +53,7 @@ bool readLocalAddress(std::string_view text, SocketInfo& info) {
 
 /// The columns of a line: number, local address, remote address, state, two queues in one, timer,
 /// retransmissions, user, timeout, inode.
-void addSocketOfLine(std::string_view line, InternetTransport transport, SocketsByInode& sockets) {
+void addSocketOfLine(std::string_view line, std::int32_t protocol, SocketsByInode& sockets) {
   takeWord(line);
   const std::string_view local = takeWord(line);
   takeWord(line);
@@ -62,7 +61,7 @@ void addSocketOfLine(std::string_view line, InternetTransport transport, Sockets
   for (int column = 0; column < 5; ++column) takeWord(line);
   auto inode = parseNumber<std::uint32_t>(takeWord(line));
   if (!state || !inode || *inode == 0) return;
-  SocketInfo info = makeSocketInfo(transport, static_cast<std::uint8_t>(*state));
+  SocketInfo info = makeSocketInfo(protocol, static_cast<std::uint8_t>(*state));
   if (!givesNoRow(info) && readLocalAddress(local, info)) sockets.try_emplace(*inode, info);
 }
 
@@ -75,14 +74,14 @@ bool isFailure(std::span<const std::byte> body) {
   return error < 0;
 }
 
-void addSocketOfMessage(std::span<const std::byte> body, InternetTransport transport,
+void addSocketOfMessage(std::span<const std::byte> body, std::int32_t protocol,
                         SocketsByInode& sockets) {
   inet_diag_msg message{};
   if (body.size() < sizeof message) return;
   std::memcpy(&message, body.data(), sizeof message);
   // A socket that no process holds any more has no inode.
   if (message.idiag_inode == 0) return;
-  SocketInfo info = makeSocketInfo(transport, message.idiag_state);
+  SocketInfo info = makeSocketInfo(protocol, message.idiag_state);
   if (givesNoRow(info)) return;
   info.localPort = message.id.idiag_sport;
   std::array<std::uint8_t, 16> address{};
@@ -93,15 +92,15 @@ void addSocketOfMessage(std::span<const std::byte> body, InternetTransport trans
 
 }  // namespace
 
-void addSocketsOfText(std::string_view text, InternetTransport transport, SocketsByInode& sockets) {
+void addSocketsOfText(std::string_view text, std::int32_t protocol, SocketsByInode& sockets) {
   while (!text.empty()) {
     const std::size_t end = std::min(text.find('\n'), text.size() - 1);
-    addSocketOfLine(text.substr(0, end + 1), transport, sockets);
+    addSocketOfLine(text.substr(0, end + 1), protocol, sockets);
     text.remove_prefix(end + 1);
   }
 }
 
-DumpState addSocketsOfDump(std::span<const std::byte> datagram, InternetTransport transport,
+DumpState addSocketsOfDump(std::span<const std::byte> datagram, std::int32_t protocol,
                            SocketsByInode& sockets) {
   bool interrupted = false;
   while (datagram.size() >= sizeof(nlmsghdr)) {
@@ -115,7 +114,7 @@ DumpState addSocketsOfDump(std::span<const std::byte> datagram, InternetTranspor
       if (isFailure(body)) return DumpState::refused;
       return interrupted ? DumpState::interrupted : DumpState::complete;
     }
-    addSocketOfMessage(body, transport, sockets);
+    addSocketOfMessage(body, protocol, sockets);
     const std::size_t aligned = NLMSG_ALIGN(header.nlmsg_len);
     datagram = datagram.subspan(std::min(aligned, datagram.size()));
   }

@@ -15,12 +15,10 @@ namespace tessaloom {
 /// The listening TCP and the bound UDP sockets, by the inode that a descriptor's link shows.
 using SocketsByInode = std::unordered_map<std::uint32_t, SocketInfo>;
 
-enum class InternetTransport : std::uint8_t { tcp, udp };
-
 /// Adds the sockets of /proc/net/tcp, tcp6, udp or udp6 (proc_net_tcp(5)); the width of a line's
-/// address determines its family. Of TCP only the listening ones. Lines of another form add
-/// nothing.
-void addSocketsOfText(std::string_view text, InternetTransport transport, SocketsByInode& sockets);
+/// address determines its family. `protocol` is IPPROTO_TCP or IPPROTO_UDP; of TCP only the
+/// listening ones. Lines of another form add nothing.
+void addSocketsOfText(std::string_view text, std::int32_t protocol, SocketsByInode& sockets);
 
 /// How far a dump has come with one datagram of it.
 enum class DumpState : std::uint8_t {
@@ -31,7 +29,7 @@ enum class DumpState : std::uint8_t {
 };
 
 /// Adds the sockets of one datagram of a dump (sock_diag(7), inet_diag_msg).
-DumpState addSocketsOfDump(std::span<const std::byte> datagram, InternetTransport transport,
+DumpState addSocketsOfDump(std::span<const std::byte> datagram, std::int32_t protocol,
                            SocketsByInode& sockets);
 
 }  // namespace tessaloom

@@ -21,7 +21,6 @@ namespace {
 
 struct Table {
   std::string_view file;  ///< Below a process's folder.
-  InternetTransport transport;
   std::uint8_t family;
   std::uint8_t protocol;
   std::uint32_t states;  ///< Those of the sockets that matter.
@@ -31,10 +30,10 @@ struct Table {
 constexpr std::uint32_t listening = 1U << TCP_LISTEN;
 constexpr std::uint32_t bound = 1U << TCP_CLOSE | 1U << TCP_ESTABLISHED;
 constexpr std::array<Table, SocketTable::tableCount> tables{{
-    {"net/tcp", InternetTransport::tcp, AF_INET, IPPROTO_TCP, listening},
-    {"net/tcp6", InternetTransport::tcp, AF_INET6, IPPROTO_TCP, listening},
-    {"net/udp", InternetTransport::udp, AF_INET, IPPROTO_UDP, bound},
-    {"net/udp6", InternetTransport::udp, AF_INET6, IPPROTO_UDP, bound},
+    {"net/tcp", AF_INET, IPPROTO_TCP, listening},
+    {"net/tcp6", AF_INET6, IPPROTO_TCP, listening},
+    {"net/udp", AF_INET, IPPROTO_UDP, bound},
+    {"net/udp6", AF_INET6, IPPROTO_UDP, bound},
 }};
 
 constexpr std::size_t bufferSize = std::size_t{32} * 1024;
@@ -66,7 +65,7 @@ bool readWhole(SocketsByInode& sockets, const ReadOnce& readOnce) {
 /// The kernel fills a piece up to a page, or as far as the reader's buffer allows. Every other
 /// reading begins with a shorter piece, so that what stands where one reading continues is in the
 /// middle of a piece of the next.
-Pieces readTextOnce(const FileDescriptor& file, int reading, InternetTransport transport,
+Pieces readTextOnce(const FileDescriptor& file, int reading, std::int32_t protocol,
                     SocketsByInode& sockets) {
   constexpr std::size_t shortPiece = 2048;
   std::array<char, bufferSize> buffer;
@@ -78,11 +77,11 @@ Pieces readTextOnce(const FileDescriptor& file, int reading, InternetTransport t
     if (length < 0) return std::nullopt;
     const std::string_view text{buffer.data(), begun + static_cast<std::size_t>(length)};
     if (length == 0) {
-      addSocketsOfText(text, transport, sockets);
+      addSocketsOfText(text, protocol, sockets);
       return pieces;
     }
     const std::size_t lines = text.rfind('\n') + 1;  // 0 for none.
-    addSocketsOfText(text.substr(0, lines), transport, sockets);
+    addSocketsOfText(text.substr(0, lines), protocol, sockets);
     begun = text.size() - lines;
     if (begun == buffer.size()) return std::nullopt;
     std::memmove(buffer.data(), buffer.data() + lines, begun);
@@ -93,7 +92,7 @@ bool addText(const ProcFiles& proc, std::int32_t member, const Table& table,
              SocketsByInode& sockets) {
   const FileDescriptor file = proc.open(ProcPath{member, table.file});
   return file && readWhole(sockets, [&](int reading, SocketsByInode& found) {
-           return readTextOnce(file, reading, table.transport, found);
+           return readTextOnce(file, reading, table.protocol, found);
          });
 }
 
@@ -121,7 +120,7 @@ Pieces dumpOnce(const FileDescriptor& netlink, const Table& table, SocketsByInod
     const ssize_t length = recv(netlink.get(), buffer.data(), buffer.size(), 0);
     if (length < 0 && errno == EINTR) continue;
     if (length <= 0) return std::nullopt;
-    switch (addSocketsOfDump({buffer.data(), static_cast<std::size_t>(length)}, table.transport,
+    switch (addSocketsOfDump({buffer.data(), static_cast<std::size_t>(length)}, table.protocol,
                              sockets)) {
       case DumpState::more:
         continue;

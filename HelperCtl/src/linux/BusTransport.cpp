@@ -81,7 +81,7 @@ class BusTransport final : public Transport {
 
   int send(const std::string& method, const std::optional<Bytes>& body,
            std::list<Pending>::iterator pending);
-  void settle(std::list<Pending>::iterator pending, CallReply reply);
+  void finish(std::list<Pending>::iterator pending, CallReply reply);
   void loseConnection(int error);
 
   /// Closed without waiting for a bus that may have stopped: what matters has been answered.
@@ -94,7 +94,7 @@ class BusTransport final : public Transport {
   std::deque<Delivery> deliveries_;
 };
 
-void BusTransport::settle(std::list<Pending>::iterator pending, CallReply reply) {
+void BusTransport::finish(std::list<Pending>::iterator pending, CallReply reply) {
   deliveries_.push_back({std::move(pending->handler), std::move(reply)});
   pending_.erase(pending);
 }
@@ -113,7 +113,7 @@ int BusTransport::send(const std::string& method, const std::optional<Bytes>& bo
     if (result < 0) return -result;
   }
   auto request = requests_.send(
-      message.get(), [this, pending](sd_bus_message* reply) { settle(pending, readReply(reply)); });
+      message.get(), [this, pending](sd_bus_message* reply) { finish(pending, readReply(reply)); });
   if (!request) return request.error();
   pending->request = *std::move(request);
   return 0;
@@ -124,17 +124,17 @@ void BusTransport::call(const std::string& method, const std::optional<Bytes>& b
   const auto pending = pending_.emplace(pending_.end(), std::move(handler), BusRequest());
   if (lost_) return loseConnection(ECONNRESET);
   if (sd_bus_member_name_is_valid(method.c_str()) <= 0) {
-    return settle(pending, std::unexpected(makeError(CallError::Category::answered,
+    return finish(pending, std::unexpected(makeError(CallError::Category::answered,
                                                      SD_BUS_ERROR_UNKNOWN_METHOD,
                                                      "\"" + method + "\" is not a method name.")));
   }
   if (body && body->size() > maximumBodyBytes) {
-    return settle(pending, std::unexpected(makeError(CallError::Category::answered,
+    return finish(pending, std::unexpected(makeError(CallError::Category::answered,
                                                      SD_BUS_ERROR_LIMITS_EXCEEDED,
                                                      "The body is larger than 32 MiB.")));
   }
   if (const int error = send(method, body, pending); error != 0) {
-    settle(pending,
+    finish(pending,
            std::unexpected(makeError(CallError::Category::unreachable, SD_BUS_ERROR_DISCONNECTED,
                                      "The call could not be sent: " + errnoText(error) + ".")));
   }
@@ -160,7 +160,7 @@ void BusTransport::loseConnection(int error) {
   const CallError reason =
       makeError(CallError::Category::unreachable, SD_BUS_ERROR_DISCONNECTED,
                 "The connection to the session bus was lost: " + errnoText(error) + ".");
-  while (!pending_.empty()) settle(pending_.begin(), std::unexpected(reason));
+  while (!pending_.empty()) finish(pending_.begin(), std::unexpected(reason));
 }
 
 void BusTransport::process() {
@@ -169,7 +169,7 @@ void BusTransport::process() {
     if (result < 0) loseConnection(-result);
     if (result == 0) break;
   }
-  // A handler may call again; what that settles at once is delivered by the next `process`.
+  // A handler may call again; what that finishes at once is delivered by the next `process`.
   for (std::size_t count = deliveries_.size(); count > 0; --count) {
     Delivery delivery = std::move(deliveries_.front());
     deliveries_.pop_front();

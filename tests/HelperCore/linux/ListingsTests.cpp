@@ -46,9 +46,9 @@ using namespace std::string_literals;
 using Command = ObedientChild::Command;
 using Rows = std::vector<std::string>;
 
-/// An age at which the rest of a process counts, on a machine that ticks at least a hundred times a
+/// An age from which on a probe counts, on a machine that ticks at least a hundred times a
 /// second and is busy.
-constexpr std::chrono::milliseconds settled{100};
+constexpr std::chrono::milliseconds shortIdleAge{100};
 
 const FileDescriptor procDirectory{open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
 
@@ -242,7 +242,7 @@ std::set<pid_t> everRemembered(pid_t wanted, std::chrono::nanoseconds idleAge, i
       if (slot.isRemembered) remembered.insert(slot.known.pid);
     }
     known = pass.takeKnown();
-    std::this_thread::sleep_for(settled);
+    std::this_thread::sleep_for(shortIdleAge);
   }
   return remembered;
 }
@@ -250,7 +250,7 @@ std::set<pid_t> everRemembered(pid_t wanted, std::chrono::nanoseconds idleAge, i
 TEST(ProcessPass, ForgetsAProcessThatExitsWhileItIsRead) {
   const StartClock clock;
   std::optional<ObedientChild> child{std::in_place};
-  ProcessPass pass(procDirectory, clock, getuid(), settled, {}, true);
+  ProcessPass pass(procDirectory, clock, getuid(), shortIdleAge, {}, true);
   KnownProcess& known = pass.find(child->pid())->known;
   const FileDescriptor stat = pass.open(known);
   std::array<char, 64> start;
@@ -264,7 +264,7 @@ TEST(ProcessPass, RemembersProcessesThatHaveNotRun) {
   ObedientChild child, threaded;
   threaded.ask(Command::startThread);
   if (!IdleProbe(ProcFiles{procDirectory}, child.pid())) GTEST_SKIP() << "no counters here";
-  const auto remembered = everRemembered(child.pid(), settled, 100);
+  const auto remembered = everRemembered(child.pid(), shortIdleAge, 100);
   EXPECT_TRUE(remembered.contains(child.pid()));
   EXPECT_FALSE(remembered.contains(getpid()));
   EXPECT_FALSE(remembered.contains(threaded.pid())) << "the other thread may have run";
@@ -372,7 +372,7 @@ TEST(LinuxSockets, SkipsNoneWhileOthersComeAndGo) {
 }
 
 TEST(LinuxListings, DetectWhatIsDoneToAnIdleProcess) {
-  LinuxKernel kernel{settled};
+  LinuxKernel kernel{shortIdleAge};
   ObedientChild parent, child;
   const pid_t heir = parent.ask(Command::forkHeir);
   const FileDescriptor socket = makeSocket(SocketUse::tcpListening);  // Goes on listening.
@@ -388,7 +388,7 @@ TEST(LinuxListings, DetectWhatIsDoneToAnIdleProcess) {
     EXPECT_EQ(processesOf(kernel, {heir}).at(0).parentPID, parent.pid());
     EXPECT_EQ("/dev/" + processesOf(kernel, {child.pid()}).at(0).tty.value_or("none"), path);
     EXPECT_EQ(portsOf(kernel, {child.pid(), sharing}).size(), 2U);
-    std::this_thread::sleep_for(settled * 3 / 2);
+    std::this_thread::sleep_for(shortIdleAge * 3 / 2);
   }
   terminal.reset();
   EXPECT_EQ(processesOf(kernel, {child.pid()}).at(0).tty, std::nullopt) << "it was hung up";
@@ -471,7 +471,7 @@ TEST(LinuxListingsUnderChurn, EqualThoseOfAFreshStart) {
   const std::uint32_t seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
   Churn churn{seed};
-  LinuxKernel kernel{settled};
+  LinuxKernel kernel{shortIdleAge};
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds{2};
   for (int round = 0; std::chrono::steady_clock::now() < end && !HasFailure(); ++round) {
     SCOPED_TRACE("after step " + std::to_string(round));

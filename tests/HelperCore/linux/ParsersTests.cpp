@@ -116,8 +116,8 @@ TEST(SocketParser, ReadsTheTablesOfAMachineThatIsLittleEndian) {
       line("0000000000000000FFFF00000100007F:0017", "0A", "4") + line("0100007F:1F92", "0A", "") +
       line("0100007F:1FZZ", "0A", "6");
   SocketsByInode sockets;
-  addSocketsOfText(tcp, InternetTransport::tcp, sockets);
-  addSocketsOfText(line("3500007F:0035", "07", "5"), InternetTransport::udp, sockets);
+  addSocketsOfText(tcp, IPPROTO_TCP, sockets);
+  addSocketsOfText(line("3500007F:0035", "07", "5"), IPPROTO_UDP, sockets);
   EXPECT_EQ(sockets.size(), 3U);
   EXPECT_EQ(describe(sockets, 1), "tcp 127.0.0.1 8080");
   EXPECT_EQ(describe(sockets, 4), "tcp ::ffff:127.0.0.1 23");
@@ -159,7 +159,7 @@ TEST(SocketParser, ReadsADump) {
   datagram = withSocket(datagram, AF_INET, TCP_LISTEN, 0);
   datagram = with(datagram, SOCK_DIAG_BY_FAMILY);  // Shorter than a socket's message.
   SocketsByInode sockets;
-  EXPECT_EQ(addSocketsOfDump(datagram, InternetTransport::tcp, sockets), DumpState::more);
+  EXPECT_EQ(addSocketsOfDump(datagram, IPPROTO_TCP, sockets), DumpState::more);
   EXPECT_EQ(sockets.size(), 2U);
   EXPECT_EQ(describe(sockets, 1), "tcp 127.0.0.1 8080");
   EXPECT_EQ(describe(sockets, 2), "tcp fe80:: 8080");
@@ -169,7 +169,7 @@ TEST(SocketParser, ReadsADump) {
     SocketsByInode cut;
     addSocketsOfDump(
         Datagram(datagram.begin(), datagram.begin() + static_cast<std::ptrdiff_t>(length)),
-        InternetTransport::tcp, cut);
+        IPPROTO_TCP, cut);
     EXPECT_LE(cut.size(), 2U);
   }
 }
@@ -184,7 +184,7 @@ TEST(SocketParser, ReportsHowADumpEnds) {
       {with({}, NLMSG_DONE, bytesOf(noError)), DumpState::complete},
       {with(withSocket({}, AF_INET, TCP_ESTABLISHED, 4), NLMSG_DONE), DumpState::complete}};
   for (const auto& [datagram, state] : rows) {
-    EXPECT_EQ(addSocketsOfDump(datagram, InternetTransport::udp, sockets), state);
+    EXPECT_EQ(addSocketsOfDump(datagram, IPPROTO_UDP, sockets), state);
   }
   EXPECT_EQ(describe(sockets, 4), "udp 127.0.0.1 8080");
 }
