@@ -10,8 +10,8 @@
 #include "HelperProtocol/GenerationRequest.h"
 #include "HelperProtocol/GenerationResult.h"
 #include "HumanFormat.h"
-#include "Interrupts.h"
 #include "TLFoundation/Unicode.h"
+#include "TerminationSignals.h"
 
 namespace tessaloom {
 namespace {

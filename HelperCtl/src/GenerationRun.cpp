@@ -14,8 +14,8 @@
 #include "HelperProtocol/HelperConstants.h"
 #include "HelperProtocol/Methods.h"
 #include "HelperProtocol/ProcessMessages.h"
-#include "Interrupts.h"
 #include "TLFoundation/DisplayWidth.h"
+#include "TerminationSignals.h"
 
 namespace tessaloom {
 namespace {
@@ -84,7 +84,7 @@ class GenerationRun {
   const GenerationRequest& request_;
   EventLoop loop_;
   ProgressLine progress_;
-  Interrupts interrupts_;
+  TerminationSignals signals_;
   int signal_ = 0;            ///< The first that came.
   bool isImpatient_ = false;  ///< Whether a second one came.
   bool cancelUnderWay_ = false;
@@ -93,7 +93,7 @@ class GenerationRun {
 };
 
 GenerationOutcome GenerationRun::run() {
-  loop_.watch({interrupts_.descriptor(), [] { return std::optional<short>(POLLIN); },
+  loop_.watch({signals_.descriptor(), [] { return std::optional<short>(POLLIN); },
                [this](short) { interrupted(); }});
   loop_.every(tickInterval, [this] {
     // Until the engine has been launched nothing can be signaled, so the cancellation is repeated.
@@ -112,7 +112,7 @@ GenerationOutcome GenerationRun::run() {
 }
 
 void GenerationRun::interrupted() {
-  const int number = interrupts_.take();
+  const int number = signals_.take();
   if (number == 0) return;
   if (signal_ != 0) {
     isImpatient_ = true;

@@ -28,24 +28,24 @@ Instant LinuxKernel::processClockTime() const {
 
 /// Lists with what is known, and once more without it where descriptors ran out.
 template <class Row>
-std::vector<Row> LinuxKernel::list(std::uint32_t owner, std::vector<Row> (*read)(ProcessPass&)) {
+std::vector<Row> LinuxKernel::list(std::uint32_t owner, std::vector<Row> (*read)(ProcessScan&)) {
   if (auto known = known_.tryTake()) {
-    ProcessPass pass(procDirectory_, clock_, owner, idleAge_, std::exchange(*known, {}), true);
-    auto rows = read(pass);
-    if (!pass.ranOutOfDescriptors()) {
-      *known = pass.takeKnown();
+    ProcessScan scan(procDirectory_, clock_, owner, idleAge_, std::exchange(*known, {}), true);
+    auto rows = read(scan);
+    if (!scan.ranOutOfDescriptors()) {
+      *known = scan.takeKnown();
       return rows;
     }
   } else {
     // NOLINTNEXTLINE(misc-const-correctness): `read` changes it
-    ProcessPass pass(procDirectory_, clock_, owner, idleAge_, {}, false);
-    auto rows = read(pass);
-    if (!pass.ranOutOfDescriptors()) return rows;
+    ProcessScan scan(procDirectory_, clock_, owner, idleAge_, {}, false);
+    auto rows = read(scan);
+    if (!scan.ranOutOfDescriptors()) return rows;
   }
   releaseKeptDescriptors();
   // NOLINTNEXTLINE(misc-const-correctness): `read` changes it
-  ProcessPass pass(procDirectory_, clock_, owner, idleAge_, {}, false);
-  return read(pass);
+  ProcessScan scan(procDirectory_, clock_, owner, idleAge_, {}, false);
+  return read(scan);
 }
 
 std::vector<ProcessRecord> LinuxKernel::fetchAllProcessRecords(std::uint32_t owner) {

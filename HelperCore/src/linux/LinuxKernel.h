@@ -7,11 +7,11 @@
 
 #include "HelperCore/Kernel.h"
 #include "TLFoundation/FileDescriptor.h"
+#include "linux/BootClock.h"
 #include "linux/Exclusive.h"
 #include "linux/IdleProbe.h"
 #include "linux/KnownProcess.h"
-#include "linux/ProcessPass.h"
-#include "linux/StartClock.h"
+#include "linux/ProcessScan.h"
 
 namespace tessaloom {
 
@@ -34,10 +34,10 @@ class LinuxKernel final : public Kernel {
 
  private:
   template <class Row>
-  std::vector<Row> list(std::uint32_t owner, std::vector<Row> (*read)(ProcessPass&));
+  std::vector<Row> list(std::uint32_t owner, std::vector<Row> (*read)(ProcessScan&));
 
   const FileDescriptor procDirectory_;
-  const StartClock clock_;
+  const BootClock clock_;
   const std::chrono::nanoseconds idleAge_;
   Exclusive<std::vector<KnownProcess>> known_;  ///< By pid.
 };

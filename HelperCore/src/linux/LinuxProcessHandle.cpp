@@ -31,7 +31,7 @@ bool hasNoPidfds() {
 
 }  // namespace
 
-LinuxProcessHandle::LinuxProcessHandle(const FileDescriptor& procDirectory, const StartClock& clock,
+LinuxProcessHandle::LinuxProcessHandle(const FileDescriptor& procDirectory, const BootClock& clock,
                                        std::int32_t pid, By by)
     : clock_(clock), pid_(pid) {
   if (by == By::pidfdWherePossible) {

@@ -5,7 +5,7 @@
 
 #include "HelperCore/Kernel.h"
 #include "TLFoundation/FileDescriptor.h"
-#include "linux/StartClock.h"
+#include "linux/BootClock.h"
 
 namespace tessaloom {
 
@@ -19,7 +19,7 @@ class LinuxProcessHandle final : public ProcessHandle {
   enum class By : std::uint8_t { pidfdWherePossible, pidOnly };
 
   /// `clock` outlives this object.
-  LinuxProcessHandle(const FileDescriptor& procDirectory, const StartClock& clock, std::int32_t pid,
+  LinuxProcessHandle(const FileDescriptor& procDirectory, const BootClock& clock, std::int32_t pid,
                      By by = By::pidfdWherePossible);
 
   std::optional<ProcessStartTime> startTime() override;
@@ -29,7 +29,7 @@ class LinuxProcessHandle final : public ProcessHandle {
   bool ranOutOfDescriptors() const { return ranOut_; }
 
  private:
-  const StartClock& clock_;
+  const BootClock& clock_;
   const std::int32_t pid_;
   FileDescriptor pidfd_;
   FileDescriptor stat_;  ///< Opened after `pidfd_`; none when there was no such process.

@@ -14,7 +14,7 @@ namespace tessaloom {
 
 namespace {
 
-using Slot = ProcessPass::Slot;
+using Slot = ProcessScan::Slot;
 
 std::optional<std::uint64_t> readResidentBytes(const FileDescriptor& statm) {
   static const auto pageSize = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
@@ -26,14 +26,14 @@ std::optional<std::uint64_t> readResidentBytes(const FileDescriptor& statm) {
 }
 
 /// 0 for what cannot be read: a process that is not readable in full still has a row.
-std::uint64_t residentBytes(ProcessPass& pass, KnownProcess& known) {
+std::uint64_t residentBytes(ProcessScan& scan, KnownProcess& known) {
   if (known.statm) {
     if (const auto bytes = readResidentBytes(known.statm)) return *bytes;
     known.forget();  // It was about a process that has ended.
   }
-  FileDescriptor statm = pass.proc().open(ProcPath{known.pid, "statm"});
+  FileDescriptor statm = scan.proc().open(ProcPath{known.pid, "statm"});
   const auto bytes = readResidentBytes(statm);
-  if (bytes && pass.mayKeepOne()) known.statm = std::move(statm);
+  if (bytes && scan.mayKeepOne()) known.statm = std::move(statm);
   return bytes.value_or(0);
 }
 
@@ -47,60 +47,60 @@ std::uint64_t residentBytesOfThreads(const ProcFiles& proc, std::int32_t pid) {
   return 0;
 }
 
-void readAnew(ProcessPass& pass, Slot& slot) {
+void readAnew(ProcessScan& scan, Slot& slot) {
   KnownProcess& known = slot.known;
   slot.isRemembered = false;
-  const FileDescriptor stat = pass.open(known);
+  const FileDescriptor stat = scan.open(known);
   if (!stat) return;
-  slot.residentBytes = residentBytes(pass, known);
-  if (!pass.readFacts(known, stat)) return;
+  slot.residentBytes = residentBytes(scan, known);
+  if (!scan.readFacts(known, stat)) return;
   if (known.facts->isZombie && known.facts->threads > 1) {
-    slot.residentBytes = residentBytesOfThreads(pass.proc(), known.pid);
-    pass.readFacts(known, stat);
+    slot.residentBytes = residentBytesOfThreads(scan.proc(), known.pid);
+    scan.readFacts(known, stat);
   }
 }
 
-void read(ProcessPass& pass, Slot& slot) {
+void read(ProcessScan& scan, Slot& slot) {
   KnownProcess& known = slot.known;
-  if (pass.mayBeReused(known) && known.facts->terminal == 0) {
-    slot.residentBytes = residentBytes(pass, known);
+  if (scan.mayBeReused(known) && known.facts->terminal == 0) {
+    slot.residentBytes = residentBytes(scan, known);
     slot.isRemembered = known.facts && known.probe.isUnchanged();
   }
-  if (!slot.isRemembered) readAnew(pass, slot);
+  if (!slot.isRemembered) readAnew(scan, slot);
 }
 
 /// The first process of the system cannot exit. Another parent is known to be alive when this
 /// listing has it, no younger than its child: a younger one got the pid of the real parent, or took
 /// the child over from it.
-bool isParentAlive(ProcessPass& pass, const ProcessFacts& facts) {
+bool isParentAlive(ProcessScan& scan, const ProcessFacts& facts) {
   constexpr std::int32_t firstProcess = 1;
   if (facts.parentPID == firstProcess) return true;
-  const Slot* parent = pass.find(facts.parentPID);
+  const Slot* parent = scan.find(facts.parentPID);
   if (parent == nullptr || !parent->known.facts) return false;
   return !parent->known.facts->isZombie && parent->known.facts->startTicks <= facts.startTicks;
 }
 
-void readOrphansAgain(ProcessPass& pass) {
+void readOrphansAgain(ProcessScan& scan) {
   std::vector<Slot*> orphans;
-  for (Slot& slot : pass.slots()) {
-    if (slot.isRemembered && !isParentAlive(pass, *slot.known.facts)) orphans.push_back(&slot);
+  for (Slot& slot : scan.slots()) {
+    if (slot.isRemembered && !isParentAlive(scan, *slot.known.facts)) orphans.push_back(&slot);
   }
-  for (Slot* orphan : orphans) readAnew(pass, *orphan);
+  for (Slot* orphan : orphans) readAnew(scan, *orphan);
 }
 
-void readYoungAgain(ProcessPass& pass) {
+void readYoungAgain(ProcessScan& scan) {
   std::vector<Slot*> young;
   std::uint64_t lastTick = 0;
-  for (Slot& slot : pass.slots()) {
-    if (!slot.known.facts || !pass.isYoung(*slot.known.facts)) continue;
+  for (Slot& slot : scan.slots()) {
+    if (!slot.known.facts || !scan.isYoung(*slot.known.facts)) continue;
     young.push_back(&slot);
     lastTick = std::max(lastTick, slot.known.facts->startTicks);
   }
   if (young.empty()) return;
-  pass.clock().sleepPast(lastTick);
+  scan.clock().sleepPast(lastTick);
   for (Slot* slot : young) {
     const std::uint64_t startTicks = slot->known.facts->startTicks;
-    readAnew(pass, *slot);
+    readAnew(scan, *slot);
     // Another start: the process that was found has exited, and the new one came after the listing
     // began.
     const auto& facts = slot->known.facts;
@@ -110,20 +110,20 @@ void readYoungAgain(ProcessPass& pass) {
 
 }  // namespace
 
-std::vector<ProcessRecord> readProcessRecords(ProcessPass& pass) {
-  pass.forEachSlot([&pass](Slot& slot) { read(pass, slot); });
-  readOrphansAgain(pass);
-  readYoungAgain(pass);
+std::vector<ProcessRecord> readProcessRecords(ProcessScan& scan) {
+  scan.forEachSlot([&scan](Slot& slot) { read(scan, slot); });
+  readOrphansAgain(scan);
+  readYoungAgain(scan);
 
   std::vector<ProcessRecord> records;
-  records.reserve(pass.slots().size());
-  for (const Slot& slot : pass.slots()) {
+  records.reserve(scan.slots().size());
+  for (const Slot& slot : scan.slots()) {
     if (!slot.known.facts) continue;
     const ProcessFacts& facts = *slot.known.facts;
     records.push_back({.pid = slot.known.pid,
                        .parentPID = facts.parentPID,
-                       .owner = pass.owner(),
-                       .start = pass.clock().startTime(facts.startTicks),
+                       .owner = scan.owner(),
+                       .start = scan.clock().startTime(facts.startTicks),
                        .terminal = terminalName(facts.terminal),
                        .residentBytes = slot.residentBytes,
                        .name = facts.name});

@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "HelperCore/Kernel.h"
-#include "linux/ProcessPass.h"
+#include "linux/ProcessScan.h"
 
 namespace tessaloom {
 
@@ -16,6 +16,6 @@ namespace tessaloom {
 ///
 /// Resident sizes are read every time. So is the rest of a process with a terminal, which it may
 /// lose, and of one whose parent is not known to be alive.
-std::vector<ProcessRecord> readProcessRecords(ProcessPass& pass);
+std::vector<ProcessRecord> readProcessRecords(ProcessScan& scan);
 
 }  // namespace tessaloom

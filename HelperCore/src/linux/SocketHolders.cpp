@@ -13,12 +13,12 @@ namespace tessaloom {
 
 namespace {
 
-using Slot = ProcessPass::Slot;
+using Slot = ProcessScan::Slot;
 
 /// The descriptors that this process has open only to read others.
-std::vector<bool> keptDescriptors(ProcessPass& pass) {
+std::vector<bool> keptDescriptors(ProcessScan& scan) {
   std::vector<bool> kept;
-  for (const Slot& slot : pass.slots()) {
+  for (const Slot& slot : scan.slots()) {
     for (const int number : {slot.known.statm.get(), slot.known.probe.descriptor()}) {
       if (number < 0) continue;
       const auto index = static_cast<std::size_t>(number);
@@ -29,17 +29,17 @@ std::vector<bool> keptDescriptors(ProcessPass& pass) {
   return kept;
 }
 
-void read(ProcessPass& pass, Slot& slot, std::int32_t self) {
+void read(ProcessScan& scan, Slot& slot, std::int32_t self) {
   KnownProcess& known = slot.known;
   if (known.pid == self) return;
-  if (known.sockets && pass.mayBeReused(known) && known.probe.isUnchanged()) return;
-  const FileDescriptor stat = pass.open(known);
+  if (known.sockets && scan.mayBeReused(known) && known.probe.isUnchanged()) return;
+  const FileDescriptor stat = scan.open(known);
   if (!stat) return;
-  known.sockets = readSocketDescriptors(pass.proc(), known.pid);
-  if (!pass.readFacts(known, stat)) return;
+  known.sockets = readSocketDescriptors(scan.proc(), known.pid);
+  if (!scan.readFacts(known, stat)) return;
   if (known.facts->threads > 1) {
-    slot.namespaceMembers = addSocketsOfThreads(pass.proc(), known.pid, *known.sockets);
-    if (!pass.readFacts(known, stat)) return;
+    slot.namespaceMembers = addSocketsOfThreads(scan.proc(), known.pid, *known.sockets);
+    if (!scan.readFacts(known, stat)) return;
   }
   // Kernel threads share a table that is always empty.
   slot.sharesDescriptors = !known.facts->isKernelThread &&
@@ -47,30 +47,30 @@ void read(ProcessPass& pass, Slot& slot, std::int32_t self) {
 }
 
 /// Last, when the others' descriptors are known.
-void readOwn(ProcessPass& pass, std::int32_t self) {
-  Slot* own = pass.find(self);
+void readOwn(ProcessScan& scan, std::int32_t self) {
+  Slot* own = scan.find(self);
   if (own == nullptr) return;
-  const FileDescriptor stat = pass.open(own->known);
-  if (!stat || !pass.readFacts(own->known, stat)) return;
-  own->known.sockets = readOwnSocketDescriptors(pass.proc(), keptDescriptors(pass));
+  const FileDescriptor stat = scan.open(own->known);
+  if (!stat || !scan.readFacts(own->known, stat)) return;
+  own->known.sockets = readOwnSocketDescriptors(scan.proc(), keptDescriptors(scan));
 }
 
-void markSharingParents(ProcessPass& pass) {
-  for (const Slot& slot : pass.slots()) {
+void markSharingParents(ProcessScan& scan) {
+  for (const Slot& slot : scan.slots()) {
     if (!slot.sharesDescriptors) continue;
-    if (Slot* parent = pass.find(slot.known.facts->parentPID)) parent->sharesDescriptors = true;
+    if (Slot* parent = scan.find(slot.known.facts->parentPID)) parent->sharesDescriptors = true;
   }
 }
 
 /// Adds the sockets of the namespaces that are not the helper's own, each read through the first
 /// process or thread in it that the kernel permits.
-void addForeignNamespaces(ProcessPass& pass, SocketTable& table) {
-  const std::uint32_t own = pass.proc().networkNamespace(getpid()).value_or(0);
+void addForeignNamespaces(ProcessScan& scan, SocketTable& table) {
+  const std::uint32_t own = scan.proc().networkNamespace(getpid()).value_or(0);
   std::map<std::uint32_t, SocketTable::Progress> namespaces;
   const auto add = [&](std::uint32_t network, std::int32_t member) {
-    if (network != 0 && network != own) table.addFrom(pass.proc(), member, namespaces[network]);
+    if (network != 0 && network != own) table.addFrom(scan.proc(), member, namespaces[network]);
   };
-  for (const Slot& slot : pass.slots()) {
+  for (const Slot& slot : scan.slots()) {
     if (slot.known.sockets) add(slot.known.sockets->networkNamespace, slot.known.pid);
     for (const NamespaceMember& each : slot.namespaceMembers) {
       add(each.networkNamespace, each.thread);
@@ -80,17 +80,17 @@ void addForeignNamespaces(ProcessPass& pass, SocketTable& table) {
 
 }  // namespace
 
-std::vector<SocketHolder> readSocketHolders(ProcessPass& pass) {
+std::vector<SocketHolder> readSocketHolders(ProcessScan& scan) {
   SocketTable table;
-  table.addOwnNamespace(pass.proc());
+  table.addOwnNamespace(scan.proc());
   const std::int32_t self = getpid();
-  pass.forEachSlot([&pass, self](Slot& slot) { read(pass, slot, self); });
-  readOwn(pass, self);
-  markSharingParents(pass);
-  addForeignNamespaces(pass, table);
+  scan.forEachSlot([&scan, self](Slot& slot) { read(scan, slot, self); });
+  readOwn(scan, self);
+  markSharingParents(scan);
+  addForeignNamespaces(scan, table);
 
   std::vector<SocketHolder> holders;
-  for (const Slot& slot : pass.slots()) {
+  for (const Slot& slot : scan.slots()) {
     if (!slot.known.facts || !slot.known.sockets) continue;
     SocketHolder holder;
     for (const std::uint32_t inode : slot.known.sockets->inodes) {

@@ -19,7 +19,7 @@
 #include "HelperProtocol/linux/BusHandles.h"
 #include "HelperProtocol/linux/SessionBus.h"
 #include "Log.h"
-#include "SelfDescription.h"
+#include "StandardOptions.h"
 #include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/linux/ExecutablePath.h"
 #include "TessaloomHelper/CLIRunner.h"
@@ -30,8 +30,8 @@
 #include "linux/PeerRequirement.h"
 #include "linux/ResourceLimits.h"
 #include "linux/StopSignals.h"
+#include "linux/SystemdUnit.h"
 #include "linux/ThreadTasks.h"
-#include "linux/UserUnit.h"
 
 namespace tessaloom {
 
@@ -75,7 +75,7 @@ int serve() {
   }
   // Closed without waiting for a bus that may have stopped: what matters has been flushed.
   const std::unique_ptr<sd_bus, BusRelease<sd_bus_close_unref>> bus(opened->release());
-  registerUserUnit(bus.get(), registrationLimit, signals.descriptor());
+  registerSystemdUnit(bus.get(), registrationLimit, signals.descriptor());
   if (const auto signal = signals.next()) return StopSignals::reportEnd(*signal);
   const auto identity = ExecutableIdentity::of("/proc/self/exe");
 
@@ -120,7 +120,8 @@ int serve() {
 }  // namespace tessaloom
 
 int main(int argc, char** argv) {
-  if (argc > 1 && tessaloom::describeSelf(argv[1], "tessaloom-helper", "The session bus")) return 0;
+  if (argc > 1 && tessaloom::handleStandardOption(argv[1], "tessaloom-helper", "The session bus"))
+    return 0;
   try {
     return tessaloom::serve();
   } catch (const std::exception& error) {

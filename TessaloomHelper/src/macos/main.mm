@@ -7,10 +7,10 @@
 #import "HelperProtocol/macos/FoundationValues.h"
 #import "LaunchAgent.h"
 #import "ListenerDelegate.h"
-#include "SelfDescription.h"
+#include "StandardOptions.h"
 
 int main(int argc, char** argv) {
-  if (argc > 1 && tessaloom::describeSelf(argv[1], "TessaloomHelper", "launchd")) return 0;
+  if (argc > 1 && tessaloom::handleStandardOption(argv[1], "TessaloomHelper", "launchd")) return 0;
   @autoreleasepool {
     // An engine may close its input before all of it is written, and its end must be waited for.
     // The helper may have been started with either signal set otherwise.

@@ -33,8 +33,8 @@
 #include "linux/LinuxKernel.h"
 #include "linux/LinuxProcessHandle.h"
 #include "linux/Parallel.h"
-#include "linux/ProcessPass.h"
 #include "linux/ProcessRecords.h"
+#include "linux/ProcessScan.h"
 #include "linux/SocketDescriptors.h"
 #include "linux/SocketTable.h"
 #include "support/ObedientChild.h"
@@ -145,7 +145,7 @@ TEST(LinuxProcesses, ListsTheUsersProcessesByPidWhateverStateTheyAreIn) {
 TEST(LinuxProcesses, SignalsTheProcessThatItHoldsAndForgetsItWhenItEnded) {
   using By = LinuxProcessHandle::By;
   LinuxKernel kernel;
-  const StartClock clock;
+  const BootClock clock;
   for (By by : {By::pidfdWherePossible, By::pidOnly}) {
     ObedientChild child;
     LinuxProcessHandle held{procDirectory, clock, child.pid(), by};
@@ -232,35 +232,35 @@ TEST(LinuxKernel, SharesDescriptorsAmongThreadsAndGivesThemBackWhenTheyRunShort)
 /// The processes that one of some listings remembers, until `wanted` is among them. On a busy
 /// machine it takes a while until a process that has answered is off its processor.
 std::set<pid_t> everRemembered(pid_t wanted, std::chrono::nanoseconds idleAge, int listings) {
-  const StartClock clock;
+  const BootClock clock;
   std::vector<KnownProcess> known;
   std::set<pid_t> remembered;
   for (int listing = 0; listing < listings && !remembered.contains(wanted); ++listing) {
-    ProcessPass pass(procDirectory, clock, getuid(), idleAge, std::move(known), true);
-    readProcessRecords(pass);
-    for (const auto& slot : pass.slots()) {
+    ProcessScan scan(procDirectory, clock, getuid(), idleAge, std::move(known), true);
+    readProcessRecords(scan);
+    for (const auto& slot : scan.slots()) {
       if (slot.isRemembered) remembered.insert(slot.known.pid);
     }
-    known = pass.takeKnown();
+    known = scan.takeKnown();
     std::this_thread::sleep_for(shortIdleAge);
   }
   return remembered;
 }
 
-TEST(ProcessPass, ForgetsAProcessThatExitsWhileItIsRead) {
-  const StartClock clock;
+TEST(ProcessScan, ForgetsAProcessThatExitsWhileItIsRead) {
+  const BootClock clock;
   std::optional<ObedientChild> child{std::in_place};
-  ProcessPass pass(procDirectory, clock, getuid(), shortIdleAge, {}, true);
-  KnownProcess& known = pass.find(child->pid())->known;
-  const FileDescriptor stat = pass.open(known);
+  ProcessScan scan(procDirectory, clock, getuid(), shortIdleAge, {}, true);
+  KnownProcess& known = scan.find(child->pid())->known;
+  const FileDescriptor stat = scan.open(known);
   std::array<char, 64> start;
   EXPECT_TRUE(readStart(stat, start).starts_with(std::to_string(known.pid) + " ("));
-  EXPECT_TRUE(pass.readFacts(known, stat) && known.facts);
+  EXPECT_TRUE(scan.readFacts(known, stat) && known.facts);
   child.reset();
-  EXPECT_FALSE(pass.readFacts(known, stat) || known.facts);
+  EXPECT_FALSE(scan.readFacts(known, stat) || known.facts);
 }
 
-TEST(ProcessPass, RemembersProcessesThatHaveNotRun) {
+TEST(ProcessScan, RemembersProcessesThatHaveNotRun) {
   ObedientChild child, threaded;
   threaded.ask(Command::startThread);
   if (!IdleProbe(ProcFiles{procDirectory}, child.pid())) GTEST_SKIP() << "no counters here";

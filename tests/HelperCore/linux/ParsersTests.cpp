@@ -14,9 +14,9 @@
 #include <gtest/gtest.h>
 
 #include "HelperCore/PortDecoding.h"
+#include "linux/BootClock.h"
 #include "linux/ProcParser.h"
 #include "linux/SocketParser.h"
-#include "linux/StartClock.h"
 #include "linux/TerminalName.h"
 
 namespace tessaloom {
@@ -74,8 +74,8 @@ TEST(TerminalName, FollowsTheDeviceNumber) {
   for (const auto& [device, name] : names) EXPECT_EQ(terminalName(device), name) << device;
 }
 
-TEST(StartClock, AddsTicksToAWholeTickOfTheBootAndSleepsUntilOneIsOver) {
-  const StartClock clock{std::chrono::milliseconds{1'700'000'000'019}, 100};
+TEST(BootClock, AddsTicksToAWholeTickOfTheBootAndSleepsUntilOneIsOver) {
+  const BootClock clock{std::chrono::milliseconds{1'700'000'000'019}, 100};
   EXPECT_EQ(clock.startTime(0), (ProcessStartTime{1'700'000'000, 10'000}));
   EXPECT_EQ(clock.startTime(360'000'099), (ProcessStartTime{1'703'600'001, 0}));
 
@@ -84,7 +84,7 @@ TEST(StartClock, AddsTicksToAWholeTickOfTheBootAndSleepsUntilOneIsOver) {
   const auto latest = clock.startTime(clock.currentTick());
   EXPECT_NEAR(now, static_cast<double>(latest.startSec) + latest.startUSec / 1e6, 0.1);
 
-  const StartClock ticking;
+  const BootClock ticking;
   const std::uint64_t tick = ticking.currentTick();
   ticking.sleepPast(tick);
   EXPECT_GT(ticking.currentTick(), tick);

@@ -4,13 +4,13 @@ namespace tessaloom {
 
 /// Turns SIGINT, SIGTERM and SIGHUP into something to poll for, for as long as it lives. A signal
 /// that the process was started to ignore, as under nohup(1), stays ignored. One at a time.
-class Interrupts {
+class TerminationSignals {
  public:
   /// Throws std::system_error.
-  Interrupts();
-  ~Interrupts();
-  Interrupts(const Interrupts&) = delete;
-  Interrupts& operator=(const Interrupts&) = delete;
+  TerminationSignals();
+  ~TerminationSignals();
+  TerminationSignals(const TerminationSignals&) = delete;
+  TerminationSignals& operator=(const TerminationSignals&) = delete;
 
   /// Readable when a signal came that `take` has not returned yet.
   int descriptor() const;

@@ -1,4 +1,4 @@
-#include "linux/ProcessPass.h"
+#include "linux/ProcessScan.h"
 
 #include <algorithm>
 #include <array>
@@ -17,13 +17,13 @@ std::size_t countDescriptors(const std::vector<KnownProcess>& known) {
   return count;
 }
 
-std::int32_t pidOf(const ProcessPass::Slot& slot) {
+std::int32_t pidOf(const ProcessScan::Slot& slot) {
   return slot.known.pid;
 }
 
 }  // namespace
 
-ProcessPass::ProcessPass(const FileDescriptor& procDirectory, const StartClock& clock,
+ProcessScan::ProcessScan(const FileDescriptor& procDirectory, const BootClock& clock,
                          std::uint32_t owner, std::chrono::nanoseconds idleAge,
                          std::vector<KnownProcess> known, bool keep)
     : proc_(procDirectory),
@@ -49,12 +49,12 @@ ProcessPass::ProcessPass(const FileDescriptor& procDirectory, const StartClock& 
   }
 }
 
-ProcessPass::Slot* ProcessPass::find(std::int32_t pid) {
+ProcessScan::Slot* ProcessScan::find(std::int32_t pid) {
   const auto found = std::ranges::lower_bound(slots_, pid, {}, pidOf);
   return found != slots_.end() && pidOf(*found) == pid ? &*found : nullptr;
 }
 
-FileDescriptor ProcessPass::open(KnownProcess& known) {
+FileDescriptor ProcessScan::open(KnownProcess& known) {
   // Most processes of a machine are someone else's: asked first, because it is the cheapest.
   FileDescriptor stat;
   if (proc_.owner(known.pid) == owner_) stat = proc_.open(ProcPath{known.pid, "stat"});
@@ -66,7 +66,7 @@ FileDescriptor ProcessPass::open(KnownProcess& known) {
   return stat;
 }
 
-void ProcessPass::restartProbe(KnownProcess& known) {
+void ProcessScan::restartProbe(KnownProcess& known) {
   if (known.probe && !isExpired(known) && known.probe.isUnchanged()) return;
   known.sockets.reset();  // The facts are read again in any case.
   if (known.probe && !known.probe.restart()) {
@@ -76,7 +76,7 @@ void ProcessPass::restartProbe(KnownProcess& known) {
   }
 }
 
-bool ProcessPass::readFacts(KnownProcess& known, const FileDescriptor& stat) const {
+bool ProcessScan::readFacts(KnownProcess& known, const FileDescriptor& stat) const {
   std::array<char, 1024> buffer;
   const auto parsed = parseProcessStat(readStart(stat, buffer));
   if (!parsed) {
@@ -94,12 +94,12 @@ bool ProcessPass::readFacts(KnownProcess& known, const FileDescriptor& stat) con
 }
 
 /// Whether nothing but the process itself, and the end of its parent, changes what was read.
-bool ProcessPass::staysTrue(const KnownProcess& known) const {
+bool ProcessScan::staysTrue(const KnownProcess& known) const {
   return known.probe && known.facts && known.facts->threads == 1 && !known.facts->isZombie &&
          !isYoung(*known.facts);
 }
 
-std::vector<KnownProcess> ProcessPass::takeKnown() {
+std::vector<KnownProcess> ProcessScan::takeKnown() {
   std::vector<KnownProcess> known;
   known.reserve(static_cast<std::size_t>(
       std::ranges::count_if(slots_, [](const Slot& slot) { return bool(slot.known.facts); })));

@@ -1,4 +1,4 @@
-#include "linux/StartClock.h"
+#include "linux/BootClock.h"
 
 #include <unistd.h>
 
@@ -31,27 +31,27 @@ std::int64_t systemTicksPerSecond() {
 
 }  // namespace
 
-StartClock::StartClock() : StartClock(read(CLOCK_REALTIME) - sinceBoot(), systemTicksPerSecond()) {}
+BootClock::BootClock() : BootClock(read(CLOCK_REALTIME) - sinceBoot(), systemTicksPerSecond()) {}
 
-StartClock::StartClock(nanoseconds bootTime, std::int64_t ticksPerSecond)
+BootClock::BootClock(nanoseconds bootTime, std::int64_t ticksPerSecond)
     : ticksPerSecond_(ticksPerSecond), bootTick_(bootTime / (second / ticksPerSecond)) {}
 
-ProcessStartTime StartClock::startTime(std::uint64_t ticks) const {
+ProcessStartTime BootClock::startTime(std::uint64_t ticks) const {
   const std::int64_t tick = bootTick_ + static_cast<std::int64_t>(ticks);
   const std::int64_t microseconds = tick % ticksPerSecond_ * 1'000'000 / ticksPerSecond_;
   return {.startSec = tick / ticksPerSecond_, .startUSec = static_cast<std::int32_t>(microseconds)};
 }
 
-Instant StartClock::now() const {
+Instant BootClock::now() const {
   const nanoseconds boot = bootTick_ * (second / ticksPerSecond_);
   return Instant{std::chrono::duration_cast<Instant::duration>(boot + sinceBoot())};
 }
 
-std::uint64_t StartClock::currentTick() const {
+std::uint64_t BootClock::currentTick() const {
   return static_cast<std::uint64_t>(sinceBoot() / (second / ticksPerSecond_));
 }
 
-void StartClock::sleepPast(std::uint64_t tick) const {
+void BootClock::sleepPast(std::uint64_t tick) const {
   const nanoseconds tickLength = second / ticksPerSecond_;
   const nanoseconds remaining = static_cast<std::int64_t>(tick + 1) * tickLength - sinceBoot();
   if (remaining > nanoseconds::zero()) {

@@ -13,12 +13,12 @@ namespace tessaloom {
 /// The wall clock at boot is computed once, when this object is made, and rounded down to a whole
 /// tick: computed again, it would differ by some microseconds, and by more after the clock was set.
 /// Safe from any thread.
-class StartClock {
+class BootClock {
  public:
-  StartClock();
+  BootClock();
 
   /// The same, with a boot at `bootTime` after the epoch.
-  StartClock(std::chrono::nanoseconds bootTime, std::int64_t ticksPerSecond);
+  BootClock(std::chrono::nanoseconds bootTime, std::int64_t ticksPerSecond);
 
   ProcessStartTime startTime(std::uint64_t ticks) const;
 

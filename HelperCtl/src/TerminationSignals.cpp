@@ -1,4 +1,4 @@
-#include "Interrupts.h"
+#include "TerminationSignals.h"
 
 #include <unistd.h>
 
@@ -45,7 +45,7 @@ void exchangeHandler(int number, void (*from)(int), void (*to)(int)) {
 
 }  // namespace
 
-Interrupts::Interrupts() {
+TerminationSignals::TerminationSignals() {
   auto pipe = makePipe(PipeMode::nonblocking);
   if (!pipe) throw std::system_error(pipe.error(), std::generic_category(), "pipe");
   readEnd = pipe->readEnd.release();
@@ -53,17 +53,17 @@ Interrupts::Interrupts() {
   for (const int number : caughtSignals) exchangeHandler(number, SIG_DFL, wakeUp);
 }
 
-Interrupts::~Interrupts() {
+TerminationSignals::~TerminationSignals() {
   for (const int number : caughtSignals) exchangeHandler(number, wakeUp, SIG_DFL);
   ::close(writeEnd.exchange(-1));
   ::close(readEnd.exchange(-1));
 }
 
-int Interrupts::descriptor() const {
+int TerminationSignals::descriptor() const {
   return readEnd;
 }
 
-int Interrupts::take() {
+int TerminationSignals::take() {
   char byte = 0;
   return ::read(readEnd, &byte, 1) == 1 ? byte : 0;
 }

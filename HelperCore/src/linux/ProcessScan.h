@@ -4,11 +4,11 @@
 #include <cstdint>
 #include <vector>
 
+#include "linux/BootClock.h"
 #include "linux/DescriptorBudget.h"
 #include "linux/KnownProcess.h"
 #include "linux/Parallel.h"
 #include "linux/ProcFiles.h"
-#include "linux/StartClock.h"
 
 namespace tessaloom {
 
@@ -19,12 +19,12 @@ namespace tessaloom {
 /// namespaces change by its own doing alone. What was read of a process with a single thread
 /// therefore holds as long as its IdleProbe is unchanged. Probes are opened by the second listing
 /// that finds a process, so that a single listing does without their cost.
-class ProcessPass {
+class ProcessScan {
  public:
   /// Starts with `known`, by pid, of the listing before. With `keep` false no descriptor is left
   /// open for the next. `idleAge`: from which age on a probe counts. `procDirectory` and `clock`
   /// outlive this object.
-  ProcessPass(const FileDescriptor& procDirectory, const StartClock& clock, std::uint32_t owner,
+  ProcessScan(const FileDescriptor& procDirectory, const BootClock& clock, std::uint32_t owner,
               std::chrono::nanoseconds idleAge, std::vector<KnownProcess> known, bool keep);
 
   struct Slot {
@@ -67,7 +67,7 @@ class ProcessPass {
   bool isYoung(const ProcessFacts& facts) const { return facts.startTicks >= firstTick_; }
 
   const ProcFiles& proc() const { return proc_; }
-  const StartClock& clock() const { return clock_; }
+  const BootClock& clock() const { return clock_; }
   std::uint32_t owner() const { return owner_; }
   bool ranOutOfDescriptors() const { return proc_.ranOutOfDescriptors(); }
 
@@ -83,7 +83,7 @@ class ProcessPass {
   bool staysTrue(const KnownProcess& known) const;
 
   const ProcFiles proc_;
-  const StartClock& clock_;
+  const BootClock& clock_;
   const std::uint32_t owner_;
   const std::chrono::nanoseconds idleAge_;
   const bool keep_;

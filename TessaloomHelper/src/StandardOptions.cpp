@@ -1,11 +1,12 @@
-#include "SelfDescription.h"
+#include "StandardOptions.h"
 
 #include <cstdio>
 #include <string>
 
 namespace tessaloom {
 
-bool describeSelf(std::string_view option, std::string_view program, std::string_view starter) {
+bool handleStandardOption(std::string_view option, std::string_view program,
+                          std::string_view starter) {
   const bool wantsVersion = option == "--version" || option == "-V";
   if (!wantsVersion && option != "--help" && option != "-h") return false;
   std::string text = std::string(program) + " " TESSALOOM_VERSION "\n";

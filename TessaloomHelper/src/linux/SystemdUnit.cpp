@@ -1,4 +1,4 @@
-#include "linux/UserUnit.h"
+#include "linux/SystemdUnit.h"
 
 #include <cerrno>
 #include <chrono>
@@ -75,7 +75,7 @@ std::expected<bool, std::string> enable(Manager& manager) {
 
 }  // namespace
 
-void registerUserUnit(sd_bus* bus, std::chrono::microseconds limit, int stopSignals) {
+void registerSystemdUnit(sd_bus* bus, std::chrono::microseconds limit, int stopSignals) {
   Manager manager{.bus = bus,
                   .requests = BusRequests(bus),
                   .deadline = Clock::now() + limit,

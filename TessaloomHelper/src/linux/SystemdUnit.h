@@ -10,6 +10,6 @@ namespace tessaloom {
 ///
 /// Waits for the manager at most `limit` in all, and no longer once `stopSignals` can be read; does
 /// not start one. A failure is one line on standard error and nothing else.
-void registerUserUnit(sd_bus* bus, std::chrono::microseconds limit, int stopSignals);
+void registerSystemdUnit(sd_bus* bus, std::chrono::microseconds limit, int stopSignals);
 
 }  // namespace tessaloom
