@@ -39,7 +39,7 @@ struct Subject {
   std::size_t (*list)(Kernel&);
 };
 
-// A first listing by a new kernel object, and a repeated one by an object that has listed before.
+/// A first listing by a new kernel object, and a repeated one by an object that has listed before.
 void measure(const std::string& table, const Subject& subject, Kernel& known, int processes,
              int rounds) {
   for (const auto& peer : subject.peers) {

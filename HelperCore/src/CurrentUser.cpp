@@ -12,7 +12,7 @@
 namespace tessaloom {
 namespace {
 
-// An entry grows with what a directory service puts into it; no real one comes near the maximum.
+/// An entry grows with what a directory service puts into it; no real one comes near the maximum.
 constexpr std::size_t firstBufferSize = 1024;
 constexpr std::size_t maximumBufferSize = std::size_t{1} << 24;
 

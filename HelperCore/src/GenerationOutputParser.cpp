@@ -15,7 +15,7 @@
 namespace tessaloom {
 namespace {
 
-// The bare "401" is deliberate, although it matches any text with these digits.
+/// The bare "401" is deliberate, although it matches any text with these digits.
 constexpr std::array<std::string_view, 8> authenticationMarkers{
     "not logged in", "/login", "please run /login", "not authenticated", "invalid api key",
     "unauthorized",  "401",    "credentials"};

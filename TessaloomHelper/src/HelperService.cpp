@@ -75,8 +75,8 @@ ReplyError describeCurrentException() {
   }
 }
 
-// The exception being handled, as the error of a reply. When there is no memory even for its texts,
-// the error goes without them.
+/// The exception being handled, as the error of a reply. When there is no memory even for its
+/// texts, the error goes without them.
 ReplyError currentError() noexcept {
   try {
     return describeCurrentException();
@@ -111,8 +111,8 @@ Reply encoded(const ServiceContext& context,
   return encoded(context, *result);
 }
 
-// Replies with what `work` returns; `confirm` runs once it is encoded, before the reply. Every
-// exception ends here.
+/// Replies with what `work` returns; `confirm` runs once it is encoded, before the reply. Every
+/// exception ends here.
 template <class Work, class Confirm>
 void answer(const ServiceContext& context, const ReplyHandler& reply, Work work, Confirm confirm) {
   Reply outcome;
@@ -239,7 +239,7 @@ void start(Record (*handler)(const ServiceContext&, const Request&), const Servi
   }
 }
 
-// Decodes the request here and does the work elsewhere, for as long as an engine takes.
+/// Decodes the request here and does the work elsewhere, for as long as an engine takes.
 template <auto handler>
 void concurrently(Connection connection, std::string_view body, const ReplyHandler& reply) {
   start(handler, connection.context, body, reply);

@@ -58,7 +58,7 @@ UUID identifierFrom(NSString* text) {
   return *identifier;
 }
 
-// Generations have their kind in the error; whatever comes from XPC itself has none.
+/// Generations have their kind in the error; whatever comes from XPC itself has none.
 HelperFailure failureOf(NSError* error) {
   const id kind = error.userInfo[replyErrorKindKey];
   if (kind == nil) {

@@ -130,7 +130,7 @@ bool isImmortal(const ObjectRecord* object) {
          (object->isa->data->flags & metaClassFlag) != 0;
 }
 
-// A last release and a weak load exclude each other.
+/// A last release and a weak load exclude each other.
 std::mutex weakLock;
 std::unordered_map<ObjectRecord*, std::set<ObjectRecord**>>& weakReferences() {
   static auto& instance = *new std::unordered_map<ObjectRecord*, std::set<ObjectRecord**>>;

@@ -267,7 +267,7 @@ class Caller : public std::enable_shared_from_this<Caller> {
 
 namespace {
 
-// Only the shape says how many arguments there are; the rest is what was in the registers.
+/// Only the shape says how many arguments there are; the rest is what was in the registers.
 void forwardToRemote(id object, SEL selector, void* first, void* second) {
   RemoteProxy* proxy = object;
   const auto name = reinterpret_cast<Selector>(selector);

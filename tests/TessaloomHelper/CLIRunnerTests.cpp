@@ -38,9 +38,9 @@ using Kind = GenerationFailureKind;
 constexpr auto engine = GenerationEngineID::codex;
 constexpr auto ample = 120s;
 
-// On macOS, posix_spawn starts the children. It sets no limit, and this system's own, over which
-// these cases run for macOS, has a child ignore the two signals that the C library keeps for
-// itself.
+/// On macOS, posix_spawn starts the children. It sets no limit, and this system's own, over which
+/// these cases run for macOS, has a child ignore the two signals that the C library keeps for
+/// itself.
 constexpr bool launchIsOwn = TESSALOOM_LAUNCH_IS_OWN;
 constexpr auto nothingIgnored = launchIsOwn ? "SigIgn:\t0{16}\n" : "SigIgn:\t0{7}180{7}\n";
 
@@ -54,8 +54,8 @@ std::vector<pid_t> children() {
   return result;
 }
 
-// As the kernel has them: the C library keeps two signals for itself, which its functions leave
-// out.
+/// As the kernel has them: the C library keeps two signals for itself, which its functions leave
+/// out.
 std::uint64_t exchangeMask(std::uint64_t mask) {
   std::uint64_t before = 0;
   ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &mask, &before, sizeof mask);

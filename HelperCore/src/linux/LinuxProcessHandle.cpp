@@ -14,7 +14,7 @@ namespace tessaloom {
 
 namespace {
 
-// By number: the C library's functions for them came later than the calls.
+/// By number: the C library's functions for them came later than the calls.
 int openPidfd(std::int32_t pid) {
   return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
 }

@@ -28,8 +28,8 @@ std::string escaped(std::string_view path) {
   return text;
 }
 
-// sd_bus_open_user() looks in the first two places only, and gives no chance to decline
-// descriptors.
+/// sd_bus_open_user() looks in the first two places only, and gives no chance to decline
+/// descriptors.
 std::string sessionBusAddress() {
   const char* address = ::secure_getenv("DBUS_SESSION_BUS_ADDRESS");
   if (address != nullptr && *address != '\0') return address;

@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::string_view deletedMark = " (deleted)";
 
-// The mark may also be part of a file's name; then the path leads to the executable itself.
+/// The mark may also be part of a file's name; then the path leads to the executable itself.
 bool isItsName(const FileDescriptor& processDirectory, const std::string& path) {
   struct stat named{};
   struct stat running{};

@@ -6,7 +6,7 @@ namespace tessaloom {
 
 namespace {
 
-// Each makes the message of one kind of outcome.
+/// Each makes the message of one kind of outcome.
 struct ReplyMessage {
   explicit ReplyMessage(sd_bus_message* answered) : call(answered) {}
 

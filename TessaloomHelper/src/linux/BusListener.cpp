@@ -27,16 +27,16 @@ namespace {
 
 constexpr std::chrono::milliseconds stopTick{100};
 constexpr std::chrono::seconds starvationLimit{5};
-// Callers that are being vetted delay the exit no longer than this.
+/// Callers that are being vetted delay the exit no longer than this.
 constexpr std::chrono::seconds vettingLimit{6};
-// Nor does a caller that keeps calling by the unique name.
+/// Nor does a caller that keeps calling by the unique name.
 constexpr int maximumRoundTrips = 20;
-// Messages that wait in the library for the bus to take them.
+/// Messages that wait in the library for the bus to take them.
 constexpr std::uint64_t maximumQueued = 1'024;
-// What the kernel has taken can no longer be sent in turns. The system's own size holds hundreds of
-// replies, and the bus takes a millisecond over each while many calls of a caller are unanswered.
+/// What the kernel has taken can no longer be sent in turns. The system's own size holds hundreds
+/// of replies, and the bus takes a millisecond over each while a caller has many calls unanswered.
 constexpr int sendBufferBytes = 32'768;
-// Whatever else happens is looked at after this many messages.
+/// Whatever else happens is looked at after this many messages.
 constexpr int maximumBurst = 64;
 
 const std::string serviceName(HelperConstants::machServiceName);
@@ -59,7 +59,7 @@ std::vector<sd_bus_vtable> methodTable(sd_bus_message_handler_t handler) {
 using std::chrono::microseconds;
 constexpr microseconds unlimited = microseconds::max();
 
-// How long the library wants to wait at most.
+/// How long the library wants to wait at most.
 microseconds waitLimit(sd_bus* bus) {
   std::uint64_t wakeAt = UINT64_MAX;  // Microseconds of the monotonic clock.
   if (sd_bus_get_timeout(bus, &wakeAt) < 0 || wakeAt == UINT64_MAX) return unlimited;

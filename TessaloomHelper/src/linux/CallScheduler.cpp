@@ -52,8 +52,8 @@ class CallScheduler::Call final : public BusCall {
   CallScheduler& scheduler_;
 };
 
-// A process that has unanswered calls. Calls move between its lists by splicing, which needs no
-// memory.
+/// A process that has unanswered calls. Calls move between its lists by splicing, which needs no
+/// memory.
 struct CallScheduler::Caller {
   explicit Caller(pid_t callingProcess) : process(callingProcess) {}
 

@@ -26,7 +26,7 @@ using PipeEnd = ProcessDirectory::PipeEnd;
 constexpr std::size_t maximumInfoSize = 65'536;
 constexpr std::array<const char*, 3> comparedNamespaces{"mnt", "pid", "user"};
 
-// Nobody else may have made, or may change, what is in it.
+/// Nobody else may have made, or may change, what is in it.
 bool isOfThisUserOnly(int descriptor) {
   struct stat status{};
   return ::fstat(descriptor, &status) == 0 && status.st_uid == ::geteuid() &&
@@ -52,7 +52,7 @@ std::expected<std::string, int> readInfo(int instance) {
   return text;
 }
 
-// Which process holds the lock that lasts as long as the instance.
+/// Which process holds the lock that lasts as long as the instance.
 std::optional<pid_t> lockHolder(const FileDescriptor& file) {
   struct flock lock{};
   lock.l_type = F_WRLCK;

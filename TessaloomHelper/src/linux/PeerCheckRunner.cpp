@@ -14,7 +14,7 @@ namespace tessaloom {
 
 namespace {
 
-// Together well below the time limit.
+/// Together well below the time limit.
 constexpr int maximumTries = 10;
 constexpr std::chrono::milliseconds pauseBetweenTries{50};
 

@@ -17,7 +17,7 @@ struct Credentials {
   std::optional<std::uint32_t> process;
 };
 
-// The two entries that matter of the bus's a{sv} about a connection.
+/// The two entries that matter of the bus's a{sv} about a connection.
 std::optional<Credentials> readCredentials(sd_bus_message* message) {
   Credentials credentials;
   if (sd_bus_message_enter_container(message, 'a', "{sv}") < 0) return std::nullopt;
@@ -37,8 +37,8 @@ std::optional<Credentials> readCredentials(sd_bus_message* message) {
   }
 }
 
-// What a call takes while it is held: its arguments, and the path, which a message does not bound
-// either. The library does not give the size of a message; none for arguments that no method has.
+/// What a call takes while it is held: its arguments, and the path, which a message does not bound
+/// either. The library does not give the size of a message; none for arguments that no method has.
 std::optional<std::size_t> sizeOf(sd_bus_message* call) {
   const char* path = sd_bus_message_get_path(call);
   std::size_t size = path == nullptr ? 0 : std::strlen(path);
@@ -58,7 +58,7 @@ std::optional<std::size_t> sizeOf(sd_bus_message* call) {
   return sd_bus_message_rewind(call, 1) < 0 ? std::nullopt : std::optional(size);
 }
 
-// Greater than 0 also for a call that wants no reply, for which the library sends none.
+/// Greater than 0 also for a call that wants no reply, for which the library sends none.
 int answer(sd_bus_message* call, const char* name, const char* message) {
   const int result = sd_bus_reply_method_errorf(call, name, "%s", message);
   return result < 0 ? result : 1;

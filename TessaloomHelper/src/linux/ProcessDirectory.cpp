@@ -16,7 +16,7 @@ namespace tessaloom {
 
 namespace {
 
-// More than a sandbox's launcher leaves open in a process, and few enough to read.
+/// More than a sandbox's launcher leaves open in a process, and few enough to read.
 constexpr std::size_t maximumDescriptors = 1'024;
 
 std::expected<std::string, int> linkText(int directory, const char* path) {

@@ -27,7 +27,7 @@ struct Manager {
   bool isInterrupted = false;
 };
 
-// The manager's reply or the text of what went wrong. `append` adds the call's arguments.
+/// The manager's reply or the text of what went wrong. `append` adds the call's arguments.
 template <class Append>
 std::expected<BusMessage, std::string> callManager(Manager& manager, const char* method,
                                                    Append append) {

@@ -41,8 +41,8 @@ constexpr std::chrono::seconds registrationLimit{2};
 constexpr std::chrono::milliseconds lastTasksLimit{200};
 constexpr std::size_t maximumReplyBytes = 32UL * 1'048'576;
 
-// The helper may be started with descriptors open, which no engine may inherit, or with a standard
-// one closed, whose number the next descriptor would take, and with it the error lines.
+/// The helper may be started with descriptors open, which no engine may inherit, or with a standard
+/// one closed, whose number the next descriptor would take, and with it the error lines.
 void secureDescriptors() {
   for (int standard = STDIN_FILENO; standard <= STDERR_FILENO; ++standard) {
     if (::fcntl(standard, F_GETFD) < 0) ::open("/dev/null", O_RDWR);
@@ -50,8 +50,8 @@ void secureDescriptors() {
   ::close_range(STDERR_FILENO + 1, UINT_MAX, CLOSE_RANGE_CLOEXEC);
 }
 
-// By default the allocator raises both thresholds to the size of the largest block that was ever
-// freed, and then keeps blocks of that size in an arena for each thread.
+/// By default the allocator raises both thresholds to the size of the largest block that was ever
+/// freed, and then keeps blocks of that size in an arena for each thread.
 void limitFreedMemory() {
   constexpr int threshold = 128 * 1024;
   ::mallopt(M_MMAP_THRESHOLD, threshold);
