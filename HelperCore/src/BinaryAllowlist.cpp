@@ -11,33 +11,20 @@
 namespace tessaloom {
 namespace {
 
+using Kind = BinaryRejection::Kind;
+
 /// Why a candidate that exists is refused; nullopt if it is acceptable.
 std::optional<BinaryRejection> rejectionOf(const FileFacts& facts, uid_t currentUID) {
-  if (!facts.isRegularFile) return Rejection::NotRegularFile{};
-  if (!facts.isExecutable) return Rejection::NotExecutable{};
-  if (facts.ownerUID != 0 && facts.ownerUID != currentUID)
-    return Rejection::WrongOwner{facts.ownerUID};
-  if ((facts.mode & (S_IWGRP | S_IWOTH)) != 0) return Rejection::WritableByGroupOrOther{facts.mode};
+  if (!facts.isRegularFile) return BinaryRejection{Kind::notRegularFile};
+  if (!facts.isExecutable) return BinaryRejection{Kind::notExecutable};
+  if (facts.ownerUID != 0 && facts.ownerUID != currentUID) {
+    return BinaryRejection{.kind = Kind::wrongOwner, .ownerUID = facts.ownerUID};
+  }
+  if ((facts.mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return BinaryRejection{.kind = Kind::writableByGroupOrOther, .mode = facts.mode};
+  }
   return std::nullopt;
 }
-
-struct Sentence {
-  std::string_view operator()(const Rejection::WrongOwner&) const {
-    return " was found but is owned by another user, so it wasn’t run.";
-  }
-  std::string_view operator()(const Rejection::WritableByGroupOrOther&) const {
-    return " was found but is writable by other users, so it wasn’t run.";
-  }
-  std::string_view operator()(const Rejection::NotFound&) const {
-    return " wasn’t found in any of the usual install locations.";
-  }
-  std::string_view operator()(const Rejection::NotRegularFile&) const {
-    return " was found but isn’t an executable file.";
-  }
-  std::string_view operator()(const Rejection::NotExecutable&) const {
-    return " was found but isn’t an executable file.";
-  }
-};
 
 }  // namespace
 
@@ -54,7 +41,7 @@ std::vector<std::filesystem::path> BinaryAllowlist::searchLocations(
 std::expected<std::filesystem::path, BinaryRejection> BinaryAllowlist::resolve(
     std::string_view fileName, const std::vector<std::filesystem::path>& locations,
     uid_t currentUID, const FactsReader& readFacts) {
-  BinaryRejection lastRejection = Rejection::NotFound{};
+  BinaryRejection lastRejection{Kind::notFound};
   for (const std::filesystem::path& location : locations) {
     std::filesystem::path candidate = location / fileName;
     const std::optional<FileFacts> facts = readFacts(candidate);
@@ -80,7 +67,19 @@ std::optional<FileFacts> BinaryAllowlist::readFacts(const std::filesystem::path&
 }
 
 std::string BinaryAllowlist::message(const BinaryRejection& rejection, std::string_view fileName) {
-  return std::string(fileName).append(std::visit(Sentence{}, rejection));
+  const auto sentence = [&](const char* rest) { return std::string(fileName) + rest; };
+  switch (rejection.kind) {
+    case Kind::wrongOwner:
+      return sentence(" was found but is owned by another user, so it wasn’t run.");
+    case Kind::writableByGroupOrOther:
+      return sentence(" was found but is writable by other users, so it wasn’t run.");
+    case Kind::notFound:
+      return sentence(" wasn’t found in any of the usual install locations.");
+    case Kind::notRegularFile:
+    case Kind::notExecutable:
+      break;
+  }
+  return sentence(" was found but isn’t an executable file.");
 }
 
 std::string_view executableName(GenerationEngineID engine) {

@@ -32,16 +32,17 @@ using enum Check::Outcome;
 
 /// The files of the engine's name in the search locations that were rejected, and what to do.
 std::string rejectedCandidates(std::string_view name, const CurrentUser& user) {
+  using enum BinaryRejection::Kind;
   std::string remedies;
   for (const auto& location : BinaryAllowlist::searchLocations(user.homeDirectory)) {
     const auto candidate =
         BinaryAllowlist::resolve(name, {location}, getuid(), BinaryAllowlist::readFacts);
-    if (candidate || std::holds_alternative<Rejection::NotFound>(candidate.error())) continue;
+    if (candidate || candidate.error().kind == notFound) continue;
     const std::string path = (location / name).string();
     remedies += remedies.empty() ? "" : "; ";
-    if (std::holds_alternative<Rejection::WrongOwner>(candidate.error())) {
+    if (candidate.error().kind == wrongOwner) {
       remedies += "Make it your own: sudo chown " + user.loginName + " $(readlink -f " + path + ")";
-    } else if (std::holds_alternative<Rejection::WritableByGroupOrOther>(candidate.error())) {
+    } else if (candidate.error().kind == writableByGroupOrOther) {
       remedies += "Remove write permission for others: chmod go-w $(readlink -f " + path + ")";
     } else {
       remedies += "Make it an executable file, or remove it: " + path;

@@ -9,7 +9,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <variant>
 #include <vector>
 
 #include "HelperCore/CurrentUser.h"
@@ -29,28 +28,21 @@ struct FileFacts {
 };
 
 /// Why no candidate was accepted.
-namespace Rejection {
-struct WrongOwner {
-  std::uint32_t ownerUID;
-  friend bool operator==(const WrongOwner&, const WrongOwner&) = default;
+struct BinaryRejection {
+  enum class Kind : std::uint8_t {
+    wrongOwner,
+    writableByGroupOrOther,
+    notFound,
+    notRegularFile,
+    notExecutable,
+  };
+
+  Kind kind;
+  std::uint32_t ownerUID = 0;  ///< Of wrongOwner.
+  std::uint16_t mode = 0;      ///< Of writableByGroupOrOther.
+
+  friend bool operator==(const BinaryRejection&, const BinaryRejection&) = default;
 };
-struct WritableByGroupOrOther {
-  std::uint16_t mode;
-  friend bool operator==(const WritableByGroupOrOther&, const WritableByGroupOrOther&) = default;
-};
-struct NotFound {
-  friend bool operator==(const NotFound&, const NotFound&) = default;
-};
-struct NotRegularFile {
-  friend bool operator==(const NotRegularFile&, const NotRegularFile&) = default;
-};
-struct NotExecutable {
-  friend bool operator==(const NotExecutable&, const NotExecutable&) = default;
-};
-}  // namespace Rejection
-using BinaryRejection =
-    std::variant<Rejection::WrongOwner, Rejection::WritableByGroupOrOther, Rejection::NotFound,
-                 Rejection::NotRegularFile, Rejection::NotExecutable>;
 
 /// Reads one candidate; nullopt if it is absent or unreadable.
 using FactsReader = std::function<std::optional<FileFacts>(const std::filesystem::path&)>;
@@ -64,7 +56,7 @@ namespace BinaryAllowlist {
 std::vector<std::filesystem::path> searchLocations(const std::filesystem::path& homeDirectory);
 
 /// The first acceptable candidate: `fileName` below one of `locations`, not the target of a link.
-/// Otherwise the reason for which the last existing candidate was refused, or NotFound.
+/// Otherwise the reason for which the last existing candidate was refused, or notFound.
 std::expected<std::filesystem::path, BinaryRejection> resolve(
     std::string_view fileName, const std::vector<std::filesystem::path>& locations,
     uid_t currentUID, const FactsReader& readFacts);
