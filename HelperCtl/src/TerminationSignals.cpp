@@ -24,7 +24,7 @@ constexpr std::array caughtSignals{SIGINT, SIGTERM, SIGHUP};
 void wakeUp(int number) {
   const int saved = errno;
   const char byte = static_cast<char>(number);
-  // A full pipe already contains more interrupts than are ever counted.
+  // A full pipe already contains more signals than are ever counted.
   [[maybe_unused]] const ssize_t written = ::write(writeEnd.load(), &byte, 1);
   errno = saved;
 }
