@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "HelperProtocol/ProcessMessages.h"
+#include "TLFoundation/Instant.h"
 
 /// Dates as message bodies carry them: 2026-11-21T10:00:00Z, to the second, in UTC.
 namespace tessaloom::ISO8601 {

@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <optional>
 
-#include "HelperProtocol/ProcessMessages.h"
+#include "TLFoundation/Instant.h"
 
 namespace tessaloom {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "HelperProtocol/ProcessMessages.h"
+#include "TLFoundation/Instant.h"
 
 namespace tessaloom {
 

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <functional>
 
+#include "TLFoundation/HashFields.h"
+
 namespace tessaloom {
 
 /// Identifies a process: its pid may later be given to another one, but not with the same start
@@ -20,5 +22,7 @@ struct ProcessIdentity {
 
 template <>
 struct std::hash<tessaloom::ProcessIdentity> {
-  std::size_t operator()(const tessaloom::ProcessIdentity& identity) const noexcept;
+  std::size_t operator()(const tessaloom::ProcessIdentity& identity) const noexcept {
+    return tessaloom::hashFields(identity.pid, identity.startSec, identity.startUSec);
+  }
 };

@@ -8,7 +8,7 @@
 
 #include "HelperCore/Kernel.h"
 #include "HelperCore/ProcessIdentity.h"
-#include "HelperProtocol/ProcessMessages.h"
+#include "TLFoundation/Instant.h"
 #include "TLFoundation/Mutex.h"
 
 namespace tessaloom {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <array>
-#include <chrono>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -10,11 +9,9 @@
 #include <string_view>
 
 #include "TLFoundation/HashFields.h"
+#include "TLFoundation/Instant.h"
 
 namespace tessaloom {
-
-/// A point of the wall clock, in seconds since the Unix epoch as a double.
-using Instant = std::chrono::sys_time<std::chrono::duration<double>>;
 
 /// A process identifier that may be signaled: always greater than 0. On the wire a bare number.
 class ProcessID {
