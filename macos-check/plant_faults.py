@@ -15,7 +15,7 @@ import sys
 import tempfile
 from pathlib import Path
 
-from compile_again import errors_of
+from compile_again import errors_of, write_modules
 
 ROOT = Path(__file__).resolve().parent.parent
 SOURCES = "TessaloomHelper/src/macos/"
@@ -168,6 +168,7 @@ def notices(check, build, source, before, after, expected, scratch):
 
 def main(check, build, numbers):
     unnoticed = 0
+    write_modules(16, check)
     for number, (what, *fault, expected) in enumerate(FAULTS, 1):
         if numbers and number not in numbers:
             continue
