@@ -84,7 +84,9 @@ set(common_headers
     <system_error>
     <utility>
     <vector>)
-tessaloom_precompiled(module_headers HEADERS ${common_headers})
+if(NOT TESSALOOM_OBJECTS)
+  tessaloom_precompiled(module_headers HEADERS ${common_headers})
+endif()
 if(TARGET module_headers AND TESSALOOM_BUILD_FUZZERS)
   target_compile_options(module_headers PRIVATE -fsanitize=fuzzer-no-link)
 endif()
@@ -109,4 +111,15 @@ function(tessaloom_module name)
     # Lets the fuzz targets see which branches of the module an input reaches.
     target_compile_options(${name} PRIVATE -fsanitize=fuzzer-no-link)
   endif()
+endfunction()
+
+# tessaloom_take_objects(TARGET ...): the targets link what was compiled from their sources below TESSALOOM_OBJECTS.
+function(tessaloom_take_objects)
+  foreach(target IN LISTS ARGN)
+    get_target_property(objects ${target} SOURCES)
+    get_target_property(folder ${target} SOURCE_DIR)
+    file(RELATIVE_PATH folder "${PROJECT_SOURCE_DIR}" "${folder}")
+    list(TRANSFORM objects REPLACE "(.+)" "${TESSALOOM_OBJECTS}/${folder}/CMakeFiles/${target}.dir/\\1.o")
+    set_target_properties(${target} PROPERTIES SOURCES "${objects}" LINKER_LANGUAGE CXX)
+  endforeach()
 endfunction()

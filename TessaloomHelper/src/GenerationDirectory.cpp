@@ -37,6 +37,11 @@ bool isPrivate(const struct stat& facts) {
   return facts.st_uid == ::geteuid() && (facts.st_mode & ~static_cast<mode_t>(S_IFMT)) == ownerOnly;
 }
 
+/// What cannot be made accessible is not removed; the C library has every call's result used.
+void makeAccessible(int parent, const char* name) {
+  [[maybe_unused]] const int result = ::fchmodat(parent, name, ownerOnly, AT_SYMLINK_NOFOLLOW);
+}
+
 /// Opens a directory and takes the lock that says how it is used: LOCK_SH while it is, LOCK_EX to
 /// remove it. EBUSY when another process's use does not allow this one, ENOENT also when it was
 /// removed before the lock was taken.
@@ -109,10 +114,6 @@ class TreeRemoval {
     return false;
   }
 
-  static void makeAccessible(int parent, const char* name) {
-    ::fchmodat(parent, name, ownerOnly, AT_SYMLINK_NOFOLLOW);
-  }
-
   DirectoryReader root_;
   unsigned long moves_ = 0;
 };
@@ -120,7 +121,7 @@ class TreeRemoval {
 /// Removes whatever exists at the path.
 void removeAnything(const std::filesystem::path& path) {
   if (::unlink(path.c_str()) == 0 || ::rmdir(path.c_str()) == 0) return;
-  ::fchmodat(AT_FDCWD, path.c_str(), ownerOnly, AT_SYMLINK_NOFOLLOW);
+  makeAccessible(AT_FDCWD, path.c_str());
   TreeRemoval(FileDescriptor(::open(path.c_str(), openDirectoryFlags))).run();
   ::rmdir(path.c_str());
 }
