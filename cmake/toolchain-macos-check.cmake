@@ -44,6 +44,10 @@ endforeach()
 set(CMAKE_EXE_LINKER_FLAGS_INIT
     "-F${stubs}/Frameworks -L${stubs}/lib -framework CoreFoundation -lobjc")
 
+# The executables are looked into, not run: half the time of an optimized build. Without optimization this compiler would
+# add checks of its own.
+add_compile_options(-O0 -fno-sanitize=undefined)
+
 # The libraries from outside the platform, and the tests': their headers as Debian installs them, but apart from
 # /usr/include, whose C headers are another system's.
 if(NOT DEFINED TESSALOOM_CHECK_PREFIX)
