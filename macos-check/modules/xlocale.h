@@ -1,4 +1,5 @@
-// Declares what a locale can be named for, for the C headers that were included before it. A module's header sees none but its own.
+// The system's header declares the variants that take a locale for those C headers only that were included before it. In a module
+// none were.
 #include <ctype.h>
 #include <stdio.h>
 #include <stdlib.h>
