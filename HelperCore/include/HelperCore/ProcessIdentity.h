@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 
 #include "TLFoundation/HashFields.h"
 
@@ -16,13 +15,7 @@ struct ProcessIdentity {
   std::int32_t startUSec;  ///< The microseconds beyond.
 
   friend bool operator==(const ProcessIdentity&, const ProcessIdentity&) = default;
+  std::size_t hash() const noexcept { return hashFields(pid, startSec, startUSec); }
 };
 
 }  // namespace tessaloom
-
-template <>
-struct std::hash<tessaloom::ProcessIdentity> {
-  std::size_t operator()(const tessaloom::ProcessIdentity& identity) const noexcept {
-    return tessaloom::hashFields(identity.pid, identity.startSec, identity.startUSec);
-  }
-};
