@@ -58,12 +58,9 @@ void readBody(const std::string& text) {
   }
 }
 
-void readClaude(const std::string& text) {
-  std::ignore = GenerationOutputParser::parseClaude(text, GenerationShape::itemFields, {});
-}
-
-void readCodex(const std::string& text) {
-  std::ignore = GenerationOutputParser::parseCodex(text, GenerationShape::itemFields, {});
+template <auto Parse>
+void readOutput(const std::string& text) {
+  std::ignore = Parse(text, GenerationShape::itemFields, {});
 }
 
 // Whichever allocation fails, reading ends in std::bad_alloc and gives back what it had.
@@ -82,8 +79,9 @@ TEST(Memory, NoFailedAllocationEndsTheProcess) {
       {readBody<GenerationRequest>, R"({"instructions":"","prompt":"\u0000","timeout":[})"},
       {readBody<GeneratedFields>, fields},
       {readBody<GeneratedFields>, R"({"itemDescription":"","tags":[1],"globs":[]})"},
-      {readClaude, "{\"structured_output\":" + fields + "}"},
-      {readCodex, R"({"type":"item.completed","item":{"type":"agent_message","text":"{}"}})"},
+      {readOutput<GenerationOutputParser::parseClaude>, "{\"structured_output\":" + fields + "}"},
+      {readOutput<GenerationOutputParser::parseCodex>,
+       R"({"type":"item.completed","item":{"type":"agent_message","text":"{}"}})"},
   };
   for (const auto& row : rows) {
     const std::size_t before = live;
