@@ -78,7 +78,6 @@ TEST(Memory, NoFailedAllocationEndsTheProcess) {
        R"("timeout":5,"unknown":[[[{"a":[]}]]]})"},
       {readBody<GenerationRequest>, R"({"instructions":"","prompt":"\u0000","timeout":[})"},
       {readBody<GeneratedFields>, fields},
-      {readBody<GeneratedFields>, R"({"itemDescription":"","tags":[1],"globs":[]})"},
       {readOutput<GenerationOutputParser::parseClaude>, "{\"structured_output\":" + fields + "}"},
       {readOutput<GenerationOutputParser::parseCodex>,
        R"({"type":"item.completed","item":{"type":"agent_message","text":"{}"}})"},

@@ -30,13 +30,9 @@ def generation(prompt, engine="claudeCode", shape="freeText", timeout=60):
             "prompt": prompt, "timeout": timeout}
 
 
-# Each with its body, and the error with its code.
-WRONG_CALLS = (
-    ("KillProcess", b"", (DECODING_ERROR, 1)), ("KillProcess", b"\xff", (DECODING_ERROR, 1)),
-    ("CancelGeneration", b"[" * 100_000, (DECODING_ERROR, 1)), ("KillProcess", {"pid": 1}, (DECODING_ERROR, 3)),
-    ("GenerationEngineStatus", {"engine": "other"}, (DECODING_ERROR, 1)),
-    ("GenerateText", {"instructions": "", "prompt": 7}, (DECODING_ERROR, 2)),
-    ("GenerateText", generation("Tea", timeout=4), (DECODING_ERROR, 102)),
+WRONG_CALLS = (  # Each with its body, and the error with its code.
+    ("KillProcess", b"", (DECODING_ERROR, 1)), ("KillProcess", {"pid": 1}, (DECODING_ERROR, 3)),
+    ("CancelGeneration", b"[" * 100_000, (DECODING_ERROR, 1)), ("GenerateText", generation("Tea", timeout=4), (DECODING_ERROR, 102)),
     ("GenerateText", None, INVALID), ("ProtocolVersion", {}, INVALID), ("Generate", {}, UNKNOWN))
 
 

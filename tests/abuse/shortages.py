@@ -58,8 +58,7 @@ def no_processes(run):
         with run.client() as client, run.client() as other, run.client() as fresh:
             request, started = hanging(client, timeout=30)
             pid = run.helper()
-            # No thread of its pool may be free: they exit when they have been idle for some seconds.
-            eventually(lambda: footprint(pid)["threads"] <= run.before["threads"])
+            eventually(lambda: footprint(pid)["threads"] <= run.before["threads"])  # Idle ones exit after some seconds.
             with limited(pid, resource.RLIMIT_NPROC, 1):
                 waiting = other.start("GenerateText", honest.generation("Try"))
                 other.finish(waiting, LAUNCH_FAILED, (NO_MEMORY,))  # Not behind the one that runs.
@@ -91,8 +90,7 @@ def little_memory(run):
             at_limit(1 << step, "listings", [
                 (method, None, lambda value, error: not error and value)
                 for method in ("ListListeningPorts", "ListProcesses")])
-        # Enough to receive it.
-        at_limit(48 + (8 << step), "a large request", [("KillProcess", bomb, DECODING_ERROR)])
+        at_limit(48 + (8 << step), "a large request", [("KillProcess", bomb, DECODING_ERROR)])  # Enough to receive it.
         at_limit(1 << step, "a large output", [("GenerateText", honest.generation("Shout practice:flood=4000000"),
                                                 GENERATION_ERROR + "malformedOutput")])
     client.close()
