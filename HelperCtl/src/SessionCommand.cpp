@@ -61,8 +61,8 @@ class Session {
   std::optional<SessionLine> next_;  ///< A line that waits until the helper takes more.
   std::size_t lineNumber_ = 0;
   CallLoad load_;  ///< The calls under way, as the helper counts them.
-  CallLoad held_;  ///< The calls before the first reply.
-  bool isAccepted_ = false;
+  std::optional<CallLoad> held_ =
+      CallLoad();       ///< The calls so far; none once one is known to be accepted.
   std::string output_;  ///< Replies, of which `written_` bytes are out.
   std::size_t written_ = 0;
   bool outputClosed_ = false;
@@ -142,11 +142,13 @@ bool Session::send(const SessionLine& line) {
   // Until the helper has decided whether it accepts this program, it keeps calls of all kinds like
   // those of one.
   const CallWeight held{Method::Kind::brief, weight.bytes};
-  if (!isAccepted_ && !load_.isEmpty() && !held_.fits(held)) return false;
-  held_.add(held);
+  if (held_ && !load_.isEmpty() && !held_->fits(held)) return false;
+  if (held_) held_->add(held);
   load_.add(weight);
   transport_.call(line.method, line.body, [this, weight, number = ++lineNumber_](CallReply reply) {
     load_.remove(weight);
+    // Errors without a domain may come from elsewhere.
+    if (reply || reply.error().domain) held_.reset();
     if (!reply) unreachable_ |= reply.error().category == CallError::Category::unreachable;
     output_ += formatSessionReply(number, reply);
   });
