@@ -1,6 +1,5 @@
 #pragma once
 
-#include <charconv>
 #include <cstdint>
 #include <expected>
 #include <map>
@@ -8,7 +7,6 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
 namespace tessaloom {
@@ -63,18 +61,6 @@ class Arguments {
   std::vector<std::string> positionals_;
   std::map<std::string, std::string, std::less<>> options_;
 };
-
-/// The decimal number that the whole text is, or `result_out_of_range` for one that `Number` cannot
-/// hold, or `invalid_argument`.
-template <class Number>
-std::expected<Number, std::errc> parseNumber(std::string_view text) {
-  Number value{};
-  const char* const textEnd = text.data() + text.size();
-  const auto [end, error] = std::from_chars(text.data(), textEnd, value);
-  if (end != textEnd) return std::unexpected(std::errc::invalid_argument);
-  if (error != std::errc()) return std::unexpected(error);
-  return value;
-}
 
 /// The option that a word such as "--timeout=7" or "-s" begins; null if there is none.
 const OptionRule* findOption(std::span<const OptionRule> rules, std::string_view word);

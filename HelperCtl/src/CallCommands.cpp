@@ -77,15 +77,14 @@ std::expected<GenerationEngineID, UsageError> readEngine(std::string_view name) 
   try {
     return generationEngineID(name);
   } catch (const GenerationDTOError&) {
-    return std::unexpected(
-        UsageError{"unknown engine \"" + safeLine(name) + "\": use claudeCode or codex"});
+    return usageError("unknown engine \"" + safeLine(name) + "\": use claudeCode or codex");
   }
 }
 
 std::expected<UUID, UsageError> readUUID(std::string_view text) {
   if (const auto uuid = UUID::parse(text)) return *uuid;
-  return std::unexpected(UsageError{
-      "\"" + safeLine(text) + "\" is not a UUID, such as 6B29FC40-CA47-4067-B31D-00DD010662DA"});
+  return usageError("\"" + safeLine(text) +
+                    "\" is not a UUID, such as 6B29FC40-CA47-4067-B31D-00DD010662DA");
 }
 
 std::string readStandardInput() {
@@ -146,7 +145,7 @@ CommandResult runCall(const Arguments& arguments) {
   std::optional<Bytes> body;
   if (arguments.positionals().size() > 1) {
     if (method != nullptr && !method->takesRequest()) {
-      return std::unexpected(UsageError{name + " takes no body"});
+      return usageError(name + " takes no body");
     }
     const std::string& given = arguments.positionals()[1];
     body = given == "-" ? readStandardInput() : given;

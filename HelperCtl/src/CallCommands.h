@@ -1,6 +1,5 @@
 #pragma once
 
-#include <exception>
 #include <expected>
 #include <string>
 #include <string_view>
@@ -9,7 +8,6 @@
 #include "Client.h"
 #include "Command.h"
 #include "HelperProtocol/GenerationEnums.h"
-#include "HelperProtocol/HelperCoding.h"
 #include "HelperProtocol/ProcessMessages.h"
 #include "HelperProtocol/UUID.h"
 
@@ -23,16 +21,6 @@ ExitStatus statusOf(const Record& record) {
     if (!record.succeeded) return ExitStatus::refused;
   }
   return ExitStatus::done;
-}
-
-/// The record of a reply's body, or what is wrong with the body.
-template <class Record>
-std::expected<Record, std::string> decodeReply(const Bytes& body) {
-  try {
-    return HelperCoding::makeDecoder().decode<Record>(body);
-  } catch (const std::exception& error) {
-    return std::unexpected(error.what());
-  }
 }
 
 /// Shows a reply's record, or prints the body with --json. A reply that does not decode is an error

@@ -1,10 +1,14 @@
 #pragma once
 
 #include <chrono>
+#include <exception>
+#include <expected>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "Console.h"
+#include "HelperProtocol/HelperCoding.h"
 #include "Transport.h"
 
 namespace tessaloom {
@@ -32,5 +36,15 @@ ExitStatus reportError(const CallError& error, bool json);
 
 /// Says that a reply is not the record that was expected.
 ExitStatus reportUnreadableReply(std::string_view problem);
+
+/// The record of a reply's body, or what is wrong with the body.
+template <class Record>
+std::expected<Record, std::string> decodeReply(const Bytes& body) {
+  try {
+    return HelperCoding::makeDecoder().decode<Record>(body);
+  } catch (const std::exception& error) {
+    return std::unexpected(error.what());
+  }
+}
 
 }  // namespace tessaloom

@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <chrono>
-#include <exception>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -8,7 +7,6 @@
 #include "Client.h"
 #include "Command.h"
 #include "HelperProtocol/GenerationEnums.h"
-#include "HelperProtocol/HelperCoding.h"
 #include "HelperProtocol/Methods.h"
 #include "HelperProtocol/ProcessMessages.h"
 
@@ -35,11 +33,7 @@ template <class Record>
 std::vector<Record> listed(const Method& method) {
   const CallReply reply = callOnce(method.name, std::nullopt, patience);
   if (!reply) return {};
-  try {
-    return HelperCoding::makeDecoder().decode<std::vector<Record>>(*reply);
-  } catch (const std::exception&) {
-    return {};
-  }
+  return decodeReply<std::vector<Record>>(*reply).value_or(std::vector<Record>());
 }
 
 Candidates processCandidates(bool withNames) {

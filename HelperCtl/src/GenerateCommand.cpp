@@ -10,6 +10,7 @@
 #include "HelperProtocol/GenerationRequest.h"
 #include "HelperProtocol/GenerationResult.h"
 #include "HumanFormat.h"
+#include "ReadNumber.h"
 #include "TLFoundation/Unicode.h"
 #include "TerminationSignals.h"
 
@@ -55,7 +56,7 @@ std::expected<std::string, UsageError> readPrompt(const Arguments& arguments) {
 std::expected<GenerationTimeout, UsageError> readTimeout(const Arguments& arguments) {
   const auto text = arguments.value(timeoutOption.name);
   if (!text) return GenerationTimeout();
-  const auto seconds = parseNumber<std::int64_t>(*text);
+  const auto seconds = readNumber<std::int64_t>(*text);
   if (seconds) return GenerationTimeout(*seconds);
   return usageError(seconds.error() == std::errc::result_out_of_range
                         ? timeoutRange() + ", not " + safeLine(*text)
@@ -126,11 +127,8 @@ void showResult(const GenerationResult& result) {
 /// Whether a reply is about the generation that was asked for. One that cannot be read is not known
 /// to be about another.
 bool isForAnother(const Bytes& reply, const UUID& id) {
-  try {
-    return HelperCoding::makeDecoder().decode<GenerationResult>(reply).requestID != id;
-  } catch (const std::exception&) {
-    return false;
-  }
+  const auto result = decodeReply<GenerationResult>(reply);
+  return result && result->requestID != id;
 }
 
 ExitStatus showGeneration(CallReply reply, const GenerationRequest& request,

@@ -3,11 +3,11 @@
 #include <poll.h>
 
 #include <chrono>
-#include <exception>
 #include <optional>
 #include <string>
 #include <utility>
 
+#include "Client.h"
 #include "Console.h"
 #include "EventLoop.h"
 #include "HelperProtocol/HelperCoding.h"
@@ -57,11 +57,9 @@ class ProgressLine {
 
 /// A reply that cannot be read counts as no: the next tick asks again.
 bool saysThatItWasCancelled(const CallReply& reply) {
-  try {
-    return reply && HelperCoding::makeDecoder().decode<KillResult>(*reply).succeeded;
-  } catch (const std::exception&) {
-    return false;
-  }
+  if (!reply) return false;
+  const auto result = decodeReply<KillResult>(*reply);
+  return result && result->succeeded;
 }
 
 /// One generation from the call to its answer, or to its cancellation.

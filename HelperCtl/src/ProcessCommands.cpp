@@ -16,6 +16,7 @@
 #include "HelperProtocol/Methods.h"
 #include "HelperProtocol/ProcessMessages.h"
 #include "HumanFormat.h"
+#include "ReadNumber.h"
 #include "Table.h"
 
 namespace tessaloom {
@@ -140,12 +141,11 @@ CommandResult Listing<Record>::run() {
   if (order_ == nullptr) {
     std::string titles;
     for (const auto& column : columns_) titles += " " + lowered(column.column.title);
-    return std::unexpected(
-        UsageError{"unknown column \"" + safeLine(order) + "\": use one of" + titles});
+    return usageError("unknown column \"" + safeLine(order) + "\": use one of" + titles);
   }
   const bool json = arguments_.has(jsonOption.name);
   if (arguments_.has(watchOption.name) && (json || !Console::outputIsTerminal())) {
-    return std::unexpected(UsageError{"--watch needs a terminal, and no --json"});
+    return usageError("--watch needs a terminal, and no --json");
   }
   const auto transport = openTransport();
   if (!transport) return reportError(transport.error(), json);
@@ -226,7 +226,7 @@ ExitStatus Listing<Record>::watch(Transport& transport) const {
 }
 
 std::expected<ProcessID, UsageError> readPID(const std::string& text) {
-  const auto number = parseNumber<std::int32_t>(text);
+  const auto number = readNumber<std::int32_t>(text);
   if (number && *number > 0) return ProcessID(*number);
   const bool isNumber = number || number.error() == std::errc::result_out_of_range;
   return usageError("process ID \"" + safeLine(text) + "\" is " +
@@ -240,8 +240,7 @@ std::expected<Signal, UsageError> readSignal(const std::string& text) {
   if (name == "int" || name == "interrupt" || name == "2") return Signal::interrupt;
   if (name == "term" || name == "terminate" || name == "15") return Signal::terminate;
   if (name == "kill" || name == "9") return Signal::kill;
-  return std::unexpected(
-      UsageError{"unknown signal \"" + safeLine(text) + "\": use INT, TERM or KILL"});
+  return usageError("unknown signal \"" + safeLine(text) + "\": use INT, TERM or KILL");
 }
 
 ExitStatus killProcess(Transport& transport, ProcessID pid, Signal signal,
