@@ -41,7 +41,7 @@ constexpr std::array methodAndBody{Positional{"METHOD", WordKind::method},
 
 constexpr std::array commands{
     Command{"version", "show the helper's protocol version", "", {}, {}, runVersion},
-    Command{"capabilities", "show the helper's version and abilities", "", {}, {}, runCapabilities},
+    Command{"capabilities", "show helper version and capabilities", "", {}, {}, runCapabilities},
     Command{"freshness",
             "check whether the helper is outdated",
             "A helper whose executable has been replaced exits once no generation is running;\n"
@@ -58,13 +58,13 @@ constexpr std::array commands{
             "with arguments, only those of that port, process ID or process name.\n",
             portFilters, portsOptions, runPorts},
     Command{"kill", "send a signal to your processes",
-            "SIGNAL is INT, TERM or KILL, also as a number or with SIG before it; -9 and\n"
-            "-KILL work, too. The processes are listed first over the same connection: the\n"
+            "SIGNAL is INT, TERM or KILL, also as a number or with the SIG prefix; -9 and\n"
+            "-KILL work too. The processes are listed first over the same connection: the\n"
             "helper signals only what it has just listed.\n",
             processes, killOptions, runKill},
     Command{"engine-status",
             "check whether an engine is installed",
-            "ENGINE is claudeCode or codex. That an engine is not found is a valid answer:\n"
+            "ENGINE is claudeCode or codex. An engine that is not found is a valid answer:\n"
             "the exit status is 0.\n",
             engine,
             {},
@@ -75,8 +75,8 @@ constexpr std::array commands{
             prompt, generateOptions, runGenerate},
     Command{"cancel",
             "cancel a generation",
-            "UUID is the ID that generate shows, or was given. Exit status 1 if no engine was\n"
-            "running under that ID.\n",
+            "UUID is the ID that generate printed or was given with --id. Exit status 1 if no\n"
+            "engine was running under that ID.\n",
             generation,
             {},
             runCancel},
@@ -92,8 +92,8 @@ constexpr std::array commands{
             "Each line of standard input, METHOD BODY, is sent as soon as it is read, as long\n"
             "as the helper takes more calls. Each reply is a line, N ok BODY or N error NAME\n"
             "MESSAGE, where N is the number of its call's line. Exits at the end of input,\n"
-            "once all replies have come: with status 0 whatever they say, 3 if a call did not\n"
-            "reach the helper.\n",
+            "once all replies have come: with status 0 regardless of what they contain, 3 if\n"
+            "a call did not reach the helper.\n",
             {},
             {},
             runSession},

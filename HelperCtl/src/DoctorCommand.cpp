@@ -185,8 +185,8 @@ CommandResult runDoctor(const Arguments& arguments) {
   } else {
     for (const Check& check : checks) show(check);
     Console::print(
-        isSound ? "\nText can be generated, if the engine is signed in: that shows only when it is "
-                  "used.\n"
+        isSound ? "\nText can be generated, provided the engine is signed in, which is known only "
+                  "once it is used.\n"
                 : "\nText cannot be generated until the problems marked \"bad\" are fixed.\n");
   }
   return isSound ? ExitStatus::done : ExitStatus::refused;

@@ -116,8 +116,8 @@ Check checkMissingEngine(GenerationEngineID engine, const std::optional<CurrentU
   if (!check.remedy.empty()) return check;
   check.remedy = howToInstall(engine);
   if (const auto program = foundInPath(name)) {
-    check.finding = safeLine(program->string()) + " is where the helper does not look";
-    check.remedy = "Link it to where it does: " + howToLink(*program);
+    check.finding = safeLine(program->string()) + " is not in a directory that the helper searches";
+    check.remedy = "Link it into one: " + howToLink(*program);
   }
   return check;
 }
@@ -136,9 +136,9 @@ std::string adviceForProbe(const std::filesystem::path& executable, const Curren
   }
   if (interpreter.starts_with('/')) return "Install the engine again.";
   const auto program = foundInPath(name);
-  return "Engines find programs only where the helper looks for engines. " +
-         (program ? "Link " + name + " there: " + howToLink(*program)
-                  : "Install " + name + " there, for example in ~/.local/bin");
+  return "The engines' PATH has only the directories that the helper searches. " +
+         (program ? "Link " + name + " into one: " + howToLink(*program)
+                  : "Install " + name + " into one, for example ~/.local/bin");
 }
 
 EngineCheck checkFoundEngine(GenerationEngineID engine, const std::optional<CurrentUser>& user,

@@ -122,7 +122,7 @@ std::string endProblem(int status, const std::string& errorText) {
 }  // namespace
 
 EngineProbe hungProbe() {
-  return {"", "it did not end within " + std::to_string(probeTimeLimit.count()) + " seconds"};
+  return {"", "it did not exit within " + std::to_string(probeTimeLimit.count()) + " seconds"};
 }
 
 EngineProbe probeEngine(const std::filesystem::path& executable, const CurrentUser& user) {

@@ -25,8 +25,8 @@ std::string adviceFor(GenerationFailureKind kind, GenerationEngineID engine) {
     case GenerationFailureKind::launchFailed:
       return "See what is wrong: tessaloom-helperctl doctor";
     case GenerationFailureKind::timedOut:
-      return "Give it longer with --timeout (up to 300), or run `" +
-             std::string(executableName(engine)) + "` in a terminal to see how it responds.";
+      return "Increase --timeout (up to 300), or run `" + std::string(executableName(engine)) +
+             "` in a terminal to see how it responds.";
     case GenerationFailureKind::nonZeroExit:
       return "Run `" + std::string(executableName(engine)) +
              "` in a terminal to see how it responds.";
@@ -54,7 +54,7 @@ CallError explainGenerationError(CallError error, GenerationEngineID engine) {
     error.message = "The generation was cancelled.";
   } else if (*kind == GenerationFailureKind::nonZeroExit && isSilent) {
     // What an engine that is not signed in does: it fails, and its standard error is empty.
-    error.message = std::string(executableName(engine)) + " failed without saying why.";
+    error.message = std::string(executableName(engine)) + " failed without an error message.";
     error.advice = "Perhaps it is not signed in. " + howToSignIn(engine);
   } else if (isSilent) {
     error.message = std::string(executableName(engine)) + " failed: " + *error.kind + ".";

@@ -2,7 +2,7 @@
 
 _tessaloom_helperctl() {
   local word words=() current=${COMP_WORDS[COMP_CWORD]} prefix
-  # bash parts words at "=" and ":", the program takes --option=value as one.
+  # bash splits words at "=" and ":", the program takes --option=value as one.
   for word in "${COMP_WORDS[@]:1:COMP_CWORD}"; do
     if ((${#words[@]})) && [[ $word == [=:]* || ${words[-1]} == *[=:] ]]; then
       words[-1]+=$word
@@ -10,7 +10,7 @@ _tessaloom_helperctl() {
       words+=("$word")
     fi
   done
-  # What stands before the part that bash replaces.
+  # The text before the part that bash replaces.
   [[ $current != [=:] ]] || current=
   prefix=${words[-1]%"$current"}
   mapfile -t COMPREPLY < <(tessaloom-helperctl __complete "${words[@]}" 2>/dev/null | cut -f 1)

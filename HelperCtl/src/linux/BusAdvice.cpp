@@ -34,8 +34,8 @@ std::string adviceForBusError(std::string_view name) {
            "$XDG_RUNTIME_DIR/bus). To try it without one: dbus-run-session -- COMMAND";
   }
   if (name == "NoReply" || name == "Disconnected") {
-    return "The helper or the bus went away during the call. Try again; if it happens again, see "
-           "`tessaloom-helperctl doctor`.";
+    return "The helper or the bus disconnected during the call. Try again; if it happens again, "
+           "see `tessaloom-helperctl doctor`.";
   }
   if (name == "AccessDenied") {
     return "The helper accepts only programs that run as the same user, outside a sandbox and from "

@@ -177,7 +177,7 @@ std::vector<Check> checkWayToHelper() {
   if (const auto reply = bus.ask("GetId"); !reply) {
     return {{bad, "session bus",
              reply.error() == ETIMEDOUT
-                 ? "it does not answer within " + std::to_string(patience.count()) + " seconds"
+                 ? "it did not answer within " + std::to_string(patience.count()) + " seconds"
                  : errnoText(reply.error()),
              "Check that a session bus is running: echo $DBUS_SESSION_BUS_ADDRESS"}};
   }

@@ -26,8 +26,8 @@ constexpr NSInteger connectionReplyInvalid = 4101;
 constexpr const char* interruptionAdvice =
     "Most often the system refuses an unsigned program: the helper admits only the editor's "
     "code-signing identifier. How to sign this client for development is in docs/macos.md. If it "
-    "is signed so, the helper exited during the call: try again, and if it happens again, see "
-    "Console for a crash report.";
+    "is signed that way, the helper exited during the call: try again, and if it happens again, "
+    "see Console for a crash report.";
 constexpr const char* invalidNameAdvice =
     "The helper's agent is not registered for this user, or it is switched off in System Settings, "
     "General, Login Items. How to register it is in docs/macos.md.";

@@ -16,7 +16,7 @@ struct ReplyMessage {
   int operator()(std::monostate) {
     return sd_bus_message_new_method_errorf(
         call, out(), SD_BUS_ERROR_NO_MEMORY,
-        "The helper lacks the memory or the threads to carry out the call.");
+        "The helper does not have enough memory or threads to carry out the call.");
   }
 
   int operator()(TooManyCalls) {
