@@ -44,7 +44,7 @@ std::unexpected<GenerationErrorPayload> declared(GenerationEngineID engine, std:
   return std::unexpected(GenerationErrorPayload::withDetail(kind, engine, detail));
 }
 
-// Slots keep what they met; what is missing or of another type counts as absent.
+// Slots keep what they received; what is missing or of another type counts as absent.
 
 bool isTrue(const JSONSlot& slot) {
   const bool* value = slot.get<bool>();
@@ -112,7 +112,7 @@ class EventStream {
   std::optional<GenerationTokens> tokens;
 
  private:
-  /// Most lines that are not events are not objects either, which costs next to nothing to see.
+  /// Most lines that are not events are not objects either, which is cheap to detect.
   static bool maybeObject(std::string_view line) {
     constexpr std::string_view jsonSpace = " \t\r";
     const std::size_t first = line.find_first_not_of(jsonSpace);

@@ -47,9 +47,9 @@ std::unexpected<UsageError> usageError(std::string message);
 /// A command's words, sorted into options and positionals.
 class Arguments {
  public:
-  /// Options may precede or follow positionals; "--" ends them and "-" is a positional. A
-  /// value follows its option as the next word, whatever that is, or after "=", or directly after
-  /// the letter of a short form. Of an option given twice the last counts.
+  /// Options may precede or follow positionals; "--" ends them and "-" is a positional. A value
+  /// follows its option as the next word, whatever that is, or after "=", or directly after the
+  /// letter of a short form. Of an option given twice the last counts.
   static std::expected<Arguments, UsageError> parse(std::span<const std::string> words,
                                                     std::span<const OptionRule> rules);
 

@@ -39,7 +39,7 @@ inline constexpr OptionRule helpOption{"--help", "", "show this help", 'h'};
 inline constexpr OptionRule versionOption{"--version", "", "show the version of this program", 'V'};
 inline constexpr std::array commonOptions{jsonOption, helpOption, versionOption};
 
-/// The option of one command that is required.
+/// The only required option.
 inline constexpr OptionRule engineOption{.name = "--engine",
                                          .valueName = "ENGINE",
                                          .summary = "claudeCode or codex; required",

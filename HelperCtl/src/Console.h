@@ -15,7 +15,7 @@ enum class ExitStatus : int {
   unreachable = 3,  ///< No helper answers.
 };
 
-/// The three standard streams and what their far ends can show.
+/// The three standard streams and what the terminals behind them can show.
 namespace Console {
 
 enum class Style { bold, dim, good, bad };
@@ -35,8 +35,8 @@ std::size_t outputHeight();
 /// The same for standard error, where it is a terminal.
 std::size_t errorWidth();
 
-/// `text` in that style if standard output (standard error) shows colors: a terminal, no
-/// NO_COLOR (https://no-color.org), not a dumb one.
+/// `text` in that style if standard output (standard error) shows colors: a terminal, no NO_COLOR
+/// (https://no-color.org), not a dumb one.
 std::string styledForOutput(Style style, std::string_view text);
 std::string styledForError(Style style, std::string_view text);
 

@@ -201,7 +201,7 @@ void Listing<Record>::show(std::vector<Record> records) const {
   for (const std::string& line : lines(records)) Console::print(line + "\n");
 }
 
-/// Draws over the previous lines instead of clearing the terminal first, which would flicker.
+// Draws over the previous lines instead of clearing the terminal first, which would flicker.
 template <class Record>
 void Listing<Record>::redraw(std::vector<Record> records) const {
   choose(records);

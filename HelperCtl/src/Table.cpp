@@ -25,7 +25,7 @@ std::vector<std::string> Table::lines(std::size_t width, std::string_view ellips
   return lines;
 }
 
-/// The widths of the columns that fit, which are as many of the first ones as possible.
+// The widths of the columns that fit, which are as many of the first ones as possible.
 std::vector<std::size_t> Table::columnWidths(std::size_t width) const {
   std::vector<std::size_t> natural;
   for (std::size_t i = 0; i < columns_.size(); ++i) {

@@ -13,8 +13,7 @@
 namespace tessaloom {
 namespace {
 
-// A signal handler reaches nothing but globals: the pipe that it writes to and the main thread
-// polls.
+/// A signal handler can access only globals: the pipe that it writes to and the main thread polls.
 std::atomic<int> readEnd{-1};
 std::atomic<int> writeEnd{-1};
 static_assert(std::atomic<int>::is_always_lock_free);

@@ -2,7 +2,7 @@
 
 namespace tessaloom {
 
-/// Turns SIGINT, SIGTERM and SIGHUP into something to poll for, for as long as it lives. A signal
+/// Turns SIGINT, SIGTERM and SIGHUP into a descriptor to poll, for as long as it lives. A signal
 /// that the process was started to ignore, as under nohup(1), stays ignored. One at a time.
 class TerminationSignals {
  public:
@@ -12,7 +12,7 @@ class TerminationSignals {
   TerminationSignals(const TerminationSignals&) = delete;
   TerminationSignals& operator=(const TerminationSignals&) = delete;
 
-  /// Readable when a signal came that `take` has not returned yet.
+  /// Readable when a signal has come that `take` has not returned yet.
   int descriptor() const;
 
   /// The number of the next signal that has come; 0 if there is none.

@@ -53,8 +53,8 @@ class Transport {
 
   /// Sends `body`, or no argument at all when there is none, to `method` (a name as in
   /// "GenerateText"). The handler is called exactly once, from `process` and never from `call`; it
-  /// may make further calls. A call has no time limit. For a call that the transport cannot
-  /// send, the handler gets an error like one of the helper's. Handlers that still wait when the
+  /// may make further calls. A call has no time limit. For a call that the transport cannot send,
+  /// the handler gets an error like one of the helper's. Handlers that still wait when the
   /// transport is destroyed are not called.
   virtual void call(const std::string& method, const std::optional<Bytes>& body,
                     Handler handler) = 0;

@@ -7,7 +7,7 @@
 namespace tessaloom {
 namespace {
 
-constexpr std::int64_t quotedLimit = 64;
+constexpr std::int64_t quotedLimit = 64;  // Unicode scalars.
 
 std::string inQuotes(const std::string& text) {
   return '"' + DisplayString::singleLine(text, quotedLimit) + '"';

@@ -6,8 +6,8 @@
 namespace tessaloom {
 namespace {
 
-// strerror_r has two forms (see its man page): POSIX's fills the buffer and returns a status, GNU's
-// returns the text, which need not be in the buffer. The overload picks what the platform has.
+/// strerror_r has two forms (see its man page): POSIX's fills the buffer and returns a status,
+/// GNU's returns the text, which need not be in the buffer. The overload picks the platform's.
 [[maybe_unused]] const char* chosenText(int /*status*/, const char* buffer) {
   return buffer;
 }

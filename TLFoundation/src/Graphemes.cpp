@@ -39,7 +39,7 @@ std::size_t endAfterOrdinary(std::string_view text, std::size_t position) {
 
 std::size_t endOfCharacter(std::string_view text, std::size_t start) {
   std::size_t end = start;
-  // Two ASCII characters always part, except CR LF (UAX #29, GB3).
+  // There is always a boundary between two ASCII characters, except CR LF (UAX #29, GB3).
   if (UTF8::isASCII(text[start])) {
     end = start + 1;
     if (end == text.size()) return end;

@@ -107,7 +107,7 @@ std::size_t characterCount(std::string_view text) {
 }
 
 std::string_view lastCharacters(std::string_view text, std::size_t count) {
-  // The end of a long text mostly decides alone; it starts where a boundary is certain.
+  // The end of a long text usually suffices; it starts where a boundary is certain.
   for (std::size_t window = count; window < text.size() / 4;) {
     window = 4 * window + 64;
     if (window >= text.size()) break;

@@ -21,9 +21,9 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t diagnosticTail = 2'000;  // User-perceived characters.
-constexpr std::int64_t generatedTextLimit = 100'000;
-constexpr std::int64_t versionLimit = 64;
+constexpr std::size_t diagnosticTail = 2'000;         // User-perceived characters.
+constexpr std::int64_t generatedTextLimit = 100'000;  // Unicode scalars.
+constexpr std::int64_t versionLimit = 64;             // Unicode scalars.
 constexpr std::chrono::seconds versionTimeout{10};
 
 /// The file that holds the schema, for the engine that takes one. Without it the engine still runs.

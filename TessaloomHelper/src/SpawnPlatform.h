@@ -29,8 +29,8 @@ struct Program {
   const rlimit* descriptorLimit;
 };
 
-/// Starts the program as given: no search, no shell. The child leads a process group of its
-/// own, blocks no signal, has every signal at its default and inherits no descriptor but `ends`.
+/// Starts the program as given: no search, no shell. The child leads a process group of its own,
+/// blocks no signal, has every signal at its default and inherits no descriptor but `ends`.
 ///
 /// Returns once the program is executing. Fails with the error of the step that failed, for example
 /// because the executable or working directory is missing; then there is no child.

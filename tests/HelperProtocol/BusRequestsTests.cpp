@@ -66,7 +66,7 @@ TEST_F(BusRequestsTest, RepliesOfANameComeFromWhoOwnedItSinceTheCall) {
   EXPECT_EQ(answers, (Texts{"from the old owner", "from the new owner"}));
 
   call(service, "Dropped");
-  reply(":1.7", asked("Dropped"), "nobody wants it any more");
+  reply(":1.7", asked("Dropped"), "nobody wants it anymore");
   const auto third = call(service, "Third");
   reply(attacker, asked("Third"), SD_BUS_ERROR_NO_REPLY);
   reply(BusRequests::busName, asked("Third"), SD_BUS_ERROR_SERVICE_UNKNOWN);

@@ -71,7 +71,7 @@ class ProcessHandle {
   virtual ~ProcessHandle() = default;
 
   /// The start time that the process list shows for this process. nullopt when there is no such
-  /// process any more or it cannot be read.
+  /// process anymore or it cannot be read.
   virtual std::optional<ProcessStartTime> startTime() = 0;
 
   /// Sends a POSIX signal. 0, or the errno value of the refusal.
@@ -113,8 +113,8 @@ class Kernel {
   /// Never null. For a pid without a process it has no start time.
   virtual std::unique_ptr<ProcessHandle> openProcess(std::int32_t pid) = 0;
 
-  /// Closes all descriptors that are kept between calls; waits for a listing that uses them, some
-  /// hundredths of a second, so not for a thread that serves others. To be called when a descriptor
+  /// Closes all descriptors kept between calls. Must not be called on a thread that serves others:
+  /// it waits for a listing that uses them, some hundredths of a second. Call it when a descriptor
   /// was refused (EMFILE, ENFILE), before the next try. The next listing keeps descriptors again.
   virtual void releaseKeptDescriptors() = 0;
 };

@@ -24,10 +24,10 @@ class IdleProbe {
   /// a hundredth of a second, or a second where the kernel runs CPUs without ticks (nohz_full).
   static std::chrono::nanoseconds longestTick();
 
-  /// Of no process.
+  /// An empty probe.
   IdleProbe() = default;
 
-  /// From now on. Of no process where there is no such file or the kernel does not count.
+  /// From now on. An empty probe where there is no such file or the kernel does not count.
   IdleProbe(const ProcFiles& proc, std::int32_t pid);
 
   explicit operator bool() const { return bool(schedstat_); }

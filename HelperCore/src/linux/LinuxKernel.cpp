@@ -26,7 +26,7 @@ Instant LinuxKernel::processClockTime() const {
   return clock_.now();
 }
 
-/// Lists with what is known, and once more without it where descriptors ran out.
+// Lists with what is known, and once more without it where descriptors ran out.
 template <class Row>
 std::vector<Row> LinuxKernel::list(std::uint32_t owner, std::vector<Row> (*read)(ProcessScan&)) {
   if (auto known = known_.tryTake()) {

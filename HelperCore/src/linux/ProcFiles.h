@@ -47,9 +47,8 @@ class ProcFiles {
   /// is not dumpable and the files inside belong to root (proc(5)).
   std::optional<std::uint32_t> owner(std::int32_t pid) const;
 
-  /// Whether a process belongs to `owner`, when `file` was just opened below its folder. Does
-  /// not read the folder's owner where the file's suffices: that is the process's unless it is
-  /// root.
+  /// Whether a process belongs to `owner`, when `file` was just opened below its folder. Does not
+  /// read the folder's owner where the file's suffices: that is the process's unless it is root.
   bool isOwnedBy(std::uint32_t owner, std::int32_t pid, const FileDescriptor& file) const;
 
   /// The network namespace of a process or thread. Fails with an errno value: EACCES where the

@@ -41,8 +41,7 @@ std::optional<RunCounters> parseRunCounters(std::string_view text);
 /// The FDSize of /proc/PID/status: all descriptors of the process are below it.
 std::optional<std::int32_t> parseDescriptorRoom(std::string_view text);
 
-/// The inode in a link's text of the form "socket:[123]", `kind` being the part before the
-/// colon.
+/// The inode in a link's text of the form "socket:[123]", `kind` being the part before the colon.
 std::optional<std::uint32_t> parseInodeLink(std::string_view kind, std::string_view link);
 
 /// A directory entry that is a number, as processes and descriptors are.

@@ -93,7 +93,7 @@ bool ProcessScan::readFacts(KnownProcess& known, const FileDescriptor& stat) con
   return true;
 }
 
-/// Whether nothing but the process itself, and the end of its parent, changes what was read.
+// Whether nothing but the process itself, and the end of its parent, changes what was read.
 bool ProcessScan::staysTrue(const KnownProcess& known) const {
   return known.probe && known.facts && known.facts->threads == 1 && !known.facts->isZombie &&
          !isYoung(*known.facts);

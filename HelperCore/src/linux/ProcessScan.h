@@ -46,7 +46,7 @@ class ProcessScan {
   }
 
   /// Whether what is known holds if its probe is unchanged: between the age at which that means
-  /// idle and the one at which everything is read anew, just in case, after one to two minutes.
+  /// idle and the one at which everything is read anew as a precaution, after one to two minutes.
   bool mayBeReused(const KnownProcess& known) const {
     return known.facts && known.probe && known.probe.age(startedAt_) >= idleAge_ &&
            !isExpired(known);
@@ -75,7 +75,7 @@ class ProcessScan {
   std::vector<KnownProcess> takeKnown();
 
  private:
-  /// Not all processes at once.
+  /// Spread over a minute by pid.
   bool isExpired(const KnownProcess& known) const {
     return known.probe.age(startedAt_) >= std::chrono::seconds{60 + known.pid % 60};
   }

@@ -79,7 +79,7 @@ void addSocketOfMessage(std::span<const std::byte> body, std::int32_t protocol,
   inet_diag_msg message{};
   if (body.size() < sizeof message) return;
   std::memcpy(&message, body.data(), sizeof message);
-  // A socket that no process holds any more has no inode.
+  // A socket that no process holds anymore has no inode.
   if (message.idiag_inode == 0) return;
   SocketInfo info = makeSocketInfo(protocol, message.idiag_state);
   if (givesNoRow(info)) return;

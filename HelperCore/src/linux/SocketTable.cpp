@@ -26,8 +26,8 @@ struct Table {
   std::uint32_t states;  ///< Those of the sockets that matter.
 };
 
-// A bound UDP socket is "closed", or "established" once it is connected.
 constexpr std::uint32_t listening = 1U << TCP_LISTEN;
+/// A bound UDP socket is "closed", or "established" once it is connected.
 constexpr std::uint32_t bound = 1U << TCP_CLOSE | 1U << TCP_ESTABLISHED;
 constexpr std::array<Table, SocketTable::tableCount> tables{{
     {"net/tcp", AF_INET, IPPROTO_TCP, listening},
@@ -63,8 +63,8 @@ bool readWhole(SocketsByInode& sockets, const ReadOnce& readOnce) {
 }
 
 /// The kernel fills a piece up to a page, or as far as the reader's buffer allows. Every other
-/// reading begins with a shorter piece, so that what stands where one reading continues is in the
-/// middle of a piece of the next.
+/// reading begins with a shorter piece, so that what is at the point where one reading continues is
+/// in the middle of a piece of the next.
 Pieces readTextOnce(const FileDescriptor& file, int reading, std::int32_t protocol,
                     SocketsByInode& sockets) {
   constexpr std::size_t shortPiece = 2048;

@@ -8,8 +8,8 @@ namespace tessaloom {
 /// Writes one record as the UTF-8 JSON text of a message body.
 ///
 /// Keys are the field names in declared order, without white space; an absent optional has no key.
-/// A date is the second that holds it, as in 2026-11-21T10:00:00Z; a UUID is in upper case.
-/// Holds no state: make one for each message.
+/// A date is the second that holds it, as in 2026-11-21T10:00:00Z; a UUID is in upper case. Holds
+/// no state: make one for each message.
 class JSONEncoder {
  public:
   /// `Record` is any message record of this module, or a std::vector of ProcessSample or

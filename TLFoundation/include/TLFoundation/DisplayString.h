@@ -16,8 +16,8 @@ namespace tessaloom {
 /// is always valid UTF-8. Lengths are counted in Unicode scalars. A cut leaves no mark and may fall
 /// between a letter and its combining accent.
 ///
-/// Pure functions, safe from any thread, one pass over the text. They fail for no text; the
-/// caller's mistake of a negative limit ends the process.
+/// Pure functions, safe from any thread, one pass over the text. No text makes them fail; a
+/// negative limit aborts the process.
 namespace DisplayString {
 
 /// The text for a one-line display, at most `limit` scalars: TAB, LF and CR are removed too.

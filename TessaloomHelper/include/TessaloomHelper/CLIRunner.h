@@ -60,9 +60,9 @@ class CLIRunner {
   /// `engine` only fills the failure. `timeout` must be finite and fit a signed 64-bit number of
   /// seconds; anything else ends the process.
   ///
-  /// Both output streams are read while the input is written. A stream that passes 4 MiB is
-  /// read no further, so a child that goes on writing blocks until its deadline. A stream that some
-  /// process still has open `readersGrace` after the exit counts as empty.
+  /// Both output streams are read while the input is written. A stream that passes 4 MiB is read no
+  /// further, so a child that goes on writing blocks until its deadline. A stream that some process
+  /// still has open `readersGrace` after the exit counts as empty.
   std::expected<RunResult, GenerationErrorPayload> run(const CLIInvocation& invocation,
                                                        const std::optional<UUID>& requestID,
                                                        GenerationEngineID engine,

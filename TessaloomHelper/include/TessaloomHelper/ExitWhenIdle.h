@@ -29,8 +29,8 @@ class ExitWhenIdle {
                std::optional<ExecutableIdentity> start, CLIRunner& runner, Tasks& tasks,
                std::function<void()> exitProcess);
 
-  /// Whether another file is at the executable's path, or the same one with a later
-  /// modification time. A missing file is not a replacement.
+  /// Whether another file is at the executable's path, or the same one with a later modification
+  /// time. A missing file is not a replacement.
   bool isExecutableReplaced() const;
 
   /// Checks after `delay`, and then every `nextCheck`, whether the runner has an unfinished engine

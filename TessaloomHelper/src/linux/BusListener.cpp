@@ -33,10 +33,10 @@ constexpr std::chrono::seconds vettingLimit{6};
 constexpr int maximumRoundTrips = 20;
 /// Messages that wait in the library for the bus to take them.
 constexpr std::uint64_t maximumQueued = 1'024;
-/// What the kernel has taken can no longer be sent in turns. The system's own size holds hundreds
-/// of replies, and the bus takes a millisecond over each while a caller has many calls unanswered.
+/// What the kernel has can no longer be sent round-robin. The system's own size holds hundreds of
+/// replies; the bus takes a millisecond over each while a caller has many calls unanswered.
 constexpr int sendBufferBytes = 32'768;
-/// Whatever else happens is looked at after this many messages.
+/// Other events are handled after at most this many messages.
 constexpr int maximumBurst = 64;
 
 const std::string serviceName(HelperConstants::machServiceName);

@@ -108,7 +108,7 @@ class BusListener {
 
   Phase phase_ = Phase::starting;
   bool isBusReady_ = false;  ///< Whether the connection can be read or written.
-  int burst_ = 0;            ///< Messages handled since the last look at everything else.
+  int burst_ = 0;            ///< Messages handled since other events were last handled.
   std::optional<Clock::time_point> starvedSince_;
 
   std::unique_ptr<ExitCompletion> exitCompletion_;

@@ -8,7 +8,7 @@ namespace tessaloom {
 
 namespace {
 
-// The bus's flag and replies, as the D-Bus protocol numbers them.
+/// The bus's flag and replies, as the D-Bus protocol numbers them.
 constexpr std::uint32_t doNotQueue = 4;
 constexpr std::uint32_t isPrimaryOwner = 1;
 constexpr std::uint32_t isAlreadyOwner = 4;

@@ -144,7 +144,7 @@ void CallScheduler::sendReplies() {
   }
 }
 
-// What a call's work took cannot be told from its request and reply: a listing that failed has
+// What a call's work took cannot be inferred from its request and reply: a listing that failed has
 // taken as much as one that did not. Where there is little to give back this takes microseconds.
 void CallScheduler::releaseMemory() {
   if (unanswered_ == 0 && std::exchange(hasFreedMemory_, false)) ::malloc_trim(0);

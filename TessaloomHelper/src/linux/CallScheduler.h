@@ -61,11 +61,10 @@ class CallScheduler {
   int accept(sd_bus_message* message, const Method& method,
              const std::shared_ptr<PeerConnection>& connection);
 
-  /// Sends the replies that there are, in turns, while the library has room.
+  /// Sends the replies that there are, round-robin by caller, while the library has room.
   void sendReplies();
 
-  /// Gives memory back to the system after calls. To be called when there is nothing else to
-  /// do.
+  /// Gives memory back to the system after calls. To be called when there is nothing else to do.
   void releaseMemory();
 
   /// How many calls have not been answered.

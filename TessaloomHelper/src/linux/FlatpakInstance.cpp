@@ -134,7 +134,7 @@ std::expected<std::string, int> flatpakApplication(const ProcessDirectory& proce
     // Directories of applications, below which their sandboxes write, have dots in their names.
     if (id.find_first_not_of("0123456789") != std::string_view::npos) continue;
     auto application = applicationOf(*instances, name, *peer);
-    // An instance that cannot be read has ended, say; only a shortage may hide the right one.
+    // An unreadable instance may simply have ended; only a shortage may hide the right one.
     if (!application && isShortage(application.error())) return application;
     if (application && !application->empty()) return application;
   }

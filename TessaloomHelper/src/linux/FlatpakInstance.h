@@ -11,8 +11,8 @@ namespace tessaloom {
 /// The application of the running Flatpak instance that a process belongs to; empty when it belongs
 /// to none.
 ///
-/// Rests on what a sandbox cannot write, never on a file in the process's own tree. Flatpak keeps a
-/// directory `.flatpak/INSTANCE` for each running instance in the user's runtime directory, which
+/// Relies on what a sandbox cannot write, never on a file in the process's own tree. Flatpak keeps
+/// a directory `.flatpak/INSTANCE` for each running instance in the user's runtime directory, which
 /// the sandbox sees read-only at most:
 /// - `info` names the application and the instance;
 /// - the first process inside the sandbox holds a lock on `.ref` for as long as the instance runs,

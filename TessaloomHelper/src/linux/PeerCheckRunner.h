@@ -21,8 +21,8 @@ namespace tessaloom {
 /// One check of a process runs at a time, `maximumRunning` in all; the others wait in the order in
 /// which they came. A check without a result after `timeLimit` ends as `unknown`. A thread that is
 /// still blocked in the kernel then is stuck: it no longer counts as running, but its process is
-/// not checked again before it returns. Running and stuck threads together are
-/// `maximumRunning` + `maximumStuck` at most.
+/// not checked again before it returns. Running and stuck threads together are `maximumRunning` +
+/// `maximumStuck` at most.
 ///
 /// On the bus's thread only. Handlers run there as well, never from start().
 class PeerCheckRunner {

@@ -16,8 +16,8 @@ struct PeerFacts {
 };
 
 /// Reads what the system reports about a process, the cheap facts first. `runtimeDirectory` is the
-/// user's (XDG Base Directories), where Flatpak describes what it runs. The errno when
-/// anything cannot be read. Safe from any thread.
+/// user's (XDG Base Directories), where Flatpak describes what it runs. The errno when anything
+/// cannot be read. Safe from any thread.
 std::expected<PeerFacts, int> readPeerFacts(pid_t process,
                                             const std::filesystem::path& runtimeDirectory);
 

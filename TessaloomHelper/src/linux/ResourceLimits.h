@@ -10,8 +10,8 @@ namespace tessaloom {
 /// reported: a limit that cannot be read or set stays as it is.
 ///
 /// The listings keep descriptors of processes open, more than the 1,024 that most systems allow a
-/// user's service. Children get the limits that the helper was started with, because programs
-/// that use select(2) fail on descriptors beyond 1,023.
+/// user's service. Children get the limits that the helper was started with, because programs that
+/// use select(2) fail on descriptors beyond 1,023.
 class ResourceLimits {
  public:
   /// The soft limit on descriptors that `raise` aims at.

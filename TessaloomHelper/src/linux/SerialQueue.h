@@ -12,7 +12,7 @@ namespace tessaloom {
 /// Runs jobs one after the other, in the order in which they came, on threads of a Tasks pool;
 /// takes no thread while it has nothing to run. Jobs must not throw. One thread at a time submits.
 ///
-/// Jobs that were accepted run even when the queue is destroyed before.
+/// Jobs that were accepted run even if the queue is destroyed first.
 class SerialQueue {
  public:
   SerialQueue(Tasks& tasks, QualityOfService quality);

@@ -52,8 +52,8 @@ bool ThreadTasks::stop(std::chrono::milliseconds limit) {
   return true;
 }
 
-/// The error when no thread could be started: then an existing worker takes the task once it is
-/// idle.
+// The error when no thread could be started: then an existing worker takes the task once it is
+// idle.
 std::error_code ThreadTasks::accept(Entries entry) {
   std::error_code error;
   accepted_.splice(accepted_.end(), entry);
@@ -91,7 +91,7 @@ std::error_code ThreadTasks::startWorker() try {
   return std::make_error_code(std::errc::not_enough_memory);
 }
 
-/// Whether there is a task to take; otherwise the worker is to exit.
+// Whether there is a task to take; otherwise the worker is to exit.
 bool ThreadTasks::awaitTask(MutexLock& locked) {
   const auto idleUntil = Clock::now() + idleTime;
   for (;;) {

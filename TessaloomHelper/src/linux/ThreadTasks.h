@@ -17,14 +17,14 @@ namespace tessaloom {
 /// A pool of threads that grows when a task finds none idle and shrinks when threads stay idle. The
 /// quality of service makes no difference.
 ///
-/// Up to `maximumThreads` tasks run at once; what comes on top waits in the order it came. When the
-/// system refuses a thread, tasks wait for the ones there are, of which one always exists, unless
-/// the pool is one that refuses: then runConcurrently throws std::system_error, for tasks that may
-/// take minutes. Delayed tasks always wait. An idle pool sleeps: it wakes for a task or a delay
-/// that has passed, never on its own.
+/// Up to `maximumThreads` tasks run at once; further tasks wait in the order in which they came.
+/// When the system refuses a thread, tasks wait for the ones there are, of which one always exists,
+/// unless the pool is one that refuses: then runConcurrently throws std::system_error, for tasks
+/// that may take minutes. Delayed tasks always wait. An idle pool sleeps: it wakes for a task or a
+/// delay that has passed, never on its own.
 ///
-/// Destroying it starts no delayed task any more, runs every task that was accepted to its end
-/// and joins the threads. Tasks may hand in others meanwhile; delayed ones are then dropped.
+/// Destroying it starts no delayed task anymore, runs every task that was accepted to its end and
+/// joins the threads. Tasks may hand in others meanwhile; delayed ones are then dropped.
 class ThreadTasks final : public Tasks {
  public:
   static constexpr std::size_t maximumThreads = 64;
@@ -56,7 +56,7 @@ class ThreadTasks final : public Tasks {
     Clock::time_point due;
     std::function<void()> task;
   };
-  /// Entries move between lists by splicing, so a task once accepted needs no memory any more.
+  /// Entries move between lists by splicing, so a task once accepted needs no more memory.
   using Entries = std::list<Entry>;
 
   std::error_code accept(Entries entry) TL_REQUIRES(lock_);

@@ -91,7 +91,7 @@ class HelperProcess {
   std::vector<dispatch_source_t> signalSources_;
   std::atomic<bool> isStopping_ = false;
   std::once_flag readyToLeave_;
-  Clock::time_point pauseDeadline_;  ///< Set once, when no engine ran for the first time.
+  Clock::time_point pauseDeadline_;  ///< Set once, at the first check that finds no engine running.
 };
 
 // No generation is registered, but one may not be launched yet or not be answered.
@@ -109,7 +109,7 @@ void HelperProcess::exitWhenPaused() {
 
 void HelperProcess::endOnSignals() {
   for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
-    // A source sees a signal also when it is ignored, and only then does nothing else happen.
+    // A source receives a signal even if it is ignored, and only then does nothing else happen.
     ::signal(signal, SIG_IGN);
     dispatch_source_t source =
         dispatch_source_create(DISPATCH_SOURCE_TYPE_SIGNAL, static_cast<uintptr_t>(signal), 0,
@@ -137,7 +137,7 @@ void HelperProcess::exitOnceSettled(int signal, Clock::time_point deadline) {
                   [=, this] { exitOnceSettled(signal, deadline); });
 }
 
-// Never destroyed: other threads may still use it while the process exits.
+/// Never destroyed: other threads may still use it while the process exits.
 HelperProcess& helperProcess() {
   static HelperProcess& process = *new HelperProcess;
   return process;
