@@ -7,7 +7,7 @@ NS_ASSUME_NONNULL_BEGIN
 /// Why a call has no result, as far as an editor treats the cases differently.
 typedef NS_ENUM(NSInteger, HelperFailure) {
   HelperFailureNone,
-  /// The helper is missing, refused the editor (is it signed?), or went away.
+  /// The helper is missing, refused the editor (is it signed?), or disconnected.
   HelperFailureConnection,
   HelperFailureSignIn,  ///< The engine is not signed in.
   HelperFailureCancelled,

@@ -79,8 +79,8 @@ void expectEach(const std::vector<Row>& rows) {
   }
 }
 
-// The examples of the protocol's documentation are held against the coding too; these are what they
-// do not show.
+// The examples of the protocol's documentation are checked against the coding too; these are what
+// they do not show.
 TEST(HelperCodingTests, WritesWhatItReads) {
   const std::string inID = R"({"requestID":")" + upperUUID + "\"";
   expectEach({
@@ -284,7 +284,7 @@ TEST(BoundedTextTests, ChecksTheLengthAndThenTheControls) {
     EXPECT_EQ(thrownBy<GenerationDTOError>([&] { BoundedText(row.text, row.limit); }), row.expected)
         << row.name;
   }
-  // Eight bytes are looked at together, so each place among them counts.
+  // Eight bytes are examined together, so each place among them counts.
   for (const auto& control : {"\0"s, "\v"s, "\x1F"s, "\x7F"s, "\u0080"s, "\u009F"s}) {
     for (std::size_t before = 0; before < 17; ++before) {
       const std::string text = std::string(before, 'a') + control + std::string(16 - before, 'b');

@@ -41,7 +41,7 @@ std::string repairedByLibrary(const std::string& text) {
 TEST(UnicodeTests, RepairsAsTheJSONLibraryDoes) {
   // Both sides of every boundary of the table of well-formed sequences.
   const std::string alphabet = "A\x80\x8F\x90\x9F\xA0\xBF\xC1\xC2\xE0\xE1\xED\xF0\xF1\xF4\xF5";
-  const auto ascii = "0123456789\0"s;  // longer than the word that is looked at at once
+  const auto ascii = "0123456789\0"s;  // longer than the word that is examined at once
   std::vector<std::string> texts{""};
   for (std::size_t next = 0; next < texts.size(); ++next) {
     const std::string text = texts[next];

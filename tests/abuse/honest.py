@@ -1,4 +1,4 @@
-"""Honest calls, each of whose answers is held against what it has to be, and the count of what they came to."""
+"""Honest calls, each of whose answers is checked against what it has to be, and the count of what they came to."""
 
 import contextlib
 import datetime

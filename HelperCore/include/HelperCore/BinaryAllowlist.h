@@ -47,9 +47,9 @@ struct BinaryRejection {
 /// Reads one candidate; nullopt if it is absent or unreadable.
 using FactsReader = std::function<std::optional<FileFacts>(const std::filesystem::path&)>;
 
-/// Where engines are looked for, and which executables are refused because someone other than the
-/// user and root owns them or may write them. Pure functions of their arguments and the file
-/// system; nothing is remembered between calls. Safe from any thread.
+/// The directories searched for engines, and which executables are refused because someone other
+/// than the user and root owns them or may write them. Pure functions of their arguments and the
+/// file system; nothing is remembered between calls. Safe from any thread.
 namespace BinaryAllowlist {
 
 /// The nine directories, in search order.

@@ -73,7 +73,7 @@ SocketDescriptors readOwnSocketDescriptors(const ProcFiles& proc, const std::vec
     }
   }
   // Most numbers are unused, and one call says which. It is refused for more numbers than this
-  // process may have, which somebody may have lowered; then each is looked at.
+  // process may have, which somebody may have lowered; then each is examined.
   if (poll(asked.data(), asked.size(), 0) >= 0) {
     std::erase_if(asked, [](const pollfd& each) { return (each.revents & POLLNVAL) != 0; });
   }

@@ -115,7 +115,7 @@ class BusListener {
   std::atomic<bool> isExitRequested_ = false;
   int stopSignal_ = 0;
   Clock::time_point stopDeadline_;
-  std::size_t unanswered_ = 0;        ///< Calls, when last looked at while stopping.
+  std::size_t unanswered_ = 0;        ///< Calls, at the last check while stopping.
   Clock::time_point lastProgress_{};  ///< When that was last another number.
   std::optional<Clock::time_point> vettedSince_;
 

@@ -330,7 +330,7 @@ TEST(LinuxSockets, FindsTheSocketsOfOtherNetworkNamespaces) {
   }
   const std::int32_t number = away->ask(Command::listen);
   const auto ports = portsOf(kernel, {away->pid()});
-  if (ports.empty() && getuid() != 0) GTEST_SKIP() << "the namespace may not be looked at";
+  if (ports.empty() && getuid() != 0) GTEST_SKIP() << "the namespace may not be read";
   ASSERT_EQ(ports.size(), 1U);
   // Handed over, so that the one process that stays in the namespace has no socket open.
   ObedientChild home;
@@ -360,7 +360,7 @@ TEST(LinuxSockets, SkipsNoneWhileOthersComeAndGo) {
   child.ask(Command::churnSockets, count);
   const ProcFiles proc{procDirectory};
   auto inodes = readSocketDescriptors(proc, child.pid()).inodes;
-  if (inodes.empty() && getuid() != 0) GTEST_SKIP() << "the namespace may not be looked at";
+  if (inodes.empty() && getuid() != 0) GTEST_SKIP() << "the namespace may not be read";
   inodes.resize(1 + count);  // The socket to its parent, and those that stay.
   for (int reading = 0; reading < 20; ++reading) {
     SocketTable table;
