@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <utility>
 
 #include "HelperProtocol/Methods.h"
 
@@ -23,24 +24,24 @@ class CallLoad {
   static constexpr std::array<std::size_t, Method::kindCount> maximumCalls{64, 64, 16, 16, 16};
 
   bool fits(CallWeight call) const {
-    const auto& [calls, bytes] = sums_[index(call.kind)];
-    return calls < maximumCalls[index(call.kind)] && bytes <= maximumBytes &&
+    const auto& [calls, bytes] = sums_[std::to_underlying(call.kind)];
+    return calls < maximumCalls[std::to_underlying(call.kind)] && bytes <= maximumBytes &&
            call.bytes <= maximumBytes - bytes;
   }
 
-  bool has(Method::Kind kind) const { return sums_[index(kind)].calls > 0; }
+  bool has(Method::Kind kind) const { return sums_[std::to_underlying(kind)].calls > 0; }
   bool isEmpty() const {
     return std::ranges::all_of(sums_, [](const Sum& sum) { return sum.calls == 0; });
   }
 
   void add(CallWeight call) {
-    auto& [calls, bytes] = sums_[index(call.kind)];
+    auto& [calls, bytes] = sums_[std::to_underlying(call.kind)];
     ++calls;
     bytes += call.bytes;
   }
 
   void remove(CallWeight call) {
-    auto& [calls, bytes] = sums_[index(call.kind)];
+    auto& [calls, bytes] = sums_[std::to_underlying(call.kind)];
     --calls;
     bytes -= call.bytes;
   }
@@ -50,8 +51,6 @@ class CallLoad {
     std::size_t calls = 0;
     std::size_t bytes = 0;
   };
-
-  static constexpr std::size_t index(Method::Kind kind) { return static_cast<std::size_t>(kind); }
 
   std::array<Sum, Method::kindCount> sums_{};
 };

@@ -27,6 +27,9 @@ struct Method {
   Kind kind;
 
   constexpr bool takesRequest() const { return request != nullptr; }
+  static constexpr bool runsEngine(Kind kind) {
+    return kind == Kind::generation || kind == Kind::probe;
+  }
 };
 
 inline constexpr std::array methods{

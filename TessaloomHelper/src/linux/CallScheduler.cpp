@@ -13,14 +13,6 @@ namespace tessaloom {
 
 namespace {
 
-constexpr bool runsEngine(Method::Kind kind) {
-  return kind == Method::Kind::generation || kind == Method::Kind::probe;
-}
-
-constexpr std::size_t index(Method::Kind kind) {
-  return static_cast<std::size_t>(kind);
-}
-
 constexpr CallScheduler::EngineShare shareOf(Method::Kind kind) {
   return kind == Method::Kind::generation ? CallScheduler::generations : CallScheduler::probes;
 }
@@ -86,7 +78,7 @@ int CallScheduler::accept(sd_bus_message* message, const Method& method,
   Call& call = add(message, method, connection, weight);
   call.caller->load.add(weight);
   acceptedBytes_ += weight.bytes;
-  if (runsEngine(method.kind)) {
+  if (Method::runsEngine(method.kind)) {
     ++engineCalls_;
     startEngineCalls();
   } else {
@@ -195,7 +187,7 @@ void CallScheduler::start(Call& call) noexcept {
         responder->respond(CallOutcome());
       }
     };
-    if (!runsEngine(call.method.kind)) {
+    if (!Method::runsEngine(call.method.kind)) {
       call.connection->queue.submit(std::move(work));
     } else if (call.connection->queued == 0) {
       engineTasks_.runConcurrently(QualityOfService::userInitiated, std::move(work));
@@ -218,8 +210,8 @@ void CallScheduler::startEngineCalls() {
     while (Call* call = nextEngineCall(kind)) {
       Caller& caller = *call->caller;
       caller.lastStart = ++turns_;
-      ++running_[index(kind)];
-      ++caller.runningOf[index(kind)];
+      ++running_[std::to_underlying(kind)];
+      ++caller.runningOf[std::to_underlying(kind)];
       caller.running.splice(caller.running.end(), caller.waiting, call->position);
       start(*call);
     }
@@ -230,10 +222,10 @@ void CallScheduler::startEngineCalls() {
 // the longest time gets the next place.
 CallScheduler::Call* CallScheduler::nextEngineCall(Method::Kind kind) {
   const EngineShare share = shareOf(kind);
-  if (running_[index(kind)] >= share.ofAll) return nullptr;
+  if (running_[std::to_underlying(kind)] >= share.ofAll) return nullptr;
   Call* next = nullptr;
   for (Caller& caller : callers_) {
-    if (caller.runningOf[index(kind)] >= share.ofOneCaller) continue;
+    if (caller.runningOf[std::to_underlying(kind)] >= share.ofOneCaller) continue;
     if (next != nullptr && caller.lastStart >= next->caller->lastStart) continue;
     const auto first = std::ranges::find_if(
         caller.waiting, [&](const Call& call) { return call.method.kind == kind; });
@@ -244,10 +236,10 @@ CallScheduler::Call* CallScheduler::nextEngineCall(Method::Kind kind) {
 
 void CallScheduler::finish(Call& call) {
   Caller& caller = *call.caller;
-  if (runsEngine(call.method.kind)) {
+  if (Method::runsEngine(call.method.kind)) {
     --engineCalls_;
-    --running_[index(call.method.kind)];
-    --caller.runningOf[index(call.method.kind)];
+    --running_[std::to_underlying(call.method.kind)];
+    --caller.runningOf[std::to_underlying(call.method.kind)];
   }
   ++finished_;
   caller.finished.splice(caller.finished.end(), caller.running, call.position);
@@ -268,7 +260,7 @@ void CallScheduler::send(Call& call) {
   } else {
     caller.load.remove(call.weight);
     acceptedBytes_ -= call.weight.bytes;
-    if (!runsEngine(call.method.kind)) --call.connection->queued;
+    if (!Method::runsEngine(call.method.kind)) --call.connection->queued;
   }
   --finished_;
   --unanswered_;

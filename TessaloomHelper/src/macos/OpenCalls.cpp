@@ -1,5 +1,8 @@
 #include "OpenCalls.h"
 
+#include <algorithm>
+#include <ranges>
+
 namespace tessaloom {
 
 std::shared_ptr<void> OpenCalls::open(Method::Kind kind) {
@@ -17,7 +20,7 @@ std::shared_ptr<void> OpenCalls::open(Method::Kind kind) {
 
 bool OpenCalls::anyRunsEngine() const {
   const MutexLock locked(lock_);
-  return open_.contains(Method::Kind::generation) || open_.contains(Method::Kind::probe);
+  return std::ranges::any_of(std::views::keys(open_), Method::runsEngine);
 }
 
 bool OpenCalls::areSettled(Clock::duration grace) const {
