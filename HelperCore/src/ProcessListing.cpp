@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "CommandName.h"
-#include "TLFoundation/HashFields.h"
 
 namespace tessaloom {
 
@@ -57,9 +56,3 @@ ProcessSample makeProcessSample(const RawProcess& raw, Instant now) {
 }
 
 }  // namespace tessaloom
-
-std::size_t std::hash<tessaloom::RawProcess>::operator()(
-    const tessaloom::RawProcess& raw) const noexcept {
-  return tessaloom::hashFields(raw.pid, raw.parentPID, raw.startSec, raw.startUSec, raw.tty,
-                               raw.residentBytes, raw.command);
-}

@@ -104,12 +104,6 @@ void checkSegment(std::string_view segment) {
 
 // A character is one byte of a plain text, or the canonical form of a cluster.
 
-bool isSame(char a, char b) {
-  return a == b;
-}
-bool isSame(const std::string& a, const std::string& b) {
-  return a == b;
-}
 bool is(char character, char expected) {
   return character == expected;
 }
@@ -126,7 +120,7 @@ bool matchesSegment(const Segment& segment, const Piece& piece) {
   std::size_t star = none;   // where the last star is in the segment
   std::size_t absorbed = 0;  // the position in the piece up to which it reaches
   while (s < piece.size()) {
-    if (p < segment.size() && (is(segment[p], '?') || isSame(segment[p], piece[s]))) {
+    if (p < segment.size() && (is(segment[p], '?') || segment[p] == piece[s])) {
       ++p;
       ++s;
     } else if (p < segment.size() && is(segment[p], '*')) {

@@ -2,13 +2,13 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "HelperCore/Kernel.h"
 #include "HelperProtocol/ProcessMessages.h"
+#include "TLFoundation/HashFields.h"
 
 namespace tessaloom {
 
@@ -23,6 +23,9 @@ struct RawProcess {
   std::string command;  ///< The kernel's short name, repaired to valid UTF-8 but not cleaned.
 
   friend bool operator==(const RawProcess&, const RawProcess&) = default;
+  std::size_t hash() const noexcept {
+    return hashFields(pid, parentPID, startSec, startUSec, tty, residentBytes, command);
+  }
 };
 
 /// The processes of the user that the helper runs as, in the kernel's order, zombies included;
@@ -33,8 +36,3 @@ std::vector<RawProcess> listRawProcesses(Kernel& kernel);
 ProcessSample makeProcessSample(const RawProcess& raw, Instant now);
 
 }  // namespace tessaloom
-
-template <>
-struct std::hash<tessaloom::RawProcess> {
-  std::size_t operator()(const tessaloom::RawProcess& raw) const noexcept;
-};
