@@ -1,5 +1,6 @@
 #include "BusAdvice.h"
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <system_error>
@@ -10,6 +11,12 @@ namespace tessaloom {
 namespace {
 
 constexpr std::string_view busErrors = "org.freedesktop.DBus.Error.";
+
+/// Of the helper: by the bus itself, or by the service manager on its behalf.
+bool isFailedStart(std::string_view errorName) {
+  return errorName.starts_with("org.freedesktop.DBus.Error.Spawn.") ||
+         errorName.starts_with("org.freedesktop.systemd1.");
+}
 
 /// The executable of that name in this program's own folder, or just the name.
 std::string besideThisProgram(std::string_view name) {
@@ -55,24 +62,17 @@ std::string adviceForBusError(std::string_view name) {
 }  // namespace
 
 bool isUnreachable(std::string_view errorName) {
-  // Failures of activation: by the bus itself, and by the service manager on its behalf.
-  if (errorName.starts_with("org.freedesktop.DBus.Error.Spawn.")) return true;
-  if (errorName.starts_with("org.freedesktop.systemd1.")) return true;
+  if (isFailedStart(errorName)) return true;
   if (!errorName.starts_with(busErrors)) return false;
   static constexpr std::array<std::string_view, 8> names{
       "ServiceUnknown", "NameHasNoOwner", "NoReply",  "Disconnected",
       "NoServer",       "Timeout",        "TimedOut", "FileNotFound"};
-  const std::string_view name = errorName.substr(busErrors.size());
-  for (const std::string_view known : names) {
-    if (name == known) return true;
-  }
-  return false;
+  return std::ranges::find(names, errorName.substr(busErrors.size())) != names.end();
 }
 
 std::string busAdvice(const CallError& error) {
   const std::string_view name = error.name;
-  if (name.starts_with("org.freedesktop.DBus.Error.Spawn.") ||
-      name.starts_with("org.freedesktop.systemd1.")) {
+  if (isFailedStart(name)) {
     return "The helper could not be started. See `systemctl --user status "
            "com.brindlemoor.Tessaloom.helper` or "
            "`journalctl --user`, or " +

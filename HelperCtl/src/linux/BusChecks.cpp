@@ -41,14 +41,11 @@ class BusQuestions {
   /// The reply, or the errno: ETIMEDOUT if the bus does not answer, EBADMSG for an error.
   std::expected<BusMessage, int> ask(const char* member,
                                      const std::optional<std::string>& argument = std::nullopt) {
-    sd_bus_message* created = nullptr;
-    int result =
-        sd_bus_message_new_method_call(bus_.get(), &created, BusRequests::busName,
-                                       BusRequests::busPath, BusRequests::busInterface, member);
-    const BusMessage call(created);
-    if (result >= 0 && argument) result = sd_bus_message_append(created, "s", argument->c_str());
+    const auto call = requests_.newBusCall(member);
+    if (!call) return std::unexpected(call.error());
+    const int result = argument ? sd_bus_message_append(call->get(), "s", argument->c_str()) : 0;
     if (result < 0) return std::unexpected(-result);
-    auto reply = requests_.callAndWait(created, std::chrono::steady_clock::now() + patience);
+    auto reply = requests_.callAndWait(call->get(), std::chrono::steady_clock::now() + patience);
     if (reply && sd_bus_message_is_method_error(reply->get(), nullptr) > 0) {
       return std::unexpected(EBADMSG);
     }

@@ -81,6 +81,9 @@ class BusRequests {
   /// Sends a call. The errno when it could not be sent.
   std::expected<BusRequest, int> send(sd_bus_message* call, ReplyHandler handler);
 
+  /// A call of a method of the bus itself, without arguments.
+  std::expected<BusMessage, int> newBusCall(const char* method) const;
+
   /// Calls a method of the bus itself; `types` and `arguments` as for sd_bus_message_append().
   template <class... Arguments>
   std::expected<BusRequest, int> askBus(const char* method, ReplyHandler handler, const char* types,
@@ -129,7 +132,6 @@ class BusRequests {
     BusRequest ownerReply;
   };
 
-  std::expected<BusMessage, int> newBusCall(const char* method) const;
   std::expected<Destination*, int> follow(const std::string& name);
   void setOwner(Destination& destination, std::string_view owner);
   void fail(std::string destination, sd_bus_message* error);
