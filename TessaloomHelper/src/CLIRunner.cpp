@@ -11,7 +11,7 @@
 
 #include "ChildProcess.h"
 #include "ChildRun.h"
-#include "DescriptorShortage.h"
+#include "TLFoundation/DescriptorShortage.h"
 #include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/Unicode.h"
 

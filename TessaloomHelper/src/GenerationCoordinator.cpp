@@ -5,11 +5,11 @@
 #include <thread>
 #include <utility>
 
-#include "DescriptorShortage.h"
 #include "GenerationDirectory.h"
 #include "HelperCore/CLIInvocationBuilder.h"
 #include "HelperCore/GenerationOutputParser.h"
 #include "HelperCore/GenerationSchema.h"
+#include "TLFoundation/DescriptorShortage.h"
 #include "TLFoundation/DisplayString.h"
 #include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/Unicode.h"

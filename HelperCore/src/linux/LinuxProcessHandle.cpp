@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <csignal>
 
+#include "TLFoundation/DescriptorShortage.h"
 #include "linux/ProcFiles.h"
 #include "linux/ProcParser.h"
 

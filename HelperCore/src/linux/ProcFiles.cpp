@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "TLFoundation/DescriptorShortage.h"
 #include "linux/ProcParser.h"
 
 namespace tessaloom {

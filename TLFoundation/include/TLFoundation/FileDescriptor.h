@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <utility>
 
 namespace tessaloom {
@@ -33,10 +32,5 @@ class FileDescriptor {
  private:
   int fd_ = -1;
 };
-
-/// Whether an errno value says that this process, or the system, has too many open files.
-constexpr bool isDescriptorShortage(int error) {
-  return error == EMFILE || error == ENFILE;
-}
 
 }  // namespace tessaloom

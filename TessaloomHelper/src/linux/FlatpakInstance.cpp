@@ -13,6 +13,7 @@
 #include <string_view>
 #include <utility>
 
+#include "TLFoundation/DescriptorShortage.h"
 #include "TLFoundation/DirectoryReader.h"
 #include "TLFoundation/FileDescriptor.h"
 #include "linux/KeyFile.h"

@@ -8,7 +8,7 @@
 #include <thread>
 #include <utility>
 
-#include "linux/ProcessDirectory.h"
+#include "TLFoundation/DescriptorShortage.h"
 
 namespace tessaloom {
 

@@ -32,10 +32,6 @@ bool isStandard(std::string_view descriptor) {
 
 }  // namespace
 
-bool isShortage(int error) {
-  return isDescriptorShortage(error) || error == ENOMEM;
-}
-
 std::expected<ProcessDirectory, int> ProcessDirectory::open(const std::string& path) {
   FileDescriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!directory) return std::unexpected(errno);

@@ -11,9 +11,6 @@
 
 namespace tessaloom {
 
-/// Whether an errno value says only that this process, or the system, lacks descriptors or memory.
-bool isShortage(int error);
-
 /// One process's directory below /proc (proc(5)), held open: it always refers to the same process,
 /// so what is read through it cannot be a mixture of two processes that had the pid one after the
 /// other. Once the process no longer exists, every read fails with ESRCH.
