@@ -8,11 +8,11 @@
 #include <expected>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "Console.h"
 #include "DoctorChecks.h"
@@ -36,7 +36,7 @@ constexpr const char* helperFile = "tessaloom-helper";
 /// What is asked of the bus itself.
 class BusQuestions {
  public:
-  explicit BusQuestions(BusHandle bus) : bus_(bus.release()), requests_(bus_.get()) {}
+  explicit BusQuestions(BusHandle bus) : bus_(std::move(bus)), requests_(bus_.get()) {}
 
   /// The reply, or the errno: ETIMEDOUT if the bus does not answer, EBADMSG for an error.
   std::expected<BusMessage, int> ask(const char* member,
@@ -82,8 +82,7 @@ class BusQuestions {
   }
 
  private:
-  /// Closed without waiting for a bus that may have stopped.
-  std::unique_ptr<sd_bus, BusRelease<sd_bus_close_unref>> bus_;
+  BusHandle bus_;
   BusRequests requests_;
 };
 

@@ -63,7 +63,7 @@ CallReply readReply(sd_bus_message* reply) {
 /// Accepts replies from the helper and the bus only; see BusRequests.
 class BusTransport final : public Transport {
  public:
-  explicit BusTransport(BusHandle bus) : bus_(bus.release()), requests_(bus_.get()) {}
+  explicit BusTransport(BusHandle bus) : bus_(std::move(bus)), requests_(bus_.get()) {}
 
   void call(const std::string& method, const std::optional<Bytes>& body, Handler handler) override;
   Readiness readiness() override;
@@ -84,8 +84,7 @@ class BusTransport final : public Transport {
   void finish(std::list<Pending>::iterator pending, CallReply reply);
   void loseConnection(int error);
 
-  /// Closed without waiting for a bus that may have stopped: what matters has been answered.
-  std::unique_ptr<sd_bus, BusRelease<sd_bus_close_unref>> bus_;
+  BusHandle bus_;
   BusRequests requests_;
   bool lost_ = false;
   std::list<Pending> pending_;

@@ -16,7 +16,6 @@
 #include "HelperCore/Kernel.h"
 #include "HelperCore/PerUserTemporaryDirectory.h"
 #include "HelperProtocol/HelperConstants.h"
-#include "HelperProtocol/linux/BusHandles.h"
 #include "HelperProtocol/linux/SessionBus.h"
 #include "Log.h"
 #include "StandardOptions.h"
@@ -68,14 +67,12 @@ int serve() {
   std::optional<std::filesystem::path> executable;
   if (auto path = ownExecutablePath()) executable = std::move(*path);
 
-  auto opened = openSessionBus();
-  if (!opened) {
-    logLine("could not connect to the session bus", errnoText(opened.error()));
+  const auto bus = openSessionBus();
+  if (!bus) {
+    logLine("could not connect to the session bus", errnoText(bus.error()));
     return 1;
   }
-  // Closed without waiting for a bus that may have stopped: what matters has been flushed.
-  const std::unique_ptr<sd_bus, BusRelease<sd_bus_close_unref>> bus(opened->release());
-  registerSystemdUnit(bus.get(), registrationLimit, signals.descriptor());
+  registerSystemdUnit(bus->get(), registrationLimit, signals.descriptor());
   if (const auto signal = signals.next()) return StopSignals::reportEnd(*signal);
   const auto identity = ExecutableIdentity::of("/proc/self/exe");
 
@@ -97,7 +94,7 @@ int serve() {
                                .shortVersion = TESSALOOM_VERSION,
                                .maximumReplyBytes = maximumReplyBytes};
   listener.emplace(BusListener::Collaborators{
-      .bus = bus.get(),
+      .bus = bus->get(),
       .context = context,
       .engineTasks = engineTasks,
       .queueTasks = queueTasks,
