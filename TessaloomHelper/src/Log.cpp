@@ -16,4 +16,9 @@ void logLine(std::string_view text, std::string_view cause) {
   [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
 }
 
+int reportEnd(int signal) {
+  logLine("ended by signal " + std::to_string(signal));
+  return 128 + signal;
+}
+
 }  // namespace tessaloom

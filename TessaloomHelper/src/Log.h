@@ -9,4 +9,7 @@ namespace tessaloom {
 /// one line and cut to 500 Unicode scalars. Failures are ignored.
 void logLine(std::string_view text, std::string_view cause = {});
 
+/// Writes the line that says which signal ended the helper; the exit status for it.
+int reportEnd(int signal);
+
 }  // namespace tessaloom

@@ -20,7 +20,7 @@ class ExitWhenIdle {
   static constexpr std::chrono::milliseconds nextCheck{500};
   /// Written to standard error by `exitProcess`, which is the last thing that the process does.
   static constexpr std::string_view exitLine =
-      "helper: executable replaced on disk; exiting so launchd starts the new build\n";
+      "executable replaced on disk; exiting so launchd starts the new build";
 
   /// `executable` is the path of the process's own executable, nullopt when the system does not
   /// report it. `start` describes the file that was executed. `exitProcess` ends the process in the

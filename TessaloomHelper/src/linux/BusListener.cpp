@@ -3,7 +3,6 @@
 #include <malloc.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -235,8 +234,7 @@ std::optional<int> BusListener::advanceExit() {
     startRoundTrip();
     return std::nullopt;
   }
-  constexpr std::string_view line = ExitWhenIdle::exitLine;
-  [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
+  logLine(ExitWhenIdle::exitLine);
   return 0;
 }
 
@@ -258,7 +256,7 @@ std::optional<int> BusListener::advanceStopping() {
   if (hasProgress || scheduler_.hasRunningCalls()) lastProgress_ = now;
   const bool isOver = now >= stopDeadline_ || now - lastProgress_ >= busLimit;
   if (!isOver && !isSettled()) return std::nullopt;
-  return StopSignals::reportEnd(stopSignal_);
+  return reportEnd(stopSignal_);
 }
 
 // The library wants to write for as long as something is queued.

@@ -6,10 +6,7 @@
 #include <cerrno>
 #include <csignal>
 #include <initializer_list>
-#include <string>
 #include <system_error>
-
-#include "Log.h"
 
 namespace tessaloom {
 
@@ -50,11 +47,6 @@ std::optional<int> StopSignals::next() const {
   signalfd_siginfo signal{};
   if (::read(descriptor_.get(), &signal, sizeof signal) != sizeof signal) return std::nullopt;
   return static_cast<int>(signal.ssi_signo);
-}
-
-int StopSignals::reportEnd(int signal) {
-  logLine("ended by signal " + std::to_string(signal));
-  return 128 + signal;
 }
 
 }  // namespace tessaloom

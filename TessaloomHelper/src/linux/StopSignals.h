@@ -25,9 +25,6 @@ class StopSignals {
   /// Takes the next signal that has come; nullopt if there is none.
   std::optional<int> next() const;
 
-  /// Writes the line that says which one ended the helper; the exit status for it.
-  static int reportEnd(int signal);
-
  private:
   FileDescriptor descriptor_;
 };

@@ -73,7 +73,7 @@ int serve() {
     return 1;
   }
   registerSystemdUnit(bus->get(), registrationLimit, signals.descriptor());
-  if (const auto signal = signals.next()) return StopSignals::reportEnd(*signal);
+  if (const auto signal = signals.next()) return reportEnd(*signal);
   const auto identity = ExecutableIdentity::of("/proc/self/exe");
 
   const std::unique_ptr<Kernel> kernel = makeSystemKernel();

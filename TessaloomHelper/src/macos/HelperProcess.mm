@@ -4,7 +4,6 @@
 
 #include <dispatch/dispatch.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -102,8 +101,7 @@ void HelperProcess::exitWhenPaused() {
   if (openCalls_.anyRunsEngine() || !isPause) {
     return exitWhenIdle_.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
   }
-  constexpr std::string_view line = ExitWhenIdle::exitLine;
-  [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
+  logLine(ExitWhenIdle::exitLine);
   std::exit(0);
 }
 
@@ -130,8 +128,7 @@ void HelperProcess::stop(int signal) {
 
 void HelperProcess::exitOnceSettled(int signal, Clock::time_point deadline) {
   if (openCalls_.areSettled(replyGrace) || Clock::now() >= deadline) {
-    logLine("ended by signal " + std::to_string(signal));
-    std::exit(128 + signal);
+    std::exit(reportEnd(signal));
   }
   tasks_.runAfter(stopTick, QualityOfService::utility,
                   [=, this] { exitOnceSettled(signal, deadline); });
