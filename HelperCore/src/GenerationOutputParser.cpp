@@ -155,6 +155,22 @@ class EventStream {
                     {"message", &topMessage_}};
 };
 
+/// What an engine generated: `content` as it printed it, which is `structured` when it has fields.
+GenerationOutputParser::Result generation(std::string_view content, const JSONText& structured,
+                                          GenerationShape shape,
+                                          std::optional<GenerationTokens> tokens,
+                                          GenerationEngineID engine) {
+  if (shape == GenerationShape::freeText) {
+    auto text = usableContent(content);
+    if (!text) return malformed(engine, "The command returned no usable content.");
+    return ParsedGeneration{.text = *std::move(text), .fields = {}, .tokens = tokens};
+  }
+  auto fields = GenerationOutputParser::decodeFields(structured, engine);
+  if (!fields) return std::unexpected(std::move(fields.error()));
+  return ParsedGeneration{
+      .text = std::string(content), .fields = *std::move(fields), .tokens = tokens};
+}
+
 }  // namespace
 
 bool GenerationOutputParser::looksUnauthenticated(std::string_view text) {
@@ -232,21 +248,9 @@ GenerationOutputParser::Result GenerationOutputParser::parseClaude(std::string_v
     return declared(engine, *text, *text);
   }
 
-  ParsedGeneration parsed{.text = {}, .fields = {}, .tokens = usage.tokens()};
-  if (shape == GenerationShape::freeText) {
-    auto content = usableContent(structured.text());
-    if (!content) return malformed(engine, "The command returned no usable content.");
-    parsed.text = *std::move(content);
-    return parsed;
-  }
-
-  if (structured.text().empty())
+  if (shape != GenerationShape::freeText && structured.text().empty())
     return malformed(engine, "The command returned no structured output.");
-  auto fields = decodeFields(structured, engine);
-  if (!fields) return std::unexpected(std::move(fields.error()));
-  parsed.fields = *std::move(fields);
-  parsed.text = structured.text();
-  return parsed;
+  return generation(structured.text(), structured, shape, usage.tokens(), engine);
 }
 
 GenerationOutputParser::Result GenerationOutputParser::parseCodex(std::string_view output,
@@ -259,23 +263,12 @@ GenerationOutputParser::Result GenerationOutputParser::parseCodex(std::string_vi
       events.message ? Unicode::trimmed(*events.message) : std::string_view();
   if (message.empty()) return malformed(engine, "The command returned no message.");
 
-  ParsedGeneration parsed{.text = {}, .fields = {}, .tokens = events.tokens};
-  if (shape == GenerationShape::freeText) {
-    auto content = usableContent(message);
-    if (!content) return malformed(engine, "The command returned no usable content.");
-    parsed.text = *std::move(content);
-    return parsed;
-  }
-
   JSONText answer;
-  if (JSONReader::read(message, answer) ||
-      !answer.isContainer())  // A bare string is not a message.
+  if (shape != GenerationShape::freeText &&
+      (JSONReader::read(message, answer) ||
+       !answer.isContainer()))  // A bare string is not a message.
     return malformed(engine, "The command's structured output was not valid JSON.");
-  auto fields = decodeFields(answer, engine);
-  if (!fields) return std::unexpected(std::move(fields.error()));
-  parsed.fields = *std::move(fields);
-  parsed.text = message;
-  return parsed;
+  return generation(message, answer, shape, events.tokens, engine);
 }
 
 }  // namespace tessaloom
