@@ -1,10 +1,9 @@
 #include "GenerationAdvice.h"
 
-#include <algorithm>
 #include <string>
-#include <string_view>
 
 #include "HelperCore/BinaryAllowlist.h"
+#include "HelperProtocol/WireValues.h"
 
 namespace tessaloom {
 namespace {
@@ -45,9 +44,8 @@ std::string adviceFor(GenerationFailureKind kind, GenerationEngineID engine) {
 
 CallError explainGenerationError(CallError error, GenerationEngineID engine) {
   if (!error.kind) return error;
-  const auto kind = std::ranges::find(allGenerationFailureKinds, std::string_view(*error.kind),
-                                      [](GenerationFailureKind k) { return wireValue(k); });
-  if (kind == allGenerationFailureKinds.end()) return error;
+  const auto kind = caseNamed(*error.kind, allGenerationFailureKinds);
+  if (!kind) return error;
   const bool isSilent = error.message.empty() || error.message == *error.kind;
   error.advice = adviceFor(*kind, engine);
   if (*kind == GenerationFailureKind::cancelled && isSilent) {

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "HelperProtocol/GenerationDTOError.h"
-#include "WireValues.h"
+#include "HelperProtocol/WireValues.h"
 
 namespace tessaloom {
 namespace {

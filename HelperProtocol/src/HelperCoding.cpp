@@ -26,9 +26,9 @@
 #include "HelperProtocol/HelperFreshness.h"
 #include "HelperProtocol/JSONReader.h"
 #include "HelperProtocol/ProcessMessages.h"
+#include "HelperProtocol/WireValues.h"
 #include "ISO8601.h"
 #include "JSONWriter.h"
-#include "WireValues.h"
 
 namespace tessaloom {
 namespace {
