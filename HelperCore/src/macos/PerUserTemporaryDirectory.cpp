@@ -4,7 +4,8 @@
 #include <unistd.h>
 
 #include <array>
-#include <string_view>
+
+#include "PathText.h"
 
 namespace tessaloom {
 
@@ -12,10 +13,7 @@ std::filesystem::path perUserTemporaryDirectory() {
   std::array<char, PATH_MAX> buffer{};
   const std::size_t length = ::confstr(_CS_DARWIN_USER_TEMP_DIR, buffer.data(), buffer.size());
   if (length == 0 || length > buffer.size()) return "/tmp";
-  std::string_view path(buffer.data());
-  // confstr ends it with a slash.
-  while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
-  return path;
+  return directoryText(buffer.data());  // confstr ends it with a slash.
 }
 
 }  // namespace tessaloom
