@@ -20,6 +20,7 @@
 #include "DoctorChecks.h"
 #include "EngineProbe.h"
 #include "HelperCore/BinaryAllowlist.h"
+#include "HelperCore/CLIInvocationBuilder.h"
 #include "HelperProtocol/EngineStatus.h"
 #include "HelperProtocol/HelperCoding.h"
 #include "HelperProtocol/Methods.h"

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <filesystem>
 #include <string>
 
@@ -14,10 +13,7 @@ struct EngineProbe {
   std::string problem;  ///< Why it failed, one line; empty if it did not.
 };
 
-/// As long as the helper waits for it.
-inline constexpr std::chrono::seconds probeTimeLimit{10};
-
-/// The outcome for an engine that did not end in that time.
+/// The outcome for an engine that did not end within `probeTimeLimit`.
 EngineProbe hungProbe();
 
 /// Runs `executable --version` with the environment that the helper gives to engines. Throws

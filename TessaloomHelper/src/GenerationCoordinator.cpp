@@ -24,7 +24,6 @@ using Clock = std::chrono::steady_clock;
 constexpr std::size_t diagnosticTail = 2'000;         // User-perceived characters.
 constexpr std::int64_t generatedTextLimit = 100'000;  // Unicode scalars.
 constexpr std::int64_t versionLimit = 64;             // Unicode scalars.
-constexpr std::chrono::seconds versionTimeout{10};
 
 /// The file that holds the schema, for the engine that takes one. Without it the engine still runs.
 std::optional<std::filesystem::path> writeSchema(const GenerationRequest& request,
@@ -140,7 +139,7 @@ EngineStatus GenerationCoordinator::engineStatus(const EngineStatusRequest& requ
                             .environment = std::move(environment),
                             .workingDirectory = std::nullopt,
                             .standardInput = std::nullopt};
-  const auto run = runner_.run(probe, std::nullopt, request.engine, versionTimeout);
+  const auto run = runner_.run(probe, std::nullopt, request.engine, probeTimeLimit);
   if (run) {
     status.version = DisplayString::singleLine(Unicode::trimmed(run->standardOutput), versionLimit);
   }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -10,6 +11,9 @@
 #include "HelperProtocol/GenerationEnums.h"
 
 namespace tessaloom {
+
+/// For an engine that is asked for its version.
+inline constexpr std::chrono::seconds probeTimeLimit{10};
 
 /// How an engine is started, as plain values. Nothing here touches the file system; pure functions,
 /// safe from any thread.
