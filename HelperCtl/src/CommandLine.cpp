@@ -82,7 +82,7 @@ constexpr std::array commands{
             runCancel},
     Command{"call",
             "send one raw call",
-            "METHOD is a name as on the bus. The body is JSON; with - it is read from\n"
+            "METHOD is one of the names below. The body is JSON; with - it is read from\n"
             "standard input. The methods, and which of them take a body:\n",
             methodAndBody,
             {},
