@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include "HumanFormat.h"
-#include "SessionLine.h"
 #include "Table.h"
 
 namespace tessaloom {
@@ -55,10 +54,6 @@ TEST(HumanFormat, SizesAgesAndDurations) {
       {humanMilliseconds(9'000), "9.0 s"},
   };
   for (const auto& [actual, expected] : rows) EXPECT_EQ(actual, expected);
-}
-
-TEST(SessionLine, RepliesAreOneLine) {
-  EXPECT_EQ(formatSessionReply(7, Bytes("{\n}")), "7 ok { }\n");
 }
 
 }  // namespace

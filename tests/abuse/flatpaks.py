@@ -65,8 +65,7 @@ def install():
 
 def say(application, branch):
     status, said = flatpak("run", "--user", "--no-a11y-bus", f"{application}//{branch}", "-c", CALL)
-    # The proxy complains, after an empty line, of senders that have gone already.
-    lines = [line for line in said.splitlines() if line and "WARNING **" not in line]
+    lines = [line for line in said.splitlines() if line and "WARNING **" not in line]  # Of senders that have gone already.
     return lines[-1] if lines else f"nothing, status {status}"
 
 

@@ -37,11 +37,9 @@ def install(built, root, work):
     (work / "bin").mkdir()
     for name in ("tessaloom-helper", "tessaloom-helperctl", "practice-engine", "process-load"):
         shutil.copy(built / name, work / "bin")
-    # The honest callers are admitted because their program has the editor's name.
-    shutil.copy(os.path.realpath("/usr/bin/python3"), work / "bin/tessaloom")
+    shutil.copy(os.path.realpath("/usr/bin/python3"), work / "bin/tessaloom")  # By its name an honest caller is admitted.
     with contextlib.suppress(OSError):
-        # For a user without rights to make a file system that never answers.
-        os.mknod(work / "fuse", stat.S_IFCHR, os.makedev(10, 229))
+        os.mknod(work / "fuse", stat.S_IFCHR, os.makedev(10, 229))  # For a user without the right to make one.
         (work / "fuse").chmod(0o666)
 
 

@@ -27,8 +27,7 @@ def enter_own_root(files):
 
 def enter_silent_root(device):
     """A root directory in which every look-up blocks indefinitely."""
-    # A thread answers what entering takes (fuse(4), linux/fuse.h), and then no more.
-    fuse = os.open(device, os.O_RDWR)
+    fuse = os.open(device, os.O_RDWR)  # A thread answers what entering takes (fuse(4), linux/fuse.h), and then no more.
     root = mounted("fuse", f"fd={fuse},rootmode=40000,user_id={os.getuid()},group_id={os.getgid()}", fuse)
 
     def answer():
