@@ -61,8 +61,8 @@ class Session {
   std::optional<SessionLine> next_;  ///< A line that waits until the helper takes more.
   std::size_t lineNumber_ = 0;
   CallLoad load_;  ///< The calls under way, as the helper counts them.
-  std::optional<CallLoad> held_ =
-      CallLoad();       ///< The calls so far; none once one is known to be accepted.
+  /// The calls so far; none once the helper is known to have accepted this program.
+  std::optional<CallLoad> held_ = CallLoad();
   std::string output_;  ///< Replies, of which `written_` bytes are out.
   std::size_t written_ = 0;
   bool outputClosed_ = false;
