@@ -20,9 +20,10 @@ from compile_again import errors_of, write_modules
 ROOT = Path(__file__).resolve().parent.parent
 SOURCES = "TessaloomHelper/src/macos/"
 SERVICE, DELEGATE, MAIN = (SOURCES + name for name in ("HelperService.mm", "ListenerDelegate.mm", "main.mm"))
-PROCESS, AGENT, SPAWN = (SOURCES + name for name in ("HelperProcess.mm", "LaunchAgent.mm", "SpawnPlatform.cpp"))
+PROCESS, AGENT = (SOURCES + name for name in ("HelperProcess.mm", "LaunchAgent.mm"))
 VALUES = "HelperProtocol/src/macos/FoundationValues.mm"
 KERNEL = "HelperCore/src/macos/MacKernel.cpp"
+SPAWN = "HelperCore/src/macos/SpawnPlatform.cpp"
 TRANSPORT = "HelperCtl/src/macos/XPCTransport.mm"
 SESSION = "HelperCtl/src/SessionCommand.cpp"
 RECORDS = "tests/macos/KernelRecordsChecks.cpp"

@@ -96,6 +96,15 @@ std::vector<std::string> CLIInvocationBuilder::arguments(
   return engine == GenerationEngineID::codex ? codexArguments(schemaFile) : claudeArguments(shape);
 }
 
+CLIInvocation CLIInvocationBuilder::versionProbe(std::filesystem::path executable,
+                                                 Environment environment) {
+  return {.executable = std::move(executable),
+          .arguments = {"--version"},
+          .environment = std::move(environment),
+          .workingDirectory = std::nullopt,
+          .standardInput = std::nullopt};
+}
+
 std::string CLIInvocationBuilder::prompt(std::string_view instructions, std::string_view prompt) {
   std::string text("OUTPUT RULES\n");
   text += rules;

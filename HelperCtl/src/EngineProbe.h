@@ -16,8 +16,7 @@ struct EngineProbe {
 /// The outcome for an engine that did not end within `probeTimeLimit`.
 EngineProbe hungProbe();
 
-/// Runs `executable --version` with the environment that the helper gives to engines. Throws
-/// std::system_error if no process can be started at all.
+/// Runs `executable --version` as the helper does.
 EngineProbe probeEngine(const std::filesystem::path& executable, const CurrentUser& user);
 
 /// The program that runs a script, as its first line names it: "node" for "#!/usr/bin/env node";

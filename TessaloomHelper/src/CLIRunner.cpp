@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "ChildProcess.h"
-#include "ChildRun.h"
+#include "HelperCore/ChildProcess.h"
+#include "HelperCore/ChildRun.h"
 #include "TLFoundation/DescriptorShortage.h"
 #include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/Unicode.h"
@@ -97,7 +97,7 @@ std::expected<RunResult, GenerationErrorPayload> CLIRunner::run(
     child->terminate();
     process->awaitExit(Clock::time_point::max());
   }
-  process->awaitReaders(readersGrace);
+  process->awaitReaders();
 
   const bool wasCancelled = registration.end();
   if (!inTime) {
@@ -106,7 +106,7 @@ std::expected<RunResult, GenerationErrorPayload> CLIRunner::run(
         "The command didn’t finish within " + std::to_string(seconds) + " seconds."));
   }
   if (wasCancelled || (isEnding() && child->wasTerminated())) return cancelled();
-  return RunResult{.exitStatus = process->exitStatus(),
+  return RunResult{.exitStatus = process->end().number,
                    .standardOutput = Unicode::repairUTF8(process->standardOutput().contents()),
                    .standardError = Unicode::repairUTF8(process->standardError().contents())};
 } catch (const std::bad_alloc&) {

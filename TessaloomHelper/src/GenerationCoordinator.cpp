@@ -134,11 +134,7 @@ EngineStatus GenerationCoordinator::engineStatus(const EngineStatusRequest& requ
     environment = CLIInvocationBuilder::environment(user->homeDirectory, user->loginName,
                                                     temporaryDirectory_);
   }
-  const CLIInvocation probe{.executable = *executable,
-                            .arguments = {"--version"},
-                            .environment = std::move(environment),
-                            .workingDirectory = std::nullopt,
-                            .standardInput = std::nullopt};
+  const auto probe = CLIInvocationBuilder::versionProbe(*executable, std::move(environment));
   const auto run = runner_.run(probe, std::nullopt, request.engine, probeTimeLimit);
   if (run) {
     status.version = DisplayString::singleLine(Unicode::trimmed(run->standardOutput), versionLimit);

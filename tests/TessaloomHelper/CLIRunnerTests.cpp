@@ -24,7 +24,7 @@
 
 #include <gtest/gtest.h>
 
-#include "ChildRun.h"
+#include "HelperCore/ChildRun.h"
 #include "TessaloomHelper/CLIRunner.h"
 #include "support/TemporaryDirectory.h"
 

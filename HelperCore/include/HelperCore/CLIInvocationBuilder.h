@@ -35,6 +35,9 @@ std::vector<std::string> codexArguments(const std::optional<std::filesystem::pat
 std::vector<std::string> arguments(GenerationEngineID engine, GenerationShape shape,
                                    const std::optional<std::filesystem::path>& schemaFile);
 
+/// Asks an engine for its version.
+CLIInvocation versionProbe(std::filesystem::path executable, Environment environment);
+
 /// The standard-input text: the rules, the trimmed instructions when there are any, the task.
 std::string prompt(std::string_view instructions, std::string_view prompt);
 }  // namespace CLIInvocationBuilder

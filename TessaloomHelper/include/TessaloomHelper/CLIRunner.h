@@ -40,8 +40,6 @@ class ChildProcess;
 /// leave SIGCHLD at its default.
 class CLIRunner {
  public:
-  static constexpr std::chrono::seconds readersGrace{5};  ///< For output after the child's exit.
-
   /// `descriptorLimit` is what children get as their limit on descriptors, for a process that has
   /// raised its own (Linux only). `releaseDescriptors` closes what this process keeps open only for
   /// speed; it is called when a launch finds too many open files, before it is tried again.
@@ -62,7 +60,7 @@ class CLIRunner {
   ///
   /// Both output streams are read while the input is written. A stream that passes 4 MiB is read no
   /// further, so a child that goes on writing blocks until its deadline. A stream that some process
-  /// still has open `readersGrace` after the exit counts as empty.
+  /// still has open `ChildRun::readersGrace` after the exit counts as empty.
   std::expected<RunResult, GenerationErrorPayload> run(const CLIInvocation& invocation,
                                                        const std::optional<UUID>& requestID,
                                                        GenerationEngineID engine,
@@ -92,7 +90,7 @@ class CLIRunner {
 
   /// For a process that must exit: ends every run as `cancel` does, the unregistered ones too, and
   /// launches none later. Each of them reports `cancelled`, unless it has finished by itself.
-  /// Returns at once; the runs return to their callers within 3 seconds and `readersGrace`.
+  /// Returns at once; the runs return to their callers within 3 seconds and that grace.
   void endAll() TL_EXCLUDES(lock_);
 
  private:

@@ -12,11 +12,17 @@
 #include <vector>
 
 #include "HelperCore/CLIInvocation.h"
-#include "SpawnPlatform.h"
+#include "HelperCore/SpawnPlatform.h"
 #include "TLFoundation/FileDescriptor.h"
 #include "TLFoundation/Mutex.h"
 
 namespace tessaloom {
+
+/// How a child ended: its exit status, or the number of the signal that killed it.
+struct ChildEnd {
+  std::int32_t number;
+  bool wasKilled;
+};
 
 /// A child that leads its own process group. Only this class signals or reaps it: once it is reaped
 /// another process may get its pid, so both happen under one lock and the reaping is recorded.
@@ -63,8 +69,8 @@ class ChildProcess {
   /// Blocks until the child has exited. Does not reap it, so no other process can get its pid.
   void awaitExit() const;
 
-  /// Reaps an exited child. Returns the exit status, or the number of the signal that ended it.
-  std::int32_t reap() TL_EXCLUDES(lock_);
+  /// Reaps an exited child.
+  ChildEnd reap() TL_EXCLUDES(lock_);
 
   /// Kills the group and reaps: for a run that cannot go on. Does nothing after `reap`.
   void destroy() TL_EXCLUDES(lock_);

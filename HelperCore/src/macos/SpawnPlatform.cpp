@@ -1,4 +1,4 @@
-#include "SpawnPlatform.h"
+#include "HelperCore/SpawnPlatform.h"
 
 #include <fcntl.h>
 #include <signal.h>

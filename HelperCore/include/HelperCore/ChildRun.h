@@ -12,8 +12,8 @@
 #include <string_view>
 #include <utility>
 
-#include "ChildProcess.h"
 #include "HelperCore/CLIInvocation.h"
+#include "HelperCore/ChildProcess.h"
 #include "TLFoundation/FileDescriptor.h"
 
 namespace tessaloom {
@@ -70,6 +70,8 @@ class ChildRun {
  public:
   using Clock = ChildProcess::Clock;
 
+  static constexpr std::chrono::seconds readersGrace{5};  ///< For output after the child's exit.
+
   /// Fails with an errno value: no descriptor, no process, or nothing that could be executed. The
   /// invocation must outlive the object. See `SpawnPlatform::Program` for the limit.
   static std::expected<ChildRun, int> launch(const CLIInvocation& invocation,
@@ -84,11 +86,11 @@ class ChildRun {
   /// child gets none of its input before this.
   bool awaitExit(Clock::time_point deadline);
 
-  /// After the exit: reads until both streams are finished, at most for `grace`.
-  void awaitReaders(std::chrono::milliseconds grace);
+  /// After the exit: reads until both streams are finished, at most for `readersGrace`.
+  void awaitReaders();
 
-  /// The child's exit status, or the number of the signal that ended it.
-  std::int32_t exitStatus() const { return status_; }
+  /// How the child ended, once it has.
+  const ChildEnd& end() const { return end_; }
 
   const StreamReader& standardOutput() const { return output_; }
   const StreamReader& standardError() const { return error_; }
@@ -109,7 +111,7 @@ class ChildRun {
   StreamReader error_;
   StdinWriter input_;
   bool exited_ = false;
-  std::int32_t status_ = 0;
+  ChildEnd end_{};
 };
 
 }  // namespace tessaloom

@@ -1,4 +1,4 @@
-#include "ChildProcess.h"
+#include "HelperCore/ChildProcess.h"
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -24,13 +24,14 @@ bool isZombie(pid_t pid, int options) {
 }
 
 /// Takes a child that is known to have exited.
-std::int32_t statusOf(pid_t pid) {
-  constexpr std::int32_t unknown = -1;
+ChildEnd endOf(pid_t pid) {
+  constexpr ChildEnd unknown{-1, false};
   int status = 0;
   while (::waitpid(pid, &status, 0) < 0) {
     if (errno != EINTR) return unknown;
   }
-  return WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
+  return WIFSIGNALED(status) ? ChildEnd{WTERMSIG(status), true}
+                             : ChildEnd{WEXITSTATUS(status), false};
 }
 
 std::vector<std::string> argumentVector(const CLIInvocation& invocation) {
@@ -121,11 +122,11 @@ void ChildProcess::awaitExit() const {
   isZombie(pid_, 0);
 }
 
-std::int32_t ChildProcess::reap() {
+ChildEnd ChildProcess::reap() {
   const MutexLock locked(lock_);
   reaped_ = true;
   wake_.reset();
-  return statusOf(pid_);
+  return endOf(pid_);
 }
 
 void ChildProcess::destroy() {

@@ -1,4 +1,4 @@
-#include "ChildRun.h"
+#include "HelperCore/ChildRun.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -7,10 +7,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <limits>
 
-#include "SpawnPlatform.h"
+#include "HelperCore/SpawnPlatform.h"
 #include "TLFoundation/Pipe.h"
+#include "TLFoundation/PollTimeout.h"
 
 namespace tessaloom {
 
@@ -22,14 +22,6 @@ constexpr std::chrono::milliseconds exitPollInterval{20};
 /// Whether a read or write that failed so may succeed later.
 bool isPassing(int error) {
   return error == EINTR || error == EAGAIN;
-}
-
-/// What poll takes for a wait until `until`: rounded up, so that it never returns just before.
-int pollTimeout(ChildRun::Clock::time_point until) {
-  const auto rest = std::chrono::ceil<std::chrono::milliseconds>(
-      std::max(until - ChildRun::Clock::now(), ChildRun::Clock::duration::zero()));
-  constexpr std::int64_t longest = std::numeric_limits<int>::max();
-  return static_cast<int>(std::min<std::int64_t>(rest.count(), longest));
 }
 
 void empty(const FileDescriptor& pipe) {
@@ -112,12 +104,12 @@ bool ChildRun::awaitExit(Clock::time_point deadline) {
   }
   exit_.reset();
   wake_.reset();
-  status_ = child_->reap();
+  end_ = child_->reap();
   return true;
 }
 
-void ChildRun::awaitReaders(std::chrono::milliseconds grace) {
-  const auto end = Clock::now() + grace;
+void ChildRun::awaitReaders() {
+  const auto end = Clock::now() + readersGrace;
   while (!(output_.finished() && error_.finished()) && Clock::now() < end) moveBytes(end);
 }
 

@@ -1,4 +1,4 @@
-#include "SpawnPlatform.h"
+#include "HelperCore/SpawnPlatform.h"
 
 #include <linux/close_range.h>
 #include <sched.h>
