@@ -5,19 +5,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
-#include <limits>
 #include <system_error>
+
+#include "TLFoundation/PollTimeout.h"
 
 namespace tessaloom {
 namespace {
-
-/// The wait for poll(2), rounded up so that a deadline has passed when the wait has.
-int waitMilliseconds(std::optional<EventLoop::Clock::time_point> until) {
-  if (!until) return -1;
-  const auto left =
-      std::chrono::ceil<std::chrono::milliseconds>(*until - EventLoop::Clock::now()).count();
-  return static_cast<int>(std::clamp<decltype(left)>(left, 0, std::numeric_limits<int>::max()));
-}
 
 std::optional<EventLoop::Clock::time_point> earlier(std::optional<EventLoop::Clock::time_point> a,
                                                     std::optional<EventLoop::Clock::time_point> b) {
@@ -54,7 +47,8 @@ void EventLoop::waitOnce(std::optional<Clock::time_point> deadline) {
   std::optional<Clock::time_point> until = earlier(deadline, readiness.deadline);
   for (const Ticker& ticker : tickers_) until = earlier(until, ticker.next);
 
-  if (poll(polled.data(), static_cast<nfds_t>(polled.size()), waitMilliseconds(until)) < 0) {
+  if (poll(polled.data(), static_cast<nfds_t>(polled.size()), until ? pollTimeout(*until) : -1) <
+      0) {
     if (errno == EINTR) return;
     throw std::system_error(errno, std::generic_category(), "poll");
   }

@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "HelperProtocol/linux/BusCallback.h"
+#include "TLFoundation/PollTimeout.h"
 
 namespace tessaloom {
 
@@ -119,13 +120,12 @@ std::expected<BusMessage, int> BusRequests::callAndWait(sd_bus_message* call, De
 int BusRequests::wait(Deadline deadline, int interruption) const {
   const int events = sd_bus_get_events(bus_);
   if (events < 0) return events;
-  const auto left =
-      std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-  if (left.count() <= 0) return -ETIMEDOUT;
+  const int timeout = pollTimeout(deadline);
+  if (timeout == 0) return -ETIMEDOUT;
   std::array<pollfd, 2> watched{
       pollfd{.fd = sd_bus_get_fd(bus_), .events = static_cast<short>(events), .revents = 0},
       pollfd{.fd = interruption, .events = POLLIN, .revents = 0}};
-  if (::poll(watched.data(), watched.size(), static_cast<int>(left.count())) < 0) return -errno;
+  if (::poll(watched.data(), watched.size(), timeout) < 0) return -errno;
   return watched[1].revents != 0 ? -ECANCELED : 0;
 }
 
