@@ -78,6 +78,10 @@ const Command* findCommand(std::string_view name);
 /// The options of a command, the common ones included; of none, those alone.
 std::vector<OptionRule> optionsOf(const Command* command);
 
+/// The names by which --sort takes the columns of `ps` and `ports`; the first is the default.
+std::vector<std::string> processColumnNames();
+std::vector<std::string> portColumnNames();
+
 /// Prints what the last word may be completed to, a line "WORD\tDESCRIPTION" for each candidate.
 /// The shells' completion calls it.
 void printCompletions(std::span<const std::string> words);

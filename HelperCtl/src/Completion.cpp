@@ -20,18 +20,18 @@ struct Candidate {
 using Candidates = std::vector<Candidate>;
 
 /// How long a shell's completion may wait for the helper.
-constexpr std::chrono::seconds patience{2};
+constexpr std::chrono::seconds timeLimit{2};
 
-Candidates plain(std::initializer_list<std::string_view> words) {
+Candidates plain(const std::vector<std::string>& words) {
   Candidates candidates;
-  for (const std::string_view word : words) candidates.push_back({std::string(word)});
+  for (const std::string& word : words) candidates.push_back({word});
   return candidates;
 }
 
 /// The records that a method lists; none where the helper does not answer.
 template <class Record>
 std::vector<Record> listed(const Method& method) {
-  const CallReply reply = callOnce(method.name, std::nullopt, patience);
+  const CallReply reply = callOnce(method.name, std::nullopt, timeLimit);
   if (!reply) return {};
   return decodeReply<std::vector<Record>>(*reply).value_or(std::vector<Record>());
 }
@@ -73,7 +73,10 @@ Candidates valuesOf(WordKind kind) {
       }
       return candidates;
     case WordKind::shape:
-      return plain({wireValue(GenerationShape::freeText), wireValue(GenerationShape::itemFields)});
+      for (const auto shape : {GenerationShape::freeText, GenerationShape::itemFields}) {
+        candidates.push_back({std::string(wireValue(shape))});
+      }
+      return candidates;
     case WordKind::signal:
       return plain({"INT", "TERM", "KILL"});
     case WordKind::method:
@@ -86,9 +89,9 @@ Candidates valuesOf(WordKind kind) {
     case WordKind::port:
       return portCandidates();
     case WordKind::processColumn:
-      return plain({"pid", "command", "memory", "age", "terminal", "parent"});
+      return plain(processColumnNames());
     case WordKind::portColumn:
-      return plain({"port", "protocol", "process", "pid", "address"});
+      return plain(portColumnNames());
   }
   return candidates;
 }

@@ -107,6 +107,13 @@ bool matches(const PortSample& sample, const std::string& filter) {
          containsText(sample.processName(), filter);
 }
 
+template <class Record>
+std::vector<std::string> namesOf(const std::vector<ListingColumn<Record>>& columns) {
+  std::vector<std::string> names;
+  for (const auto& column : columns) names.push_back(lowered(column.column.title));
+  return names;
+}
+
 /// `ps` or `ports`: one method's records, narrowed, sorted, and shown once or again and again.
 template <class Record>
 class Listing {
@@ -140,7 +147,7 @@ CommandResult Listing<Record>::run() {
   }
   if (order_ == nullptr) {
     std::string titles;
-    for (const auto& column : columns_) titles += " " + lowered(column.column.title);
+    for (const std::string& name : namesOf(columns_)) titles += " " + name;
     return usageError("unknown column \"" + safeLine(order) + "\": use one of" + titles);
   }
   const bool json = arguments_.has(jsonOption.name);
@@ -261,6 +268,14 @@ ExitStatus killProcess(Transport& transport, ProcessID pid, Signal signal,
 }
 
 }  // namespace
+
+std::vector<std::string> processColumnNames() {
+  return namesOf(processColumns);
+}
+
+std::vector<std::string> portColumnNames() {
+  return namesOf(portColumns);
+}
 
 CommandResult runPs(const Arguments& arguments) {
   return Listing<ProcessSample>(methodNamed("ListProcesses"), processColumns, arguments).run();
