@@ -25,7 +25,7 @@ CallError noAnswer(std::chrono::seconds limit) {
 
 CallReply callAndWait(Transport& transport, std::string_view method,
                       const std::optional<Bytes>& body, std::optional<std::chrono::seconds> limit) {
-  CallReply reply = std::unexpected(noAnswer(limit.value_or(callPatience)));
+  CallReply reply = std::unexpected(noAnswer(limit.value_or(callTimeLimit)));
   bool isAnswered = false;
   EventLoop loop(transport);
   transport.call(std::string(method), body, [&](CallReply answer) {
@@ -34,7 +34,7 @@ CallReply callAndWait(Transport& transport, std::string_view method,
   });
   // Such a call usually takes no time, so a long wait is announced.
   bool isAnnounced = false;
-  if (limit == callPatience && Console::errorIsTerminal()) {
+  if (limit == callTimeLimit && Console::errorIsTerminal()) {
     loop.every(silence, [&isAnnounced] {
       if (std::exchange(isAnnounced, true)) return;
       Console::printToError(Console::styledForError(Console::Style::dim, waitingText) + "\n");

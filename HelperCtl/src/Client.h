@@ -14,7 +14,7 @@
 namespace tessaloom {
 
 /// How long a call that the helper answers at once, or after a short probe, may take.
-inline constexpr std::chrono::seconds callPatience{60};
+inline constexpr std::chrono::seconds callTimeLimit{60};
 
 /// The name of the error when a limit has passed.
 inline constexpr std::string_view timedOutError = "timedOut";
@@ -23,11 +23,11 @@ inline constexpr std::string_view timedOutError = "timedOut";
 /// disconnects.
 CallReply callAndWait(Transport& transport, std::string_view method,
                       const std::optional<Bytes>& body = std::nullopt,
-                      std::optional<std::chrono::seconds> limit = callPatience);
+                      std::optional<std::chrono::seconds> limit = callTimeLimit);
 
 /// The same over a new connection.
 CallReply callOnce(std::string_view method, const std::optional<Bytes>& body = std::nullopt,
-                   std::optional<std::chrono::seconds> limit = callPatience);
+                   std::optional<std::chrono::seconds> limit = callTimeLimit);
 
 /// Says on standard error why a call failed: for a person with what to do about it, or, with
 /// `json`, as one line holding an object {"error":{"name","domain","code","kind","message"}} of

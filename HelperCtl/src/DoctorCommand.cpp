@@ -32,13 +32,13 @@ using Console::safeLine;
 using enum Check::Outcome;
 
 /// How long the first call may take, with the helper's start and its decision about this program.
-constexpr std::chrono::seconds firstCallPatience{20};
+constexpr std::chrono::seconds firstCallTimeLimit{20};
 
 /// Whether the helper starts, accepts this program and answers. The first call may start it.
 Check checkAnswer(Transport& transport) {
   const auto start = std::chrono::steady_clock::now();
   const CallReply reply =
-      callAndWait(transport, methodNamed("ProtocolVersion").name, std::nullopt, firstCallPatience);
+      callAndWait(transport, methodNamed("ProtocolVersion").name, std::nullopt, firstCallTimeLimit);
   if (!reply && reply.error().name == timedOutError) {
     return {bad, "answer", reply.error().message, adviceForSilence()};
   }

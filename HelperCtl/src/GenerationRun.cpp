@@ -73,7 +73,7 @@ class GenerationRun {
  private:
   static constexpr std::chrono::milliseconds tickInterval{250};
 
-  bool isOver() const { return answer_ || cancelConfirmed_ || isImpatient_; }
+  bool isOver() const { return answer_ || cancelConfirmed_ || wasInterruptedTwice_; }
   void interrupted();
   void cancel();
   CallError cancelledError() const;
@@ -83,8 +83,8 @@ class GenerationRun {
   EventLoop loop_;
   ProgressLine progress_;
   TerminationSignals signals_;
-  int signal_ = 0;            ///< The first that came.
-  bool isImpatient_ = false;  ///< Whether a second one came.
+  int signal_ = 0;                    ///< The first that came.
+  bool wasInterruptedTwice_ = false;  ///< Whether a second one came.
   bool cancelUnderWay_ = false;
   bool cancelConfirmed_ = false;
   std::optional<CallReply> answer_;
@@ -113,7 +113,7 @@ void GenerationRun::interrupted() {
   const int number = signals_.take();
   if (number == 0) return;
   if (signal_ != 0) {
-    isImpatient_ = true;
+    wasInterruptedTwice_ = true;
     return;
   }
   signal_ = number;

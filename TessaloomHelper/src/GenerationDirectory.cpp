@@ -141,9 +141,9 @@ bool writeAll(const FileDescriptor& file, std::string_view text) {
 std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::path& directory) {
   // Another process may remove it each time before it is locked here, so the attempts are bounded
   // by time, not by number.
-  constexpr std::chrono::seconds patience{1};
+  constexpr std::chrono::seconds limit{1};
   constexpr std::chrono::milliseconds pause{1};  // Removing it takes less.
-  const auto end = std::chrono::steady_clock::now() + patience;
+  const auto end = std::chrono::steady_clock::now() + limit;
   for (;;) {
     auto opened = openLocked(directory, LOCK_SH);
     if (opened || std::chrono::steady_clock::now() > end) return opened;

@@ -30,7 +30,7 @@ namespace {
 using Console::safeLine;
 using enum Check::Outcome;
 
-constexpr std::chrono::seconds patience{5};
+constexpr std::chrono::seconds answerTimeLimit{5};
 constexpr const char* helperFile = "tessaloom-helper";
 
 /// What is asked of the bus itself.
@@ -45,7 +45,8 @@ class BusQuestions {
     if (!call) return std::unexpected(call.error());
     const int result = argument ? sd_bus_message_append(call->get(), "s", argument->c_str()) : 0;
     if (result < 0) return std::unexpected(-result);
-    auto reply = requests_.callAndWait(call->get(), std::chrono::steady_clock::now() + patience);
+    auto reply =
+        requests_.callAndWait(call->get(), std::chrono::steady_clock::now() + answerTimeLimit);
     if (reply && sd_bus_message_is_method_error(reply->get(), nullptr) > 0) {
       return std::unexpected(EBADMSG);
     }
@@ -172,9 +173,9 @@ std::vector<Check> checkWayToHelper() {
   if (const auto owner = checkBusOwner(bus)) return {*owner};
   if (const auto reply = bus.ask("GetId"); !reply) {
     return {{bad, "session bus",
-             reply.error() == ETIMEDOUT
-                 ? "it did not answer within " + std::to_string(patience.count()) + " seconds"
-                 : errnoText(reply.error()),
+             reply.error() == ETIMEDOUT ? "it did not answer within " +
+                                              std::to_string(answerTimeLimit.count()) + " seconds"
+                                        : errnoText(reply.error()),
              "Check that a session bus is running: echo $DBUS_SESSION_BUS_ADDRESS"}};
   }
   std::vector<Check> checks{{good, "session bus", "it answers"}};
