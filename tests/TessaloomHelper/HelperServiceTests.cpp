@@ -23,7 +23,8 @@ class HelperServiceTest : public testing::Test, protected ServiceWithoutEngines 
     EXPECT_EQ(replies.size(), 1U);
     EXPECT_EQ(runner.unfinishedCount(), 0U);
     if (const auto* bytes = std::get_if<Bytes>(&replies.at(0))) return *bytes;
-    return std::get<ReplyError>(replies.at(0)).localizedDescription;
+    const auto& error = std::get<ReplyError>(replies.at(0));
+    return std::to_string(error.code) + " " + error.localizedDescription;
   }
 
   bool kill(HelperService& asked, const char* body = R"({"pid":42,"signal":15})") {
@@ -48,13 +49,13 @@ TEST_F(HelperServiceTest, DecodesBeforeItMovesTheWork) {
   const std::string request =
       R"({"requestID":"6D1B1C5E-3C7A-4F52-9B0E-5B1F1E6C7A10","engine":"codex",)"
       R"("shape":"freeText","instructions":"","prompt":"x","timeout":5})";
-  EXPECT_EQ(call(service, "GenerateText", "{}"), "instructions is missing");
+  EXPECT_EQ(call(service, "GenerateText", "{}"), "3 instructions is missing");
   EXPECT_EQ(started, 0U);
-  EXPECT_EQ(call(service, "GenerateText", request), "launchFailed");
+  EXPECT_EQ(call(service, "GenerateText", request), "1 launchFailed");
   EXPECT_EQ(started, 1U);
   EXPECT_EQ(unfinished, 1U);
   tasks.isExhausted = true;
-  EXPECT_EQ(call(service, "GenerateText", request), "The helper is out of memory.");
+  EXPECT_EQ(call(service, "GenerateText", request), "0 The helper is out of memory.");
 }
 
 TEST_F(HelperServiceTest, ListsAsOfOneMomentAndRecordsAsOfTheNext) {
@@ -80,7 +81,7 @@ TEST_F(HelperServiceTest, SignalsOnlyWhatItsOwnConnectionListedLast) {
   // A listing that cannot be sent is none.
   context.maximumReplyBytes = 121;
   kernel.table = {ownRecord(99)};
-  EXPECT_EQ(call(service, "ListProcesses"), "The reply has 122 bytes, more than 121.");
+  EXPECT_EQ(call(service, "ListProcesses"), "2 The reply has 122 bytes, more than 121.");
   EXPECT_TRUE(kill(service));
   EXPECT_FALSE(kill(service, R"({"pid":99,"signal":15})"));
   context.maximumReplyBytes = 122;
