@@ -108,7 +108,7 @@ TEST(UnicodeTests, TrimsTheWhiteSpaceProperty) {
 }
 
 TEST(UnicodeTests, LowercasesFullyAndWithoutContext) {
-  EXPECT_EQ(Unicode::lowercased("README.MD\0@Z["s), "readme.md\0@z["s);
+  EXPECT_EQ(Unicode::lowercased("README.MD\0@Z[\u0080"s), "readme.md\0@z[\u0080"s);
   EXPECT_EQ(Unicode::lowercased("\u00C4\u1E9E\u01C5\U00010400"), "\u00E4\u00DF\u01C6\U00010428");
 }
 
