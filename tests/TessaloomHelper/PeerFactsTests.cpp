@@ -53,15 +53,17 @@ TEST(PeerFacts, ReportWhatAProcessRuns) {
   Child ended([] { return true; });
   ended.end();
   EXPECT_FALSE(readPeerFacts(std::exchange(ended.pid, -1), folder.path()));
-  const std::string program = folder / "program";
-  std::filesystem::copy_file("/bin/sh", program);
-  const Child child(
-      [&] { return ::execl(program.c_str(), "sh", "-c", "kill -STOP $$", nullptr) == 0; });
-  ASSERT_TRUE(child.isReady);
-  std::filesystem::remove(program);
-  const PeerFacts facts = readPeerFacts(child.pid, folder.path()).value();
-  EXPECT_TRUE(facts.sharesMountNamespace);
-  EXPECT_EQ(facts.executable, program);
+  for (const char* name : {"program", "program (deleted)"}) {
+    const std::string program = folder / name;
+    std::filesystem::copy_file("/bin/sh", program);
+    const Child child(
+        [&] { return ::execl(program.c_str(), "sh", "-c", "kill -STOP $$", nullptr) == 0; });
+    ASSERT_TRUE(child.isReady);
+    if (name == std::string("program")) std::filesystem::remove(program);
+    const PeerFacts facts = readPeerFacts(child.pid, folder.path()).value();
+    EXPECT_TRUE(facts.sharesMountNamespace);
+    EXPECT_EQ(facts.executable, program);
+  }
 }
 
 /// The user's runtime directory as Flatpak keeps it, with three instances in it.
@@ -136,10 +138,7 @@ TEST_F(FlatpakPeer, BelongsToAnInstanceByWhatOnlyTheHostCanWrite) {
 }
 
 TEST(KeyFile, HasAValueOnlyWhenNoReaderCouldFindAnother) {
-  const struct {
-    const char* text;
-    std::optional<std::string> name;
-  } rows[] = {
+  const std::pair<const char*, std::optional<std::string>> rows[] = {
       {"[Context]\nname=c\n[Application]\r\n#name=b\n name = a=b \r\n[Other]\nname=d", "a=b"},
       {"[Runtime]\nname=a\n", std::nullopt},
       {"name=a\n[Application]\n", std::nullopt},
@@ -148,8 +147,8 @@ TEST(KeyFile, HasAValueOnlyWhenNoReaderCouldFindAnother) {
       {"[Application\nname=a\n", std::nullopt},
       {"", std::nullopt},
   };
-  for (const auto& row : rows) {
-    EXPECT_EQ(keyFileValue(row.text, "Application", "name"), row.name) << row.text;
+  for (const auto& [text, name] : rows) {
+    EXPECT_EQ(keyFileValue(text, "Application", "name"), name) << text;
   }
 }
 
