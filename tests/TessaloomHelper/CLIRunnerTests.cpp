@@ -142,7 +142,7 @@ TEST_F(CLIRunnerTest, ReportsStatusAndBothStreams) {
     std::string output;
     std::string error;
   } rows[] = {
-      {"signal", {"signal=15"}, {}, SIGTERM, "", ""},
+      {"one byte, signal", {"stderr=", "signal=15"}, {}, SIGTERM, "", "\n"},
       {"diagnostics", {"stderr=it_failed", "exit=255"}, {}, 255, "", "it failed\n"},
       {"no input, ill-formed", {"echo-stdin", "invalid-utf8"}, {}, 0, "a\uFFFD\uFFFDz\n", ""},
       {"input fed while output is read", {"echo-stdin"}, large, 0, large, ""},
