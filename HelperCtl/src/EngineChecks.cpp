@@ -3,14 +3,16 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -78,7 +80,7 @@ std::string howToInstall(GenerationEngineID engine) {
 }
 
 /// The oldest version that knows all options that the helper uses.
-using Version = std::array<int, 3>;
+using Version = std::array<unsigned, 3>;
 constexpr Version minimumVersion(GenerationEngineID engine) {
   return engine == GenerationEngineID::codex ? Version{0, 169, 0} : Version{2, 1, 329};
 }
@@ -89,11 +91,22 @@ std::string text(const Version& version) {
 }
 
 /// The first three numbers that points join.
-std::optional<Version> versionIn(const std::string& line) {
-  static const std::regex pattern(R"((\d{1,6})\.(\d{1,6})\.(\d{1,6}))");
-  std::smatch match;
-  if (!std::regex_search(line, match, pattern)) return std::nullopt;
-  return Version{std::stoi(match[1]), std::stoi(match[2]), std::stoi(match[3])};
+std::optional<Version> versionIn(std::string_view line) {
+  for (; !line.empty(); line.remove_prefix(1)) {
+    Version version{};
+    std::string_view rest = line;
+    std::size_t count = 0;
+    while (count < version.size() && (count == 0 || rest.starts_with('.'))) {
+      if (count > 0) rest.remove_prefix(1);
+      const auto [end, error] =
+          std::from_chars(rest.data(), rest.data() + rest.size(), version[count]);
+      if (error != std::errc()) break;
+      rest = std::string_view(end, rest.data() + rest.size());
+      ++count;
+    }
+    if (count == version.size()) return version;
+  }
+  return std::nullopt;
 }
 
 struct EngineCheck {
