@@ -250,8 +250,8 @@ std::expected<Signal, UsageError> readSignal(const std::string& text) {
   return usageError("unknown signal \"" + safeLine(text) + "\": use INT, TERM or KILL");
 }
 
-ExitStatus killProcess(Transport& transport, ProcessID pid, Signal signal,
-                       const Arguments& arguments) {
+ExitStatus sendSignal(Transport& transport, ProcessID pid, Signal signal,
+                      const Arguments& arguments) {
   const Bytes body = HelperCoding::makeEncoder().encode(KillRequest{pid, signal});
   return showReply<KillResult>(
       callAndWait(transport, methodNamed("KillProcess").name, body), arguments,
@@ -303,7 +303,7 @@ CommandResult runKill(const Arguments& arguments) {
   if (!listing) return reportError(listing.error(), json);
   ExitStatus worst = ExitStatus::done;
   for (const ProcessID pid : targets) {
-    worst = std::max(worst, killProcess(**transport, pid, *signal, arguments));
+    worst = std::max(worst, sendSignal(**transport, pid, *signal, arguments));
   }
   return worst;
 }

@@ -61,7 +61,7 @@ bool BusRequests::isFromBus(sd_bus_message* message) {
   return sender != nullptr && std::string_view(sender) == busName;
 }
 
-std::expected<BusRequest, int> BusRequests::send(sd_bus_message* call, ReplyHandler handler) {
+std::expected<BusRequest, int> BusRequests::send(sd_bus_message* call, BusReplyHandler handler) {
   const char* destination = sd_bus_message_get_destination(call);
   if (destination == nullptr) return std::unexpected(EDESTADDRREQ);
   std::list<Call> fresh;
@@ -84,7 +84,8 @@ std::expected<BusRequest, int> BusRequests::send(sd_bus_message* call, ReplyHand
 }
 
 std::expected<BusRequest, int> BusRequests::watchOwner(const std::string& name,
-                                                       OwnerHandler changed, ReplyHandler refused) {
+                                                       OwnerHandler changed,
+                                                       BusReplyHandler refused) {
   std::list<Watch> fresh;
   Watch& watch = fresh.emplace_back();
   watch.id = ++lastId_;

@@ -60,7 +60,7 @@ class BusRequest {
 class BusRequests {
  public:
   /// Gets the reply, which may be an error.
-  using ReplyHandler = std::function<void(sd_bus_message* reply)>;
+  using BusReplyHandler = std::function<void(sd_bus_message* reply)>;
   /// Gets the unique name of the new owner; empty when there is none anymore.
   using OwnerHandler = std::function<void(std::string_view owner)>;
   using Deadline = std::chrono::steady_clock::time_point;
@@ -79,15 +79,15 @@ class BusRequests {
   static bool isFromBus(sd_bus_message* message);
 
   /// Sends a call. The errno when it could not be sent.
-  std::expected<BusRequest, int> send(sd_bus_message* call, ReplyHandler handler);
+  std::expected<BusRequest, int> send(sd_bus_message* call, BusReplyHandler handler);
 
   /// A call of a method of the bus itself, without arguments.
   std::expected<BusMessage, int> newBusCall(const char* method) const;
 
   /// Calls a method of the bus itself; `types` and `arguments` as for sd_bus_message_append().
   template <class... Arguments>
-  std::expected<BusRequest, int> askBus(const char* method, ReplyHandler handler, const char* types,
-                                        Arguments... arguments) {
+  std::expected<BusRequest, int> askBus(const char* method, BusReplyHandler handler,
+                                        const char* types, Arguments... arguments) {
     const auto call = newBusCall(method);
     if (!call) return std::unexpected(call.error());
     const int result = sd_bus_message_append(call->get(), types, arguments...);
@@ -98,7 +98,7 @@ class BusRequests {
   /// Reports every change of a name's owner that the bus makes after this; `refused` gets the error
   /// when the bus declines to report.
   std::expected<BusRequest, int> watchOwner(const std::string& name, OwnerHandler changed,
-                                            ReplyHandler refused);
+                                            BusReplyHandler refused);
 
   /// Sends a call and handles what the connection receives until the reply is there, which may be
   /// an error. The errno when that failed, ETIMEDOUT past the deadline, ECANCELED as soon as the
@@ -114,7 +114,7 @@ class BusRequests {
     std::uint64_t serial = 0;
     std::string destination;
     std::vector<std::string> repliers;  ///< Unique names, or the bus's.
-    ReplyHandler handler;
+    BusReplyHandler handler;
   };
 
   struct Watch {
