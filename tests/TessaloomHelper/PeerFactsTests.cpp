@@ -103,6 +103,7 @@ class FlatpakPeer : public testing::Test {
 
   TemporaryDirectory runtime;
   std::filesystem::path instances = runtime.path() / ".flatpak";
+  const FileDescriptor noPipe{::open("/dev/null", O_RDONLY)};
   Pipe pipe = makePipe().value();
 };
 
@@ -123,6 +124,9 @@ TEST_F(FlatpakPeer, BelongsToAnInstanceByWhatOnlyTheHostCanWrite) {
   EXPECT_EQ(applicationOf(impostor), "");
 
   describe("17", "18");
+  EXPECT_EQ(applicationOf(proxy), "");
+  describe("17", "17");
+  std::ofstream(instances / "17/info", std::ios::app) << "\n#" << std::string(65'536, 'x');
   EXPECT_EQ(applicationOf(proxy), "");
   describe("17", "17");
   std::filesystem::permissions(instances / "17", std::filesystem::perms(0777));
