@@ -14,7 +14,7 @@ namespace tessaloom {
 
 namespace {
 
-using Slot = ProcessScan::Slot;
+using Entry = ProcessScan::Entry;
 
 std::optional<std::uint64_t> readResidentBytes(const FileDescriptor& statm) {
   static const auto pageSize = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
@@ -47,26 +47,26 @@ std::uint64_t residentBytesOfThreads(const ProcFiles& proc, std::int32_t pid) {
   return 0;
 }
 
-void readAnew(ProcessScan& scan, Slot& slot) {
-  KnownProcess& known = slot.known;
-  slot.isRemembered = false;
+void readAnew(ProcessScan& scan, Entry& entry) {
+  KnownProcess& known = entry.known;
+  entry.isRemembered = false;
   const FileDescriptor stat = scan.open(known);
   if (!stat) return;
-  slot.residentBytes = residentBytes(scan, known);
+  entry.residentBytes = residentBytes(scan, known);
   if (!scan.readFacts(known, stat)) return;
   if (known.facts->isZombie && known.facts->threads > 1) {
-    slot.residentBytes = residentBytesOfThreads(scan.proc(), known.pid);
+    entry.residentBytes = residentBytesOfThreads(scan.proc(), known.pid);
     scan.readFacts(known, stat);
   }
 }
 
-void read(ProcessScan& scan, Slot& slot) {
-  KnownProcess& known = slot.known;
+void read(ProcessScan& scan, Entry& entry) {
+  KnownProcess& known = entry.known;
   if (scan.mayBeReused(known) && known.facts->terminal == 0) {
-    slot.residentBytes = residentBytes(scan, known);
-    slot.isRemembered = known.facts && known.probe.isUnchanged();
+    entry.residentBytes = residentBytes(scan, known);
+    entry.isRemembered = known.facts && known.probe.isUnchanged();
   }
-  if (!slot.isRemembered) readAnew(scan, slot);
+  if (!entry.isRemembered) readAnew(scan, entry);
 }
 
 /// The first process of the system cannot exit. Another parent is known to be alive when this
@@ -75,57 +75,57 @@ void read(ProcessScan& scan, Slot& slot) {
 bool isParentAlive(ProcessScan& scan, const ProcessFacts& facts) {
   constexpr std::int32_t firstProcess = 1;
   if (facts.parentPID == firstProcess) return true;
-  const Slot* parent = scan.find(facts.parentPID);
+  const Entry* parent = scan.find(facts.parentPID);
   if (parent == nullptr || !parent->known.facts) return false;
   return !parent->known.facts->isZombie && parent->known.facts->startTicks <= facts.startTicks;
 }
 
 void readOrphansAgain(ProcessScan& scan) {
-  std::vector<Slot*> orphans;
-  for (Slot& slot : scan.slots()) {
-    if (slot.isRemembered && !isParentAlive(scan, *slot.known.facts)) orphans.push_back(&slot);
+  std::vector<Entry*> orphans;
+  for (Entry& entry : scan.entries()) {
+    if (entry.isRemembered && !isParentAlive(scan, *entry.known.facts)) orphans.push_back(&entry);
   }
-  for (Slot* orphan : orphans) readAnew(scan, *orphan);
+  for (Entry* orphan : orphans) readAnew(scan, *orphan);
 }
 
 void readYoungAgain(ProcessScan& scan) {
-  std::vector<Slot*> young;
+  std::vector<Entry*> young;
   std::uint64_t lastTick = 0;
-  for (Slot& slot : scan.slots()) {
-    if (!slot.known.facts || !scan.isYoung(*slot.known.facts)) continue;
-    young.push_back(&slot);
-    lastTick = std::max(lastTick, slot.known.facts->startTicks);
+  for (Entry& entry : scan.entries()) {
+    if (!entry.known.facts || !scan.isYoung(*entry.known.facts)) continue;
+    young.push_back(&entry);
+    lastTick = std::max(lastTick, entry.known.facts->startTicks);
   }
   if (young.empty()) return;
   scan.clock().sleepPast(lastTick);
-  for (Slot* slot : young) {
-    const std::uint64_t startTicks = slot->known.facts->startTicks;
-    readAnew(scan, *slot);
+  for (Entry* entry : young) {
+    const std::uint64_t startTicks = entry->known.facts->startTicks;
+    readAnew(scan, *entry);
     // Another start: the process that was found has exited, and the new one came after the listing
     // began.
-    const auto& facts = slot->known.facts;
-    if (facts && facts->startTicks != startTicks) slot->known.forget();
+    const auto& facts = entry->known.facts;
+    if (facts && facts->startTicks != startTicks) entry->known.forget();
   }
 }
 
 }  // namespace
 
 std::vector<ProcessRecord> readProcessRecords(ProcessScan& scan) {
-  scan.forEachSlot([&scan](Slot& slot) { read(scan, slot); });
+  scan.forEachEntry([&scan](Entry& entry) { read(scan, entry); });
   readOrphansAgain(scan);
   readYoungAgain(scan);
 
   std::vector<ProcessRecord> records;
-  records.reserve(scan.slots().size());
-  for (const Slot& slot : scan.slots()) {
-    if (!slot.known.facts) continue;
-    const ProcessFacts& facts = *slot.known.facts;
-    records.push_back({.pid = slot.known.pid,
+  records.reserve(scan.entries().size());
+  for (const Entry& entry : scan.entries()) {
+    if (!entry.known.facts) continue;
+    const ProcessFacts& facts = *entry.known.facts;
+    records.push_back({.pid = entry.known.pid,
                        .parentPID = facts.parentPID,
                        .owner = scan.owner(),
                        .start = scan.clock().startTime(facts.startTicks),
                        .terminal = terminalName(facts.terminal),
-                       .residentBytes = slot.residentBytes,
+                       .residentBytes = entry.residentBytes,
                        .name = facts.name});
   }
   return records;

@@ -17,8 +17,8 @@ std::size_t countDescriptors(const std::vector<KnownProcess>& known) {
   return count;
 }
 
-std::int32_t pidOf(const ProcessScan::Slot& slot) {
-  return slot.known.pid;
+std::int32_t pidOf(const ProcessScan::Entry& entry) {
+  return entry.known.pid;
 }
 
 }  // namespace
@@ -36,22 +36,22 @@ ProcessScan::ProcessScan(const FileDescriptor& procDirectory, const BootClock& c
       budget_(countDescriptors(known)) {
   const auto pids = proc_.listNumbers(".");
   if (!pids) return;
-  slots_.resize(pids->size());
+  entries_.resize(pids->size());
   auto next = known.begin();
-  for (std::size_t i = 0; i < slots_.size(); ++i) {
+  for (std::size_t i = 0; i < entries_.size(); ++i) {
     const std::int32_t pid = (*pids)[i];
     while (next != known.end() && next->pid < pid) ++next;
     if (next != known.end() && next->pid == pid) {
-      slots_[i].known = std::move(*next);
+      entries_[i].known = std::move(*next);
     } else {
-      slots_[i].known.pid = pid;
+      entries_[i].known.pid = pid;
     }
   }
 }
 
-ProcessScan::Slot* ProcessScan::find(std::int32_t pid) {
-  const auto found = std::ranges::lower_bound(slots_, pid, {}, pidOf);
-  return found != slots_.end() && pidOf(*found) == pid ? &*found : nullptr;
+ProcessScan::Entry* ProcessScan::find(std::int32_t pid) {
+  const auto found = std::ranges::lower_bound(entries_, pid, {}, pidOf);
+  return found != entries_.end() && pidOf(*found) == pid ? &*found : nullptr;
 }
 
 FileDescriptor ProcessScan::open(KnownProcess& known) {
@@ -102,14 +102,14 @@ bool ProcessScan::staysTrue(const KnownProcess& known) const {
 std::vector<KnownProcess> ProcessScan::takeKnown() {
   std::vector<KnownProcess> known;
   known.reserve(static_cast<std::size_t>(
-      std::ranges::count_if(slots_, [](const Slot& slot) { return bool(slot.known.facts); })));
-  for (Slot& slot : slots_) {
-    if (!slot.known.facts) continue;
-    const bool isTrue = staysTrue(slot.known);
-    if (!isTrue || slot.sharesDescriptors) slot.known.sockets.reset();
-    if (!isTrue) slot.known.facts.reset();
-    slot.known.isFromEarlier = true;
-    known.push_back(std::move(slot.known));
+      std::ranges::count_if(entries_, [](const Entry& entry) { return bool(entry.known.facts); })));
+  for (Entry& entry : entries_) {
+    if (!entry.known.facts) continue;
+    const bool isTrue = staysTrue(entry.known);
+    if (!isTrue || entry.sharesDescriptors) entry.known.sockets.reset();
+    if (!isTrue) entry.known.facts.reset();
+    entry.known.isFromEarlier = true;
+    known.push_back(std::move(entry.known));
   }
   return known;
 }

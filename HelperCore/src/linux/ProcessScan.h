@@ -27,7 +27,7 @@ class ProcessScan {
   ProcessScan(const FileDescriptor& procDirectory, const BootClock& clock, std::uint32_t owner,
               std::chrono::nanoseconds idleAge, std::vector<KnownProcess> known, bool keep);
 
-  struct Slot {
+  struct Entry {
     KnownProcess known;  ///< Without facts after it was read: not one of the user's processes.
     std::uint64_t residentBytes = 0;
     bool isRemembered = false;  ///< The facts are those of an earlier listing.
@@ -36,13 +36,13 @@ class ProcessScan {
   };
 
   /// The processes of all users, by pid. Empty when /proc cannot be read.
-  std::vector<Slot>& slots() { return slots_; }
-  Slot* find(std::int32_t pid);
+  std::vector<Entry>& entries() { return entries_; }
+  Entry* find(std::int32_t pid);
 
-  /// Calls `read(slot)` for every slot, on several threads for long lists.
+  /// Calls `read(entry)` for every entry, on several threads for long lists.
   template <class Read>
-  void forEachSlot(const Read& read) {
-    forEachPart(slots_.size(), [&](std::size_t index) { read(slots_[index]); });
+  void forEachEntry(const Read& read) {
+    forEachPart(entries_.size(), [&](std::size_t index) { read(entries_[index]); });
   }
 
   /// Whether what is known holds if its probe is unchanged: between the age at which that means
@@ -90,7 +90,7 @@ class ProcessScan {
   const IdleProbe::Clock::time_point startedAt_;
   const std::uint64_t firstTick_;
   DescriptorBudget budget_;
-  std::vector<Slot> slots_;
+  std::vector<Entry> entries_;
 };
 
 }  // namespace tessaloom

@@ -13,13 +13,13 @@ namespace tessaloom {
 
 namespace {
 
-using Slot = ProcessScan::Slot;
+using Entry = ProcessScan::Entry;
 
 /// The descriptors that this process has open only to read others.
 std::vector<bool> keptDescriptors(ProcessScan& scan) {
   std::vector<bool> kept;
-  for (const Slot& slot : scan.slots()) {
-    for (const int number : {slot.known.statm.get(), slot.known.probe.descriptor()}) {
+  for (const Entry& entry : scan.entries()) {
+    for (const int number : {entry.known.statm.get(), entry.known.probe.descriptor()}) {
       if (number < 0) continue;
       const auto index = static_cast<std::size_t>(number);
       if (kept.size() <= index) kept.resize(2 * index + 1);
@@ -29,8 +29,8 @@ std::vector<bool> keptDescriptors(ProcessScan& scan) {
   return kept;
 }
 
-void read(ProcessScan& scan, Slot& slot, std::int32_t self) {
-  KnownProcess& known = slot.known;
+void read(ProcessScan& scan, Entry& entry, std::int32_t self) {
+  KnownProcess& known = entry.known;
   if (known.pid == self) return;
   if (known.sockets && scan.mayBeReused(known) && known.probe.isUnchanged()) return;
   const FileDescriptor stat = scan.open(known);
@@ -38,17 +38,17 @@ void read(ProcessScan& scan, Slot& slot, std::int32_t self) {
   known.sockets = readSocketDescriptors(scan.proc(), known.pid);
   if (!scan.readFacts(known, stat)) return;
   if (known.facts->threads > 1) {
-    slot.namespaceMembers = addSocketsOfThreads(scan.proc(), known.pid, *known.sockets);
+    entry.namespaceMembers = addSocketsOfThreads(scan.proc(), known.pid, *known.sockets);
     if (!scan.readFacts(known, stat)) return;
   }
   // Kernel threads share a table that is always empty.
-  slot.sharesDescriptors = !known.facts->isKernelThread &&
-                           shareDescriptors(known.pid, known.facts->parentPID).value_or(false);
+  entry.sharesDescriptors = !known.facts->isKernelThread &&
+                            shareDescriptors(known.pid, known.facts->parentPID).value_or(false);
 }
 
 /// Last, when the others' descriptors are known.
 void readOwn(ProcessScan& scan, std::int32_t self) {
-  Slot* own = scan.find(self);
+  Entry* own = scan.find(self);
   if (own == nullptr) return;
   const FileDescriptor stat = scan.open(own->known);
   if (!stat || !scan.readFacts(own->known, stat)) return;
@@ -56,9 +56,9 @@ void readOwn(ProcessScan& scan, std::int32_t self) {
 }
 
 void markSharingParents(ProcessScan& scan) {
-  for (const Slot& slot : scan.slots()) {
-    if (!slot.sharesDescriptors) continue;
-    if (Slot* parent = scan.find(slot.known.facts->parentPID)) parent->sharesDescriptors = true;
+  for (const Entry& entry : scan.entries()) {
+    if (!entry.sharesDescriptors) continue;
+    if (Entry* parent = scan.find(entry.known.facts->parentPID)) parent->sharesDescriptors = true;
   }
 }
 
@@ -70,9 +70,9 @@ void addForeignNamespaces(ProcessScan& scan, SocketTable& table) {
   const auto add = [&](std::uint32_t network, std::int32_t member) {
     if (network != 0 && network != own) table.addFrom(scan.proc(), member, namespaces[network]);
   };
-  for (const Slot& slot : scan.slots()) {
-    if (slot.known.sockets) add(slot.known.sockets->networkNamespace, slot.known.pid);
-    for (const NamespaceMember& each : slot.namespaceMembers) {
+  for (const Entry& entry : scan.entries()) {
+    if (entry.known.sockets) add(entry.known.sockets->networkNamespace, entry.known.pid);
+    for (const NamespaceMember& each : entry.namespaceMembers) {
       add(each.networkNamespace, each.thread);
     }
   }
@@ -84,21 +84,21 @@ std::vector<SocketHolder> readSocketHolders(ProcessScan& scan) {
   SocketTable table;
   table.addOwnNamespace(scan.proc());
   const std::int32_t self = getpid();
-  scan.forEachSlot([&scan, self](Slot& slot) { read(scan, slot, self); });
+  scan.forEachEntry([&scan, self](Entry& entry) { read(scan, entry, self); });
   readOwn(scan, self);
   markSharingParents(scan);
   addForeignNamespaces(scan, table);
 
   std::vector<SocketHolder> holders;
-  for (const Slot& slot : scan.slots()) {
-    if (!slot.known.facts || !slot.known.sockets) continue;
+  for (const Entry& entry : scan.entries()) {
+    if (!entry.known.facts || !entry.known.sockets) continue;
     SocketHolder holder;
-    for (const std::uint32_t inode : slot.known.sockets->inodes) {
+    for (const std::uint32_t inode : entry.known.sockets->inodes) {
       if (const SocketInfo* socket = table.find(inode)) holder.sockets.push_back(*socket);
     }
     if (holder.sockets.empty()) continue;
-    holder.pid = slot.known.pid;
-    holder.name = slot.known.facts->name;
+    holder.pid = entry.known.pid;
+    holder.name = entry.known.facts->name;
     holders.push_back(std::move(holder));
   }
   return holders;

@@ -33,11 +33,11 @@ class BusCall : public CompletionQueue::Completion {
   CallOutcome outcome;  ///< Written by the worker, before it posts the completion.
 
  protected:
-  BusCall(BusMessage callMessage, const Method& calledMethod,
-          std::shared_ptr<PeerConnection> caller, CallWeight callWeight)
+  BusCall(BusMessage callMessage, const Method& calledMethod, std::shared_ptr<PeerConnection> peer,
+          CallWeight callWeight)
       : message(std::move(callMessage)),
         method(calledMethod),
-        connection(std::move(caller)),
+        connection(std::move(peer)),
         weight(callWeight) {}
 };
 

@@ -239,8 +239,8 @@ std::set<pid_t> everRemembered(pid_t wanted, std::chrono::nanoseconds idleAge, i
   for (int listing = 0; listing < listings && !remembered.contains(wanted); ++listing) {
     ProcessScan scan(procDirectory, clock, getuid(), idleAge, std::move(known), true);
     readProcessRecords(scan);
-    for (const auto& slot : scan.slots()) {
-      if (slot.isRemembered) remembered.insert(slot.known.pid);
+    for (const auto& entry : scan.entries()) {
+      if (entry.isRemembered) remembered.insert(entry.known.pid);
     }
     known = scan.takeKnown();
     std::this_thread::sleep_for(shortIdleAge);
