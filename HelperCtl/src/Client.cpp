@@ -1,5 +1,6 @@
 #include "Client.h"
 
+#include <memory>
 #include <utility>
 
 #include <nlohmann/json.hpp>
@@ -25,13 +26,11 @@ CallError noAnswer(std::chrono::seconds limit) {
 
 CallReply callAndWait(Transport& transport, std::string_view method,
                       const std::optional<Bytes>& body, std::optional<std::chrono::seconds> limit) {
-  CallReply reply = std::unexpected(noAnswer(limit.value_or(callTimeLimit)));
-  bool isAnswered = false;
+  // Shared with the handler, which the transport keeps beyond the time limit.
+  const auto answer = std::make_shared<std::optional<CallReply>>();
   EventLoop loop(transport);
-  transport.call(std::string(method), body, [&](CallReply answer) {
-    reply = std::move(answer);
-    isAnswered = true;
-  });
+  transport.call(std::string(method), body,
+                 [answer](CallReply reply) { *answer = std::move(reply); });
   // Such a call usually takes no time, so a long wait is announced.
   bool isAnnounced = false;
   if (limit == callTimeLimit && Console::errorIsTerminal()) {
@@ -42,8 +41,9 @@ CallReply callAndWait(Transport& transport, std::string_view method,
   }
   std::optional<EventLoop::Clock::time_point> deadline;
   if (limit) deadline = EventLoop::Clock::now() + *limit;
-  loop.run([&isAnswered] { return isAnswered; }, deadline);
-  return reply;
+  loop.run([&answer] { return answer->has_value(); }, deadline);
+  if (!*answer) return std::unexpected(noAnswer(limit.value_or(callTimeLimit)));
+  return std::move(**answer);
 }
 
 CallReply callOnce(std::string_view method, const std::optional<Bytes>& body,
