@@ -93,7 +93,8 @@ private_bus_start() {
       return 1
     fi
   done
-  PRIVATE_BUS_ROOT=$(mktemp -d "${TMPDIR:-/tmp}/tessaloom-bus-XXXXXX")
+  # Not below TMPDIR: the path is part of addresses, which escape most characters, and of sockets, which may not be long.
+  PRIVATE_BUS_ROOT=$(mktemp -d /tmp/tessaloom-bus-XXXXXX)
   PRIVATE_BUS_HOME=$PRIVATE_BUS_ROOT/home
   export PRIVATE_BUS_LOG=$PRIVATE_BUS_ROOT/log
   (
@@ -125,8 +126,8 @@ private_bus_stop() {
   local helper attempts=0
   if [[ -n $private_bus_pid ]]; then
     helper=$(private_bus_helper_pid)
-    kill "$private_bus_pid" 2>/dev/null
-    wait "$private_bus_pid" 2>/dev/null
+    kill "$private_bus_pid" 2>/dev/null || true
+    wait "$private_bus_pid" 2>/dev/null || true
     private_bus_pid=
     # A helper without a bus exits by itself.
     while [[ -n $helper ]] && private_bus_runs "$helper"; do
