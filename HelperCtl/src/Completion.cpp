@@ -114,7 +114,7 @@ Candidates positionalCandidates(const Command& command, std::size_t index) {
 
 Candidates candidatesFor(std::span<const std::string> before, const std::string& current) {
   const Command* command = nullptr;
-  const bool isHelp = !before.empty() && before.front() == "help";
+  bool isHelp = false;
   bool awaitsValue = false;  // Whether the next word is the value of an option.
   WordKind valueKind = WordKind::text;
   bool optionsEnded = false;
@@ -132,6 +132,8 @@ Candidates candidatesFor(std::span<const std::string> before, const std::string&
       if (rule == nullptr || rule->valueName.empty() || hasValue) continue;
       awaitsValue = true;
       valueKind = rule->valueKind;
+    } else if (command == nullptr && !isHelp && word == "help") {
+      isHelp = true;
     } else if (command == nullptr && !isHelp) {
       command = findCommand(word);
       if (command == nullptr) return {};
@@ -149,7 +151,7 @@ Candidates candidatesFor(std::span<const std::string> before, const std::string&
     for (Candidate& value : values) value.word.insert(0, current.substr(0, equals + 1));
     return values;
   }
-  if (isHelp && positionals > 1) return {};
+  if (isHelp && positionals > 0) return {};
   if (command == nullptr) return valuesOf(WordKind::command);
   return positionalCandidates(*command, positionals);
 }

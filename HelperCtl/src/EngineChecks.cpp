@@ -92,7 +92,8 @@ std::string text(const Version& version) {
 
 /// The first three numbers that points join.
 std::optional<Version> versionIn(std::string_view line) {
-  for (; !line.empty(); line.remove_prefix(1)) {
+  constexpr std::string_view digits = "0123456789";
+  while (!line.empty()) {
     Version version{};
     std::string_view rest = line;
     std::size_t count = 0;
@@ -105,6 +106,8 @@ std::optional<Version> versionIn(std::string_view line) {
       ++count;
     }
     if (count == version.size()) return version;
+    // None begins in the middle of a number.
+    line.remove_prefix(std::clamp<std::size_t>(line.find_first_not_of(digits), 1, line.size()));
   }
   return std::nullopt;
 }

@@ -1,3 +1,4 @@
+#include <csignal>
 #include <exception>
 #include <string>
 #include <vector>
@@ -8,6 +9,8 @@
 int main(int argc, char** argv) {
   using namespace tessaloom;
   const std::vector<std::string> words(argv + (argc > 0 ? 1 : 0), argv + argc);
+  // Ignored, as some programs leave it to those that they start, it would hide how a child ended.
+  (void)std::signal(SIGCHLD, SIG_DFL);
   try {
     return static_cast<int>(runCommandLine(words));
   } catch (const std::exception& error) {

@@ -122,7 +122,8 @@ void BusTransport::call(const std::string& method, const std::optional<Bytes>& b
                         Handler handler) {
   const auto pending = pending_.emplace(pending_.end(), std::move(handler), BusRequest());
   if (lost_) return loseConnection(ECONNRESET);
-  if (sd_bus_member_name_is_valid(method.c_str()) <= 0) {
+  // A NUL would end the name early.
+  if (method.contains('\0') || sd_bus_member_name_is_valid(method.c_str()) <= 0) {
     return finish(pending, std::unexpected(makeError(CallError::Category::answered,
                                                      SD_BUS_ERROR_UNKNOWN_METHOD,
                                                      "\"" + method + "\" is not a method name.")));
