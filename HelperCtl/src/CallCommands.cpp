@@ -1,5 +1,6 @@
 #include "CallCommands.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -95,7 +96,10 @@ std::string readStandardInput() {
     const ssize_t count = ::read(STDIN_FILENO, text.data() + before, 65'536);
     text.resize(before + (count > 0 ? static_cast<std::size_t>(count) : 0));
     if (count == 0) return text;
-    if (count < 0 && errno != EINTR) {
+    if (count < 0 && errno == EAGAIN) {
+      pollfd input{STDIN_FILENO, POLLIN, 0};
+      (void)::poll(&input, 1, -1);
+    } else if (count < 0 && errno != EINTR) {
       throw std::system_error(errno, std::generic_category(), "standard input cannot be read");
     }
   }

@@ -31,7 +31,7 @@ ExitStatus showReply(const CallReply& reply, const Arguments& arguments, Show sh
   if (!reply) return reportError(reply.error(), json);
   if (json) Console::printJSON(*reply);
   const auto record = decodeReply<Record>(*reply);
-  if (!record) return reportUnreadableReply(record.error());
+  if (!record) return reportUnreadableReply(record.error(), json);
   if (!json) show(*record);
   return statusOf(*record);
 }

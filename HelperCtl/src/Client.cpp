@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "EventLoop.h"
+#include "TLFoundation/ErrnoText.h"
 
 namespace tessaloom {
 namespace {
@@ -74,10 +75,17 @@ ExitStatus reportError(const CallError& error, bool json) {
                                                             : ExitStatus::refused;
 }
 
-ExitStatus reportUnreadableReply(std::string_view problem) {
-  Console::printError("the helper's reply could not be read: " + Console::safeLine(problem),
-                      "The helper may be of another version: tessaloom-helperctl freshness");
-  return ExitStatus::refused;
+ExitStatus reportUnreadableReply(std::string_view problem, bool json) {
+  CallError error{CallError::Category::answered, "unreadableReply",
+                  "the helper's reply could not be read: " + std::string(problem)};
+  error.advice = "The helper may be of another version: tessaloom-helperctl freshness";
+  return reportError(error, json);
+}
+
+ExitStatus reportOutputError(int error, bool json) {
+  return reportError({CallError::Category::answered, "output",
+                      "the output could not be written: " + errnoText(error)},
+                     json);
 }
 
 }  // namespace tessaloom

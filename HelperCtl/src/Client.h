@@ -34,8 +34,10 @@ CallReply callOnce(std::string_view method, const std::optional<Bytes>& body = s
 /// what came.
 ExitStatus reportError(const CallError& error, bool json);
 
-/// Says that a reply is not the record that was expected.
-ExitStatus reportUnreadableReply(std::string_view problem);
+/// Says in the same way that a reply is not the record that was expected, or that standard output
+/// could not be written, with the errno.
+ExitStatus reportUnreadableReply(std::string_view problem, bool json);
+ExitStatus reportOutputError(int error, bool json);
 
 /// The record of a reply's body, or what is wrong with the body.
 template <class Record>

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cctype>
+#include <exception>
 #include <iterator>
 #include <optional>
 #include <string>
@@ -172,9 +173,16 @@ std::string helpOf(const Command& command) {
   return text;
 }
 
+/// The exit status once all output is written.
+ExitStatus flushed(ExitStatus status, bool json) {
+  const int error = Console::flushOutput();
+  if (error == 0) return status;
+  return std::max(status, reportOutputError(error, json));
+}
+
 ExitStatus printAndExit(std::string_view text) {
   Console::print(text);
-  return Console::flushOutput() ? ExitStatus::done : ExitStatus::refused;
+  return flushed(ExitStatus::done, false);
 }
 
 ExitStatus refuseUsage(const UsageError& error, const Command* command, bool json) {
@@ -208,10 +216,13 @@ ExitStatus runCommand(const Command& command, std::span<const std::string> words
   if (const auto error = checkCount(command, arguments->positionals())) {
     return refuseUsage(*error, &command, json);
   }
-  const CommandResult result = command.run(*arguments);
-  if (!result) return refuseUsage(result.error(), &command, json);
-  if (!Console::flushOutput() && *result == ExitStatus::done) return ExitStatus::refused;
-  return *result;
+  try {
+    const CommandResult result = command.run(*arguments);
+    if (!result) return refuseUsage(result.error(), &command, json);
+    return flushed(*result, json);
+  } catch (const std::exception& error) {
+    return reportError({CallError::Category::answered, "failed", error.what()}, json);
+  }
 }
 
 /// `help` and `help COMMAND`.

@@ -25,6 +25,9 @@ constexpr std::size_t usualWidth = 80;
 /// More than any message of the helper or the bus says.
 constexpr std::int64_t lineLimit = 4'000;
 
+/// The errno of the first write to standard output that failed. One thread prints.
+int outputError = 0;
+
 std::string_view environment(const char* name) {
   const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): one thread, no setenv.
   return value == nullptr ? std::string_view() : std::string_view(value);
@@ -119,6 +122,9 @@ bool outputIsTerminal() {
 bool errorIsTerminal() {
   return isatty(STDERR_FILENO) != 0;
 }
+bool canRedrawOutput() {
+  return outputIsTerminal() && !isDumb();
+}
 bool canRedrawErrorLine() {
   return errorIsTerminal() && !isDumb() && tcgetpgrp(STDERR_FILENO) == getpgrp();
 }
@@ -144,7 +150,8 @@ std::string styledForError(Style style, std::string_view text) {
 
 void print(std::string_view text) {
   const std::string shown = shownOn(outputIsTerminal(), text);
-  (void)std::fwrite(shown.data(), 1, shown.size(), stdout);  // Reported by flushOutput.
+  const std::size_t written = std::fwrite(shown.data(), 1, shown.size(), stdout);
+  if (written < shown.size() && outputError == 0) outputError = errno;
 }
 
 void printBody(std::string_view body) {
@@ -161,14 +168,9 @@ void printJSON(std::string_view text) {
   if (!text.ends_with('\n')) print("\n");
 }
 
-bool flushOutput() {
-  const bool flushed = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
-  if (!flushed) printError(outputErrorText(errno));
-  return flushed;
-}
-
-std::string outputErrorText(int error) {
-  return "the output could not be written: " + errnoText(error);
+int flushOutput() {
+  if (std::fflush(stdout) != 0 && outputError == 0) outputError = errno;
+  return outputError;
 }
 
 void printError(std::string_view message, std::string_view advice) {

@@ -23,8 +23,9 @@ enum class Style { bold, dim, good, bad };
 bool inputIsTerminal();
 bool outputIsTerminal();
 bool errorIsTerminal();
-/// Whether standard error is a terminal that understands cursor movements, and this process is in
-/// its foreground.
+/// Whether standard output is a terminal that understands cursor movements.
+bool canRedrawOutput();
+/// The same of standard error, and whether this process is in its foreground.
 bool canRedrawErrorLine();
 
 /// Columns of the terminal behind standard output (COLUMNS, then 80, where it does not report
@@ -47,10 +48,8 @@ void print(std::string_view text);
 void printBody(std::string_view body);
 /// Writes a JSON text and ends the line; on a terminal indented.
 void printJSON(std::string_view text);
-/// Whether everything that was printed has been written; reports it on standard error if not.
-bool flushOutput();
-/// The message for a failure to write to standard output with this errno.
-std::string outputErrorText(int error);
+/// Writes what has been printed. 0, or the errno of the first write to standard output that failed.
+int flushOutput();
 
 /// One message on standard error, after the program's name; `advice`, if any, on a line of its own.
 void printError(std::string_view message, std::string_view advice = {});

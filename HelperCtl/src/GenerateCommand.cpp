@@ -133,10 +133,11 @@ bool isForAnother(const Bytes& reply, const UUID& id) {
 
 ExitStatus showGeneration(CallReply reply, const GenerationRequest& request,
                           const Arguments& arguments) {
+  const bool json = arguments.has(jsonOption.name);
   if (reply && isForAnother(*reply, request.requestID())) {
-    return reportUnreadableReply("it is about another generation");
+    return reportUnreadableReply("it is about another generation", json);
   }
-  if (!reply && !arguments.has(jsonOption.name)) {
+  if (!reply && !json) {
     reply = std::unexpected(explainGenerationError(reply.error(), request.engine()));
   }
   return showReply<GenerationResult>(reply, arguments, showResult);
@@ -157,7 +158,9 @@ CommandResult runGenerate(const Arguments& arguments) {
   auto [reply, signal] = runGeneration(**transport, *request);
   const ExitStatus status = showGeneration(std::move(reply), *request, arguments);
   if (signal != 0) {
-    Console::flushOutput();
+    if (const int error = Console::flushOutput()) {
+      reportOutputError(error, arguments.has(jsonOption.name));
+    }
     dieBySignal(signal);
   }
   return status;

@@ -151,8 +151,8 @@ CommandResult Listing<Record>::run() {
     return usageError("unknown column \"" + safeLine(order) + "\": use one of" + titles);
   }
   const bool json = arguments_.has(jsonOption.name);
-  if (arguments_.has(watchOption.name) && (json || !Console::outputIsTerminal())) {
-    return usageError("--watch needs a terminal, and no --json");
+  if (arguments_.has(watchOption.name) && (json || !Console::canRedrawOutput())) {
+    return usageError("--watch needs a terminal that can be redrawn, and no --json");
   }
   const auto transport = openTransport();
   if (!transport) return reportError(transport.error(), json);
@@ -160,7 +160,7 @@ CommandResult Listing<Record>::run() {
   const CallReply reply = callAndWait(**transport, method_.name);
   if (json && reply && (arguments_.has("--sort") || !arguments_.positionals().empty())) {
     auto records = decodeReply<std::vector<Record>>(*reply);
-    if (!records) return reportUnreadableReply(records.error());
+    if (!records) return reportUnreadableReply(records.error(), json);
     choose(*records);
     Console::printJSON(HelperCoding::makeEncoder().encode(*records));
     return ExitStatus::done;
@@ -217,7 +217,6 @@ void Listing<Record>::redraw(std::vector<Record> records) const {
   std::string screen = "\033[H";
   for (const std::string& line : all) screen += line + "\033[K\n";
   Console::print(screen + "\033[J");
-  Console::flushOutput();
 }
 
 template <class Record>
@@ -226,8 +225,9 @@ ExitStatus Listing<Record>::watch(Transport& transport) const {
     const CallReply reply = callAndWait(transport, method_.name);
     if (!reply) return reportError(reply.error(), false);
     auto records = decodeReply<std::vector<Record>>(*reply);
-    if (!records) return reportUnreadableReply(records.error());
+    if (!records) return reportUnreadableReply(records.error(), false);
     redraw(*std::move(records));
+    if (Console::flushOutput() != 0) return ExitStatus::done;
     EventLoop(transport).run([] { return false; }, EventLoop::Clock::now() + watchInterval);
   }
 }
@@ -304,6 +304,7 @@ CommandResult runKill(const Arguments& arguments) {
   ExitStatus worst = ExitStatus::done;
   for (const ProcessID pid : targets) {
     worst = std::max(worst, sendSignal(**transport, pid, *signal, arguments));
+    if (worst == ExitStatus::unreachable) break;
   }
   return worst;
 }

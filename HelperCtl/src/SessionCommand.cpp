@@ -26,7 +26,7 @@ namespace {
 /// caller may write all its lines before it reads the first reply, and it may stop reading.
 class Session {
  public:
-  explicit Session(Transport& transport) : transport_(transport), loop_(transport) {}
+  Session(Transport& transport, bool json) : transport_(transport), json_(json), loop_(transport) {}
 
   ExitStatus run();
 
@@ -53,6 +53,7 @@ class Session {
   void write(short events);
 
   Transport& transport_;
+  const bool json_;  ///< Whether an error of the session itself is shown as JSON.
   EventLoop loop_;
   std::string input_;  ///< What was read, of which lines up to `taken_` have been taken.
   std::size_t taken_ = 0;
@@ -84,8 +85,7 @@ ExitStatus Session::run() {
     return isOver();
   });
   if (outputError_ != 0) {
-    Console::printError(Console::outputErrorText(outputError_));
-    return ExitStatus::refused;
+    return reportOutputError(outputError_, json_);
   }
   return unreachable_ ? ExitStatus::unreachable : ExitStatus::done;
 }
@@ -188,9 +188,10 @@ void Session::write(short events) {
 }  // namespace
 
 CommandResult runSession(const Arguments& arguments) {
+  const bool json = arguments.has(jsonOption.name);
   const auto transport = openTransport();
-  if (!transport) return reportError(transport.error(), arguments.has(jsonOption.name));
-  return Session(**transport).run();
+  if (!transport) return reportError(transport.error(), json);
+  return Session(**transport, json).run();
 }
 
 }  // namespace tessaloom
