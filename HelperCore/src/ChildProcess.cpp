@@ -75,10 +75,14 @@ bool ChildProcess::isRunning() const {
   return !reaped_ && !isZombie(pid_, WNOHANG);
 }
 
+pid_t ChildProcess::killTarget() const {
+  return ::getpgid(pid_) == pid_ ? -pid_ : pid_;
+}
+
 bool ChildProcess::terminate() {
   const MutexLock locked(lock_);
   if (!isRunning()) return false;
-  const pid_t target = ::getpgid(pid_) == pid_ ? -pid_ : pid_;
+  const pid_t target = killTarget();
   // After an earlier kill of the same target there is nothing to do.
   if (std::ranges::find(kills_, target, &Kill::target) == kills_.end()) {
     kills_.push_back({Clock::now() + killDelay, target});
@@ -134,7 +138,7 @@ void ChildProcess::destroy() {
     const MutexLock locked(lock_);
     if (reaped_) return;
     // A group that has lost its leader is left alone, here as elsewhere.
-    if (isRunning()) ::kill(-pid_, SIGKILL);
+    if (isRunning()) ::kill(killTarget(), SIGKILL);
   }
   awaitExit();
   reap();

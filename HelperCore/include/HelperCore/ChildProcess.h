@@ -72,7 +72,8 @@ class ChildProcess {
   /// Reaps an exited child.
   ChildEnd reap() TL_EXCLUDES(lock_);
 
-  /// Kills the group and reaps: for a run that cannot go on. Does nothing after `reap`.
+  /// Kills the group, or the child alone if it has left its group, and reaps: for a run that cannot
+  /// go on. Does nothing after `reap`.
   void destroy() TL_EXCLUDES(lock_);
 
  private:
@@ -82,6 +83,8 @@ class ChildProcess {
   };
 
   bool isRunning() const TL_REQUIRES(lock_);
+  /// The group as kill(2) takes it, or the child alone if it has left its group.
+  pid_t killTarget() const TL_REQUIRES(lock_);
 
   pid_t pid_ = 0;  ///< Constant once launched.
   mutable Mutex lock_;
