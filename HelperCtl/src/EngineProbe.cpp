@@ -8,7 +8,6 @@
 #include "Console.h"
 #include "HelperCore/CLIInvocationBuilder.h"
 #include "HelperCore/ChildRun.h"
-#include "HelperCore/PerUserTemporaryDirectory.h"
 #include "TLFoundation/ErrnoText.h"
 
 namespace tessaloom {
@@ -44,8 +43,7 @@ EngineProbe hungProbe() {
 
 EngineProbe probeEngine(const std::filesystem::path& executable, const CurrentUser& user) {
   const auto invocation = CLIInvocationBuilder::versionProbe(
-      executable, CLIInvocationBuilder::environment(user.homeDirectory, user.loginName,
-                                                    perUserTemporaryDirectory()));
+      executable, CLIInvocationBuilder::environment(user.homeDirectory, user.loginName, "/tmp"));
   auto run = ChildRun::launch(invocation, std::nullopt);
   if (!run) return {"", startProblem(run.error(), executable)};
   if (!run->awaitExit(ChildRun::Clock::now() + probeTimeLimit)) return hungProbe();

@@ -16,7 +16,8 @@ struct EngineProbe {
 /// The outcome for an engine that did not end within `probeTimeLimit`.
 EngineProbe hungProbe();
 
-/// Runs `executable --version` as the helper does.
+/// Runs `executable --version` as the helper does, but with the directory for temporary files that
+/// all users share: making the private one is the helper's task.
 EngineProbe probeEngine(const std::filesystem::path& executable, const CurrentUser& user);
 
 /// The program that runs a script, as its first line names it: "node" for "#!/usr/bin/env node";

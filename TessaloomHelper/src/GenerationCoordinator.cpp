@@ -23,7 +23,9 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t diagnosticTail = 2'000;         // User-perceived characters.
 constexpr std::int64_t generatedTextLimit = 100'000;  // Unicode scalars.
-constexpr std::int64_t versionLimit = 64;             // Unicode scalars.
+/// For a version probe without a private directory. Its sticky bit keeps others from what is there.
+constexpr const char* sharedDirectory = "/tmp";
+constexpr std::int64_t versionLimit = 64;  // Unicode scalars.
 
 /// The file that holds the schema, for the engine that takes one. Without it the engine still runs.
 std::optional<std::filesystem::path> writeSchema(const GenerationRequest& request,
@@ -129,10 +131,10 @@ EngineStatus GenerationCoordinator::engineStatus(const EngineStatusRequest& requ
   Environment environment;
   std::expected<FileDescriptor, int> directory;
   if (const auto user = currentUser()) {
-    // The engine may write there; the probe runs even if the directory cannot be made.
+    // The engine may write there, so one that others can change is not used.
     directory = openPrivateDirectory(temporaryDirectory_);
-    environment = CLIInvocationBuilder::environment(user->homeDirectory, user->loginName,
-                                                    temporaryDirectory_);
+    environment = CLIInvocationBuilder::environment(
+        user->homeDirectory, user->loginName, directory ? temporaryDirectory_ : sharedDirectory);
   }
   const auto probe = CLIInvocationBuilder::versionProbe(*executable, std::move(environment));
   const auto run = runner_.run(probe, std::nullopt, request.engine, probeTimeLimit);
