@@ -139,8 +139,9 @@ void CLIRunner::endAll() {
   std::vector<std::shared_ptr<ChildProcess>> children;
   {
     const MutexLock locked(lock_);
-    if (std::exchange(ending_, true)) return;  // Ended, or ends itself once it is registered.
+    if (ending_) return;
     children.assign(running_.begin(), running_.end());
+    ending_ = true;  // A run that registers later ends itself.
   }
   for (const auto& child : children) child->terminate();
 }

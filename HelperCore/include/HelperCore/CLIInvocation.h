@@ -16,7 +16,7 @@ struct CLIInvocation {
   std::filesystem::path executable;
   std::vector<std::string> arguments;  ///< Without the program name.
   Environment environment;
-  std::optional<std::filesystem::path> workingDirectory;  ///< The helper's own when absent.
+  std::optional<std::filesystem::path> workingDirectory;  ///< This process's own when absent.
   std::optional<std::string> standardInput;               ///< Written, then the pipe is closed.
 
   friend bool operator==(const CLIInvocation&, const CLIInvocation&) = default;

@@ -66,6 +66,8 @@ class StdinWriter {
 /// One child with its three streams, from its launch to its end, on the thread that runs it: feeds
 /// it, reads it, sends it the signals that are due, and reaps it. A child that still runs when the
 /// object is destroyed is killed.
+///
+/// The process must leave SIGCHLD at its default and, where a child gets input, ignore SIGPIPE.
 class ChildRun {
  public:
   using Clock = ChildProcess::Clock;

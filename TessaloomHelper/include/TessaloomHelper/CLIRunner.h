@@ -90,7 +90,8 @@ class CLIRunner {
 
   /// For a process that must exit: ends every run as `cancel` does, the unregistered ones too, and
   /// launches none later. Each of them reports `cancelled`, unless it has finished by itself.
-  /// Returns at once; the runs return to their callers within 3 seconds and that grace.
+  /// Returns at once; the runs return to their callers within 3 seconds and
+  /// `ChildRun::readersGrace`.
   void endAll() TL_EXCLUDES(lock_);
 
  private:

@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <ctime>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -123,7 +124,7 @@ BusListener::BusListener(Collaborators collaborators)
 
 BusListener::~BusListener() = default;
 
-int BusListener::run() {
+int BusListener::run() try {
   name_.acquire();
   for (;;) {
     completions_.runAll();
@@ -133,6 +134,8 @@ int BusListener::run() {
     if (const auto status = advance()) return *status;
     wait();
   }
+} catch (const std::bad_alloc&) {
+  return endAtOnce("out of memory");
 }
 
 void BusListener::requestExit() noexcept {
@@ -164,6 +167,7 @@ int BusListener::accept(sd_bus_message* message) {
   if (phase_ == Phase::stopping) {
     return sd_bus_reply_method_errorf(message, SD_BUS_ERROR_FAILED, "The helper is stopping.");
   }
+  if (isStopAnnounced_ && Method::runsEngine(method->kind)) extendStop();
   return scheduler_.accept(message, *method, peer->connection);
 }
 
@@ -203,6 +207,9 @@ void BusListener::beginExit() {
     return collaborators_.context.exitWhenIdle.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
   }
   phase_ = Phase::exiting;
+  roundTrips_ = 0;
+  vettedSince_.reset();
+  isStopAnnounced_ = true;
   sd_notify(0, "STOPPING=1");
   name_.release();
 }
@@ -213,8 +220,12 @@ void BusListener::beginExit() {
 // without the name.
 void BusListener::takeNameBack() {
   name_.acquire();
-  // A manager that was notified of a stop kills the process when that takes too long; a generation
-  // and its end take less than this.
+  extendStop();
+}
+
+// A manager that was notified of a stop kills the process when that takes too long; a generation
+// and its end take less than this.
+void BusListener::extendStop() {
   sd_notify(0, "EXTEND_TIMEOUT_USEC=330000000");
 }
 
@@ -263,7 +274,10 @@ std::optional<int> BusListener::advanceStopping() {
 bool BusListener::isSettled() {
   if (name_.isOwned() || name_.isPending() || scheduler_.unansweredCount() > 0) return false;
   if ((sd_bus_get_events(collaborators_.bus) & POLLOUT) != 0) return false;
-  if (!peers_.hasHeldCalls()) return true;
+  if (!peers_.hasHeldCalls()) {
+    vettedSince_.reset();
+    return true;
+  }
   if (!vettedSince_) vettedSince_ = Clock::now();
   return Clock::now() - *vettedSince_ >= vettingLimit;
 }
@@ -285,13 +299,22 @@ void BusListener::startRoundTrip() {
   }
 }
 
+// Also in the lack of memory: what a step needs then may be there at the next turn.
 int BusListener::endAtOnce(std::string_view reason) {
-  logLine(reason);
+  try {
+    logLine(reason);
+  } catch (const std::bad_alloc&) {
+    // The exit status remains.
+  }
   const auto deadline = Clock::now() + stopLimit;
   while (scheduler_.hasRunningCalls() && Clock::now() < deadline) {
-    collaborators_.endEngines();
-    waitForCompletions();
-    completions_.runAll();
+    try {
+      collaborators_.endEngines();
+      waitForCompletions();
+      completions_.runAll();
+    } catch (const std::bad_alloc&) {
+      continue;
+    }
   }
   return 1;
 }

@@ -83,6 +83,7 @@ class BusListener {
   void beginExit();
   void beginStopping(int signal);
   void takeNameBack();
+  static void extendStop();
   bool isSettled();
   void startRoundTrip();
   int endAtOnce(std::string_view reason);
@@ -113,6 +114,7 @@ class BusListener {
 
   std::unique_ptr<ExitCompletion> exitCompletion_;
   std::atomic<bool> isExitRequested_ = false;
+  bool isStopAnnounced_ = false;  ///< To the service manager, which takes no such notice back.
   int stopSignal_ = 0;
   Clock::time_point stopDeadline_;
   std::size_t unanswered_ = 0;        ///< Calls, at the last check while stopping.

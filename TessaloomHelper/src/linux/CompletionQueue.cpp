@@ -29,18 +29,22 @@ void CompletionQueue::post(Completion& completion) noexcept {
 }
 
 void CompletionQueue::runAll() {
+  runTaken();
   if (isEmpty()) return;
   // Before the completions are taken: one that is posted in between wakes the reader once too often
   // rather than never.
   std::uint64_t count = 0;
   [[maybe_unused]] const auto cleared = ::read(wake_.get(), &count, sizeof count);
-  Completion* completion = nullptr;
   {
     const MutexLock lock(lock_);
-    completion = std::exchange(first_, nullptr);
+    taken_ = std::exchange(first_, nullptr);
     end_ = &first_;
   }
-  while (completion != nullptr) std::exchange(completion, completion->next_)->run();
+  runTaken();
+}
+
+void CompletionQueue::runTaken() {
+  while (taken_ != nullptr) std::exchange(taken_, taken_->next_)->run();
 }
 
 bool CompletionQueue::isEmpty() {

@@ -28,7 +28,8 @@ class CompletionQueue {
   /// Any thread. A completion must not be posted again before it has run.
   void post(Completion& completion) noexcept TL_EXCLUDES(lock_);
 
-  /// Runs what has been posted, in that order. On the bus's thread.
+  /// Runs what has been posted, in that order. On the bus's thread. After an exception of one the
+  /// next call goes on with those behind it.
   void runAll() TL_EXCLUDES(lock_);
 
   /// Becomes readable when something has been posted to an empty queue.
@@ -36,11 +37,13 @@ class CompletionQueue {
 
  private:
   bool isEmpty() TL_EXCLUDES(lock_);
+  void runTaken();
 
   FileDescriptor wake_;
   Mutex lock_;
   Completion* first_ TL_GUARDED_BY(lock_) = nullptr;
   Completion** end_ TL_GUARDED_BY(lock_) = &first_;
+  Completion* taken_ = nullptr;  ///< Those that the bus's thread has taken and not run yet.
 };
 
 }  // namespace tessaloom

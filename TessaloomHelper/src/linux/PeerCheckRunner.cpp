@@ -40,8 +40,13 @@ bool PeerCheckRunner::start(pid_t process, Handler handler) {
   if (static_cast<std::size_t>(ofProcess) >= maximumOfProcess) return false;
   Job& job = jobs_.emplace_back(*this, process, std::move(handler));
   job.position = std::prev(jobs_.end());
-  startWaiting();
-  setTimer();
+  try {
+    setTimer();
+    startWaiting();
+  } catch (const std::bad_alloc&) {
+    if (job.state == State::waiting) jobs_.erase(job.position);
+    throw;
+  }
   return true;
 }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 #include "HelperProtocol/linux/BusCallback.h"
 #include "linux/CallScheduler.h"
@@ -215,11 +216,17 @@ void PeerRegistry::receiveCredentials(const std::string& name, sd_bus_message* r
     return postpone(*peer);
   }
   const auto credentials = readCredentials(reply);
-  if (!credentials || credentials->user != user_ || !credentials->process) return refuse(*peer);
+  if (!credentials) return postpone(*peer);  // There was no memory to read it.
+  if (credentials->user != user_ || !credentials->process) return refuse(*peer);
   peer->process = static_cast<pid_t>(*credentials->process);
-  const bool isStarted = checks_.start(
-      peer->process, [this, name](PeerCheckRunner::Result result) { decide(name, result); });
-  if (!isStarted) postpone(*peer);
+  if (!startCheck(*peer)) postpone(*peer);
+}
+
+bool PeerRegistry::startCheck(const Peer& peer) try {
+  return checks_.start(peer.process, [this, name = std::string(peer.name)](
+                                         PeerCheckRunner::Result result) { decide(name, result); });
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 // Calls that have arrived are carried out even after the peer has disconnected, as long as its

@@ -85,6 +85,8 @@ class PeerRegistry {
 
   void receiveCredentials(const std::string& name, sd_bus_message* reply);
   void receiveDisconnect(const std::string& name);
+  /// False when the check cannot be started now.
+  bool startCheck(const Peer& peer);
   void decide(const std::string& name, PeerCheckRunner::Result result);
   void admit(Peer& peer);
   void refuse(Peer& peer);

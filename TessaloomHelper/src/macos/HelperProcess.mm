@@ -93,7 +93,8 @@ class HelperProcess {
   Clock::time_point pauseDeadline_;  ///< Set once, at the first check that finds no engine running.
 };
 
-// No generation is registered, but one may not be launched yet or not be answered.
+// No engine call was unfinished at the check, but one may have come since, and replies may be on
+// their way. Several exits may have been asked for, each with checks of its own.
 void HelperProcess::exitWhenPaused() {
   if (isStopping_) return;
   std::call_once(readyToLeave_, [this] { pauseDeadline_ = Clock::now() + pauseLimit; });
@@ -101,6 +102,7 @@ void HelperProcess::exitWhenPaused() {
   if (openCalls_.anyRunsEngine() || !isPause) {
     return exitWhenIdle_.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
   }
+  if (isStopping_.exchange(true)) return;
   logLine(ExitWhenIdle::exitLine);
   std::exit(0);
 }
