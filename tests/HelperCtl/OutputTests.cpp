@@ -22,14 +22,6 @@ Table sampleTable() {
   return table;
 }
 
-TEST(Table, AlignsByWhatATerminalShows) {
-  EXPECT_THAT(sampleTable().lines(80, "…"),  //
-              ElementsAre(" PID  COMMAND              MEMORY  TTY",
-                          "   7  a-rather-long-name  1.5 MiB  pts/0-console",
-                          "1234  日本語のプロセス     24 KiB  -",
-                          "  12  cafe\u0301                    3 B"));
-}
-
 TEST(Table, CutsWhatMayShrinkAndThenDropsTheLastColumns) {
   // The widest gives way, of two the first; a wide character is never halved.
   EXPECT_THAT(

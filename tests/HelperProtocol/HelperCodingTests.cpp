@@ -165,6 +165,8 @@ TEST(HelperCodingTests, ReportsWhereABodyIsWrong) {
       {fields, fieldsWith(12, 25), "The list has 25 entries, more than the 24 allowed."},
   });
   EXPECT_TRUE(fields(fieldsWith(12, 24)).starts_with("{"));
+  EXPECT_TRUE(thrownBy<GenerationDTOError>(
+      [] { GeneratedFields("", {}, std::vector<std::string>(25), true); }));
   EXPECT_EQ(encode(KillResult{true, "a\xFF"}), "message is not valid UTF-8");
   const DecodingError hostile(DecodingError::Kind::dataCorrupted, "a\n\xFF", std::string(600, 'x'));
   EXPECT_EQ(hostile.what(), "a\uFFFD " + std::string(497, 'x'));

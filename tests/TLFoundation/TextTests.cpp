@@ -146,9 +146,5 @@ TEST(DisplayStringTests, DropsExactlyTheControlsAndThe17Invisible) {
   });
 }
 
-TEST(DisplayStringDeathTests, ANegativeLimitEndsTheProcess) {
-  EXPECT_DEATH(DisplayString::singleLine("", -1), "limit is negative");
-}
-
 }  // namespace
 }  // namespace tessaloom

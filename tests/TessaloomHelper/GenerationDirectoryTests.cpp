@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -99,6 +100,11 @@ TEST(GenerationDirectoryTest, UnusedDirectoryIsRemovedWithoutHarmToWhoStartsToUs
     const auto used = openPrivateDirectory(perUser);
     removeUnusedDirectory(perUser);
     EXPECT_TRUE(fs::exists(perUser));
+  }
+  {
+    const FileDescriptor removing(::open(perUser.c_str(), O_RDONLY));
+    ASSERT_EQ(::flock(removing.get(), LOCK_EX), 0);
+    EXPECT_EQ(openPrivateDirectory(perUser), std::unexpected(EBUSY)) << "after a second";
   }
   std::atomic<bool> isDone = false;
   std::thread exiting([&] {
