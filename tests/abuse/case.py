@@ -22,7 +22,7 @@ sys.modules["case"] = sys.modules[__name__]  # The modules with the cases import
 import honest
 from session import FILES, HELPER, engines, eventually, footprint, helper_log, process_of, status_of
 
-MODULES = ("boundary", "flatpaks", "leaving", "shortages", "endurance")
+MODULES = ("boundary", "flatpaks", "exits", "shortages", "endurance")
 CASES = {}
 SETTLING = 12        # Seconds.
 IDLE_TIME = 2.5      # Seconds; threads exit after 2.

@@ -16,7 +16,7 @@ import uuid
 from bus_peer import BUS, ERROR, Peer
 from session import FILES, HELPER, HELPER_PATH, INTERFACE, eventually
 
-PATIENCE = 20  # Seconds after which a call is lost.
+TIME_LIMIT = 20  # Seconds after which a call is lost.
 START_TOLERANCE = 1.1
 
 DECODING_ERROR = "com.brindlemoor.Tessaloom.helper.DecodingError"
@@ -72,7 +72,7 @@ def described_error(reply):
 class Client(Peer):
     """A connection to the helper that keeps to the rules for an editor: only its name's owner answers."""
 
-    def __init__(self, ledger, timeout=PATIENCE):
+    def __init__(self, ledger, timeout=TIME_LIMIT):
         super().__init__(timeout)
         self.ledger = ledger
         self.watch(HELPER)

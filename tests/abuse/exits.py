@@ -174,15 +174,15 @@ def managed_replacements(run):
 
 
 @case(rounds=3)
-def forged_leaving(run):
+def forged_exit(run):
     """Replaced while calls arrive and a peer answers for the bus whatever the helper asks."""
     with Outsider("forge_replies"):
         replace_under_load(run, PORTABLE, 300)
 
 
-def accept_before_leaving(run, client, other, up):
+def accept_before_the_exit(run, client, other, up):
     """Has a generation accepted, and launched after the exit step has looked (200 ms after the answer): it comes behind
-    listings, all of it while the helper stands still. Raises ProcessLookupError when that has left already."""
+    listings, all of it while the helper stands still. Raises ProcessLookupError when that has exited already."""
     client.ask("ProtocolVersion", right=1)
     request = honest.generation(f"Wait practice:touch={up} practice:hang", timeout=5)
     with processes(400):
@@ -217,4 +217,4 @@ def busy_when_replaced(run):
                 file.unlink()
 
             with contextlib.suppress(ProcessLookupError):
-                accept_before_leaving(run, client, other, FILES / f"up-{turn}")
+                accept_before_the_exit(run, client, other, FILES / f"up-{turn}")
