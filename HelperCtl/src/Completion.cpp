@@ -73,7 +73,7 @@ Candidates valuesOf(WordKind kind) {
       }
       return candidates;
     case WordKind::shape:
-      for (const auto shape : {GenerationShape::freeText, GenerationShape::itemFields}) {
+      for (const auto shape : allGenerationShapes) {
         candidates.push_back({std::string(wireValue(shape))});
       }
       return candidates;
