@@ -124,7 +124,8 @@ int list(const std::vector<Record>& records, void* buffer, int size) {
   const int bytes = static_cast<int>(records.size() * sizeof(Record));
   if (buffer == nullptr) return bytes;
   const int filled = std::min(bytes, size - size % static_cast<int>(sizeof(Record)));
-  std::memcpy(buffer, records.data(), static_cast<std::size_t>(filled));
+  // The list of a process that exits meanwhile is empty.
+  if (filled > 0) std::memcpy(buffer, records.data(), static_cast<std::size_t>(filled));
   return filled;
 }
 
