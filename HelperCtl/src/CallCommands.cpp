@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <string>
-#include <system_error>
 
 #include "HelperProtocol/EngineStatus.h"
 #include "HelperProtocol/GenerationDTOError.h"
@@ -88,6 +87,10 @@ std::expected<UUID, UsageError> readUUID(std::string_view text) {
                     "\" is not a UUID, such as 6B29FC40-CA47-4067-B31D-00DD010662DA");
 }
 
+std::system_error inputError(int error) {
+  return {error, std::generic_category(), "standard input cannot be read"};
+}
+
 std::string readStandardInput() {
   std::string text;
   while (text.size() < inputLimit) {
@@ -100,7 +103,7 @@ std::string readStandardInput() {
       pollfd input{STDIN_FILENO, POLLIN, 0};
       (void)::poll(&input, 1, -1);
     } else if (count < 0 && errno != EINTR) {
-      throw std::system_error(errno, std::generic_category(), "standard input cannot be read");
+      throw inputError(errno);
     }
   }
   return text;

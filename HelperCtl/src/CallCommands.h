@@ -3,6 +3,7 @@
 #include <expected>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <type_traits>
 
 #include "Client.h"
@@ -40,6 +41,8 @@ ExitStatus showReply(const CallReply& reply, const Arguments& arguments, Show sh
 std::expected<GenerationEngineID, UsageError> readEngine(std::string_view name);
 /// The UUID that `text` spells.
 std::expected<UUID, UsageError> readUUID(std::string_view text);
+/// What is thrown for standard input that cannot be read, with the errno.
+std::system_error inputError(int error);
 /// All of standard input, up to a little more than any body may have.
 std::string readStandardInput();
 

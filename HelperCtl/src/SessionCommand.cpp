@@ -59,6 +59,7 @@ class Session {
   std::size_t taken_ = 0;
   std::size_t searched_ = 0;  ///< The first byte of `input_` that may be a line feed.
   bool inputEnded_ = false;
+  int inputError_ = 0;               ///< Of a read that failed, which ends the input.
   std::optional<SessionLine> next_;  ///< A line that waits until the helper takes more.
   std::size_t lineNumber_ = 0;
   CallLoad load_;  ///< The calls under way, as the helper counts them.
@@ -87,6 +88,7 @@ ExitStatus Session::run() {
   if (outputError_ != 0) {
     return reportOutputError(outputError_, json_);
   }
+  if (inputError_ != 0) throw inputError(inputError_);
   return unreachable_ ? ExitStatus::unreachable : ExitStatus::done;
 }
 
@@ -95,9 +97,13 @@ void Session::read() {
   const ssize_t count = ::read(STDIN_FILENO, chunk.data(), chunk.size());
   if (count > 0) {
     keep({chunk.data(), static_cast<std::size_t>(count)});
-  } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
+  } else if (count == 0) {
     inputEnded_ = true;
     if (!input_.empty() && !input_.ends_with('\n')) input_.push_back('\n');
+  } else if (errno != EINTR && errno != EAGAIN) {
+    // A line that has been read in part is not sent.
+    inputEnded_ = true;
+    inputError_ = errno;
   }
 }
 
@@ -182,6 +188,7 @@ void Session::write(short events) {
     }
   } else if ((events & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
     outputClosed_ = true;
+    if ((events & POLLNVAL) != 0) outputError_ = EBADF;  // It was closed from the start.
   }
 }
 
