@@ -88,8 +88,19 @@ std::string inASCII(std::string_view text) {
   return result;
 }
 
+bool showsASCII(bool isTerminal) {
+  return isTerminal && !localeIsUTF8();
+}
+
 std::string shownOn(bool isTerminal, std::string_view text) {
-  return isTerminal && !localeIsUTF8() ? inASCII(text) : std::string(text);
+  return showsASCII(isTerminal) ? inASCII(text) : std::string(text);
+}
+
+/// A JSON text as a terminal shows it, which is still JSON; another text unchanged.
+std::string shownJSON(std::string_view text, int indentation) {
+  const auto value = nlohmann::ordered_json::parse(text, nullptr, false);
+  return value.is_discarded() ? std::string(text)
+                              : value.dump(indentation, ' ', showsASCII(outputIsTerminal()));
 }
 
 std::optional<winsize> sizeOf(int descriptor) {
@@ -121,6 +132,9 @@ bool outputIsTerminal() {
 }
 bool errorIsTerminal() {
   return isatty(STDERR_FILENO) != 0;
+}
+bool errorShowsASCII() {
+  return showsASCII(errorIsTerminal());
 }
 bool canRedrawOutput() {
   return outputIsTerminal() && !isDumb();
@@ -155,16 +169,12 @@ void print(std::string_view text) {
 }
 
 void printBody(std::string_view body) {
-  print(body);
+  print(showsASCII(outputIsTerminal()) ? shownJSON(body, -1) : body);
   if (outputIsTerminal() && !body.ends_with('\n')) print("\n");
 }
 
 void printJSON(std::string_view text) {
-  if (outputIsTerminal()) {
-    const auto value = nlohmann::ordered_json::parse(text, nullptr, false);
-    if (!value.is_discarded()) return print(value.dump(2) + "\n");
-  }
-  print(text);
+  print(outputIsTerminal() ? shownJSON(text, 2) : text);
   if (!text.ends_with('\n')) print("\n");
 }
 
@@ -194,7 +204,7 @@ std::string safeCell(std::string_view text) {
 }
 
 std::string_view ellipsis() {
-  return outputIsTerminal() && !localeIsUTF8() ? "~" : "\u2026";
+  return showsASCII(outputIsTerminal()) ? "~" : "\u2026";
 }
 
 std::string safeText(std::string_view text) {

@@ -23,6 +23,8 @@ enum class Style { bold, dim, good, bad };
 bool inputIsTerminal();
 bool outputIsTerminal();
 bool errorIsTerminal();
+/// Whether standard error is a terminal whose locale lacks UTF-8.
+bool errorShowsASCII();
 /// Whether standard output is a terminal that understands cursor movements.
 bool canRedrawOutput();
 /// The same of standard error, and whether this process is in its foreground.
@@ -44,9 +46,10 @@ std::string styledForError(Style style, std::string_view text);
 /// Writes the text, on a terminal whose locale lacks UTF-8 in ASCII. A failure shows in
 /// `flushOutput`.
 void print(std::string_view text);
-/// Writes a message's body as it is, and ends the line on a terminal.
+/// Writes a message's body as it is, and ends the line on a terminal. On one without UTF-8 the
+/// characters of JSON that are not ASCII are escaped.
 void printBody(std::string_view body);
-/// Writes a JSON text and ends the line; on a terminal indented.
+/// Writes a JSON text and ends the line; on a terminal indented, and escaped in the same way.
 void printJSON(std::string_view text);
 /// Writes what has been printed. 0, or the errno of the first write to standard output that failed.
 int flushOutput();
