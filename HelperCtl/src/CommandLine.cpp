@@ -227,11 +227,16 @@ ExitStatus runCommand(const Command& command, std::span<const std::string> words
 
 /// `help` and `help COMMAND`.
 ExitStatus runHelp(std::span<const std::string> words, bool json) {
-  const auto name =
-      std::ranges::find_if(words, [](const std::string& word) { return !word.starts_with('-'); });
-  if (name == words.end() || *name == "help") return printAndExit(generalHelp());
-  const Command* command = findCommand(*name);
-  if (command == nullptr) return refuseUsage(unknownCommand(*name), nullptr, json);
+  const auto arguments = Arguments::parse(words, std::span(commonOptions));
+  if (!arguments) return refuseUsage(arguments.error(), nullptr, json);
+  if (arguments->has(versionOption.name)) return printAndExit(versionText);
+  const auto& names = arguments->positionals();
+  if (names.size() > 1) {
+    return refuseUsage({"unexpected argument \"" + names[1] + "\""}, nullptr, json);
+  }
+  if (names.empty() || names.front() == "help") return printAndExit(generalHelp());
+  const Command* command = findCommand(names.front());
+  if (command == nullptr) return refuseUsage(unknownCommand(names.front()), nullptr, json);
   return printAndExit(helpOf(*command));
 }
 
@@ -264,11 +269,11 @@ ExitStatus runCommandLine(std::span<const std::string> words) {
   const auto first = std::ranges::find_if(
       words, [](const std::string& word) { return word.size() < 2 || word.front() != '-'; });
   if (first != words.end()) {
-    if (*first == "help") return runHelp(std::span(first + 1, words.end()), json);
-    const Command* command = findCommand(*first);
-    if (command == nullptr) return refuseUsage(unknownCommand(*first), nullptr, json);
     std::vector<std::string> rest(words.begin(), first);
     rest.insert(rest.end(), first + 1, words.end());
+    if (*first == "help") return runHelp(rest, json);
+    const Command* command = findCommand(*first);
+    if (command == nullptr) return refuseUsage(unknownCommand(*first), nullptr, json);
     return runCommand(*command, rest, json);
   }
   const auto arguments = Arguments::parse(words, std::span(commonOptions));
