@@ -1,6 +1,7 @@
 #include "Arguments.h"
 
 #include <algorithm>
+#include <cctype>
 #include <iterator>
 #include <numeric>
 #include <utility>
@@ -14,6 +15,12 @@ bool isOption(std::string_view word) {
 
 bool isShort(std::string_view word) {
   return isOption(word) && word[1] != '-';
+}
+
+/// Whether a word as in "-SIGTERM" names a signal in full, in upper or lower case.
+bool hasSignalPrefix(std::string_view word) {
+  return std::ranges::equal(word.substr(1, 3), std::string_view("sig"), {},
+                            [](unsigned char c) { return std::tolower(c); });
 }
 
 std::unexpected<UsageError> unknownOption(std::string_view word,
@@ -84,8 +91,10 @@ std::expected<Arguments, UsageError> Arguments::parse(std::span<const std::strin
     std::optional<std::string> attached;
     if (isShort(word)) {
       if (rule != nullptr && word.size() > 2) attached = word.substr(2);
+      // "-hup" is not "-h", which takes no value, nor is "-sigterm" the option "-s".
+      const bool isShortForm = rule != nullptr && !(attached && rule->valueName.empty());
       const auto dashed = std::ranges::find(rules, true, &OptionRule::takesDashedWord);
-      if (rule == nullptr && dashed != rules.end()) {
+      if (dashed != rules.end() && (!isShortForm || hasSignalPrefix(word))) {
         rule = &*dashed;
         attached = word.substr(1);
       }

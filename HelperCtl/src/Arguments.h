@@ -33,7 +33,8 @@ struct OptionRule {
   std::string_view summary;
   char letter = 0;  ///< Of the short form, as in "-s"; 0 for none.
   WordKind valueKind = WordKind::text;
-  /// A word of one dash that is not an option is this one's value, as in "kill -9".
+  /// A word of one dash that is not an option, or that begins with "sig", is this one's value, as
+  /// in "kill -9".
   bool takesDashedWord = false;
 };
 

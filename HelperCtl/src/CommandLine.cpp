@@ -59,9 +59,9 @@ constexpr std::array commands{
             "with arguments, only those of that port, process ID or process name.\n",
             portFilters, portsOptions, runPorts},
     Command{"kill", "send a signal to your processes",
-            "SIGNAL is INT, TERM or KILL, also as a number or with the SIG prefix; -9 and\n"
-            "-KILL work too. The processes are listed first over the same connection: the\n"
-            "helper signals only what it has just listed.\n",
+            "SIGNAL is INT, TERM or KILL in upper or lower case, also as a number or with the\n"
+            "SIG prefix; -9 and -KILL work too. The processes are listed first over the same\n"
+            "connection: the helper signals only what it has just listed.\n",
             processes, killOptions, runKill},
     Command{"engine-status",
             "check whether an engine is installed",
