@@ -208,9 +208,11 @@ std::optional<UsageError> checkCount(const Command& command,
   return error;
 }
 
-ExitStatus runCommand(const Command& command, std::span<const std::string> words, bool json) {
+/// `namesJSON` is whether a word is --json, which may also be the value of another option.
+ExitStatus runCommand(const Command& command, std::span<const std::string> words, bool namesJSON) {
   const auto arguments = Arguments::parse(words, optionsOf(&command));
-  if (!arguments) return refuseUsage(arguments.error(), &command, json);
+  if (!arguments) return refuseUsage(arguments.error(), &command, namesJSON);
+  const bool json = arguments->has(jsonOption.name);
   if (arguments->has(helpOption.name)) return printAndExit(helpOf(command));
   if (arguments->has(versionOption.name)) return printAndExit(versionText);
   if (const auto error = checkCount(command, arguments->positionals())) {
@@ -265,7 +267,7 @@ ExitStatus runCommandLine(std::span<const std::string> words) {
   }
   const auto end = std::ranges::find(words, "--");
   const bool json = std::find(words.begin(), end, jsonOption.name) != end;
-  // The command is the first word that is not a common option; those take no values.
+  // Of options only the common ones, which take no values, may precede the command.
   const auto first = std::ranges::find_if(
       words, [](const std::string& word) { return word.size() < 2 || word.front() != '-'; });
   if (first != words.end()) {
