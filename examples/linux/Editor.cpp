@@ -328,7 +328,8 @@ int showStatus(Helper& helper) {
     const Reply status = helper.ask("GenerationEngineStatus", json{{"engine", engine}});
     if (!status) return complain(status.error());
     const bool isFound = (*status)["binaryFound"];
-    const std::string version = text(*status, "version", "unknown version");
+    std::string version = text(*status, "version");  // Not every engine prints one.
+    if (version.empty()) version = "unknown version";
     std::printf("%s: %s\n", engine, isFound ? version.c_str() : "not found");
   }
   return 0;

@@ -17,7 +17,8 @@ final class Assistant {
   /// Whether an engine can be used, and its version.
   func look(for engine: String, show: @escaping (String) -> Void) {
     helper.status(ofEngine: engine) { isFound, version in
-      DispatchQueue.main.async { show(isFound ? version : "not installed") }
+      let text = version.isEmpty ? "unknown version" : version
+      DispatchQueue.main.async { show(isFound ? text : "not installed") }
     }
   }
 

@@ -28,7 +28,7 @@ typedef NS_ENUM(NSInteger, HelperFailure) {
 + (BOOL)registerHelper:(NSError* _Nullable __autoreleasing* _Nullable)error
     NS_SWIFT_NAME(registerHelper());
 
-/// Whether an engine's executable is there, and its version.
+/// Whether an engine's executable is there, and its version; empty if that is unknown.
 - (void)statusOfEngine:(NSString*)engine
                  reply:(void (^)(BOOL isFound, NSString* version))reply
     NS_SWIFT_NAME(status(ofEngine:reply:));

@@ -72,7 +72,7 @@ def show_status(helper):
     calls = [(engine, helper.send("GenerationEngineStatus", {"engine": engine})) for engine in ("claudeCode", "codex")]
     for engine, call in calls:
         status = helper.wait(call)
-        version = status.get("version", "unknown version")
+        version = status.get("version") or "unknown version"
         print(f"{engine}: {version if status['binaryFound'] else 'not found'}")
 
 
