@@ -185,11 +185,11 @@ GenerationErrorPayload GenerationOutputParser::classifyFailure(std::int32_t exit
     return GenerationErrorPayload::withDetail(GenerationFailureKind::notAuthenticated, engine,
                                               std::string(diagnostic), exitCode);
   // The kind engineRefused means the helper's own refusal; this one only has another wording.
-  const std::string detail =
-      containsAny(lowercased, refusalMarkers)
-          ? "This version of " + std::string(executableName(engine)) +
-                " didn't accept the options Tessaloom uses. Update it, or choose another engine."
-          : std::string(diagnostic);
+  const std::string detail = containsAny(lowercased, refusalMarkers)
+                                 ? "This version of " + std::string(executableName(engine)) +
+                                       " didn't accept the options Tessaloom uses. " +
+                                       std::string(refusedOptionsAdvice)
+                                 : std::string(diagnostic);
   return GenerationErrorPayload::withDetail(GenerationFailureKind::nonZeroExit, engine, detail,
                                             exitCode);
 }

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "HelperCore/BinaryAllowlist.h"
+#include "HelperCore/GenerationOutputParser.h"
 #include "HelperProtocol/WireValues.h"
 
 namespace tessaloom {
@@ -47,7 +48,10 @@ CallError explainGenerationError(CallError error, GenerationEngineID engine) {
   const auto kind = caseNamed(*error.kind, allGenerationFailureKinds);
   if (!kind) return error;
   const bool isSilent = error.message.empty() || error.message == *error.kind;
-  error.advice = adviceFor(*kind, engine);
+  // That description says itself what to do.
+  if (!error.message.ends_with(GenerationOutputParser::refusedOptionsAdvice)) {
+    error.advice = adviceFor(*kind, engine);
+  }
   if (*kind == GenerationFailureKind::cancelled && isSilent) {
     error.message = "The generation was cancelled.";
   } else if (*kind == GenerationFailureKind::nonZeroExit && isSilent) {

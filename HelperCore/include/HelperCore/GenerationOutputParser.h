@@ -34,6 +34,9 @@ Result parseClaude(std::string_view output, GenerationShape shape, GenerationEng
 /// JSON Lines events on standard output.
 Result parseCodex(std::string_view output, GenerationShape shape, GenerationEngineID engine);
 
+/// How the detail of a failure ends whose engine refused the options that it was given.
+inline constexpr std::string_view refusedOptionsAdvice = "Update it, or choose another engine.";
+
 /// The failure for a run that ended with a non-zero status, from the tail of its standard error.
 GenerationErrorPayload classifyFailure(std::int32_t exitCode, std::string_view diagnostic,
                                        GenerationEngineID engine);
