@@ -150,8 +150,8 @@ std::string generalHelp() {
   text += line("help [COMMAND]", "show this help, or a command's details") + "\n";
   for (const OptionRule& rule : commonOptions) text += optionLine(rule);
   text +=
-      "\nExit status: 0 done, 1 the helper answered with an error or refused, 2 wrong\n"
-      "usage, 3 the helper could not be reached.\n";
+      "\nExit status: 0 done, 1 the helper answered with an error or refused, or input or\n"
+      "output failed, 2 wrong usage, 3 the helper could not be reached.\n";
   return text;
 }
 

@@ -10,7 +10,7 @@ namespace tessaloom {
 /// What the client's exit status says.
 enum class ExitStatus : int {
   done = 0,
-  refused = 1,      ///< The helper answered an error, or refused.
+  refused = 1,      ///< The helper answered an error or refused, or input or output failed.
   usage = 2,        ///< The command line is wrong.
   unreachable = 3,  ///< No helper answers.
 };
