@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <limits>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -20,6 +19,7 @@
 #include "HelperCore/PerUserTemporaryDirectory.h"
 #import "HelperProtocol/macos/FoundationValues.h"
 #include "Log.h"
+#include "TLFoundation/Mutex.h"
 
 namespace tessaloom {
 
@@ -27,10 +27,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// How long the process outlives its last reply, which XPC may not have sent yet.
-constexpr std::chrono::milliseconds replyGrace{200};
-/// How long a replaced helper waits for a pause between brief calls. Callers that never pause would
-/// keep it running; one call may then be interrupted.
+/// How long the process outlives its last reply, which XPC may not have sent yet. The reply that
+/// announces an exit is older than that at the exit's first check.
+constexpr std::chrono::milliseconds replyGrace{150};
+static_assert(replyGrace < ExitWhenIdle::firstCheck);
+/// How long a replaced helper whose engines' calls are settled waits for a pause between brief
+/// calls. Callers that never pause would keep it running; one brief call may then be interrupted.
 constexpr std::chrono::seconds pauseLimit{2};
 /// How long a termination signal waits for the engines, and how often it looks. launchd kills what
 /// is left after 20 seconds.
@@ -75,6 +77,7 @@ class HelperProcess {
   void endOnSignals();
 
  private:
+  bool isPause() TL_EXCLUDES(pauseLock_);
   void exitWhenPaused();
   void stop(int signal);
   void exitOnceSettled(int signal, Clock::time_point deadline);
@@ -89,19 +92,27 @@ class HelperProcess {
   ServiceContext context_;
   std::vector<dispatch_source_t> signalSources_;
   std::atomic<bool> isStopping_ = false;
-  std::once_flag readyToLeave_;
-  Clock::time_point pauseDeadline_;  ///< Set once, at the first check that finds no engine running.
+  Mutex pauseLock_;
+  /// Since a check has found the engines' calls settled.
+  std::optional<Clock::time_point> pauseDeadline_ TL_GUARDED_BY(pauseLock_);
 };
 
+// Several exits may have been asked for, each with checks of its own.
+bool HelperProcess::isPause() {
+  const MutexLock locked(pauseLock_);
+  if (!openCalls_.engineCallsAreSettled(replyGrace)) {
+    pauseDeadline_.reset();
+    return false;
+  }
+  if (!pauseDeadline_) pauseDeadline_ = Clock::now() + pauseLimit;
+  return openCalls_.areSettled(replyGrace) || Clock::now() >= *pauseDeadline_;
+}
+
 // No engine call was unfinished at the check, but one may have come since, and replies may be on
-// their way. Several exits may have been asked for, each with checks of its own.
+// their way.
 void HelperProcess::exitWhenPaused() {
   if (isStopping_) return;
-  std::call_once(readyToLeave_, [this] { pauseDeadline_ = Clock::now() + pauseLimit; });
-  const bool isPause = openCalls_.areSettled(replyGrace) || Clock::now() >= pauseDeadline_;
-  if (openCalls_.anyRunsEngine() || !isPause) {
-    return exitWhenIdle_.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
-  }
+  if (!isPause()) return exitWhenIdle_.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
   if (isStopping_.exchange(true)) return;
   logLine(ExitWhenIdle::exitLine);
   std::exit(0);

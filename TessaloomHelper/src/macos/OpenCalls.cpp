@@ -15,17 +15,23 @@ std::shared_ptr<void> OpenCalls::open(Method::Kind kind) {
             const MutexLock locked(calls->lock_);
             if (--calls->open_[kind] == 0) calls->open_.erase(kind);
             calls->lastAnswer_ = Clock::now();
+            if (Method::runsEngine(kind)) calls->lastEngineAnswer_ = calls->lastAnswer_;
           }};
-}
-
-bool OpenCalls::anyRunsEngine() const {
-  const MutexLock locked(lock_);
-  return std::ranges::any_of(std::views::keys(open_), Method::runsEngine);
 }
 
 bool OpenCalls::areSettled(Clock::duration grace) const {
   const MutexLock locked(lock_);
-  return open_.empty() && (!lastAnswer_ || Clock::now() - *lastAnswer_ >= grace);
+  return open_.empty() && isOver(lastAnswer_, grace);
+}
+
+bool OpenCalls::engineCallsAreSettled(Clock::duration grace) const {
+  const MutexLock locked(lock_);
+  return std::ranges::none_of(std::views::keys(open_), Method::runsEngine) &&
+         isOver(lastEngineAnswer_, grace);
+}
+
+bool OpenCalls::isOver(const std::optional<Clock::time_point>& answer, Clock::duration grace) {
+  return !answer || Clock::now() - *answer >= grace;
 }
 
 }  // namespace tessaloom

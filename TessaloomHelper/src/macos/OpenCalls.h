@@ -20,16 +20,20 @@ class OpenCalls {
   /// A call is open for as long as a copy of what this returns exists.
   std::shared_ptr<void> open(Method::Kind kind) TL_EXCLUDES(lock_);
 
-  bool anyRunsEngine() const TL_EXCLUDES(lock_);
-
   /// Whether no call is open and the last one was answered at least `grace` ago. XPC sends a reply
   /// after the reply block has returned, so the process must outlive its last reply.
   bool areSettled(Clock::duration grace) const TL_EXCLUDES(lock_);
 
+  /// The same of the calls that run an engine, whatever becomes of others.
+  bool engineCallsAreSettled(Clock::duration grace) const TL_EXCLUDES(lock_);
+
  private:
+  static bool isOver(const std::optional<Clock::time_point>& answer, Clock::duration grace);
+
   mutable Mutex lock_;
   std::map<Method::Kind, std::size_t> open_ TL_GUARDED_BY(lock_);  ///< None is 0.
   std::optional<Clock::time_point> lastAnswer_ TL_GUARDED_BY(lock_);
+  std::optional<Clock::time_point> lastEngineAnswer_ TL_GUARDED_BY(lock_);
 };
 
 }  // namespace tessaloom
