@@ -59,8 +59,10 @@ class CLIRunner::Registration {
   Registration(const Registration&) = delete;
   Registration& operator=(const Registration&) = delete;
 
-  /// Forgets the child and what is remembered of its id; whether a cancellation was.
+  /// Forgets the child and what is remembered of its id, once: what comes later is the next run's.
+  /// Whether a cancellation was remembered.
   bool end() {
+    if (std::exchange(hasEnded_, true)) return false;
     const MutexLock locked(runner_.lock_);
     runner_.running_.erase(child_);
     if (!requestID_) return false;
@@ -75,6 +77,7 @@ class CLIRunner::Registration {
   CLIRunner& runner_;
   const std::optional<UUID> requestID_;
   std::shared_ptr<ChildProcess> child_;
+  bool hasEnded_ = false;
 };
 
 std::expected<RunResult, GenerationErrorPayload> CLIRunner::run(
