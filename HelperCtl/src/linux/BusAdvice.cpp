@@ -48,7 +48,7 @@ std::string adviceForBusError(std::string_view name) {
     return "The helper accepts only programs that run as the same user, outside a sandbox and from "
            "the helper's own folder. Use the tessaloom-helperctl that was installed with it.";
   }
-  if (name == "LimitsExceeded") return "Wait for earlier calls to be answered, or send less.";
+  if (name == "LimitsExceeded") return "Try again later; with many calls waiting, send fewer.";
   if (name == "UnknownMethod" || name == "UnknownInterface" || name == "UnknownObject") {
     return "Check the method's name (`tessaloom-helperctl call --help` lists them). A helper older "
            "than this client may lack it: `tessaloom-helperctl freshness`.";

@@ -79,6 +79,11 @@ int replyUnknown(sd_bus_message* call) {
   return answer(call, SD_BUS_ERROR_LIMITS_EXCEEDED, "The caller could not be identified in time.");
 }
 
+int replyFull(sd_bus_message* call) {
+  return answer(call, SD_BUS_ERROR_LIMITS_EXCEEDED,
+                "Too many connections of admitted programs are open.");
+}
+
 }  // namespace
 
 PeerRegistry::PeerRegistry(sd_bus* bus, BusRequests& requests, PeerCheckRunner& checks, uid_t user,
@@ -132,7 +137,7 @@ Peer* PeerRegistry::add(const char* name) {
         if (owner.empty()) receiveDisconnect(key);
       },
       [this, key = peer->name](sd_bus_message*) {
-        if (Peer* unwatched = find(key)) postpone(*unwatched);
+        if (Peer* unwatched = find(key)) postpone(*unwatched, replyUnknown);
       });
   if (!ownerWatch) return nullptr;
   auto credentials = requests_.askBus(
@@ -213,13 +218,13 @@ void PeerRegistry::receiveCredentials(const std::string& name, sd_bus_message* r
   if (peer == nullptr || peer->state != AdmissionState::undecided) return;
   if (sd_bus_message_is_method_error(reply, nullptr) > 0) {
     // It has disconnected, so nothing proves who it was; or the bus lacks a resource.
-    return postpone(*peer);
+    return postpone(*peer, replyUnknown);
   }
   const auto credentials = readCredentials(reply);
-  if (!credentials) return postpone(*peer);  // There was no memory to read it.
+  if (!credentials) return postpone(*peer, replyUnknown);  // There was no memory to read it.
   if (credentials->user != user_ || !credentials->process) return refuse(*peer);
   peer->process = static_cast<pid_t>(*credentials->process);
-  if (!startCheck(*peer)) postpone(*peer);
+  if (!startCheck(*peer)) postpone(*peer, replyUnknown);
 }
 
 bool PeerRegistry::startCheck(const Peer& peer) try {
@@ -247,12 +252,12 @@ void PeerRegistry::decide(const std::string& name, PeerCheckRunner::Result resul
     case PeerCheckRunner::Result::refused:
       return refuse(*peer);
     case PeerCheckRunner::Result::unknown:
-      return postpone(*peer);
+      return postpone(*peer, replyUnknown);
   }
 }
 
 void PeerRegistry::admit(Peer& peer) {
-  if (admitted_ >= maximumAdmitted) return postpone(peer);
+  if (admitted_ >= maximumAdmitted) return postpone(peer, replyFull);
   peer.connection = std::make_shared<PeerConnection>(context_, queueTasks_, peer.process);
   peer.state = AdmissionState::admitted;
   ++admitted_;
@@ -273,8 +278,8 @@ void PeerRegistry::refuse(Peer& peer) {
 }
 
 // Nothing is remembered: the peer's next call has it vetted again.
-void PeerRegistry::postpone(Peer& peer) {
-  for (const BusMessage& call : takeHeld(peer)) replyUnknown(call.get());
+void PeerRegistry::postpone(Peer& peer, int (*reply)(sd_bus_message*)) {
+  for (const BusMessage& call : takeHeld(peer)) reply(call.get());
   remove(std::string(peer.name));
 }
 

@@ -90,7 +90,7 @@ class PeerRegistry {
   void decide(const std::string& name, PeerCheckRunner::Result result);
   void admit(Peer& peer);
   void refuse(Peer& peer);
-  void postpone(Peer& peer);
+  void postpone(Peer& peer, int (*reply)(sd_bus_message* call));
 
   sd_bus* bus_;
   BusRequests& requests_;

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -119,6 +120,10 @@ int serve() {
 int main(int argc, char** argv) {
   if (argc > 1 && tessaloom::handleStandardOption(argv[1], "tessaloom-helper", "The session bus"))
     return 0;
+  if (argc > 1 && *argv[1] == '-') {
+    std::fputs("Usage: tessaloom-helper [--help | --version]\n", stderr);
+    return 2;
+  }
   try {
     return tessaloom::serve();
   } catch (const std::exception& error) {
