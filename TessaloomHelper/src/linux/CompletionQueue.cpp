@@ -16,14 +16,13 @@ CompletionQueue::CompletionQueue() : wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLO
 
 void CompletionQueue::post(Completion& completion) noexcept {
   completion.next_ = nullptr;
-  {
-    const MutexLock lock(lock_);
-    const bool wasEmpty = first_ == nullptr;
-    *end_ = &completion;
-    end_ = &completion.next_;
-    // The post that makes the queue non-empty wakes the reader, which takes everything.
-    if (!wasEmpty) return;
-  }
+  const MutexLock lock(lock_);
+  const bool wasEmpty = first_ == nullptr;
+  *end_ = &completion;
+  end_ = &completion.next_;
+  // The post that makes the queue non-empty wakes the reader, which takes everything. It does so
+  // under the lock: after the reader had taken everything, the descriptor would stay readable.
+  if (!wasEmpty) return;
   const std::uint64_t one = 1;
   [[maybe_unused]] const auto written = ::write(wake_.get(), &one, sizeof one);
 }
@@ -31,8 +30,7 @@ void CompletionQueue::post(Completion& completion) noexcept {
 void CompletionQueue::runAll() {
   runTaken();
   if (isEmpty()) return;
-  // Before the completions are taken: one that is posted in between wakes the reader once too often
-  // rather than never.
+  // Before the completions are taken: one that is posted afterwards wakes the reader again.
   std::uint64_t count = 0;
   [[maybe_unused]] const auto cleared = ::read(wake_.get(), &count, sizeof count);
   {
