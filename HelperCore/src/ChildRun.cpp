@@ -67,9 +67,11 @@ std::expected<ChildRun, int> ChildRun::launch(const CLIInvocation& invocation,
   if (!input) return std::unexpected(input.error());
   auto wake = makePipe(PipeMode::nonblocking);
   if (!wake) return std::unexpected(wake.error());
-  // A write of more than fits must not block. A read comes after poll has reported data, so it
-  // never blocks.
-  if (::fcntl(input->writeEnd.get(), F_SETFL, O_NONBLOCK) != 0) return std::unexpected(errno);
+  // A write of more than fits must not block, nor a read of data that the child has taken back
+  // since poll reported it, as it can through /proc.
+  for (const FileDescriptor* end : {&input->writeEnd, &output->readEnd, &error->readEnd}) {
+    if (::fcntl(end->get(), F_SETFL, O_NONBLOCK) != 0) return std::unexpected(errno);
+  }
 
   const std::string_view text =
       invocation.standardInput ? std::string_view(*invocation.standardInput) : std::string_view();

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -277,6 +278,18 @@ TEST_F(CLIRunnerTest, SameIDAgainTakesTheEntry) {
   EXPECT_FALSE(runner.cancel(id));
   std::ofstream(go + "-on").put('\n');
   expectFailure(second.get(), Kind::cancelled);
+}
+
+// What poll has reported, a child can take back before it is read.
+TEST_F(CLIRunnerTest, NoPipeBlocksTheRun) {
+  auto running = start("wait-for=" + go);
+  for (int fd = STDERR_FILENO + 1; fd < 50; ++fd) {
+    struct stat status{};
+    if (::fstat(fd, &status) != 0 || !S_ISFIFO(status.st_mode)) continue;
+    EXPECT_TRUE(::fcntl(fd, F_GETFL) & O_NONBLOCK) << fd;
+  }
+  std::ofstream(go).put('\n');
+  EXPECT_TRUE(running.get());
 }
 
 TEST_F(CLIRunnerTest, EndAllEndsEveryRunAndEveryLaterOne) {
