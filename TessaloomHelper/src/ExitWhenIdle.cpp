@@ -23,13 +23,17 @@ bool ExitWhenIdle::isExecutableReplaced() const {
 }
 
 void ExitWhenIdle::scheduleExitWhenIdle(std::chrono::milliseconds delay) noexcept {
+  const bool isRepeated = delay == nextCheck;
+  if (isRepeated && isRepeatPending_.exchange(true)) return;
   try {
-    tasks_.runAfter(delay, QualityOfService::utility, [this] {
+    tasks_.runAfter(delay, QualityOfService::utility, [this, isRepeated] {
+      if (isRepeated) isRepeatPending_ = false;
       if (runner_.unfinishedCount() > 0) return scheduleExitWhenIdle(nextCheck);
       exitProcess_();
     });
   } catch (const std::exception&) {
-    return;  // No memory or no thread: the helper continues until it is asked again.
+    // No memory or no thread: the helper continues until it is asked again.
+    if (isRepeated) isRepeatPending_ = false;
   }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -34,7 +35,8 @@ class ExitWhenIdle {
   bool isExecutableReplaced() const;
 
   /// Checks after `delay`, and then every `nextCheck`, whether the runner has an unfinished engine
-  /// call; exits at the first check that finds none. If the system lacks the memory or thread for a
+  /// call; exits at the first check that finds none. However often it is called, one check is
+  /// repeated. If the system lacks the memory or thread for a
   /// check, none is scheduled until this is called again, by the next `QuitIfOutdated`.
   void scheduleExitWhenIdle(std::chrono::milliseconds delay) noexcept;
 
@@ -44,6 +46,7 @@ class ExitWhenIdle {
   CLIRunner& runner_;
   Tasks& tasks_;
   std::function<void()> exitProcess_;
+  std::atomic<bool> isRepeatPending_ = false;
 };
 
 }  // namespace tessaloom
