@@ -71,8 +71,8 @@ std::optional<std::uint32_t> ProcFiles::owner(std::int32_t pid) const {
 
 bool ProcFiles::isOwnedBy(std::uint32_t owner, std::int32_t pid, const FileDescriptor& file) const {
   struct stat status{};
-  const bool known = fstat(file.get(), &status) == 0 && status.st_uid != 0;
-  return known ? status.st_uid == owner : this->owner(pid) == owner;
+  const bool suffices = fstat(file.get(), &status) == 0 && status.st_uid == owner;
+  return suffices || this->owner(pid) == owner;
 }
 
 std::expected<std::uint32_t, int> ProcFiles::networkNamespace(std::int32_t number) const {

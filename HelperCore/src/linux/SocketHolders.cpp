@@ -29,7 +29,7 @@ std::vector<bool> keptDescriptors(ProcessScan& scan) {
   return kept;
 }
 
-void read(ProcessScan& scan, Entry& entry, std::int32_t self) {
+void read(ProcessScan& scan, Entry& entry, std::int32_t self, bool tablesAreComparable) {
   KnownProcess& known = entry.known;
   if (known.pid == self) return;
   if (known.sockets && scan.mayBeReused(known) && known.probe.isUnchanged()) return;
@@ -41,9 +41,11 @@ void read(ProcessScan& scan, Entry& entry, std::int32_t self) {
     entry.namespaceMembers = addSocketsOfThreads(scan.proc(), known.pid, *known.sockets);
     if (!scan.readFacts(known, stat)) return;
   }
-  // Kernel threads share a table that is always empty.
-  entry.sharesDescriptors = !known.facts->isKernelThread &&
-                            shareDescriptors(known.pid, known.facts->parentPID).value_or(false);
+  // Kernel threads share a table that is always empty. Where the kernel compares no tables at all,
+  // as in some sandboxes, each may be shared; one that it does not compare is another user's.
+  entry.sharesDescriptors =
+      !known.facts->isKernelThread &&
+      (!tablesAreComparable || shareDescriptors(known.pid, known.facts->parentPID).value_or(false));
 }
 
 /// Last, when the others' descriptors are known.
@@ -84,7 +86,8 @@ std::vector<SocketHolder> readSocketHolders(ProcessScan& scan) {
   SocketTable table;
   table.addOwnNamespace(scan.proc());
   const std::int32_t self = getpid();
-  scan.forEachEntry([&scan, self](Entry& entry) { read(scan, entry, self); });
+  const bool tablesAreComparable = shareDescriptors(self, self).has_value();
+  scan.forEachEntry([&](Entry& entry) { read(scan, entry, self, tablesAreComparable); });
   readOwn(scan, self);
   markSharingParents(scan);
   addForeignNamespaces(scan, table);
