@@ -6,7 +6,7 @@ import honest
 from bus_peer import BUS
 from case import Skipped, case
 from sandbox import PROGRAM as SANDBOXED
-from session import (ACCESS_DENIED, ADMITTED, FILES, HELPER, HELPER_PATH, LIMITS_EXCEEDED, Outsider, engines,
+from session import (ACCESS_DENIED, ADMITTED, FILES, HELPER, HELPER_PATH, INTERFACE, LIMITS_EXCEEDED, Outsider, engines,
                      eventually, memory_of, processes)
 
 EDITOR = "[Application]\nname=com.brindlemoor.Tessaloom\n"
@@ -85,6 +85,8 @@ def crowd(run):
         run.check(eventually(lambda: not engines()), "what an engine started runs on after its deadline")
 
         client.ask("GenerateText", bytes(17 << 20), LIMITS_EXCEEDED)
+        long = client.call(HELPER, "/a" * 32_000, INTERFACE, "ProtocolVersion")
+        run.check("so long a path" in long.body[0], long.body)  # Before the library looks at each part of it.
         for call in [client.start("ProtocolVersion") for _ in range(10_000)]:
             client.finish(call, 1, (LIMITS_EXCEEDED,))
         text = client.call(HELPER, HELPER_PATH, BUS + ".Introspectable", "Introspect").body[0]

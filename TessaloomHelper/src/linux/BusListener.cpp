@@ -36,6 +36,10 @@ constexpr std::uint64_t maximumQueued = 1'024;
 /// What the kernel has can no longer be sent round-robin. The system's own size holds hundreds of
 /// replies; the bus takes a millisecond over each while a caller has many calls unanswered.
 constexpr int sendBufferBytes = 32'768;
+/// With more failures of the library without a message in between, the connection is of no use.
+constexpr int maximumFailures = 1'000;
+/// Longer paths are refused before the library looks for an object at each of their parents.
+constexpr std::size_t longestPath = 255;
 /// Other events are handled after at most this many messages.
 constexpr int maximumBurst = 64;
 
@@ -152,11 +156,19 @@ std::optional<int> BusListener::process() {
   burst_ = processed > 0 ? burst_ + 1 : 0;
   if (processed >= 0) {
     starvedSince_.reset();
+    failures_ = 0;
     return std::nullopt;
   }
-  if (processed != -ENOMEM) return endAtOnce("the session bus was lost");
-  if (waitForMemory()) return std::nullopt;
-  return endAtOnce("out of memory reading from the session bus");
+  if (processed == -ENOMEM) {
+    if (waitForMemory()) return std::nullopt;
+    return endAtOnce("out of memory reading from the session bus");
+  }
+  if (sd_bus_is_open(collaborators_.bus) <= 0 || ++failures_ > maximumFailures) {
+    return endAtOnce("the session bus was lost");
+  }
+  if (processed == -ENOBUFS && !isUnreadable_) stopUnreadable();
+  // Otherwise the library failed at a message that it handles by itself, which is gone.
+  return std::nullopt;
 }
 
 // A call of an admitted caller, of a method with the right signature.
@@ -249,7 +261,16 @@ std::optional<int> BusListener::advanceExit() {
   return 0;
 }
 
-void BusListener::beginStopping(int signal) {
+// The bus carries messages of up to 128 MiB, and the library refuses to read those of exactly that
+// size. It can still write, so what has been accepted is answered; the next call starts a helper
+// that can read.
+void BusListener::stopUnreadable() {
+  isUnreadable_ = true;
+  logLine("a message on the session bus is too large to be read; exiting");
+  beginStopping(std::nullopt);
+}
+
+void BusListener::beginStopping(std::optional<int> signal) {
   if (phase_ == Phase::stopping) return;
   phase_ = Phase::stopping;
   stopSignal_ = signal;
@@ -267,13 +288,16 @@ std::optional<int> BusListener::advanceStopping() {
   if (hasProgress || scheduler_.hasRunningCalls()) lastProgress_ = now;
   const bool isOver = now >= stopDeadline_ || now - lastProgress_ >= busLimit;
   if (!isOver && !isSettled()) return std::nullopt;
-  return reportEnd(stopSignal_);
+  return stopSignal_ ? reportEnd(*stopSignal_) : 1;
 }
 
 // The library wants to write for as long as something is queued.
 bool BusListener::isSettled() {
-  if (name_.isOwned() || name_.isPending() || scheduler_.unansweredCount() > 0) return false;
+  if (scheduler_.unansweredCount() > 0) return false;
   if ((sd_bus_get_events(collaborators_.bus) & POLLOUT) != 0) return false;
+  // Then neither the release of the name nor the identity of a caller can be received.
+  if (isUnreadable_) return true;
+  if (name_.isOwned() || name_.isPending()) return false;
   if (!peers_.hasHeldCalls()) {
     vettedSince_.reset();
     return true;
@@ -320,6 +344,7 @@ int BusListener::endAtOnce(std::string_view reason) {
 }
 
 bool BusListener::mayRead() const {
+  if (isUnreadable_) return false;
   std::uint64_t queued = 0;
   return sd_bus_get_n_queued_write(collaborators_.bus, &queued) < 0 || queued < maximumQueued;
 }
@@ -333,7 +358,8 @@ void BusListener::wait() {
   if (std::exchange(burst_, 0) > 0) limit = microseconds(0);
   if (limit > microseconds(0)) scheduler_.releaseMemory();
   const timespec timeout = timespecOf(limit);
-  const int events = isReading ? std::max(sd_bus_get_events(collaborators_.bus), 0) : POLLOUT;
+  const int wanted = std::max(sd_bus_get_events(collaborators_.bus), 0);
+  const int events = isReading ? wanted : isUnreadable_ ? wanted & POLLOUT : POLLOUT;
   std::array<pollfd, 3> watched{
       pollfd{.fd = sd_bus_get_fd(collaborators_.bus),
              .events = static_cast<short>(events),
@@ -371,7 +397,12 @@ int BusListener::onCall(sd_bus_message* call, void* userdata, sd_bus_error*) {
   return withoutExceptions([&] {
     auto& listener = *static_cast<BusListener*>(userdata);
     ++listener.arrivals_;
-    return listener.peers_.authorize(call);
+    const int result = listener.peers_.authorize(call);
+    const bool isLong = std::string_view(sd_bus_message_get_path(call)).size() > longestPath;
+    if (result != 0 || !isLong) return result;
+    const int sent = sd_bus_reply_method_errorf(call, SD_BUS_ERROR_UNKNOWN_OBJECT,
+                                                "There is no object with so long a path.");
+    return sent < 0 ? sent : 1;
   });
 }
 

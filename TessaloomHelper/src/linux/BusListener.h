@@ -62,7 +62,7 @@ class BusListener {
 
   /// Takes the name, notifies the service manager, and serves until the end. The process's exit
   /// status: 0 after requestExit(), 128 plus the signal's number after a signal, 1 when the name
-  /// cannot be acquired or the bus is lost.
+  /// cannot be acquired, or the bus is lost or can no longer be read.
   int run();
 
   /// Asks for the orderly end. Any thread, any number of times.
@@ -81,7 +81,8 @@ class BusListener {
   std::optional<int> advanceExit();
   std::optional<int> advanceStopping();
   void beginExit();
-  void beginStopping(int signal);
+  void beginStopping(std::optional<int> signal);
+  void stopUnreadable();
   void takeNameBack();
   static void extendStop();
   bool isSettled();
@@ -110,12 +111,14 @@ class BusListener {
   Phase phase_ = Phase::starting;
   bool isBusReady_ = false;  ///< Whether the connection can be read or written.
   int burst_ = 0;            ///< Messages handled since other events were last handled.
+  int failures_ = 0;         ///< Of the library since it handled a message.
   std::optional<Clock::time_point> starvedSince_;
 
   std::unique_ptr<ExitCompletion> exitCompletion_;
   std::atomic<bool> isExitRequested_ = false;
-  bool isStopAnnounced_ = false;  ///< To the service manager, which takes no such notice back.
-  int stopSignal_ = 0;
+  bool isStopAnnounced_ = false;   ///< To the service manager, which takes no such notice back.
+  bool isUnreadable_ = false;      ///< Nothing more can be read from the bus.
+  std::optional<int> stopSignal_;  ///< nullopt while stopping because nothing can be read.
   Clock::time_point stopDeadline_;
   std::size_t unanswered_ = 0;        ///< Calls, at the last check while stopping.
   Clock::time_point lastProgress_{};  ///< When that was last another number.
