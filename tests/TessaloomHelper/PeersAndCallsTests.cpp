@@ -314,7 +314,11 @@ TEST_F(PeersAndCallsTest, BoundsTheCallsOfEachAndOfAll) {
   endEngine();
   call(100, "GenerateText");
   while (!engineTasks.entries.empty()) endEngine();
-  EXPECT_EQ(answers().size(), 17U) << "where one has ended, another is accepted";
+  const Texts carriedOut = answers();
+  for (const auto& [answer, count] :
+       {std::pair{"100 DecodingError", 9}, {"101 DecodingError", 8}}) {
+    EXPECT_EQ(std::ranges::count(carriedOut, answer), count) << "one ended, another is accepted";
+  }
   EXPECT_FALSE(scheduler.hasEngineCalls());
 
   for (int caller = 0; caller <= 16; ++caller) {
