@@ -187,10 +187,13 @@ GenerationDirectory::~GenerationDirectory() {
 std::optional<std::filesystem::path> GenerationDirectory::write(const std::string& name,
                                                                 std::string_view text) const {
   constexpr mode_t ownerReadWrite = S_IRUSR | S_IWUSR;
+  // A directory that was taken over may hold a pipe of that name. Opening one does not wait for its
+  // reader, and one that has a reader cannot be truncated.
   const FileDescriptor file(::openat(directory_.get(), name.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+                                     O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
                                      ownerReadWrite));
-  if (!file || ::fchmod(file.get(), ownerReadWrite) != 0 || !writeAll(file, text)) {
+  if (!file || ::fchmod(file.get(), ownerReadWrite) != 0 || ::ftruncate(file.get(), 0) != 0 ||
+      !writeAll(file, text)) {
     return std::nullopt;
   }
   return path_ / name;

@@ -41,6 +41,10 @@ TEST(GenerationDirectoryTest, IsPrivateWhateverTheUmaskAndGoesWithItsObject) {
       EXPECT_TRUE(directory->write("schema.json", "of an earlier run"));
       EXPECT_EQ(directory->write("schema.json", "{}"), perUser / name / "schema.json");
       EXPECT_FALSE(directory->write(".", "a file has no such name"));
+      ASSERT_EQ(::mkfifo((perUser / name / "pipe").c_str(), 0700), 0);
+      EXPECT_FALSE(directory->write("pipe", "no one reads"));
+      const FileDescriptor reader(::open((perUser / name / "pipe").c_str(), O_RDWR));
+      EXPECT_FALSE(directory->write("pipe", "read by another process"));
       EXPECT_EQ(modeOf(perUser), fs::perms(0700));
       EXPECT_EQ(modeOf(perUser / name), fs::perms(0700));
       EXPECT_EQ(fs::file_size(perUser / name / "schema.json"), 2U);
