@@ -17,6 +17,8 @@ namespace tessaloom {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr mode_t ownerOnly = S_IRWXU;
 constexpr int openDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
@@ -60,24 +62,30 @@ std::expected<FileDescriptor, int> openLocked(const std::filesystem::path& direc
 }
 
 /// Empties a directory tree by moving every nested directory up to its root, so that neither stack
-/// nor descriptors grow with the depth that an engine made.
+/// nor descriptors grow with the depth that an engine made. A process may still be writing there,
+/// so every loop ends at the time limit.
 class TreeRemoval {
  public:
-  explicit TreeRemoval(FileDescriptor root) : root_(std::move(root)) {}
+  TreeRemoval(FileDescriptor root, std::chrono::milliseconds limit)
+      : root_(std::move(root)), end_(Clock::now() + limit) {}
 
   void run() {
     if (!root_) return;
-    // A process may still be writing here, so the number of passes is bounded.
-    for (int passes = 0; passes < maximumPasses && removeEntries(); ++passes) root_.rewind();
+    while (removeEntries()) root_.rewind();
   }
 
  private:
-  static constexpr int maximumPasses = 100'000;
+  bool isOver() const { return Clock::now() >= end_; }
+
+  /// The next entry; null also when the time is over.
+  const char* next(DirectoryReader& directory) const {
+    return isOver() ? nullptr : directory.next();
+  }
 
   /// Whether anything was removed or moved.
   bool removeEntries() {
     bool progress = false;
-    while (const char* name = root_.next()) {
+    while (const char* name = next(root_)) {
       progress |= removeFromRoot(name);
     }
     return progress;
@@ -93,7 +101,7 @@ class TreeRemoval {
     makeAccessible(root_.descriptor(), name);
     DirectoryReader nested(FileDescriptor(::openat(root_.descriptor(), name, openDirectoryFlags)));
     bool progress = false;
-    while (const char* child = nested ? nested.next() : nullptr) {
+    while (const char* child = nested ? next(nested) : nullptr) {
       progress |=
           removeSimple(nested.descriptor(), child) || moveToRoot(nested.descriptor(), child);
     }
@@ -110,19 +118,20 @@ class TreeRemoval {
     do {
       const std::string moved = ".removed-" + std::to_string(moves_++);
       if (::renameat(parent, name, root_.descriptor(), moved.c_str()) == 0) return true;
-    } while (errno == EEXIST || errno == ENOTEMPTY || errno == ENOTDIR);
+    } while ((errno == EEXIST || errno == ENOTEMPTY || errno == ENOTDIR) && !isOver());
     return false;
   }
 
   DirectoryReader root_;
+  Clock::time_point end_;
   unsigned long moves_ = 0;
 };
 
 /// Removes whatever exists at the path.
-void removeAnything(const std::filesystem::path& path) {
+void removeAnything(const std::filesystem::path& path, std::chrono::milliseconds limit) {
   if (::unlink(path.c_str()) == 0 || ::rmdir(path.c_str()) == 0) return;
   makeAccessible(AT_FDCWD, path.c_str());
-  TreeRemoval(FileDescriptor(::open(path.c_str(), openDirectoryFlags))).run();
+  TreeRemoval(FileDescriptor(::open(path.c_str(), openDirectoryFlags)), limit).run();
   ::rmdir(path.c_str());
 }
 
@@ -143,10 +152,10 @@ std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::p
   // by time, not by number.
   constexpr std::chrono::seconds limit{1};
   constexpr std::chrono::milliseconds pause{1};  // Removing it takes less.
-  const auto end = std::chrono::steady_clock::now() + limit;
+  const auto end = Clock::now() + limit;
   for (;;) {
     auto opened = openLocked(directory, LOCK_SH);
-    if (opened || std::chrono::steady_clock::now() > end) return opened;
+    if (opened || Clock::now() > end) return opened;
     if (opened.error() == EBUSY) {
       std::this_thread::sleep_for(pause);
     } else if (opened.error() != ENOENT) {
@@ -163,23 +172,24 @@ void removeUnusedDirectory(const std::filesystem::path& directory) {
 }
 
 std::expected<GenerationDirectory, int> GenerationDirectory::create(
-    const std::filesystem::path& temporaryDirectory, const UUID& requestID) {
+    const std::filesystem::path& temporaryDirectory, const UUID& requestID,
+    std::chrono::milliseconds removalLimit) {
   const auto parent = openPrivateDirectory(temporaryDirectory);
   if (!parent) return std::unexpected(parent.error());
   auto path = temporaryDirectory / ("tessaloom-generation-" + requestID.string());
   auto directory = openPrivateDirectory(path);
   if (!directory) {
-    removeAnything(path);
+    removeAnything(path, removalLimit);
     return std::unexpected(directory.error());
   }
-  return GenerationDirectory(std::move(path), std::move(*directory));
+  return GenerationDirectory(std::move(path), std::move(*directory), removalLimit);
 }
 
 GenerationDirectory::~GenerationDirectory() {
   if (!directory_) return;  // Moved from.
   if (::rmdir(path_.c_str()) == 0) return;
   ::fchmod(directory_.get(), ownerOnly);
-  TreeRemoval(std::move(directory_)).run();
+  TreeRemoval(std::move(directory_), removalLimit_).run();
   // The engine may have put something else in its place.
   if (::rmdir(path_.c_str()) != 0) ::unlink(path_.c_str());
 }

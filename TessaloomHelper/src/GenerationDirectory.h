@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <expected>
 #include <filesystem>
 #include <optional>
@@ -26,11 +27,18 @@ void removeUnusedDirectory(const std::filesystem::path& directory);
 /// permissions; no link is followed. What cannot be removed remains.
 class GenerationDirectory {
  public:
+  /// What is not removed by then remains as well. The reply waits for the removal, neither the
+  /// generation's deadline nor its cancellation ends it, and a process that an engine left behind
+  /// may write faster than this removes. Enough for hundreds of thousands of files, or tens of
+  /// thousands of directories.
+  static constexpr std::chrono::seconds removalTimeLimit{5};
+
   /// Makes the directory in `temporaryDirectory`. Both must be, or become, private to this user; an
   /// existing private one is taken over. On an errno value nothing stays under the directory's
   /// name.
   static std::expected<GenerationDirectory, int> create(
-      const std::filesystem::path& temporaryDirectory, const UUID& requestID);
+      const std::filesystem::path& temporaryDirectory, const UUID& requestID,
+      std::chrono::milliseconds removalLimit = removalTimeLimit);
 
   GenerationDirectory(GenerationDirectory&&) = default;
   GenerationDirectory& operator=(GenerationDirectory&&) = delete;
@@ -42,11 +50,13 @@ class GenerationDirectory {
   std::optional<std::filesystem::path> write(const std::string& name, std::string_view text) const;
 
  private:
-  GenerationDirectory(std::filesystem::path path, FileDescriptor directory)
-      : path_(std::move(path)), directory_(std::move(directory)) {}
+  GenerationDirectory(std::filesystem::path path, FileDescriptor directory,
+                      std::chrono::milliseconds removalLimit)
+      : path_(std::move(path)), directory_(std::move(directory)), removalLimit_(removalLimit) {}
 
   std::filesystem::path path_;
   FileDescriptor directory_;  ///< Kept open so that removal does not depend on getting one.
+  std::chrono::milliseconds removalLimit_;
 };
 
 }  // namespace tessaloom

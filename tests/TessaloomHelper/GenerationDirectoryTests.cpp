@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
@@ -171,6 +172,21 @@ TEST(GenerationDirectoryTest, RemovesWhateverAnEngineLeft) {
   EXPECT_EXIT(leaveAndRemove(), testing::ExitedWithCode(0), "");
   EXPECT_TRUE(fs::exists(elsewhere / "kept"));
   EXPECT_EQ(modeOf(elsewhere.path()), fs::perms(0750));
+}
+
+TEST(GenerationDirectoryTest, RemovalGivesUpAtItsTimeLimit) {
+  for (const char* place : {".", "nested"}) {
+    const TemporaryDirectory perUser;
+    {
+      const std::chrono::milliseconds limit(1);
+      const auto directory = GenerationDirectory::create(perUser.path(), id, limit).value();
+      const fs::path full = directory.path() / place;
+      fs::create_directory(full);
+      std::ofstream(full / "0");
+      for (int i = 1; i < 5'000; ++i) fs::create_hard_link(full / "0", full / std::to_string(i));
+    }
+    EXPECT_FALSE(fs::is_empty(perUser.path())) << place;
+  }
 }
 
 }  // namespace
