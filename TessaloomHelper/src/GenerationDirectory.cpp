@@ -11,6 +11,7 @@
 #include <thread>
 #include <utility>
 
+#include "NestedDirectory.h"
 #include "TLFoundation/DirectoryReader.h"
 
 namespace tessaloom {
@@ -20,7 +21,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr mode_t ownerOnly = S_IRWXU;
-constexpr int openDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 /// 0, also when something exists at the path already, or the error.
 // NOLINTNEXTLINE(misc-no-recursion): no deeper than the path is long.
@@ -39,16 +39,28 @@ bool isPrivate(const struct stat& facts) {
   return facts.st_uid == ::geteuid() && (facts.st_mode & ~static_cast<mode_t>(S_IFMT)) == ownerOnly;
 }
 
-/// What cannot be made accessible is not removed; the C library has every call's result used.
-void makeAccessible(int parent, const char* name) {
-  [[maybe_unused]] const int result = ::fchmodat(parent, name, ownerOnly, AT_SYMLINK_NOFOLLOW);
+/// Opens a directory to be emptied and gives this user all rights to it.
+FileDescriptor openAccessible(int parent, const char* name) {
+  FileDescriptor directory = openNestedDirectory(parent, name);
+  // Not what is mounted there: that is refused before its permissions count.
+  if (!directory && errno == EACCES &&
+      ::fchmodat(parent, name, ownerOnly, AT_SYMLINK_NOFOLLOW) == 0) {
+    directory = openNestedDirectory(parent, name);
+  }
+  if (directory) ::fchmod(directory.get(), ownerOnly);
+  return directory;
 }
 
 /// Opens a directory and takes the lock that says how it is used: LOCK_SH while it is, LOCK_EX to
 /// remove it. EBUSY when another process's use does not allow this one, ENOENT also when it was
-/// removed before the lock was taken.
-std::expected<FileDescriptor, int> openLocked(const std::filesystem::path& directory, int lock) {
-  FileDescriptor opened(::open(directory.c_str(), openDirectoryFlags));
+/// removed before the lock was taken, EXDEV when another file system than that of `parent` is
+/// mounted there.
+std::expected<FileDescriptor, int> openLocked(const std::filesystem::path& directory, int lock,
+                                              const FileDescriptor& parent = {}) {
+  FileDescriptor opened =
+      parent ? openNestedDirectory(parent.get(), directory.filename().c_str())
+             : FileDescriptor(
+                   ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!opened) return std::unexpected(errno);
   struct stat facts{};
   // Where a file system has no locks, nothing is removed.
@@ -98,8 +110,7 @@ class TreeRemoval {
   }
 
   bool emptyIntoRoot(const char* name) {
-    makeAccessible(root_.descriptor(), name);
-    DirectoryReader nested(FileDescriptor(::openat(root_.descriptor(), name, openDirectoryFlags)));
+    DirectoryReader nested(openAccessible(root_.descriptor(), name));
     bool progress = false;
     while (const char* child = nested ? next(nested) : nullptr) {
       progress |=
@@ -114,7 +125,7 @@ class TreeRemoval {
   }
 
   bool moveToRoot(int parent, const char* name) {
-    makeAccessible(parent, name);  // Its entry for the parent changes with the move.
+    openAccessible(parent, name);  // Its entry for the parent changes with the move.
     do {
       const std::string moved = ".removed-" + std::to_string(moves_++);
       if (::renameat(parent, name, root_.descriptor(), moved.c_str()) == 0) return true;
@@ -127,12 +138,11 @@ class TreeRemoval {
   unsigned long moves_ = 0;
 };
 
-/// Removes whatever exists at the path.
-void removeAnything(const std::filesystem::path& path, std::chrono::milliseconds limit) {
-  if (::unlink(path.c_str()) == 0 || ::rmdir(path.c_str()) == 0) return;
-  makeAccessible(AT_FDCWD, path.c_str());
-  TreeRemoval(FileDescriptor(::open(path.c_str(), openDirectoryFlags)), limit).run();
-  ::rmdir(path.c_str());
+/// Removes whatever has the name, except what is mounted there.
+void removeAnything(int parent, const char* name, std::chrono::milliseconds limit) {
+  if (::unlinkat(parent, name, 0) == 0) return;
+  TreeRemoval(openAccessible(parent, name), limit).run();
+  ::unlinkat(parent, name, AT_REMOVEDIR);
 }
 
 bool writeAll(const FileDescriptor& file, std::string_view text) {
@@ -147,14 +157,15 @@ bool writeAll(const FileDescriptor& file, std::string_view text) {
 
 }  // namespace
 
-std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::path& directory) {
+std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::path& directory,
+                                                        const FileDescriptor& parent) {
   // Another process may remove it each time before it is locked here, so the attempts are bounded
   // by time, not by number.
   constexpr std::chrono::seconds limit{1};
   constexpr std::chrono::milliseconds pause{1};  // Removing it takes less.
   const auto end = Clock::now() + limit;
   for (;;) {
-    auto opened = openLocked(directory, LOCK_SH);
+    auto opened = openLocked(directory, LOCK_SH, parent);
     if (opened || Clock::now() > end) return opened;
     if (opened.error() == EBUSY) {
       std::this_thread::sleep_for(pause);
@@ -176,10 +187,11 @@ std::expected<GenerationDirectory, int> GenerationDirectory::create(
     std::chrono::milliseconds removalLimit) {
   const auto parent = openPrivateDirectory(temporaryDirectory);
   if (!parent) return std::unexpected(parent.error());
-  auto path = temporaryDirectory / ("tessaloom-generation-" + requestID.string());
-  auto directory = openPrivateDirectory(path);
+  const std::string name = "tessaloom-generation-" + requestID.string();
+  auto path = temporaryDirectory / name;
+  auto directory = openPrivateDirectory(path, *parent);
   if (!directory) {
-    removeAnything(path, removalLimit);
+    removeAnything(parent->get(), name.c_str(), removalLimit);
     return std::unexpected(directory.error());
   }
   return GenerationDirectory(std::move(path), std::move(*directory), removalLimit);

@@ -14,8 +14,10 @@ namespace tessaloom {
 /// Makes sure that `directory` is a real directory of this user with mode 0700, making it and what
 /// is missing above it. The umask does not matter. Returns it open, with a shared lock that marks
 /// it as in use while it is open, or the error: anything else that exists there is refused and not
-/// changed. Safe from any thread.
-std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::path& directory);
+/// changed, with the open directory that holds it (`parent`) also what is mounted there. Safe from
+/// any thread.
+std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::path& directory,
+                                                        const FileDescriptor& parent = {});
 
 /// Removes a directory that `openPrivateDirectory` would accept, if it is empty and neither this
 /// nor another process uses it. A process that starts to use it at the same moment creates it
@@ -24,13 +26,14 @@ void removeUnusedDirectory(const std::filesystem::path& directory);
 
 /// The directory of one generation, "tessaloom-generation-" and the request id. It is removed when
 /// this object is destroyed, with all that the engine made in it, including directories without
-/// permissions; no link is followed. What cannot be removed remains.
+/// permissions; no link is followed, and no other file system that is mounted below it is changed.
+/// What cannot be removed remains.
 class GenerationDirectory {
  public:
   /// What is not removed by then remains as well. The reply waits for the removal, neither the
   /// generation's deadline nor its cancellation ends it, and a process that an engine left behind
-  /// may write faster than this removes. Enough for hundreds of thousands of files, or tens of
-  /// thousands of directories.
+  /// may write faster than this removes. Engines leave some files; a busy disk removes a thousand
+  /// directories in it.
   static constexpr std::chrono::seconds removalTimeLimit{5};
 
   /// Makes the directory in `temporaryDirectory`. Both must be, or become, private to this user; an

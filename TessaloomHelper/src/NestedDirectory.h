@@ -1,0 +1,13 @@
+#pragma once
+
+#include "TLFoundation/FileDescriptor.h"
+
+namespace tessaloom {
+
+/// Opens for reading the directory `name` of the open directory `parent`, which are in the same
+/// mounted file system. No link is followed. None, with errno set, when it cannot be opened: EXDEV
+/// when another file system is mounted there, which is not asked anything on Linux from 5.6 on. An
+/// older kernel opens what is mounted.
+FileDescriptor openNestedDirectory(int parent, const char* name);
+
+}  // namespace tessaloom
