@@ -70,7 +70,7 @@ FAULTS = [
     ("a version that is not text", PROCESS, "[version isKindOfClass:[NSString class]]", "version != nil", "versions"),
     ("it exits while a reply is on its way", PROCESS, "if (!isPause()) return", "if (isStopping_ && !isPause()) return", "replacement"),
     ("it waits for a pause without a limit", PROCESS, " || Clock::now() >= *pauseDeadline_;", ";", "replacement"),
-    ("an engine's reply has no grace", PROCESS, "if (!openCalls_.engineCallsAreSettled(replyGrace)) {", "if (!openCalls_.engineCallsAreSettled({})) {", "late_generation"),
+    ("a past wait for a pause counts after a generation", PROCESS, "if (!openCalls_.engineCallsAreSettled(replyGrace)) {\n    pauseDeadline_.reset();", "if (!openCalls_.engineCallsAreSettled({})) {", "late_generation"),
     ("engines outlive a signal", PROCESS, "  runner_.endAll();", "", "termination"),
     ("children inherit descriptors", SPAWN, "POSIX_SPAWN_SETSIGDEF |\n                        POSIX_SPAWN_CLOEXEC_DEFAULT", "POSIX_SPAWN_SETSIGDEF", "generations"),
     ("children stay in the helper's process group", SPAWN, "POSIX_SPAWN_SETPGROUP | ", "", "deadline"),

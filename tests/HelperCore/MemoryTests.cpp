@@ -76,7 +76,6 @@ TEST(Memory, NoFailedAllocationEndsTheProcess) {
        R"({"instructions":"instructions of some length","prompt":"a prompt of some length",)"
        R"("requestID":"0F8FAD5B-D9CB-469F-A165-70867728950E","engine":"codex","shape":"freeText",)"
        R"("timeout":5,"unknown":[[[{"a":[]}]]]})"},
-      {readBody<GenerationRequest>, R"({"instructions":"","prompt":"\u0000","timeout":[})"},
       {readBody<GeneratedFields>, fields},
       {readOutput<GenerationOutputParser::parseClaude>, "{\"structured_output\":" + fields + "}"},
       {readOutput<GenerationOutputParser::parseCodex>,

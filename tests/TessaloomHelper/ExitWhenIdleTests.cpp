@@ -34,12 +34,13 @@ TEST(ExitWhenIdleTest, DetectsAReplacedExecutable) {
   EXPECT_FALSE(ExitWhenIdle(other, {}, runner, tasks, [] {}).isExecutableReplaced());
 }
 
-TEST(ExitWhenIdleTest, StaysWhenNothingIsLeftForTheNextCheck) {
+TEST(ExitWhenIdleTest, RepeatsOneCheckAndStaysWhenNothingIsLeftForIt) {
   CLIRunner runner;
   ManualTasks tasks;
   ExitWhenIdle exit({}, {}, runner, tasks, [] { FAIL(); });
   const auto accepted = runner.accept();
-  exit.scheduleExitWhenIdle(ExitWhenIdle::firstCheck);
+  for (int i = 0; i < 3; ++i) exit.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
+  EXPECT_EQ(tasks.entries.size(), 1U);
   tasks.isExhausted = true;
   tasks.run();
 }

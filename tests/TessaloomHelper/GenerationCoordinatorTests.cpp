@@ -12,7 +12,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(GenerationCoordinator, LooksUpTheUserAgainWithMoreDescriptorsAndFailsWithoutOne) {
+TEST(GenerationCoordinator, FailsWhenTheUserIsUnknownAtTheLaunch) {
   constexpr auto codex = GenerationEngineID::codex;
   const TemporaryDirectory home;
   const TemporaryDirectory temporary;
@@ -21,12 +21,6 @@ TEST(GenerationCoordinator, LooksUpTheUserAgainWithMoreDescriptorsAndFailsWithou
   CLIRunner runner;
   GenerationLookups lookups;
   const std::optional user(CurrentUser{home.path(), "practice"});
-
-  bool released = false;
-  lookups.releaseDescriptors = [&] { released = true; };
-  lookups.currentUser = [&] { return released ? user : std::nullopt; };
-  const GenerationCoordinator late(runner, temporary.path(), lookups);
-  EXPECT_TRUE(late.engineStatus({codex}).binaryFound);
 
   lookups.currentUser = [&, isFirst = true]() mutable {
     return std::exchange(isFirst, false) ? user : std::nullopt;

@@ -178,8 +178,8 @@ TEST(GenerationDirectoryTest, RemovalGivesUpAtItsTimeLimit) {
   for (const char* place : {".", "nested"}) {
     const TemporaryDirectory perUser;
     {
-      const std::chrono::milliseconds limit(1);
-      const auto directory = GenerationDirectory::create(perUser.path(), id, limit).value();
+      const auto directory =
+          GenerationDirectory::create(perUser.path(), id, std::chrono::milliseconds(1)).value();
       const fs::path full = directory.path() / place;
       fs::create_directory(full);
       std::ofstream(full / "0");

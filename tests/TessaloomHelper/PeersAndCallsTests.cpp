@@ -314,11 +314,7 @@ TEST_F(PeersAndCallsTest, BoundsTheCallsOfEachAndOfAll) {
   endEngine();
   call(100, "GenerateText");
   while (!engineTasks.entries.empty()) endEngine();
-  const Texts carriedOut = answers();
-  for (const auto& [answer, count] :
-       {std::pair{"100 DecodingError", 9}, {"101 DecodingError", 8}}) {
-    EXPECT_EQ(std::ranges::count(carriedOut, answer), count) << "one ended, another is accepted";
-  }
+  EXPECT_EQ(std::ranges::count(answers(), "100 DecodingError"), 9) << "one ended, one more came";
   EXPECT_FALSE(scheduler.hasEngineCalls());
 
   for (int caller = 0; caller <= 16; ++caller) {
