@@ -20,7 +20,7 @@ from compile_again import errors_of, write_modules
 ROOT = Path(__file__).resolve().parent.parent
 SOURCES = "TessaloomHelper/src/macos/"
 SERVICE, DELEGATE, MAIN = (SOURCES + name for name in ("HelperService.mm", "ListenerDelegate.mm", "main.mm"))
-PROCESS, AGENT = (SOURCES + name for name in ("HelperProcess.mm", "LaunchAgent.mm"))
+PROCESS, CALLS, AGENT = (SOURCES + name for name in ("HelperProcess.mm", "OpenCalls.cpp", "LaunchAgent.mm"))
 VALUES = "HelperProtocol/src/macos/FoundationValues.mm"
 KERNEL = "HelperCore/src/macos/MacKernel.cpp"
 SPAWN = "HelperCore/src/macos/SpawnPlatform.cpp"
@@ -68,9 +68,9 @@ FAULTS = [
     ("another property list", AGENT, "com.brindlemoor.Tessaloom.helper.plist", "com.brindlemoor.Tessaloom.plist", "registration"),
     ("a failed registration is not reported", AGENT, "  logLine(", "  if (false) logLine(", "registration_fails"),
     ("a version that is not text", PROCESS, "[version isKindOfClass:[NSString class]]", "version != nil", "versions"),
-    ("it exits while a reply is on its way", PROCESS, "if (!isPause()) return", "if (isStopping_ && !isPause()) return", "replacement"),
-    ("it waits for a pause without a limit", PROCESS, " || Clock::now() >= *pauseDeadline_;", ";", "replacement"),
-    ("a past wait for a pause counts after a generation", PROCESS, "if (!openCalls_.engineCallsAreSettled(replyGrace)) {\n    pauseDeadline_.reset();", "if (!openCalls_.engineCallsAreSettled({})) {", "late_generation"),
+    ("it exits while a reply is on its way", PROCESS, "if (!openCalls_.isPause(replyGrace, pauseLimit)) {", "if (isStopping_) {", "replacement"),
+    ("it waits for a pause without a limit", PROCESS, "isPause(replyGrace, pauseLimit)", "isPause(replyGrace, std::chrono::hours(1))", "replacement"),
+    ("a past wait for a pause counts after a generation", CALLS, "const auto engineGrace = lastEngineAnswer_ + grace;", "const Clock::time_point engineGrace;", "late_generation"),
     ("engines outlive a signal", PROCESS, "  runner_.endAll();", "", "termination"),
     ("children inherit descriptors", SPAWN, "POSIX_SPAWN_SETSIGDEF |\n                        POSIX_SPAWN_CLOEXEC_DEFAULT", "POSIX_SPAWN_SETSIGDEF", "generations"),
     ("children stay in the helper's process group", SPAWN, "POSIX_SPAWN_SETPGROUP | ", "", "deadline"),

@@ -30,15 +30,15 @@ void removeUnusedDirectory(const std::filesystem::path& directory);
 /// What cannot be removed remains.
 class GenerationDirectory {
  public:
-  /// What is not removed by then remains as well. The reply waits for the removal, neither the
+  /// What is not removed in this time remains as well. The reply waits for the removal, neither the
   /// generation's deadline nor its cancellation ends it, and a process that an engine left behind
-  /// may write faster than this removes. Engines leave some files; a busy disk removes a thousand
-  /// directories in it.
+  /// may write faster than this removes. Engines leave some files; on a busy disk the time is
+  /// enough for a thousand directories.
   static constexpr std::chrono::seconds removalTimeLimit{5};
 
   /// Makes the directory in `temporaryDirectory`. Both must be, or become, private to this user; an
-  /// existing private one is taken over. On an errno value nothing stays under the directory's
-  /// name.
+  /// existing private one is taken over. On an errno value nothing that can be removed
+  /// stays under the directory's name.
   static std::expected<GenerationDirectory, int> create(
       const std::filesystem::path& temporaryDirectory, const UUID& requestID,
       std::chrono::milliseconds removalLimit = removalTimeLimit);

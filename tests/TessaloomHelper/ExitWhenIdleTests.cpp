@@ -39,10 +39,13 @@ TEST(ExitWhenIdleTest, RepeatsOneCheckAndStaysWhenNothingIsLeftForIt) {
   ManualTasks tasks;
   ExitWhenIdle exit({}, {}, runner, tasks, [] { FAIL(); });
   const auto accepted = runner.accept();
-  for (int i = 0; i < 3; ++i) exit.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
-  EXPECT_EQ(tasks.entries.size(), 1U);
-  tasks.isExhausted = true;
-  tasks.run();
+  for (const bool isExhausted : {false, true, false}) {
+    tasks.isExhausted = false;
+    for (int i = 0; i < 2; ++i) exit.scheduleExitWhenIdle(ExitWhenIdle::firstCheck);
+    tasks.isExhausted = isExhausted;
+    tasks.run();
+    EXPECT_EQ(tasks.entries.size(), isExhausted ? 0U : 1U);
+  }
 }
 
 }  // namespace

@@ -85,8 +85,7 @@ def crowd(run):
         run.check(eventually(lambda: not engines()), "what an engine started runs on after its deadline")
 
         client.ask("GenerateText", bytes(17 << 20), LIMITS_EXCEEDED)
-        long = client.call(HELPER, "/a" * 32_000, INTERFACE, "ProtocolVersion")
-        run.check("so long a path" in long.body[0], long.body)  # Before the library looks at each part of it.
+        run.check("so long a path" in client.call(HELPER, "/a" * 32_000, INTERFACE, "ProtocolVersion").body[0], "a long path")
         for call in [client.start("ProtocolVersion") for _ in range(10_000)]:
             client.finish(call, 1, (LIMITS_EXCEEDED,))
         text = client.call(HELPER, HELPER_PATH, BUS + ".Introspectable", "Introspect").body[0]

@@ -52,6 +52,15 @@ bool isRefused(const std::expected<std::uint32_t, int>& network) {
   return !network && network.error() == EACCES;
 }
 
+constexpr long isSame = 0;
+constexpr long isBefore = 1;
+
+/// How the kernel orders the tables of descriptors of two processes or threads (kcmp(2)); negative
+/// where it does not say.
+long compareTables(std::int32_t first, std::int32_t second) {
+  return ::syscall(SYS_kcmp, first, second, KCMP_FILES, 0, 0);
+}
+
 }  // namespace
 
 SocketDescriptors readSocketDescriptors(const ProcFiles& proc, std::int32_t pid) {
@@ -84,27 +93,28 @@ SocketDescriptors readOwnSocketDescriptors(const ProcFiles& proc, const std::vec
 std::vector<NamespaceMember> addSocketsOfThreads(const ProcFiles& proc, std::int32_t pid,
                                                  SocketDescriptors& sockets) {
   std::vector<NamespaceMember> members;
-  std::vector<std::int32_t> tables{pid};  // One thread for each table that was read.
+  // One thread for each table that was read, in the kernel's order of them: there may be thousands.
+  std::vector<std::int32_t> tables{pid};
   for (const std::int32_t thread :
        proc.listNumbers(ProcPath{pid, "task"}.text()).value_or(std::vector<std::int32_t>{})) {
     if (thread == pid) continue;
     const auto network = proc.networkNamespace(thread);
     if (isRefused(network)) continue;
     if (network && *network != sockets.networkNamespace) members.push_back({*network, thread});
-    const bool isRead = std::ranges::any_of(tables, [thread](std::int32_t other) {
-      return shareDescriptors(thread, other).value_or(false);
-    });
-    if (isRead) continue;
+    const auto place = std::ranges::lower_bound(
+        tables, thread,
+        [](std::int32_t one, std::int32_t other) { return compareTables(one, other) == isBefore; });
+    if (place != tables.end() && compareTables(*place, thread) == isSame) continue;
     addSockets(proc, thread, sockets.inodes);
-    tables.push_back(thread);
+    tables.insert(place, thread);
   }
   return members;
 }
 
 std::optional<bool> shareDescriptors(std::int32_t first, std::int32_t second) {
-  const long order = syscall(SYS_kcmp, first, second, KCMP_FILES, 0, 0);
+  const long order = compareTables(first, second);
   if (order < 0) return std::nullopt;
-  return order == 0;
+  return order == isSame;
 }
 
 }  // namespace tessaloom

@@ -42,7 +42,8 @@ void read(ProcessScan& scan, Entry& entry, std::int32_t self, bool tablesAreComp
     if (!scan.readFacts(known, stat)) return;
   }
   // Kernel threads share a table that is always empty. Where the kernel compares no tables at all,
-  // as in some sandboxes, each may be shared; one that it does not compare is another user's.
+  // as in some sandboxes, each may be shared; one that it does not compare is another user's, or of
+  // a parent that may not be examined.
   entry.sharesDescriptors =
       !known.facts->isKernelThread &&
       (!tablesAreComparable || shareDescriptors(known.pid, known.facts->parentPID).value_or(false));

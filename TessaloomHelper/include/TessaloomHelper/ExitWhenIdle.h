@@ -36,8 +36,8 @@ class ExitWhenIdle {
 
   /// Checks after `delay`, and then every `nextCheck`, whether the runner has an unfinished engine
   /// call; exits at the first check that finds none. However often it is called, one check is
-  /// repeated. If the system lacks the memory or thread for a
-  /// check, none is scheduled until this is called again, by the next `QuitIfOutdated`.
+  /// repeated. If the system lacks the memory or thread for a check, none is scheduled until this
+  /// is called again, by the next `QuitIfOutdated`.
   void scheduleExitWhenIdle(std::chrono::milliseconds delay) noexcept;
 
  private:

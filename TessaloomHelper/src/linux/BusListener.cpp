@@ -38,8 +38,6 @@ constexpr std::uint64_t maximumQueued = 1'024;
 constexpr int sendBufferBytes = 32'768;
 /// With more failures of the library without a message in between, the connection is of no use.
 constexpr int maximumFailures = 1'000;
-/// Longer paths are refused before the library looks for an object at each of their parents.
-constexpr std::size_t longestPath = 255;
 /// Other events are handled after at most this many messages.
 constexpr int maximumBurst = 64;
 
@@ -167,7 +165,8 @@ std::optional<int> BusListener::process() {
     return endAtOnce("the session bus was lost");
   }
   if (processed == -ENOBUFS && !isUnreadable_) stopUnreadable();
-  // Otherwise the library failed at a message that it handles by itself, which is gone.
+  // Otherwise the library failed at a message that it handles by itself, which is gone, such as
+  // GetMachineId on a machine without an id.
   return std::nullopt;
 }
 
@@ -261,12 +260,12 @@ std::optional<int> BusListener::advanceExit() {
   return 0;
 }
 
-// The bus carries messages of up to 128 MiB, and the library refuses to read those of exactly that
-// size. It can still write, so what has been accepted is answered; the next call starts a helper
-// that can read.
+// The bus accepts messages of up to 128 MiB and adds the sender's name; the library refuses to read
+// what then has that size. It can still write, so what has been accepted is answered; the next call
+// starts a helper that can read.
 void BusListener::stopUnreadable() {
   isUnreadable_ = true;
-  logLine("a message on the session bus is too large to be read; exiting");
+  logLine("the session bus can no longer be read; exiting");
   beginStopping(std::nullopt);
 }
 
@@ -397,12 +396,7 @@ int BusListener::onCall(sd_bus_message* call, void* userdata, sd_bus_error*) {
   return withoutExceptions([&] {
     auto& listener = *static_cast<BusListener*>(userdata);
     ++listener.arrivals_;
-    const int result = listener.peers_.authorize(call);
-    const bool isLong = std::string_view(sd_bus_message_get_path(call)).size() > longestPath;
-    if (result != 0 || !isLong) return result;
-    const int sent = sd_bus_reply_method_errorf(call, SD_BUS_ERROR_UNKNOWN_OBJECT,
-                                                "There is no object with so long a path.");
-    return sent < 0 ? sent : 1;
+    return listener.peers_.authorize(call);
   });
 }
 

@@ -33,8 +33,9 @@ namespace tessaloom {
 /// a completion queue.
 ///
 /// How it ends: requestExit() releases the name, as soon as no call is unfinished that runs an
-/// engine, answers every call that was routed to it before, and then has run() return. A signal and
-/// the loss of the bus end the engines first and wait for them no longer than `stopLimit`.
+/// engine, answers every call that was routed to it before, and then has run() return. A signal, a
+/// bus that cannot be read and the loss of the bus end the engines first and wait for them no
+/// longer than `stopLimit`.
 class BusListener {
  public:
   static constexpr std::chrono::seconds stopLimit{10};

@@ -21,7 +21,7 @@ void CompletionQueue::post(Completion& completion) noexcept {
   *end_ = &completion;
   end_ = &completion.next_;
   // The post that makes the queue non-empty wakes the reader, which takes everything. It does so
-  // under the lock: after the reader had taken everything, the descriptor would stay readable.
+  // under the lock: a write that came after that would leave the descriptor readable.
   if (!wasEmpty) return;
   const std::uint64_t one = 1;
   [[maybe_unused]] const auto written = ::write(wake_.get(), &one, sizeof one);

@@ -104,7 +104,8 @@ int PeerRegistry::authorize(sd_bus_message* call) {
   switch (peer->state) {
     case AdmissionState::admitted:
       if (peer->replayed > 0) --peer->replayed;
-      return 0;
+      if (std::strlen(sd_bus_message_get_path(call)) <= longestPath) return 0;
+      return answer(call, SD_BUS_ERROR_UNKNOWN_OBJECT, "There is no object with so long a path.");
     case AdmissionState::undecided:
       return hold(*peer, call);
     case AdmissionState::refused:

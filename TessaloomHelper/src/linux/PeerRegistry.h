@@ -47,6 +47,8 @@ struct Peer {
 class PeerRegistry {
  public:
   static constexpr std::size_t maximumAdmitted = 256;
+  /// The bytes of a call's object path. The library looks for an object at each of its parents.
+  static constexpr std::size_t longestPath = 255;
   /// Not admitted ones, refused ones included, which give way to others.
   static constexpr std::size_t maximumOthers = 4'096;
   static constexpr std::size_t maximumHeldCalls = 64;  ///< Of one connection.

@@ -19,7 +19,6 @@
 #include "HelperCore/PerUserTemporaryDirectory.h"
 #import "HelperProtocol/macos/FoundationValues.h"
 #include "Log.h"
-#include "TLFoundation/Mutex.h"
 
 namespace tessaloom {
 
@@ -77,7 +76,6 @@ class HelperProcess {
   void endOnSignals();
 
  private:
-  bool isPause() TL_EXCLUDES(pauseLock_);
   void exitWhenPaused();
   void stop(int signal);
   void exitOnceSettled(int signal, Clock::time_point deadline);
@@ -92,27 +90,15 @@ class HelperProcess {
   ServiceContext context_;
   std::vector<dispatch_source_t> signalSources_;
   std::atomic<bool> isStopping_ = false;
-  Mutex pauseLock_;
-  /// Since a check has found the engines' calls settled.
-  std::optional<Clock::time_point> pauseDeadline_ TL_GUARDED_BY(pauseLock_);
 };
 
-// Several exits may have been asked for, each with checks of its own.
-bool HelperProcess::isPause() {
-  const MutexLock locked(pauseLock_);
-  if (!openCalls_.engineCallsAreSettled(replyGrace)) {
-    pauseDeadline_.reset();
-    return false;
-  }
-  if (!pauseDeadline_) pauseDeadline_ = Clock::now() + pauseLimit;
-  return openCalls_.areSettled(replyGrace) || Clock::now() >= *pauseDeadline_;
-}
-
 // No engine call was unfinished at the check, but one may have come since, and replies may be on
-// their way.
+// their way. Several exits may have been asked for, each with a first check of its own.
 void HelperProcess::exitWhenPaused() {
   if (isStopping_) return;
-  if (!isPause()) return exitWhenIdle_.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
+  if (!openCalls_.isPause(replyGrace, pauseLimit)) {
+    return exitWhenIdle_.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
+  }
   if (isStopping_.exchange(true)) return;
   logLine(ExitWhenIdle::exitLine);
   std::exit(0);

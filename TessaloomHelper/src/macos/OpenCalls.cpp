@@ -21,17 +21,19 @@ std::shared_ptr<void> OpenCalls::open(Method::Kind kind) {
 
 bool OpenCalls::areSettled(Clock::duration grace) const {
   const MutexLock locked(lock_);
-  return open_.empty() && isOver(lastAnswer_, grace);
+  return open_.empty() && Clock::now() >= lastAnswer_ + grace;
 }
 
-bool OpenCalls::engineCallsAreSettled(Clock::duration grace) const {
+bool OpenCalls::isPause(Clock::duration grace, Clock::duration limit) {
   const MutexLock locked(lock_);
-  return std::ranges::none_of(std::views::keys(open_), Method::runsEngine) &&
-         isOver(lastEngineAnswer_, grace);
-}
-
-bool OpenCalls::isOver(const std::optional<Clock::time_point>& answer, Clock::duration grace) {
-  return !answer || Clock::now() - *answer >= grace;
+  const auto now = Clock::now();
+  const auto engineGrace = lastEngineAnswer_ + grace;
+  if (std::ranges::any_of(std::views::keys(open_), Method::runsEngine) || now < engineGrace) {
+    return false;
+  }
+  if (!firstLook_) firstLook_ = now;
+  return (open_.empty() && now >= lastAnswer_ + grace) ||
+         now >= std::max(*firstLook_, engineGrace) + limit;
 }
 
 }  // namespace tessaloom

@@ -24,16 +24,17 @@ class OpenCalls {
   /// after the reply block has returned, so the process must outlive its last reply.
   bool areSettled(Clock::duration grace) const TL_EXCLUDES(lock_);
 
-  /// The same of the calls that run an engine, whatever becomes of others.
-  bool engineCallsAreSettled(Clock::duration grace) const TL_EXCLUDES(lock_);
+  /// Whether the process may exit now: all calls are settled; or those that run an engine are, and
+  /// since that and the first time that this was asked then, brief calls have left no pause for
+  /// `limit`.
+  bool isPause(Clock::duration grace, Clock::duration limit) TL_EXCLUDES(lock_);
 
  private:
-  static bool isOver(const std::optional<Clock::time_point>& answer, Clock::duration grace);
-
   mutable Mutex lock_;
   std::map<Method::Kind, std::size_t> open_ TL_GUARDED_BY(lock_);  ///< None is 0.
-  std::optional<Clock::time_point> lastAnswer_ TL_GUARDED_BY(lock_);
-  std::optional<Clock::time_point> lastEngineAnswer_ TL_GUARDED_BY(lock_);
+  Clock::time_point lastAnswer_ TL_GUARDED_BY(lock_);
+  Clock::time_point lastEngineAnswer_ TL_GUARDED_BY(lock_);
+  std::optional<Clock::time_point> firstLook_ TL_GUARDED_BY(lock_);
 };
 
 }  // namespace tessaloom
