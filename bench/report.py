@@ -173,10 +173,10 @@ def main():
         old = open(document, encoding="utf-8").read()
         begin, end = "<!-- measurements -->\n", "<!-- end of measurements -->"
         before, rest = old.split(begin)
-        with open(document, "w", encoding="utf-8") as file:
-            file.write(f"{before}{begin}\n{text}\n\n{end}{rest.split(end)[1]}")
-        with open(picture, "w", encoding="utf-8") as file:
-            file.write(plot(grown))
+        texts = {document: f"{before}{begin}\n{text}\n\n{end}{rest.split(end)[1]}", picture: plot(grown)}
+        for path, content in texts.items():  # Nothing is opened before all is computed.
+            with open(path, "w", encoding="utf-8") as file:
+                file.write(content)
 
 
 main()
