@@ -27,7 +27,7 @@ final class Assistant {
     running = identifier
     helper.generateText(prompt, engine: "claudeCode", identifier: identifier) { text, failure, description in
       DispatchQueue.main.async {
-        self.running = nil
+        if self.running == identifier { self.running = nil }
         switch failure {
         case .none: show(text ?? "")
         case .cancelled: break
@@ -41,10 +41,14 @@ final class Assistant {
 
   /// Before its engine has been launched a generation cannot be stopped, so this repeats until it takes effect.
   func cancel() {
-    guard let identifier = running else { return }
+    if let identifier = running { cancel(identifier) }
+  }
+
+  private func cancel(_ identifier: String) {
+    guard running == identifier else { return }
     helper.cancel(identifier) { isSignaled in
       guard !isSignaled else { return }
-      DispatchQueue.main.asyncAfter(deadline: .now() + 0.1) { self.cancel() }
+      DispatchQueue.main.asyncAfter(deadline: .now() + 0.1) { self.cancel(identifier) }
     }
   }
 
