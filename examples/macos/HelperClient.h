@@ -17,9 +17,8 @@ typedef NS_ENUM(NSInteger, HelperFailure) {
 /// The editor's end of the connection to the helper: what an editor does to use it on macOS.
 ///
 /// One for the whole editor, because the helper signals only processes that the same connection has
-/// listed. Every block is called exactly once, on a queue of the system's and never before its
-/// method has returned. Safe from any thread. Plain Objective-C, for Swift too: see
-/// Assistant.swift.
+/// listed. Every block is called exactly once, on a queue of the system's, never by the method
+/// itself. Safe from any thread. Plain Objective-C, for Swift too: see Assistant.swift.
 @interface HelperClient : NSObject
 
 /// Registers the helper's agent unless it is enabled. Before the first call ever: nobody can start
