@@ -63,9 +63,7 @@ ExitStatus reportError(const CallError& error, bool json) {
     if (error.kind) object["kind"] = *error.kind;
     object["message"] = error.message;
     const nlohmann::ordered_json whole{{"error", object}};
-    Console::printToError(
-        whole.dump(-1, ' ', Console::errorShowsASCII(), nlohmann::json::error_handler_t::replace) +
-        "\n");
+    Console::printErrorJSON(whole.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
   } else {
     const std::string text = Console::safeLine(error.message.empty() ? error.name : error.message);
     const bool unreachable = error.category == CallError::Category::unreachable;

@@ -14,6 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "HelperProtocol/JSONReader.h"
 #include "ReadNumber.h"
 #include "TLFoundation/DisplayString.h"
 #include "TLFoundation/ErrnoText.h"
@@ -24,6 +25,9 @@ namespace {
 constexpr std::size_t usualWidth = 80;
 /// More than any message of the helper or the bus says.
 constexpr std::int64_t lineLimit = 4'000;
+/// More than any reply of the helper has. What is nested deeper is not indented, which could make
+/// it much longer.
+constexpr std::size_t deepestIndented = 16;
 
 /// The errno of the first write to standard output that failed. One thread prints.
 int outputError = 0;
@@ -66,6 +70,16 @@ bool localeIsUTF8() {
   return false;
 }
 
+/// The first character of UTF-8 text.
+std::string_view firstCharacter(std::string_view text) {
+  const auto lead = static_cast<unsigned char>(text.front());
+  return text.substr(0, lead < 0x80 ? 1 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4);
+}
+
+bool isASCII(std::string_view character) {
+  return static_cast<unsigned char>(character.front()) < 0x80;
+}
+
 /// The text in ASCII: usual punctuation by what looks like it, other characters by a question mark.
 std::string inASCII(std::string_view text) {
   struct Replacement {
@@ -78,11 +92,9 @@ std::string inASCII(std::string_view text) {
       Replacement{"\u2026", "..."}, Replacement{"\u00a0", " "}};
   std::string result;
   while (!text.empty()) {
-    const auto lead = static_cast<unsigned char>(text.front());
-    const std::size_t length = lead < 0x80 ? 1 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
-    const std::string_view character = text.substr(0, length);
+    const std::string_view character = firstCharacter(text);
     const auto known = std::ranges::find(replacements, character, &Replacement::character);
-    result += lead < 0x80 ? character : known == replacements.end() ? "?" : known->ascii;
+    result += isASCII(character) ? character : known == replacements.end() ? "?" : known->ascii;
     text.remove_prefix(character.size());
   }
   return result;
@@ -96,11 +108,77 @@ std::string shownOn(bool isTerminal, std::string_view text) {
   return showsASCII(isTerminal) ? inASCII(text) : std::string(text);
 }
 
-/// A JSON text as a terminal shows it, which is still JSON; another text unchanged.
-std::string shownJSON(std::string_view text, int indentation) {
-  const auto value = nlohmann::ordered_json::parse(text, nullptr, false);
-  return value.is_discarded() ? std::string(text)
-                              : value.dump(indentation, ' ', showsASCII(outputIsTerminal()));
+/// How deep a JSON text is nested.
+class JSONDepth final : public JSONTarget {
+ public:
+  std::size_t deepest() const { return deepest_; }
+
+  void scalar(JSONScalar /*value*/, std::string_view /*source*/) override {}
+  void begin(JSONContainer /*container*/) override { deepest_ = std::max(deepest_, ++depth_); }
+  JSONTarget* member(std::string_view /*key*/) override { return this; }
+  JSONTarget* element() override { return this; }
+  void end() override { --depth_; }
+
+ private:
+  std::size_t depth_ = 0;
+  std::size_t deepest_ = 0;
+};
+
+/// Valid JSON with each member and element on a line of its own.
+std::string indented(std::string_view json) {
+  std::string result;
+  std::size_t depth = 0;
+  bool isInString = false;
+  for (std::size_t i = 0; i < json.size(); ++i) {
+    const char character = json[i];
+    if (isInString) {
+      result += character;
+      if (character == '\\') result += json[++i];
+      isInString = character != '"';
+      continue;
+    }
+    if (std::string_view(" \t\r\n").contains(character)) continue;
+    const bool opens = character == '{' || character == '[';
+    const bool closes = character == '}' || character == ']';
+    const bool isFirst = result.ends_with('{') || result.ends_with('[');
+    if (closes) --depth;
+    if (isFirst != closes || result.ends_with(',')) result.append("\n").append(2 * depth, ' ');
+    result += character;
+    if (opens) ++depth;
+    if (character == ':') result += ' ';
+    isInString = character == '"';
+  }
+  return result;
+}
+
+/// Valid JSON with escapes for the characters that a terminal must not get: control characters,
+/// invisible ones and, if it lacks UTF-8, all that are not ASCII.
+std::string escaped(std::string_view json, bool toASCII) {
+  std::string result;
+  while (!json.empty()) {
+    const std::string_view character = firstCharacter(json);
+    json.remove_prefix(character.size());
+    if (character == "\r") continue;  // Between tokens, where it means nothing.
+    const bool isShown = !Console::safeText(character).empty() && (!toASCII || isASCII(character));
+    if (isShown) {
+      result += character;
+    } else {
+      const std::string quoted = nlohmann::json(character).dump(-1, ' ', true);
+      result.append(quoted, 1, quoted.size() - 2);
+    }
+  }
+  return result;
+}
+
+enum class Layout { asWritten, indented };
+
+/// A JSON text as a terminal shows it, which is still JSON; another text without what a terminal
+/// must not get. The text is from outside: time and memory are in proportion to its length.
+std::string shownJSON(std::string_view text, Layout layout, bool toASCII) {
+  JSONDepth depth;
+  if (JSONReader::read(text, depth)) return Console::safeText(text);
+  const bool indents = layout == Layout::indented && depth.deepest() <= deepestIndented;
+  return indents ? escaped(indented(text), toASCII) : escaped(text, toASCII);
 }
 
 std::optional<winsize> sizeOf(int descriptor) {
@@ -132,9 +210,6 @@ bool outputIsTerminal() {
 }
 bool errorIsTerminal() {
   return isatty(STDERR_FILENO) != 0;
-}
-bool errorShowsASCII() {
-  return showsASCII(errorIsTerminal());
 }
 bool canRedrawOutput() {
   return outputIsTerminal() && !isDumb();
@@ -169,13 +244,17 @@ void print(std::string_view text) {
 }
 
 void printBody(std::string_view body) {
-  print(showsASCII(outputIsTerminal()) ? shownJSON(body, -1) : body);
-  if (outputIsTerminal() && !body.ends_with('\n')) print("\n");
+  if (!outputIsTerminal()) return print(body);
+  const std::string shown = shownBody(body);
+  print(shown);
+  if (!shown.ends_with('\n')) print("\n");
 }
 
 void printJSON(std::string_view text) {
-  print(outputIsTerminal() ? shownJSON(text, 2) : text);
-  if (!text.ends_with('\n')) print("\n");
+  const std::string shown =
+      outputIsTerminal() ? shownJSON(text, Layout::indented, showsASCII(true)) : std::string(text);
+  print(shown);
+  if (!shown.ends_with('\n')) print("\n");
 }
 
 int flushOutput() {
@@ -190,6 +269,12 @@ void printError(std::string_view message, std::string_view advice) {
   printToError(text);
 }
 
+void printErrorJSON(std::string_view text) {
+  printToError(errorIsTerminal() ? shownJSON(text, Layout::asWritten, showsASCII(true))
+                                 : std::string(text));
+  printToError("\n");
+}
+
 void printToError(std::string_view text) {
   const std::string shown = shownOn(errorIsTerminal(), text);
   (void)std::fwrite(shown.data(), 1, shown.size(), stderr);  // There is nowhere to report it.
@@ -197,6 +282,11 @@ void printToError(std::string_view text) {
 
 std::string safeLine(std::string_view text) {
   return DisplayString::singleLine(text, lineLimit);
+}
+
+std::string shownBody(std::string_view body) {
+  return outputIsTerminal() ? shownJSON(body, Layout::asWritten, showsASCII(true))
+                            : std::string(body);
 }
 
 std::string safeCell(std::string_view text) {

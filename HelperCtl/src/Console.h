@@ -23,8 +23,6 @@ enum class Style { bold, dim, good, bad };
 bool inputIsTerminal();
 bool outputIsTerminal();
 bool errorIsTerminal();
-/// Whether standard error is a terminal whose locale lacks UTF-8.
-bool errorShowsASCII();
 /// Whether standard output is a terminal that understands cursor movements.
 bool canRedrawOutput();
 /// The same of standard error, and whether this process is in its foreground.
@@ -46,16 +44,17 @@ std::string styledForError(Style style, std::string_view text);
 /// Writes the text, on a terminal whose locale lacks UTF-8 in ASCII. A failure shows in
 /// `flushOutput`.
 void print(std::string_view text);
-/// Writes a message's body as it is, and ends the line on a terminal. On one without UTF-8 the
-/// characters of JSON that are not ASCII are escaped.
+/// Writes a message's body as it is; on a terminal as `shownBody`, and ends the line.
 void printBody(std::string_view body);
-/// Writes a JSON text and ends the line; on a terminal indented, and escaped in the same way.
+/// Writes a JSON text and ends the line; on a terminal indented, and escaped like a body.
 void printJSON(std::string_view text);
 /// Writes what has been printed. 0, or the errno of the first write to standard output that failed.
 int flushOutput();
 
 /// One message on standard error, after the program's name; `advice`, if any, on a line of its own.
 void printError(std::string_view message, std::string_view advice = {});
+/// A JSON text on standard error, which is one line; on a terminal escaped like a body.
+void printErrorJSON(std::string_view text);
 /// Plain text on standard error.
 void printToError(std::string_view text);
 
@@ -65,6 +64,10 @@ std::string_view ellipsis();
 /// Text from outside, fit for a terminal: one line, or several with TAB and LF kept.
 std::string safeLine(std::string_view text);
 std::string safeText(std::string_view text);
+/// A message's body as standard output shows it. On a terminal JSON has escapes for control and
+/// invisible characters and, if that lacks UTF-8, for all that are not ASCII; other text is
+/// cleaned.
+std::string shownBody(std::string_view body);
 /// One line as standard output shows it, whose width is known.
 std::string safeCell(std::string_view text);
 

@@ -156,6 +156,7 @@ bool Session::send(const SessionLine& line) {
     // Errors without a domain may come from elsewhere.
     if (reply || reply.error().domain) held_.reset();
     if (!reply) unreachable_ |= reply.error().category == CallError::Category::unreachable;
+    if (reply) reply = Console::shownBody(*reply);
     output_ += formatSessionReply(number, reply);
   });
   return true;
