@@ -26,7 +26,9 @@ std::string formatSessionReply(std::size_t number, const CallReply& reply) {
     // string there is none.
     std::ranges::replace(line, '\n', ' ');
   } else {
-    line.append(" error ").append(reply.error().name).append(" ");
+    std::string name = Console::safeLine(reply.error().name);
+    std::ranges::replace(name, ' ', '_');  // It is one word of the line.
+    line.append(" error ").append(name).append(" ");
     line.append(Console::safeLine(reply.error().message));
   }
   return line + "\n";
