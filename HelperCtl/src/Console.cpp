@@ -284,6 +284,21 @@ std::string safeLine(std::string_view text) {
   return DisplayString::singleLine(text, lineLimit);
 }
 
+std::string shellWord(std::string_view path) {
+  const std::string text = safeLine(path);
+  const bool isPlain = std::ranges::all_of(text, [](unsigned char character) {
+    return (character < 0x80 && std::isalnum(character) != 0) ||
+           std::string_view("/._-+@").contains(static_cast<char>(character));
+  });
+  if (isPlain && !text.empty()) return text;
+  std::string quoted = "'";
+  for (const char character : text) {
+    if (character == '\'') quoted += "'\\'";
+    quoted += character;
+  }
+  return quoted + "'";
+}
+
 std::string shownBody(std::string_view body) {
   return outputIsTerminal() ? shownJSON(body, Layout::asWritten, showsASCII(true))
                             : std::string(body);

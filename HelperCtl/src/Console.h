@@ -64,6 +64,8 @@ std::string_view ellipsis();
 /// Text from outside, fit for a terminal: one line, or several with TAB and LF kept.
 std::string safeLine(std::string_view text);
 std::string safeText(std::string_view text);
+/// A path as one word of a shell command, fit for a terminal: in quotes where it needs them.
+std::string shellWord(std::string_view path);
 /// A message's body as standard output shows it. On a terminal JSON has escapes for control and
 /// invisible characters and, if that lacks UTF-8, for all that are not ASCII; other text is
 /// cleaned.

@@ -31,6 +31,7 @@ namespace tessaloom {
 namespace {
 
 using Console::safeLine;
+using Console::shellWord;
 using enum Check::Outcome;
 
 /// The files of the engine's name in the search locations that were rejected, and what to do.
@@ -41,7 +42,7 @@ std::string rejectedCandidates(std::string_view name, const CurrentUser& user) {
     const auto candidate =
         BinaryAllowlist::resolve(name, {location}, getuid(), BinaryAllowlist::readFacts);
     if (candidate || candidate.error().kind == notFound) continue;
-    const std::string path = (location / name).string();
+    const std::string path = shellWord((location / name).string());
     remedies += remedies.empty() ? "" : "; ";
     if (candidate.error().kind == wrongOwner) {
       remedies += "Make it your own: sudo chown " + user.loginName + " $(readlink -f " + path + ")";
@@ -70,7 +71,7 @@ std::optional<std::filesystem::path> foundInPath(const std::string& name) {
 }
 
 std::string howToLink(const std::filesystem::path& program) {
-  return "mkdir -p ~/.local/bin && ln -s " + program.string() + " ~/.local/bin/";
+  return "mkdir -p ~/.local/bin && ln -s " + shellWord(program.string()) + " ~/.local/bin/";
 }
 
 std::string howToInstall(GenerationEngineID engine) {
@@ -149,13 +150,13 @@ std::string adviceForProbe(const std::filesystem::path& executable, const Curren
         return access((l / interpreter).c_str(), X_OK) == 0;
       });
   if (isReachable) {
-    return "Run `" + safeLine(executable.string()) + " --version` to see how it responds.";
+    return "Run `" + shellWord(executable.string()) + " --version` to see how it responds.";
   }
   if (interpreter.starts_with('/')) return "Install the engine again.";
   const auto program = foundInPath(name);
   return "The engines' PATH has only the directories that the helper searches. " +
-         (program ? "Link " + name + " into one: " + howToLink(*program)
-                  : "Install " + name + " into one, for example ~/.local/bin");
+         (program ? "Link " + safeLine(name) + " into one: " + howToLink(*program)
+                  : "Install " + safeLine(name) + " into one, for example ~/.local/bin");
 }
 
 EngineCheck checkFoundEngine(GenerationEngineID engine, const std::optional<CurrentUser>& user,
@@ -169,7 +170,7 @@ EngineCheck checkFoundEngine(GenerationEngineID engine, const std::optional<Curr
     if (!probe.problem.empty()) {
       check.outcome = bad;
       check.finding += " did not report its version: " + probe.problem;
-      check.remedy = safeLine(adviceForProbe(*executable, *user));
+      check.remedy = adviceForProbe(*executable, *user);
       return {check, false};
     }
     version = probe.version;

@@ -23,7 +23,7 @@ std::string startProblem(int error, const std::filesystem::path& executable) {
   const std::string interpreter = interpreterOf(executable);
   // The file is there, so what is missing is the program that its first line names.
   if (error == ENOENT && !interpreter.empty()) {
-    return "the interpreter that it names, " + interpreter + ", is missing";
+    return "the interpreter that it names, " + Console::safeLine(interpreter) + ", is missing";
   }
   return "it cannot be started: " + errnoText(error);
 }

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "Console.h"
 #include "TLFoundation/linux/ExecutablePath.h"
 
 namespace tessaloom {
@@ -23,7 +24,8 @@ std::string besideThisProgram(std::string_view name) {
   std::error_code error;
   const auto self = ownExecutablePath().value_or(std::filesystem::path());
   const auto candidate = self.parent_path() / name;
-  return std::filesystem::exists(candidate, error) ? candidate.string() : std::string(name);
+  return Console::shellWord(std::filesystem::exists(candidate, error) ? candidate.string()
+                                                                      : std::string(name));
 }
 
 std::string startByHand() {
