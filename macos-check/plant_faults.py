@@ -68,7 +68,7 @@ FAULTS = [
     ("another property list", AGENT, "com.brindlemoor.Tessaloom.helper.plist", "com.brindlemoor.Tessaloom.plist", "registration"),
     ("a failed registration is not reported", AGENT, "  logLine(", "  if (false) logLine(", "registration_fails"),
     ("a version that is not text", PROCESS, "[version isKindOfClass:[NSString class]]", "version != nil", "versions"),
-    ("it exits while a reply is on its way", PROCESS, "if (!openCalls_.isPause(replyGrace, pauseLimit)) {", "if (isStopping_ && !openCalls_.isPause(replyGrace, pauseLimit)) {", "late_generation"),
+    ("it exits while a reply is on its way", PROCESS, "if (!openCalls_.isPause(replyGrace, pauseLimit)) {", "if (isStopping_ && !openCalls_.isPause(replyGrace, pauseLimit)) {", "replacement"),
     ("it waits for a pause without a limit", CALLS, "engineGrace) + limit;", "engineGrace) + 1000 * limit;", "replacement"),
     ("a past wait for a pause counts after a generation", CALLS, "const auto engineGrace = lastEngineAnswer_ + grace;", "const Clock::time_point engineGrace;", "late_generation"),
     ("engines outlive a signal", PROCESS, "  runner_.endAll();", "", "termination"),
