@@ -358,7 +358,7 @@ void BusListener::wait() {
   if (limit > microseconds(0)) scheduler_.releaseMemory();
   const timespec timeout = timespecOf(limit);
   const int wanted = std::max(sd_bus_get_events(collaborators_.bus), 0);
-  const int events = isReading ? wanted : isUnreadable_ ? wanted & POLLOUT : POLLOUT;
+  const int events = isReading ? wanted : wanted & POLLOUT;
   std::array<pollfd, 3> watched{
       pollfd{.fd = sd_bus_get_fd(collaborators_.bus),
              .events = static_cast<short>(events),

@@ -25,8 +25,8 @@ class OpenCalls {
   bool areSettled(Clock::duration grace) const TL_EXCLUDES(lock_);
 
   /// Whether the process may exit now: all calls are settled; or those that run an engine are, and
-  /// since that and the first time that this was asked then, brief calls have left no pause for
-  /// `limit`.
+  /// brief calls have left no pause for `limit`, counted from when the last engine call was settled
+  /// or from the first call of this function that found none unsettled, whichever is later.
   bool isPause(Clock::duration grace, Clock::duration limit) TL_EXCLUDES(lock_);
 
  private:
