@@ -44,6 +44,7 @@ CLIENT_LIBRARIES = {
     FRAMEWORKS + "CoreFoundation.framework/Versions/A/CoreFoundation",
     FRAMEWORKS + "Foundation.framework/Versions/C/Foundation",
     "/usr/lib/libSystem.B.dylib",
+    "/usr/lib/libc++.1.dylib",
     "/usr/lib/libobjc.A.dylib",
     "@rpath/libutf8proc.dylib",
 }
@@ -116,7 +117,7 @@ class Executable:
 
     def protocol_methods(self, name):
         """The required methods of a protocol with their extended types, in declared order."""
-        for protocol in self.pointers("__DATA", "__objc_protolist"):
+        for protocol in self.pointers("__DATA_CONST", "__objc_protolist"):
             fields = self.unpack("<8Q2IQ", self.at(protocol))
             if self.text(self.at(fields[1])) != name:
                 continue

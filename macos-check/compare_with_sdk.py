@@ -15,16 +15,18 @@ import tempfile
 from pathlib import Path
 
 
-def is_same_object(entry, sdk, output):
+def compiled(entry, output, *options):
     arguments = shlex.split(entry["command"])
-    folder = entry["directory"]
-    built = Path(folder) / arguments[arguments.index("-o") + 1]
     arguments[arguments.index("-o") + 1] = str(output)
-    arguments[arguments.index("-iframework") + 1] = str(sdk / "System/Library/Frameworks")
-    # For the headers of libSystem that the compiler does not bring itself.
-    arguments += ["-idirafter", str(sdk / "usr/include")]
-    subprocess.run(arguments, cwd=folder, check=True)
-    return built.read_bytes() == output.read_bytes()
+    arguments.remove("-fmodules")  # The frameworks of an SDK are modules, the ones here are not.
+    subprocess.run([*arguments, *options], cwd=entry["directory"], check=True)
+    return output.read_bytes()
+
+
+def is_same_object(entry, sdk, output):
+    # The second place is for the headers of libSystem that the folder that stands for the SDK lacks.
+    options = ["-iframework", sdk / "System/Library/Frameworks", "-idirafter", sdk / "usr/include"]
+    return compiled(entry, output) == compiled(entry, output, *options)
 
 
 def main(build, sdk):

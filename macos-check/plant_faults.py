@@ -15,7 +15,8 @@ import sys
 import tempfile
 from pathlib import Path
 
-from compile_again import errors_of, write_modules
+from compile_again import OLDEST as OLDEST_CLANG
+from compile_again import errors_of
 
 ROOT = Path(__file__).resolve().parent.parent
 SOURCES = "TessaloomHelper/src/macos/"
@@ -137,7 +138,7 @@ def compile_check_notices(check, source, program, altered, output):
         return COMPILER
     (entry,) = (entry for entry in entries_of(check) if entry["file"] == str(ROOT / source))
     command = entry["command"].replace(f"-c {ROOT / source}", f"-I{(ROOT / source).parent} -c {altered}")
-    return OLDEST if errors_of({**entry, "command": command}, 16, check) else ""
+    return OLDEST if errors_of({**entry, "command": command}, OLDEST_CLANG) else ""
 
 
 def run_notices(build, source, program, scenario, altered, output):
@@ -170,7 +171,6 @@ def notices(check, build, source, before, after, expected, scratch):
 
 def main(check, build, numbers):
     unnoticed = 0
-    write_modules(16, check)
     for number, (what, *fault, expected) in enumerate(FAULTS, 1):
         if numbers and number not in numbers:
             continue
