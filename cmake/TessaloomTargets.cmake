@@ -91,13 +91,21 @@ if(TARGET module_headers AND TESSALOOM_BUILD_FUZZERS)
   target_compile_options(module_headers PRIVATE -fsanitize=fuzzer-no-link)
 endif()
 
-# tessaloom_module(NAME SOURCES ... [LINKS ...] [PRIVATE_LINKS ...])
+# tessaloom_module(NAME SOURCES ... [PLATFORM_SOURCES ...] [LINKS ...] [PRIVATE_LINKS ...])
 #
 # A static library for one folder. Its public headers are in include/NAME and reach only the targets that
-# link it, so an include against the direction of the layers does not compile.
+# link it, so an include against the direction of the layers does not compile. A unity build compiles the portable sources
+# as one and the platform's as one; with TESSALOOM_PORTABLE_OBJECTS the former are not compiled again.
 function(tessaloom_module name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LINKS;PRIVATE_LINKS" ${ARGN})
-  add_library(${name} STATIC ${ARG_SOURCES})
+  cmake_parse_arguments(ARG "" "" "SOURCES;PLATFORM_SOURCES;LINKS;PRIVATE_LINKS" ${ARGN})
+  if(TESSALOOM_PORTABLE_OBJECTS)
+    tessaloom_object(ARG_SOURCES ${name} "${TESSALOOM_PORTABLE_OBJECTS}" Unity/unity_portable_cxx.cxx)
+  else()
+    set_source_files_properties(${ARG_SOURCES} PROPERTIES UNITY_GROUP portable)
+  endif()
+  set_source_files_properties(${ARG_PLATFORM_SOURCES} PROPERTIES UNITY_GROUP platform)
+  add_library(${name} STATIC ${ARG_SOURCES} ${ARG_PLATFORM_SOURCES})
+  set_target_properties(${name} PROPERTIES UNITY_BUILD_MODE GROUP)
   target_include_directories(
     ${name}
     PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}/include"
@@ -111,6 +119,13 @@ function(tessaloom_module name)
     # Lets the fuzz targets see which branches of the module an input reaches.
     target_compile_options(${name} PRIVATE -fsanitize=fuzzer-no-link)
   endif()
+endfunction()
+
+# tessaloom_object(VARIABLE TARGET BUILD SOURCE ...): sets the variable to what the target's sources were compiled to in another build.
+function(tessaloom_object variable target build)
+  file(RELATIVE_PATH folder "${PROJECT_SOURCE_DIR}" "${CMAKE_CURRENT_SOURCE_DIR}")
+  list(TRANSFORM ARGN REPLACE "(.+)" "${build}/${folder}/CMakeFiles/${target}.dir/\\1.o")
+  set(${variable} "${ARGN}" PARENT_SCOPE)
 endfunction()
 
 # tessaloom_take_objects(TARGET ...): the targets link what was compiled from their sources below TESSALOOM_OBJECTS.

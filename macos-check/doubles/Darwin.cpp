@@ -31,8 +31,9 @@
 #include "Runtime.h"
 
 extern "C" {
-// This system's own functions, whose names the headers here give to Darwin's.
-int systemPoll(pollfd* descriptors, nfds_t count, int milliseconds) __asm__("poll");
+// This system's own functions, whose names the linker and the headers here give to Darwin's.
+int __real_poll(pollfd* descriptors, nfds_t count, int milliseconds);
+int __wrap_poll(pollfd* descriptors, nfds_t count, int milliseconds);
 int systemSetFlags(posix_spawnattr_t* attributes, short flags) __asm__("posix_spawnattr_setflags");
 int systemSpawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
                 const posix_spawnattr_t* attributes, char* const* arguments,
@@ -257,7 +258,7 @@ int kevent(int queue, const struct kevent* change, int count, struct kevent*, in
   const int process = static_cast<int>(::syscall(SYS_pidfd_open, change->ident, 0));
   if (process < 0) return -1;
   pollfd exited{.fd = process, .events = POLLIN, .revents = 0};
-  const bool isZombie = systemPoll(&exited, 1, 0) == 1;
+  const bool isZombie = __real_poll(&exited, 1, 0) == 1;
   if (!isZombie)
     ::dup3(process, queue, (::fcntl(queue, F_GETFD) & FD_CLOEXEC) != 0 ? O_CLOEXEC : 0);
   ::close(process);
@@ -265,7 +266,7 @@ int kevent(int queue, const struct kevent* change, int count, struct kevent*, in
 }
 
 // Waits for nothing that was not asked for, and for no device but a terminal.
-int poll(struct pollfd* descriptors, nfds_t count, int milliseconds) {
+int __wrap_poll(struct pollfd* descriptors, nfds_t count, int milliseconds) {
   std::vector<pollfd> waited(descriptors, descriptors + count);
   int refused = 0;
   for (auto& each : waited) {
@@ -277,7 +278,7 @@ int poll(struct pollfd* descriptors, nfds_t count, int milliseconds) {
     each.revents = isDevice ? POLLNVAL : 0;
   }
   int ready = 0;
-  if (refused == 0) ready = systemPoll(waited.data(), count, milliseconds);
+  if (refused == 0) ready = __real_poll(waited.data(), count, milliseconds);
   for (nfds_t i = 0; i < count; ++i) descriptors[i].revents = waited[i].revents;
   return ready < 0 ? ready : ready + refused;
 }
