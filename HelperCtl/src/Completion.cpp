@@ -165,7 +165,6 @@ void printCompletions(std::span<const std::string> words) {
     if (!candidate.word.starts_with(current)) continue;
     Console::print(candidate.word + "\t" + candidate.description + "\n");
   }
-  Console::flushOutput();
 }
 
 }  // namespace tessaloom

@@ -24,14 +24,13 @@ void EventLoop::every(std::chrono::milliseconds interval, std::function<void()> 
   tickers_.push_back({interval, std::move(tick), Clock::now() + interval});
 }
 
-bool EventLoop::run(const std::function<bool()>& done, std::optional<Clock::time_point> deadline) {
+void EventLoop::run(const std::function<bool()>& done, std::optional<Clock::time_point> deadline) {
   while (!done()) {
-    if (deadline && Clock::now() >= *deadline) return false;
+    if (deadline && Clock::now() >= *deadline) return;
     waitOnce(deadline);
     transport_.process();
     runTickers();
   }
-  return true;
 }
 
 void EventLoop::waitOnce(std::optional<Clock::time_point> deadline) {

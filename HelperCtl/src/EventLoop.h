@@ -30,8 +30,8 @@ class EventLoop {
   /// Calls `tick` at this interval, the first time one interval from now.
   void every(std::chrono::milliseconds interval, std::function<void()> tick);
 
-  /// Runs handlers until `done` returns true (true) or `deadline` has passed (false).
-  bool run(const std::function<bool()>& done,
+  /// Runs handlers until `done` returns true or `deadline` has passed.
+  void run(const std::function<bool()>& done,
            std::optional<Clock::time_point> deadline = std::nullopt);
 
  private:

@@ -54,7 +54,6 @@ UUID UUID::random() {
 std::string UUID::string() const {
   constexpr std::string_view digits = "0123456789ABCDEF";
   std::string text;
-  text.reserve(textLength);
   for (const auto byte : bytes_) {
     if (isHyphenPosition(text.size())) text.push_back('-');
     text.push_back(digits[byte >> 4]);

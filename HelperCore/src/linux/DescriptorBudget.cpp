@@ -11,7 +11,7 @@ namespace {
 std::size_t currentLimit() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 0;
-  const auto allowed = std::min<std::size_t>(limit.rlim_cur, 4 * DescriptorBudget::most);
+  const std::size_t allowed = limit.rlim_cur;
   const std::size_t reserved =
       std::max(allowed / DescriptorBudget::reservedShare, DescriptorBudget::reserve);
   return std::min(allowed - std::min(allowed, reserved), DescriptorBudget::most);

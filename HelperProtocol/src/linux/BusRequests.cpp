@@ -214,32 +214,30 @@ void BusRequests::cancel(std::uint64_t id) {
   }
 }
 
-int BusRequests::receive(sd_bus_message* message) {
+void BusRequests::receive(sd_bus_message* message) {
   std::uint8_t type = 0;
-  if (sd_bus_message_get_type(message, &type) < 0) return 0;
+  if (sd_bus_message_get_type(message, &type) < 0) return;
   if (type == SD_BUS_MESSAGE_METHOD_RETURN || type == SD_BUS_MESSAGE_METHOD_ERROR) {
-    return receiveReply(message) ? 1 : 0;
+    return receiveReply(message);
   }
   if (sd_bus_message_is_signal(message, busInterface, "NameOwnerChanged") > 0 &&
       isFromBus(message)) {
     receiveOwnerChange(message);
   }
-  return 0;
 }
 
-bool BusRequests::receiveReply(sd_bus_message* reply) {
+void BusRequests::receiveReply(sd_bus_message* reply) {
   std::uint64_t serial = 0;
-  if (sd_bus_message_get_reply_cookie(reply, &serial) < 0) return false;
+  if (sd_bus_message_get_reply_cookie(reply, &serial) < 0) return;
   const auto call = std::ranges::find(calls_, serial, &Call::serial);
   const char* sender = sd_bus_message_get_sender(reply);
-  if (call == calls_.end() || sender == nullptr) return false;
+  if (call == calls_.end() || sender == nullptr) return;
   const bool isProven = std::ranges::find(call->repliers, sender) != call->repliers.end() ||
                         (isFromBus(reply) && isError(reply));
-  if (!isProven) return false;
+  if (!isProven) return;
   std::list<Call> answered;
   answered.splice(answered.end(), calls_, call);
   answered.front().handler(reply);
-  return true;
 }
 
 void BusRequests::receiveOwnerChange(sd_bus_message* signal) {
@@ -260,7 +258,10 @@ void BusRequests::receiveOwnerChange(sd_bus_message* signal) {
 }
 
 int BusRequests::onMessage(sd_bus_message* message, void* userdata, sd_bus_error*) {
-  return withoutExceptions([&] { return static_cast<BusRequests*>(userdata)->receive(message); });
+  return withoutExceptions([&] {
+    static_cast<BusRequests*>(userdata)->receive(message);
+    return 0;
+  });
 }
 
 }  // namespace tessaloom

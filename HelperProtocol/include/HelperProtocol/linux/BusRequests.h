@@ -138,8 +138,8 @@ class BusRequests {
   void cancel(std::uint64_t id);
 
   int wait(Deadline deadline, int interruption) const;
-  int receive(sd_bus_message* message);
-  bool receiveReply(sd_bus_message* reply);
+  void receive(sd_bus_message* message);
+  void receiveReply(sd_bus_message* reply);
   void receiveOwnerChange(sd_bus_message* signal);
   static int onMessage(sd_bus_message* message, void* userdata, sd_bus_error* error);
 
