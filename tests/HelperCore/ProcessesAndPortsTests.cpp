@@ -48,7 +48,7 @@ TEST(ProcessListing, MakesASampleWithTheAgeInWholeSeconds) {
   // Just short of a second, a second, a start in the future, further apart than can be told.
   for (const auto& [startSec, now, elapsed] :
        {Row{1000, 1001.4, 0}, Row{1000, 1001.5, 1}, Row{2000, 1000, 0},
-        Row{Limits::min(), 9e18, Limits::max()}}) {
+        Row{-500'000'000'000'000'000, 9e18, Limits::max()}}) {
     const RawProcess raw{7, 1, startSec, 500'000, "pts/3\t", UINT64_MAX, std::string(300, 'x')};
     EXPECT_EQ(makeProcessSample(raw, at(now)),
               ProcessSample(7, 1, "pts/3", at(static_cast<double>(startSec) + 0.5), elapsed, -1,

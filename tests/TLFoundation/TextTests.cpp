@@ -78,7 +78,8 @@ TEST(UnicodeTests, CountsCharacters) {
 }
 
 TEST(UnicodeTests, LastCharactersOfALongTextAreCountedFromItsEnd) {
-  auto text = repeated("\U0001F468\u200D\U0001F469\u200D\U0001F467\r\n\U0001F1E9\U0001F1EA", 40);
+  auto text =
+      repeated("\U0001F468\u200D\U0001F469\u200D\U0001F467\r\n\U0001F1E9\U0001F1EA\u0600ab", 40);
   for (int ending = 0; ending < 30; ++ending) {
     const auto total = Unicode::characterCount(text);
     for (std::size_t count = 0; count <= total; ++count) {
@@ -126,6 +127,7 @@ TEST(DisplayStringTests, CleansAndCuts) {
     EXPECT_EQ(DisplayString::singleLine(view, limit), line) << name;
     EXPECT_EQ(DisplayString::multiLine(view, limit), lines) << name;
   }
+  EXPECT_DEATH(DisplayString::singleLine("", -1), "limit is negative");
 }
 
 TEST(DisplayStringTests, DropsExactlyTheControlsAndThe17Invisible) {

@@ -25,6 +25,7 @@
 #include <gtest/gtest.h>
 
 #include "HelperCore/ChildRun.h"
+#include "TLFoundation/Pipe.h"
 #include "TessaloomHelper/CLIRunner.h"
 #include "support/TemporaryDirectory.h"
 
@@ -131,6 +132,18 @@ class CLIRunnerTest : public testing::Test {
   /// What the words "wait-for=" and this path wait for.
   const std::string go = directory / "go";
 };
+
+TEST_F(CLIRunnerTest, StreamsWaitForTheOtherEnd) {
+  auto [readEnd, writeEnd] = makePipe(PipeMode::nonblocking).value();
+  const std::string text(1'000'000, 'x');
+  StreamReader reader(std::move(readEnd));
+  StdinWriter writer(std::move(writeEnd), text);
+  for (int i = 0; i < 1'000 && !reader.finished(); ++i) {
+    if (i % 2 == 0) reader.readChunk();  // At first there is nothing, and then as much as fits.
+    if (writer.descriptor() >= 0) writer.writeSome();
+  }
+  EXPECT_TRUE(reader.contents() == text);
+}
 
 TEST_F(CLIRunnerTest, ReportsStatusAndBothStreams) {
   const std::string large(1'000'000, 'x');
@@ -307,9 +320,11 @@ TEST_F(CLIRunnerTest, ManagesWithoutTheNewerCalls) {
     if (!forbidNewerCalls() || ::dup(STDIN_FILENO) < 0) std::_Exit(77);
     const auto finished = run({"stderr=x", "print-fds", "exit=3"}, id);
     const auto late = run({"grandchild=600000", "hang"}, id, 100ms);
+    ::signal(SIGCHLD, SIG_IGN);  // Then the system reaps it.
+    const auto unknown = run({"exit=3"}, id, 9s);
     const bool right = finished && finished->exitStatus == 3 && finished->standardError == "x\n" &&
                        finished->standardOutput == "0\n1\n2\n" && !late &&
-                       late.error().kind == Kind::timedOut;
+                       late.error().kind == Kind::timedOut && unknown && unknown->exitStatus == -1;
     std::_Exit(right && endOfAnyChild() == -1 ? 0 : 1);
   };
   EXPECT_EXIT(runThere(), testing::ExitedWithCode(0), "");

@@ -1,3 +1,4 @@
+#include <filesystem>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -51,9 +52,11 @@ TEST_F(HelperServiceTest, DecodesBeforeItMovesTheWork) {
       R"("shape":"freeText","instructions":"","prompt":"x","timeout":5})";
   EXPECT_EQ(call(service, "GenerateText", "{}"), "3 instructions is missing");
   EXPECT_EQ(started, 0U);
-  EXPECT_EQ(call(service, "GenerateText", request), "1 launchFailed");
+  EXPECT_EQ(call(service, "GenerateText", request), "1 Could not determine the current user.");
   EXPECT_EQ(started, 1U);
   EXPECT_EQ(unfinished, 1U);
+  EXPECT_EQ(call(service, "GenerateText", request), "1 launchFailed");
+  EXPECT_TRUE(std::filesystem::is_empty(temporary.path()));
   tasks.isExhausted = true;
   EXPECT_EQ(call(service, "GenerateText", request), "0 The helper is out of memory.");
 }

@@ -15,6 +15,7 @@
 #include "TLFoundation/Pipe.h"
 #include "linux/KeyFile.h"
 #include "linux/PeerFacts.h"
+#include "linux/PeerRequirement.h"
 #include "support/TemporaryDirectory.h"
 
 namespace tessaloom {
@@ -70,7 +71,7 @@ TEST(PeerFacts, ReportWhatAProcessRuns) {
 class FlatpakPeer : public testing::Test {
  protected:
   FlatpakPeer() {
-    for (const char* id : {"16", "17", "18"}) {
+    for (const char* id : {"a", "16", "b", "17", "18", "c", "d"}) {
       std::filesystem::create_directories(instances / id);
       std::ofstream(instances / id / ".ref");
       describe(id, id);
@@ -154,6 +155,29 @@ TEST(KeyFile, HasAValueOnlyWhenNoReaderCouldFindAnother) {
   for (const auto& [text, name] : rows) {
     EXPECT_EQ(keyFileValue(text, "Application", "name"), name) << text;
   }
+}
+
+TEST(PeerRequirement, AdmitsTheEditorAndTheClientOnly) {
+  const std::string editor = "com.brindlemoor.Tessaloom";
+  const PeerRequirement requirement(1000, "/opt/t/libexec/tessaloom-helper");
+  const auto native = [&](const std::string& executable) {
+    return PeerFacts{true, executable, editor};
+  };
+  const auto sandboxed = [](const std::string& application) {
+    return PeerFacts{false, "/opt/t/libexec/tessaloom", application};
+  };
+  for (const PeerFacts& peer : {native("/opt/t/libexec/tessaloom"), sandboxed(editor),
+                                native("/opt/t/libexec/tessaloom-helperctl")}) {
+    EXPECT_TRUE(requirement.admits(peer)) << peer.executable;
+  }
+  for (const PeerFacts& peer :
+       {native("/opt/t/libexec/tessaloom-helper"), native("/opt/t/libexec/x/tessaloom"),
+        native("/opt/t/libexec2/tessaloom"), native("/opt/t/libexec/tessaloom2"), native(""),
+        sandboxed(""), sandboxed(editor + ".Other"), sandboxed("com.brindlemoor.tessaloom")}) {
+    EXPECT_FALSE(requirement.admits(peer)) << peer.executable << " of " << peer.flatpakApplication;
+  }
+  EXPECT_TRUE(PeerRequirement(0, "/tessaloom-helper").admits(native("/tessaloom")));
+  EXPECT_FALSE(PeerRequirement(0, "").admits(native("/tessaloom")));
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <expected>
+#include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -12,8 +14,8 @@
 
 namespace tessaloom {
 
-/// What services need, without engines, on a system with process 42 and a wall clock that a test
-/// sets.
+/// What services need, on a system with process 42 and a wall clock that a test sets. The user is
+/// known until an engine is found.
 struct ServiceWithoutEngines {
   ServiceWithoutEngines() {
     kernel.table = {ownRecord(42)};
@@ -27,15 +29,17 @@ struct ServiceWithoutEngines {
   ManualTasks tasks;
   ScriptedKernel kernel;
   double now = 1'800'000'000;
+  std::optional<CurrentUser> knownUser{{"/nonexistent", "nobody"}};
   GenerationCoordinator coordinator{
       runner,
       temporary.path(),
-      {.currentUser = [] { return CurrentUser{"/nonexistent", "nobody"}; },
-       .engine =
-           [](GenerationEngineID engine, const auto&) {
-             return std::unexpected(
-                 GenerationErrorPayload{GenerationFailureKind::launchFailed, engine});
-           }}};
+      {.currentUser = [this] { return knownUser; },
+       .engine = [this](GenerationEngineID engine, const auto& /*user*/)
+           -> std::expected<std::filesystem::path, GenerationErrorPayload> {
+         if (std::exchange(knownUser, std::nullopt)) return "/nonexistent/engine";
+         return std::unexpected(
+             GenerationErrorPayload{GenerationFailureKind::launchFailed, engine});
+       }}};
   ExitWhenIdle exit{{}, {}, runner, tasks, [] {}};
   ServiceContext context{.coordinator = coordinator,
                          .kernel = kernel,

@@ -55,6 +55,7 @@ void expectToWaitFor(ThreadTasks& tasks, std::ptrdiff_t threads) {
   taken.arrive_and_wait();
   tasks.runConcurrently(quality, [&] { ++ran; });
   tasks.runAfter(1ms, quality, [&] { ++ran; });
+  std::this_thread::sleep_for(20ms);
   EXPECT_EQ(ran, 0);
   released.count_down();
   EXPECT_TRUE(eventually([&] { return ran == threads + 2; }));
@@ -63,9 +64,15 @@ void expectToWaitFor(ThreadTasks& tasks, std::ptrdiff_t threads) {
 TEST(ThreadTasksTest, TasksWaitAboveTheBoundAndWhenNoThreadCanBeMadeOrAreRefused) {
   ThreadTasks bounded;
   expectToWaitFor(bounded, ThreadTasks::maximumThreads);
-  ThreadTasks tasks;
-  std::latch released(1);
+  ThreadTasks tasks, timing;
+  std::latch released(1), taken(2);
   ThreadTasks refusing(ThreadTasks::Shortage::refuses);
+  timing.runConcurrently(quality, [&] {
+    taken.arrive_and_wait();
+    released.wait();
+  });
+  taken.arrive_and_wait();
+  timing.runAfter(ThreadTasks::idleTime + 300ms, quality, [&] { released.count_down(); });
   // The system has no stack as large as new threads ask for from here on.
   pthread_attr_t before;
   pthread_attr_t huge;
@@ -74,10 +81,11 @@ TEST(ThreadTasksTest, TasksWaitAboveTheBoundAndWhenNoThreadCanBeMadeOrAreRefused
   ::pthread_attr_setstacksize(&huge, std::size_t{1} << 50);
   ASSERT_EQ(::pthread_setattr_default_np(&huge), 0);
   EXPECT_THROW(ThreadTasks(), std::system_error);
-  expectToWaitFor(tasks, 1);
   refusing.runConcurrently(quality, [&] { released.wait(); });
   EXPECT_THROW(refusing.runConcurrently(quality, [] {}), std::system_error);
-  released.count_down();
+  released
+      .wait();  // The only idle thread that keeps the time does not exit, nor does the last one.
+  expectToWaitFor(tasks, 1);
   ::pthread_setattr_default_np(&before);
 }
 

@@ -47,8 +47,8 @@ class ObedientChild {
 
   pid_t pid() const { return pid_; }
 
-  std::int32_t ask(Command command, std::int32_t first = 0, std::int32_t second = 0) {
-    return exchange({.command = command, .first = first, .second = second});
+  std::int32_t ask(Command command, std::int32_t first = 0) {
+    return exchange({.command = command, .first = first});
   }
   std::int32_t ask(Command command, std::string_view text) {
     obedient::Request request{.command = command};

@@ -96,7 +96,7 @@ std::int32_t startThreadApart() {
   return port.get_future().get();
 }
 
-void serve(char** arguments);
+void serve();
 
 std::int32_t takeTerminal(const char* path) {
   signal(SIGHUP, SIG_IGN);  // It outlives the terminal.
@@ -105,16 +105,12 @@ std::int32_t takeTerminal(const char* path) {
   return terminal < 0 ? -1 : ioctl(terminal, TIOCSCTTY, 0);
 }
 
-std::int32_t obey(const Request& request, int received, char** arguments) {
+std::int32_t obey(const Request& request, int received) {
   switch (request.command) {
     case Command::keep:
       return received;
     case Command::close:
       return close(request.first);
-    case Command::duplicate:
-      return dup(request.first);
-    case Command::duplicateOnto:
-      return dup2(request.first, request.second);
     case Command::setName:
       return prctl(PR_SET_NAME, request.text);
     case Command::hideFromOthers:
@@ -127,7 +123,7 @@ std::int32_t obey(const Request& request, int received, char** arguments) {
       std::thread{waitForever}.detach();
       return 0;
     case Command::leaveMainThread:
-      std::thread{serve, arguments}.detach();
+      std::thread{serve}.detach();
       pthread_exit(nullptr);
     case Command::startThreadApart:
       return startThreadApart();
@@ -150,30 +146,27 @@ std::int32_t obey(const Request& request, int received, char** arguments) {
       waitid(P_PID, static_cast<id_t>(zombie), &exited, WEXITED | WNOWAIT);
       return zombie;
     }
-    case Command::execAgain:
-      execv("/proc/self/exe", arguments);
   }
   return -1;
 }
 
 /// Says that it is there, and then answers requests until the other end is closed.
-void serve(char** arguments) {
+void serve() {
   for (std::int32_t result = 0;;) {
     write(channel, &result, sizeof result);
     Packet packet;
-    // Not close-on-exec: what a process keeps outlives its execution of another program.
     if (recvmsg(channel, &packet.header, 0) != sizeof packet.request) _exit(0);
     int received = -1;
     const cmsghdr* attachment = CMSG_FIRSTHDR(&packet.header);
     if (attachment != nullptr) std::memcpy(&received, CMSG_DATA(attachment), sizeof received);
-    result = obey(packet.request, received, arguments);
+    result = obey(packet.request, received);
   }
 }
 
 }  // namespace
 
-int main(int /*count*/, char** arguments) {
+int main() {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   signal(SIGCHLD, SIG_DFL);
-  serve(arguments);
+  serve();
 }

@@ -15,8 +15,6 @@ inline constexpr int channel = 0;
 enum class Command : std::int32_t {
   keep,              ///< Keeps the descriptor that comes with the request; returns its number.
   close,             ///< `first`.
-  duplicate,         ///< `first`; returns the new number.
-  duplicateOnto,     ///< `first` onto `second`.
   setName,           ///< `text`.
   hideFromOthers,    ///< Stops being dumpable.
   becomeUser,        ///< `first`.
@@ -33,13 +31,11 @@ enum class Command : std::int32_t {
   churnSockets,      ///< Binds the UDP ports from 10,000 on, `first` of them, that stay; as many
                      ///< from 20,000 on come and go from then on.
   listen,            ///< On a port of the kernel's choice; returns the descriptor.
-  execAgain,         ///< Executes the same program; the answer comes from the new one.
 };
 
 struct Request {
   Command command;
   std::int32_t first = 0;
-  std::int32_t second = 0;
   char text[64] = {};
 };
 

@@ -29,7 +29,7 @@ class StreamReader {
   /// What to wait on for the next chunk; -1 once finished.
   int descriptor() const { return finished_ ? -1 : pipe_.get(); }
 
-  /// Reads what is there, one chunk at most; waits when there is nothing.
+  /// Reads what is there, one chunk at most. Only an empty pipe that blocks is waited for.
   void readChunk();
 
   /// Whether nothing more will be read: end of file, a read error, or more than the cap. Past the
