@@ -212,6 +212,8 @@ def check_agent(expect, bundle, program):
     expect.equal("launch agent: process type", agent.get("ProcessType"), "Interactive")
     # Otherwise a new build starts up to 10 seconds after the old one was started.
     expect.equal("launch agent: throttle", agent.get("ThrottleInterval"), 1)
+    # launchd's own 5 seconds are less than the helper takes to end its engines in order.
+    expect.equal("launch agent: exit timeout", agent.get("ExitTimeOut"), 20)
 
 
 def check_entitlements(expect):

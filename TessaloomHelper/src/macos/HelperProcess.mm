@@ -34,7 +34,7 @@ static_assert(replyGrace < ExitWhenIdle::firstCheck);
 /// calls. Callers that never pause would keep it running; one brief call may then be interrupted.
 constexpr std::chrono::seconds pauseLimit{2};
 /// How long a termination signal waits for the engines, and how often it looks. launchd kills what
-/// is left after 20 seconds.
+/// is left after 20 seconds, because the agent's property list says so.
 constexpr std::chrono::seconds stopLimit{10};
 constexpr std::chrono::milliseconds stopTick{100};
 
