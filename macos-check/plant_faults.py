@@ -73,6 +73,8 @@ FAULTS = [
     ("it waits for a pause without a limit", CALLS, "engineGrace) + limit;", "engineGrace) + 1000 * limit;", "replacement"),
     ("a past wait for a pause counts after a generation", CALLS, "const auto engineGrace = lastEngineAnswer_ + grace;", "const Clock::time_point engineGrace;", "late_generation"),
     ("engines outlive a signal", PROCESS, "  runner_.endAll();", "", "termination"),
+    ("a signal waits too short for the engines", PROCESS, "stopLimit{10}", "stopLimit{4}", "stopped_by_launchd"),
+    ("a signal waits for a thread that engines have", PROCESS, "static_cast<uintptr_t>(signal), 0, signalQueue_);", "static_cast<uintptr_t>(signal), 0, dispatch_get_global_queue(QOS_CLASS_UTILITY, 0));", "starved_signal"),
     ("children inherit descriptors", SPAWN, "POSIX_SPAWN_SETSIGDEF |\n                        POSIX_SPAWN_CLOEXEC_DEFAULT", "POSIX_SPAWN_SETSIGDEF", "generations"),
     ("children stay in the helper's process group", SPAWN, "POSIX_SPAWN_SETPGROUP | ", "", "deadline"),
     ("children block what the helper blocks", SPAWN, "POSIX_SPAWN_SETSIGMASK | ", "", LAUNCH),

@@ -1,4 +1,5 @@
-// Dispatch's global queues, a thread for every block, and its signal sources.
+// Dispatch's queues and its signal sources. The blocks of all global queues share as many threads
+// as the kernel gives a process for them; a serial queue has one of its own while it has blocks.
 
 #include <dispatch/dispatch.h>
 
@@ -11,6 +12,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <semaphore>
 #include <thread>
 #include <unordered_map>
 #include <utility>
@@ -59,6 +61,14 @@ void Queue::drain() {
 }
 @end
 
+@interface SerialQueue : NSObject <OS_dispatch_queue>
+@end
+@implementation SerialQueue {
+ @public
+  std::shared_ptr<Queue> _queue;
+}
+@end
+
 @interface SignalSource : NSObject <OS_dispatch_source>
 @end
 @implementation SignalSource {
@@ -74,6 +84,8 @@ void Queue::drain() {
 @end
 
 namespace {
+
+std::counting_semaphore<> globalThreads(64);
 
 int signalPipe[2];
 
@@ -127,15 +139,29 @@ dispatch_time_t dispatch_time(dispatch_time_t, int64_t delta) {
   return static_cast<dispatch_time_t>(delta);
 }
 
+dispatch_queue_t dispatch_queue_create(const char* label, NSObject* attributes) {
+  if (attributes != DISPATCH_QUEUE_SERIAL) runtime::fault("a queue of another kind");
+  const std::string_view name = label;
+  SerialQueue* queue = [[SerialQueue alloc] init];
+  queue->_queue = std::make_shared<Queue>(std::string(name.substr(name.rfind('.') + 1)));
+  return queue;
+}
+
 void dispatch_after(dispatch_time_t when, dispatch_queue_t queue, dispatch_block_t block) {
-  startThread("quality-" + std::to_string(static_cast<GlobalQueue*>(queue)->_quality), [=] {
+  startThread("timer", [=] {
     std::this_thread::sleep_for(std::chrono::nanoseconds(when));
-    block();
+    dispatch_async(queue, block);
   });
 }
 
 void dispatch_async(dispatch_queue_t queue, dispatch_block_t block) {
-  dispatch_after(0, queue, block);
+  if ([queue isKindOfClass:[SerialQueue class]])
+    return static_cast<SerialQueue*>(queue)->_queue->run([block] { block(); });
+  startThread("quality-" + std::to_string(static_cast<GlobalQueue*>(queue)->_quality), [=] {
+    globalThreads.acquire();
+    block();
+    globalThreads.release();
+  });
 }
 
 dispatch_source_t dispatch_source_create(dispatch_source_type_t type, uintptr_t handle,

@@ -88,6 +88,9 @@ class HelperProcess {
   GenerationCoordinator coordinator_;
   ExitWhenIdle exitWhenIdle_;
   ServiceContext context_;
+  /// Of its own: engine calls may take all the threads that the global queues share.
+  dispatch_queue_t signalQueue_ =
+      dispatch_queue_create("com.brindlemoor.Tessaloom.helper.signals", DISPATCH_QUEUE_SERIAL);
   std::vector<dispatch_source_t> signalSources_;
   std::atomic<bool> isStopping_ = false;
 };
@@ -108,9 +111,8 @@ void HelperProcess::endOnSignals() {
   for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
     // A source receives a signal even if it is ignored, and only then does nothing else happen.
     ::signal(signal, SIG_IGN);
-    dispatch_source_t source =
-        dispatch_source_create(DISPATCH_SOURCE_TYPE_SIGNAL, static_cast<uintptr_t>(signal), 0,
-                               dispatch_get_global_queue(QOS_CLASS_UTILITY, 0));
+    dispatch_source_t source = dispatch_source_create(
+        DISPATCH_SOURCE_TYPE_SIGNAL, static_cast<uintptr_t>(signal), 0, signalQueue_);
     dispatch_source_set_event_handler(source, ^{
       stop(signal);
     });
@@ -129,8 +131,10 @@ void HelperProcess::exitOnceSettled(int signal, Clock::time_point deadline) {
   if (openCalls_.areSettled(replyGrace) || Clock::now() >= deadline) {
     std::exit(reportEnd(signal));
   }
-  tasks_.runAfter(stopTick, QualityOfService::utility,
-                  [=, this] { exitOnceSettled(signal, deadline); });
+  const std::chrono::nanoseconds tick = stopTick;
+  dispatch_after(dispatch_time(DISPATCH_TIME_NOW, tick.count()), signalQueue_, ^{
+    exitOnceSettled(signal, deadline);
+  });
 }
 
 /// Never destroyed: other threads may still use it while the process exits.

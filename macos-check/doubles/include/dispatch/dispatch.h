@@ -18,12 +18,15 @@ typedef const struct dispatch_source_type_s {
 }* dispatch_source_type_t;
 
 #define DISPATCH_TIME_NOW 0ull
+#define DISPATCH_QUEUE_SERIAL ((NSObject*)nil)
 #define DISPATCH_SOURCE_TYPE_SIGNAL (&_dispatch_source_type_signal)
 enum { QOS_CLASS_USER_INITIATED = 0x19, QOS_CLASS_DEFAULT = 0x15, QOS_CLASS_UTILITY = 0x11 };
 
 extern "C" {
 extern const struct dispatch_source_type_s _dispatch_source_type_signal;
 dispatch_queue_t dispatch_get_global_queue(intptr_t identifier, uintptr_t flags);
+dispatch_queue_t dispatch_queue_create(const char* label, NSObject* attributes)
+    __attribute__((ns_returns_retained));
 void dispatch_async(dispatch_queue_t queue, dispatch_block_t block);
 void dispatch_after(dispatch_time_t when, dispatch_queue_t queue, dispatch_block_t block);
 dispatch_time_t dispatch_time(dispatch_time_t base, int64_t delta);
