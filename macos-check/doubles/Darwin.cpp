@@ -17,6 +17,8 @@
 #undef timeval
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -26,6 +28,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "Runtime.h"
@@ -119,11 +122,11 @@ std::string linkOf(int pid, int descriptor) {
                                        error);
 }
 
-/// How the kernel's list calls answer: the size without a buffer, what fits with one.
+/// How the kernel's list calls answer: a generous size without a buffer, what fits with one.
 template <class Record>
 int list(const std::vector<Record>& records, void* buffer, int size) {
   const int bytes = static_cast<int>(records.size() * sizeof(Record));
-  if (buffer == nullptr) return bytes;
+  if (buffer == nullptr) return bytes + 20 * static_cast<int>(sizeof(Record));
   const int filled = std::min(bytes, size - size % static_cast<int>(sizeof(Record)));
   // The list of a process that exits meanwhile is empty.
   if (filled > 0) std::memcpy(buffer, records.data(), static_cast<std::size_t>(filled));
@@ -157,6 +160,12 @@ void addSockets(Sockets& sockets, int pid, std::string_view table) {
     if (internet.insi_vflag == INI_IPV4) address += 3;
     for (std::size_t at = 0; at < colon; at += 8)
       *address++ = static_cast<std::uint32_t>(std::stoul(fields[1].substr(at, 8), nullptr, 16));
+    // Of a socket for both versions; /proc does not list which are for IPv6 alone.
+    const auto words = std::bit_cast<std::array<std::uint32_t, 4>>(internet.insi_laddr);
+    if (words[0] == 0 && words[1] == 0 && words[2] == htonl(0xffff))
+      internet.insi_vflag = INI_IPV4;
+    else if (std::ranges::count(words, 0) == 4)
+      internet.insi_vflag |= INI_IPV4;
   }
 }
 
@@ -183,10 +192,11 @@ int sysctl(int* name, unsigned count, void* old, size_t* oldSize, void*, size_t)
   for (const int pid : pids)
     if (const auto facts = factsOf(pid)) records.push_back(facts->record);
   const size_t bytes = records.size() * sizeof(kinfo_proc);
-  if (old != nullptr && *oldSize < bytes) return errno = ENOMEM, -1;
-  if (old != nullptr && bytes != 0) std::memcpy(old, records.data(), bytes);
-  *oldSize = bytes;
-  return 0;
+  if (old == nullptr) return *oldSize = bytes + 5 * sizeof(kinfo_proc), 0;
+  const bool fits = bytes <= *oldSize;
+  *oldSize = fits ? bytes : *oldSize - *oldSize % sizeof(kinfo_proc);
+  if (*oldSize != 0) std::memcpy(old, records.data(), *oldSize);
+  return fits ? 0 : (errno = ENOMEM, -1);
 }
 
 char* devname_r(int32_t device, unsigned type, char* buffer, int size) {
@@ -200,8 +210,10 @@ char* devname_r(int32_t device, unsigned type, char* buffer, int size) {
 int proc_listpids(uint32_t type, uint32_t user, void* buffer, int size) {
   if (type != PROC_UID_ONLY) runtime::fault("another list of processes");
   namespaces.clear();
-  std::vector<int> pids;
-  for (const int pid : numbersIn<int>("/proc"))
+  std::vector<int> pids = numbersIn<int>("/proc");
+  // The size is for everybody's.
+  if (buffer == nullptr) return list(pids, buffer, size);
+  for (const int pid : std::exchange(pids, {}))
     if (const auto facts = factsOf(pid); facts && facts->record.kp_eproc.e_ucred.cr_uid == user)
       pids.push_back(pid);
   return list(pids, buffer, size);
@@ -217,6 +229,7 @@ int proc_pidinfo(int pid, int flavor, uint64_t, void* buffer, int size) {
     return sizeof(proc_taskinfo);
   }
   if (flavor != PROC_PIDLISTFDS) runtime::fault("another flavor of process information");
+  if (::access(processFolder(pid).c_str(), F_OK) != 0) return 0;
   std::vector<proc_fdinfo> descriptors;
   for (const int descriptor : numbersIn<int>(processFolder(pid) + "/fd"))
     descriptors.push_back({descriptor, linkOf(pid, descriptor).starts_with("socket:")

@@ -1,6 +1,8 @@
 // The decoding of what the run over the doubles does not show of a process's record, run by the
 // compiler on the platform's own structure.
 
+#include <algorithm>
+
 #include "KernelRecords.h"
 
 namespace tessaloom {

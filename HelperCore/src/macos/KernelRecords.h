@@ -4,11 +4,11 @@
 #include <sys/proc_info.h>
 #include <sys/sysctl.h>
 
-#include <algorithm>
-#include <array>
-#include <bit>
 #include <cstdint>
+#include <cstring>
+#include <iterator>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "HelperCore/Kernel.h"
@@ -43,19 +43,7 @@ constexpr std::optional<dev_t> decodeTerminal(const kinfo_proc& record) {
   return record.kp_eproc.e_tdev;
 }
 
-/// The address is read from the member of the union that the version flags name; IPv4 comes first.
-constexpr std::array<std::uint8_t, 16> decodeLocalAddress(const in_sockinfo& socket) {
-  std::array<std::uint8_t, 16> address{};
-  if ((socket.insi_vflag & INI_IPV4) != 0) {
-    auto ipv4 = std::bit_cast<std::array<std::uint8_t, 4>>(socket.insi_laddr.ina_46.i46a_addr4);
-    std::ranges::copy(ipv4, address.begin() + 12);
-  } else if ((socket.insi_vflag & INI_IPV6) != 0) {
-    std::ranges::copy(socket.insi_laddr.ina_6.__u6_addr.__u6_addr8, address.begin());
-  }
-  return address;
-}
-
-constexpr SocketInfo decodeSocket(const socket_fdinfo& record) {
+inline SocketInfo decodeSocket(const socket_fdinfo& record) {
   const socket_info& socket = record.psi;
   SocketInfo info{.protocol = socket.soi_protocol};
   const in_sockinfo* internet = nullptr;
@@ -72,7 +60,8 @@ constexpr SocketInfo decodeSocket(const socket_fdinfo& record) {
   }
   info.localPort = static_cast<std::uint32_t>(internet->insi_lport);
   info.versionFlags = internet->insi_vflag;
-  info.localAddress = decodeLocalAddress(*internet);
+  // Of either version: an IPv4 address is the last 4 bytes here, too.
+  std::memcpy(info.localAddress.data(), &internet->insi_laddr, info.localAddress.size());
   return info;
 }
 
