@@ -262,18 +262,18 @@ TEST_F(PeersAndCallsTest, AnswersWhatFindsNoThread) {
 }
 
 TEST_F(PeersAndCallsTest, SharesTheEnginesAndTheConnection) {
-  for (int caller = 1; caller <= 5; ++caller) {
+  for (int caller = 1; caller <= 6; ++caller) {
     admit(caller, static_cast<std::uint32_t>(2 * caller));
-    for (int i = 0; i < 10; ++i) call(caller, "GenerateText");
+    for (int i = 0; i < 6; ++i) call(caller, "GenerationEngineStatus");
   }
-  EXPECT_EQ(engineTasks.entries.size(), 32U) << "8 of each of the first four";
-  for (int i = 0; i < 32; ++i) endEngine();
+  EXPECT_EQ(engineTasks.entries.size(), 20U) << "4 of each of the first five";
+  for (int i = 0; i < 20; ++i) endEngine();
   answers();
   // The others, in the order in which they were started: by who had waited for the longest time.
   while (!engineTasks.entries.empty()) endEngine();
   std::string started;
   for (const auto& text : answers()) started += text[0];
-  EXPECT_EQ(started, "515155552525334455");
+  EXPECT_EQ(started, "6161262633445566");
 
   for (const int caller : {2, 3}) {
     for (int i = 0; i < 3; ++i) call(caller, "ListListeningPorts");
@@ -308,6 +308,7 @@ TEST_F(PeersAndCallsTest, BoundsTheCallsOfEachAndOfAll) {
   admit(100, 2);
   admit(101, 2);  // Of the same process, and so the same caller.
   for (int i = 0; i < 16; ++i) call(100 + i % 2, "GenerateText");
+  EXPECT_EQ(engineTasks.entries.size(), 16U) << "none waits behind another";
   call(101, "GenerateText");
   settle();
   EXPECT_EQ(answers(), Texts{"101 LimitsExceeded"});

@@ -34,12 +34,13 @@ class CallScheduler {
 
   /// How many calls that run an engine are carried out at once; the others wait. Several callers
   /// that use their share leave room for others. Each takes a thread of the engines' tasks for as
-  /// long as the engine runs; the service refuses at once a generation beyond its own limit.
+  /// long as the engine runs. No generation that one caller may have unanswered waits behind its
+  /// others, because the service refuses at once what is beyond its own limit.
   struct EngineShare {
     std::size_t ofAll;
     std::size_t ofOneCaller;
   };
-  static constexpr EngineShare generations{.ofAll = 32, .ofOneCaller = 8};
+  static constexpr EngineShare generations{.ofAll = 48, .ofOneCaller = 16};
   static constexpr EngineShare probes{.ofAll = 20, .ofOneCaller = 4};
 
   /// How many refusals one caller may have waiting to be sent. A caller that is refused more than
