@@ -11,21 +11,25 @@ namespace {
 
 using namespace tessaloom;
 
-std::string argument(const char* name, const char* type, const char* direction,
+std::string annotation(const char* name, const std::string& value) {
+  return std::string("        <annotation name=\"") + name + "\" value=\"" + value + "\"/>\n";
+}
+
+/// An array of bytes is JSON. GLib's generator makes a C string of it, which ends with a NUL on the
+/// bus, unless it is told not to.
+std::string argument(const char* name, const std::string& type, const char* direction,
                      const std::string& meaning) {
+  const bool isJSON = type == "ay";
   return std::string("      <arg name=\"") + name + "\" type=\"" + type + "\" direction=\"" +
-         direction + "\">\n        <annotation name=\"org.freedesktop.DBus.DocString\" value=\"" +
-         meaning + "\"/>\n      </arg>\n";
+         direction + "\">\n" +
+         annotation("org.gtk.GDBus.DocString", (isJSON ? "JSON: " : "") + meaning) +
+         (isJSON ? annotation("org.gtk.GDBus.C.ForceGVariant", "true") : "") + "      </arg>\n";
 }
 
 std::string element(const Method& method) {
   std::string text = std::string("    <method name=\"") + method.name + "\">\n";
-  if (method.takesRequest()) {
-    text += argument("request", "ay", "in", std::string("JSON: ") + method.request);
-  }
-  const bool isBody = std::string(method.result) == "ay";
-  text += argument("reply", method.result, "out",
-                   (isBody ? std::string("JSON: ") : std::string()) + method.reply);
+  if (method.takesRequest()) text += argument("request", "ay", "in", method.request);
+  text += argument("reply", method.result, "out", method.reply);
   return text + "    </method>\n";
 }
 
