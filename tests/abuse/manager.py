@@ -3,6 +3,7 @@
 import contextlib
 import os
 import pathlib
+import re
 import subprocess
 
 from bus_peer import Peer
@@ -22,7 +23,7 @@ def start():
         environment[key] = str(runtime / key)
         target = runtime / key / folder / name
         target.parent.mkdir(parents=True)
-        text = (ROOT / f"packaging/linux/{name}.in").read_text().replace("@HELPER_EXECUTABLE@", str(HELPER_PROGRAM))
+        text = re.sub(r"@HELPER_\w+@", str(HELPER_PROGRAM), (ROOT / f"packaging/linux/{name}.in").read_text())
         wrapper = "".join(f"Environment={name}={value}\n" for name, value in os.environ.items()
                           if name.startswith(("LD_PRELOAD", "NSS_WRAPPER")))
         target.write_text(text.replace("[Service]\n", "[Service]\n" + wrapper))
