@@ -29,12 +29,16 @@ private_bus_start() {
   done
 }
 
-# Ends the helper, says what it wrote to standard error, and removes everything. Safe to call twice.
+# Ends the helper, says what it wrote to standard error, and removes everything. Fails when a sanitizer or a double has
+# reported something. Safe to call twice.
 private_bus_stop() {
+  local errors=${PRIVATE_BUS_ROOT:-}/run/errors status=0
   [[ -n $private_agent_launchd ]] || return 0
   kill "$private_agent_launchd"
   wait "$private_agent_launchd"
   private_agent_launchd=
-  [[ ! -e $PRIVATE_BUS_ROOT/run/errors ]] || cat "$PRIVATE_BUS_ROOT/run/errors"
+  [[ ! -e $errors ]] || cat "$errors"
+  ! grep -qaE 'Sanitizer|runtime error: |^double: ' "$errors" 2>/dev/null || status=1
   rm -rf "$PRIVATE_BUS_ROOT"
+  return "$status"
 }

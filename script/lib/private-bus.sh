@@ -3,7 +3,7 @@
 # both engines. For scripts that source it:
 #
 #   . script/lib/private-bus.sh
-#   trap private_bus_stop EXIT
+#   trap 'private_bus_stop || true' EXIT
 #   private_bus_start BUILD_DIRECTORY/bin
 #
 # Afterwards the bus starts the helper with the first call, and these are set:
@@ -32,6 +32,14 @@ private_bus_runs() {
   local state
   state=$(ps -o stat= -p "$1")
   [[ -n $state && $state != Z* ]]
+}
+
+# private_bus_end_tree SIGNAL PROCESS: a process and those below it.
+private_bus_end_tree() {
+  local child children
+  children=$(ps -o pid= --ppid "$2") || true
+  kill -s "$1" "$2" 2>/dev/null || true
+  for child in $children; do private_bus_end_tree "$1" "$child"; done
 }
 
 private_bus_write_config() {
@@ -107,7 +115,7 @@ private_bus_start() {
   private_bus_write_activation "$@"
   # A session of its own: what a person's Ctrl-C ends is the script, which then ends the bus in order.
   setsid dbus-daemon --config-file="$PRIVATE_BUS_ROOT/bus.conf" --nofork --nopidfile --nosyslog \
-    --print-address >"$PRIVATE_BUS_ROOT/address" 2>"$PRIVATE_BUS_LOG" </dev/null &
+    --print-address >"$PRIVATE_BUS_ROOT/address" 2>>"$PRIVATE_BUS_LOG" </dev/null &
   private_bus_pid=$!
   export DBUS_SESSION_BUS_ADDRESS="unix:path=$PRIVATE_BUS_ROOT/bus"
   # It prints its address once it listens; its socket is there before.
@@ -121,24 +129,27 @@ private_bus_start() {
   done
 }
 
-# Ends the helper and the bus, and removes everything. Safe to call twice, and before the start.
+# Ends the helper and the bus, and removes everything. Fails when a sanitizer has reported something of the helper, and
+# prints that. Safe to call twice, and before the start.
 private_bus_stop() {
-  local helper attempts=0
+  local helper attempts=0 status=0
+  [[ -n ${PRIVATE_BUS_ROOT:-} ]] || return 0
   if [[ -n $private_bus_pid ]]; then
-    helper=$(private_bus_helper_pid)
+    helper=$(DBUS_SESSION_BUS_ADDRESS=unix:path=$PRIVATE_BUS_ROOT/bus private_bus_helper_pid)
     kill "$private_bus_pid" 2>/dev/null || true
     wait "$private_bus_pid" 2>/dev/null || true
     private_bus_pid=
-    # A helper without a bus exits by itself.
+    # A helper without a bus exits by itself, after 3 seconds if an engine ignores SIGTERM.
     while [[ -n $helper ]] && private_bus_runs "$helper"; do
-      if ((++attempts > 60)); then
+      if ((++attempts > 200)); then
         kill -KILL "$helper" 2>/dev/null
         break
       fi
       sleep 0.05
     done
   fi
-  [[ -z ${PRIVATE_BUS_ROOT:-} ]] || rm -rf "$PRIVATE_BUS_ROOT"
+  ! grep -aE -A 40 'Sanitizer|runtime error: ' "$PRIVATE_BUS_LOG" 2>/dev/null || status=1
+  rm -rf "$PRIVATE_BUS_ROOT"
   PRIVATE_BUS_ROOT=
-  return 0
+  return "$status"
 }
