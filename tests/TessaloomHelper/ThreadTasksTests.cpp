@@ -40,6 +40,17 @@ TEST(ThreadTasksTest, DestructionRunsWhatWasAcceptedAndDropsWhatIsDelayed) {
   EXPECT_EQ(held.use_count(), 1);
 }
 
+TEST(ThreadTasksTest, StopsOnceWhatRunsHasEnded) {
+  ThreadTasks tasks;
+  std::latch released(1);
+  tasks.runConcurrently(quality, [&] { released.wait(); });
+  EXPECT_FALSE(tasks.stop(50ms));
+  tasks.runConcurrently(quality, [&] { released.count_down(); });
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(tasks.stop(10s));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+}
+
 /// What is handed in while these threads are all there can be waits for one of them.
 void expectToWaitFor(ThreadTasks& tasks, std::ptrdiff_t threads) {
   std::atomic<int> ran = 0;
