@@ -12,6 +12,7 @@
 //   practice:sleep=MS           waits
 //   practice:hang               waits for ten minutes
 //   practice:ignore-term        ignores SIGTERM from here on
+//   practice:leave-on-term      moves to its parent's group on SIGTERM and goes on
 //   practice:touch=PATH         creates PATH: an event that a test can wait for
 //   practice:wait-for=PATH      waits until PATH exists, at most a minute (then exits with 65)
 //   practice:flood=BYTES        fills standard output with lines of x
@@ -259,6 +260,10 @@ constexpr Word words[] = {
     {"sleep", false, [](Session&, std::string_view value) { sleepFor(number(value)); }},
     {"hang", false, [](Session&, std::string_view) { sleepFor(600'000); }},
     {"ignore-term", false, [](Session&, std::string_view) { ::signal(SIGTERM, SIG_IGN); }},
+    {"leave-on-term", false,
+     [](Session&, std::string_view) {
+       ::signal(SIGTERM, [](int) { ::setpgid(0, ::getpgid(::getppid())); });
+     }},
     {"touch", false, [](Session&, std::string_view value) { touch(std::string(value)); }},
     {"wait-for", false, [](Session&, std::string_view value) { waitFor(std::string(value)); }},
     {"flood", false, [](Session&, std::string_view value) { flood(STDOUT_FILENO, number(value)); }},

@@ -79,6 +79,11 @@ pid_t ChildProcess::killTarget() const {
   return ::getpgid(pid_) == pid_ ? -pid_ : pid_;
 }
 
+void ChildProcess::sendKill(pid_t target) const {
+  ::kill(target, SIGKILL);
+  ::kill(pid_, SIGKILL);  // It may have left its group since the target was decided.
+}
+
 bool ChildProcess::terminate() {
   const MutexLock locked(lock_);
   if (!isRunning()) return false;
@@ -112,7 +117,7 @@ void ChildProcess::sendDueKills(Clock::time_point now) {
   if (firstLater == kills_.begin()) return;
   const bool running = isRunning();
   for (auto kill = kills_.begin(); running && kill != firstLater; ++kill) {
-    ::kill(kill->target, SIGKILL);
+    sendKill(kill->target);
   }
   kills_.erase(kills_.begin(), firstLater);
 }
@@ -138,7 +143,7 @@ void ChildProcess::destroy() {
     const MutexLock locked(lock_);
     if (reaped_) return;
     // A group that has lost its leader is left alone, here as elsewhere.
-    if (isRunning()) ::kill(killTarget(), SIGKILL);
+    if (isRunning()) sendKill(killTarget());
   }
   awaitExit();
   reap();

@@ -60,7 +60,8 @@ class ChildProcess {
   /// When the next kill falls due, if there is one.
   std::optional<Clock::time_point> nextKill() const TL_EXCLUDES(lock_);
 
-  /// Sends the kills that are due by `now`, if the child still lives.
+  /// Sends the kills that are due by `now`, if the child still lives: each to its target, and to
+  /// the child in any case.
   void sendDueKills(Clock::time_point now) TL_EXCLUDES(lock_);
 
   /// Whether the child has exited by now; a zombie has.
@@ -85,6 +86,7 @@ class ChildProcess {
   bool isRunning() const TL_REQUIRES(lock_);
   /// The group as kill(2) takes it, or the child alone if it has left its group.
   pid_t killTarget() const TL_REQUIRES(lock_);
+  void sendKill(pid_t target) const TL_REQUIRES(lock_);
 
   pid_t pid_ = 0;  ///< Constant once launched.
   mutable Mutex lock_;
