@@ -20,6 +20,8 @@
 //   practice:stderr=TEXT        one line on standard error; each _ becomes a space
 //   practice:long-stderr=CHARS  CHARS characters (not bytes) on standard error: abcdéfgh...z, again
 //   practice:grandchild=MS      leaves a child in its group that keeps both outputs open
+//   practice:tracer             leaves one that ignores SIGTERM and, as a debugger does, keeps the
+//                               engine's exit from the helper (Linux only)
 //   practice:invalid-utf8       puts ill-formed bytes (FF, E2 82) into the answer
 //   practice:garbage            answers with what is not JSON
 //   practice:no-output          answers nothing
@@ -41,6 +43,10 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#ifdef __linux__
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#endif
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -208,6 +214,26 @@ void leaveGrandchild(long milliseconds) {
   ::_exit(0);
 }
 
+#ifdef __linux__
+void leaveTracer() {
+  const pid_t own = ::getpid();
+  ::prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY, 0, 0, 0);
+  int traced[2];
+  if (::pipe(traced) != 0) unexpected("failure of pipe");
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::signal(SIGTERM, SIG_IGN);
+    if (::ptrace(PTRACE_SEIZE, own, nullptr, nullptr) != 0) ::_exit(1);
+    writeAll(traced[1], "y");
+    sleepFor(600'000);
+    ::_exit(0);
+  }
+  ::close(traced[1]);
+  char byte;
+  if (child < 0 || ::read(traced[0], &byte, 1) != 1) unexpected("failure to be traced");
+}
+#endif
+
 void answerAsNotSignedIn(Session& session) {
   session.exitStatus = 1;
   if (session.engine == Engine::codex) {
@@ -278,6 +304,9 @@ constexpr Word words[] = {
     {"long-stderr", false,
      [](Session&, std::string_view value) { complain(longText(number(value))); }},
     {"grandchild", false, [](Session&, std::string_view value) { leaveGrandchild(number(value)); }},
+#ifdef __linux__
+    {"tracer", false, [](Session&, std::string_view) { leaveTracer(); }},
+#endif
     {"invalid-utf8", false, [](Session& session, std::string_view) { session.invalidUTF8 = true; }},
     {"garbage", false,
      [](Session& session, std::string_view) { session.answer = "This is not {JSON.\n"; }},

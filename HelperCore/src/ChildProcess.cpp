@@ -127,10 +127,6 @@ bool ChildProcess::hasExited() const {
   return !isRunning();
 }
 
-void ChildProcess::awaitExit() const {
-  isZombie(pid_, 0);
-}
-
 ChildEnd ChildProcess::reap() {
   const MutexLock locked(lock_);
   reaped_ = true;
@@ -145,7 +141,7 @@ void ChildProcess::destroy() {
     // A group that has lost its leader is left alone, here as elsewhere.
     if (isRunning()) sendKill(killTarget());
   }
-  awaitExit();
+  isZombie(pid_, 0);  // Blocks until it is, without the lock.
   reap();
 }
 

@@ -17,7 +17,7 @@ namespace tessaloom {
 namespace {
 
 /// How often a child is asked for its exit where no descriptor reports it.
-constexpr std::chrono::milliseconds exitPollInterval{20};
+constexpr std::chrono::milliseconds pollInterval{20};
 
 /// Whether a read or write that failed so may succeed later.
 bool isPassing(int error) {
@@ -117,7 +117,7 @@ void ChildRun::awaitReaders() {
 
 ChildRun::Clock::time_point ChildRun::nextWake(Clock::time_point deadline) const {
   auto wake = child_->nextKill().value_or(deadline);
-  if (!exit_) wake = std::min(wake, Clock::now() + exitPollInterval);
+  if (!exit_) wake = std::min(wake, Clock::now() + pollInterval);
   return std::min(wake, deadline);
 }
 
@@ -134,11 +134,9 @@ void ChildRun::moveBytes(Clock::time_point until) {
   if (watched[error].revents != 0) error_.readChunk();
   if (watched[input].revents != 0) input_.writeSome();
   if (watched[wake].revents != 0) empty(wake_);
-  if (watched[exit].revents != 0) {
-    // On macOS the notice can come a moment before the child is a zombie.
-    child_->awaitExit();
-    exited_ = true;
-  }
+  // The child may not be reapable yet: on macOS the notice can come a moment before it is a zombie,
+  // and a process that traces the child keeps the exit to itself. So it is asked from here on.
+  if (watched[exit].revents != 0) exit_.reset();
 }
 
 }  // namespace tessaloom

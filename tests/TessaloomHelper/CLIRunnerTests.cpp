@@ -304,15 +304,16 @@ TEST_F(CLIRunnerTest, SameIDAgainTakesTheEntry) {
 
 TEST_F(CLIRunnerTest, EndAllEndsEveryRunAndEveryLaterOne) {
   const auto end = std::chrono::steady_clock::now() + ample;
+  auto traced = start("exit=0", "tracer");
   auto leaving = start("hang", "leave-on-term");
   auto resisting = start("hang", "ignore-term");
   EXPECT_TRUE(runner.cancel(id));
   EXPECT_TRUE(runner.cancel(id)) << "it resists";
   auto probe = std::async(std::launch::async, [&] { return run({"hang"}); });
-  EXPECT_TRUE(eventually([] { return children().size() == 3; }));
+  EXPECT_TRUE(eventually([] { return children().size() == 4; }));
   runner.endAll();
   auto later = runner.run({directory / "missing", {}, {}, {}, {}}, id, engine, ample);
-  for (const auto& outcome : {leaving.get(), resisting.get(), probe.get(), later}) {
+  for (const auto& outcome : {traced.get(), leaving.get(), resisting.get(), probe.get(), later}) {
     expectFailure(outcome, Kind::cancelled);
   }
   EXPECT_LT(std::chrono::steady_clock::now(), end) << "one of them has ended by itself";

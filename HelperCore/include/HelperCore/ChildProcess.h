@@ -64,11 +64,9 @@ class ChildProcess {
   /// the child in any case.
   void sendDueKills(Clock::time_point now) TL_EXCLUDES(lock_);
 
-  /// Whether the child has exited by now; a zombie has.
+  /// Whether the child has exited by now and can be reaped; while another process traces it, it
+  /// cannot.
   bool hasExited() const TL_EXCLUDES(lock_);
-
-  /// Blocks until the child has exited. Does not reap it, so no other process can get its pid.
-  void awaitExit() const;
 
   /// Reaps an exited child.
   ChildEnd reap() TL_EXCLUDES(lock_);

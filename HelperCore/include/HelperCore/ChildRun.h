@@ -101,18 +101,19 @@ class ChildRun {
   ChildRun(std::shared_ptr<ChildProcess> child, FileDescriptor wake, FileDescriptor output,
            FileDescriptor error, StdinWriter input);
 
-  bool hasExited() const { return exited_ || (!exit_ && child_->hasExited()); }
+  bool hasExited() const { return !exit_ && child_->hasExited(); }
   /// Waits until a stream is ready or the child exits, at most until `until`, and handles that.
   void moveBytes(Clock::time_point until);
   Clock::time_point nextWake(Clock::time_point deadline) const;
 
   std::shared_ptr<ChildProcess> child_;
   FileDescriptor wake_;
-  FileDescriptor exit_;  ///< Readable once the child has exited; the system may have none to give.
+  /// Readable once the child has exited. The child is asked at intervals where the system has none
+  /// to give, and once it was readable.
+  FileDescriptor exit_;
   StreamReader output_;
   StreamReader error_;
   StdinWriter input_;
-  bool exited_ = false;
   ChildEnd end_{};
 };
 

@@ -51,7 +51,9 @@ class CLIRunner {
   CLIRunner& operator=(const CLIRunner&) = delete;
 
   /// Runs one command and blocks until it has exited, could not be launched, or passed its deadline
-  /// and was ended.
+  /// and was ended. It waits without limit for a child that SIGKILL does not end: one that changed
+  /// its user id, is in an uninterruptible system call, or is traced by a process outside its
+  /// group.
   ///
   /// A run with a request id is registered and can be cancelled; one without is neither. Fails with
   /// launchFailed, timedOut or cancelled, never with an exit code; a non-zero status is a result.
@@ -91,7 +93,7 @@ class CLIRunner {
   /// For a process that must exit: ends every run as `cancel` does, the unregistered ones too, and
   /// launches none later. Each of them reports `cancelled`, unless it has finished by itself.
   /// Returns at once; the runs return to their callers within 3 seconds and
-  /// `ChildRun::readersGrace`.
+  /// `ChildRun::readersGrace`, apart from those whose child SIGKILL does not end.
   void endAll() TL_EXCLUDES(lock_);
 
  private:
