@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <thread>
 
 #include "HelperCore/SpawnPlatform.h"
 #include "TLFoundation/Pipe.h"
@@ -16,7 +17,8 @@ namespace tessaloom {
 
 namespace {
 
-/// How often a child is asked for its exit where no descriptor reports it.
+/// How often a child is asked for its exit where no descriptor reports it, and how often the
+/// descriptors are tried where poll fails.
 constexpr std::chrono::milliseconds pollInterval{20};
 
 /// Whether a read or write that failed so may succeed later.
@@ -129,7 +131,14 @@ void ChildRun::moveBytes(Clock::time_point until) {
                                      {input_.descriptor(), POLLOUT, 0},
                                      {exit_.get(), POLLIN, 0},
                                      {wake_.get(), POLLIN, 0}}};
-  if (::poll(watched.data(), watched.size(), pollTimeout(until)) <= 0) return;
+  const int ready = ::poll(watched.data(), watched.size(), pollTimeout(until));
+  if (ready == 0 || (ready < 0 && errno == EINTR)) return;
+  if (ready < 0) {
+    // Refused, as when another process has lowered this one's limit on descriptors: instead of
+    // waiting for any of them, all are tried at intervals.
+    std::this_thread::sleep_until(std::min(until, Clock::now() + pollInterval));
+    for (pollfd& each : watched) each.revents = each.fd < 0 ? short{0} : each.events;
+  }
   if (watched[output].revents != 0) output_.readChunk();
   if (watched[error].revents != 0) error_.readChunk();
   if (watched[input].revents != 0) input_.writeSome();
