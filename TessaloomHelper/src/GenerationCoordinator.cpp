@@ -29,9 +29,13 @@ constexpr std::int64_t versionLimit = 64;  // Unicode scalars.
 
 /// The file that holds the schema, for the engine that takes one. Without it the engine still runs.
 std::optional<std::filesystem::path> writeSchema(const GenerationRequest& request,
-                                                 const GenerationDirectory& directory) {
+                                                 const GenerationDirectory& directory,
+                                                 const std::function<void()>& release) {
   if (request.engine() != GenerationEngineID::codex) return std::nullopt;
-  return directory.write("schema.json", GenerationSchema::text(request.shape()));
+  auto written = withDescriptors(release, [&] {
+    return directory.write("schema.json", GenerationSchema::text(request.shape()));
+  });
+  return written ? std::optional(*std::move(written)) : std::nullopt;
 }
 
 GenerationOutputParser::Result parseOutput(const RunResult& run, const GenerationRequest& request) {
@@ -88,7 +92,7 @@ std::expected<GenerationResult, GenerationErrorPayload> GenerationCoordinator::g
     return std::unexpected(GenerationErrorPayload::withDetail(
         GenerationFailureKind::launchFailed, engine, errnoText(directory.error())));
   }
-  const auto schemaFile = writeSchema(request, *directory);
+  const auto schemaFile = writeSchema(request, *directory, lookups_.releaseDescriptors);
 
   const auto start = Clock::now();
   const CLIInvocation invocation{
@@ -132,7 +136,8 @@ EngineStatus GenerationCoordinator::engineStatus(const EngineStatusRequest& requ
   std::expected<FileDescriptor, int> directory;
   if (const auto user = currentUser()) {
     // The engine may write there, so one that others can change is not used.
-    directory = openPrivateDirectory(temporaryDirectory_);
+    directory = withDescriptors(lookups_.releaseDescriptors,
+                                [&] { return openPrivateDirectory(temporaryDirectory_); });
     environment = CLIInvocationBuilder::environment(
         user->homeDirectory, user->loginName, directory ? temporaryDirectory_ : sharedDirectory);
   }

@@ -206,8 +206,8 @@ GenerationDirectory::~GenerationDirectory() {
   if (::rmdir(path_.c_str()) != 0) ::unlink(path_.c_str());
 }
 
-std::optional<std::filesystem::path> GenerationDirectory::write(const std::string& name,
-                                                                std::string_view text) const {
+std::expected<std::filesystem::path, int> GenerationDirectory::write(const std::string& name,
+                                                                     std::string_view text) const {
   constexpr mode_t ownerReadWrite = S_IRUSR | S_IWUSR;
   // A directory that was taken over may hold a pipe of that name. Opening one does not wait for its
   // reader, and one that has a reader cannot be truncated.
@@ -216,7 +216,7 @@ std::optional<std::filesystem::path> GenerationDirectory::write(const std::strin
                                      ownerReadWrite));
   if (!file || ::fchmod(file.get(), ownerReadWrite) != 0 || ::ftruncate(file.get(), 0) != 0 ||
       !writeAll(file, text)) {
-    return std::nullopt;
+    return std::unexpected(errno);
   }
   return path_ / name;
 }

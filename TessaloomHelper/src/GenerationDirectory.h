@@ -3,7 +3,6 @@
 #include <chrono>
 #include <expected>
 #include <filesystem>
-#include <optional>
 #include <string_view>
 
 #include "HelperProtocol/UUID.h"
@@ -49,8 +48,9 @@ class GenerationDirectory {
 
   const std::filesystem::path& path() const { return path_; }
 
-  /// Writes a file and returns its path; nullopt if not all of the text could be written.
-  std::optional<std::filesystem::path> write(const std::string& name, std::string_view text) const;
+  /// Writes a file and returns its path, or the error if not all of the text could be written.
+  std::expected<std::filesystem::path, int> write(const std::string& name,
+                                                  std::string_view text) const;
 
  private:
   GenerationDirectory(std::filesystem::path path, FileDescriptor directory,
