@@ -167,13 +167,11 @@ std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::p
   for (;;) {
     auto opened = openLocked(directory, LOCK_SH, parent);
     if (opened || Clock::now() > end) return opened;
-    if (opened.error() == EBUSY) {
-      std::this_thread::sleep_for(pause);
-    } else if (opened.error() != ENOENT) {
-      return opened;
-    } else if (const int error = makeDirectories(directory); error != 0 && error != ENOENT) {
-      return std::unexpected(error);
-    }
+    int error = opened.error();
+    if (error == ENOENT) error = makeDirectories(directory);
+    if (error == 0) continue;
+    if (error != EBUSY && error != ENOENT) return std::unexpected(error);
+    std::this_thread::sleep_for(pause);
   }
 }
 
