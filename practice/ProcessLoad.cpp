@@ -59,6 +59,10 @@ bool endWithParent(pid_t parent) {
   for (int number = 0;; ++number) {
     const pid_t own = getpid();
     const pid_t brief = fork();
+    if (brief < 0) {
+      usleep(10'000);
+      continue;
+    }
     if (brief == 0) {
       if (!endWithParent(own)) _exit(1);
       holdSocket(number);
@@ -106,10 +110,14 @@ int main(int count, char** arguments) {
     }
   }
   for (int i = 0; i < churn; ++i) {
-    if (fork() == 0) {
-      signal(SIGCHLD, SIG_DFL);
-      comeAndGo(own);
+    const pid_t child = fork();
+    if (child < 0) {
+      perror("process-load: fork");
+      return 1;
     }
+    if (child != 0) continue;
+    signal(SIGCHLD, SIG_DFL);
+    comeAndGo(own);
   }
   std::puts("ready");
   std::fflush(stdout);
