@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -21,6 +22,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr mode_t ownerOnly = S_IRWXU;
+constexpr const char* namePrefix = "tessaloom-generation-";
 
 /// 0, also when something exists at the path already, or the error.
 // NOLINTNEXTLINE(misc-no-recursion): no deeper than the path is long.
@@ -176,8 +178,18 @@ std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::p
 }
 
 void removeUnusedDirectory(const std::filesystem::path& directory) {
+  constexpr std::chrono::milliseconds removalLimit{100};  // Whoever starts to use it waits.
   // No one starts to use it while the lock is held.
-  if (const auto unused = openLocked(directory, LOCK_EX)) ::rmdir(directory.c_str());
+  const auto unused = openLocked(directory, LOCK_EX);
+  if (!unused) return;
+  DirectoryReader entries(openNestedDirectory(unused->get(), "."));
+  while (const char* name = entries ? entries.next() : nullptr) {
+    if (!std::string_view(name).starts_with(namePrefix)) continue;
+    // A generation that still runs holds the lock of its own.
+    const auto left = openLocked(directory / name, LOCK_EX, *unused);
+    if (left) removeAnything(unused->get(), name, removalLimit);
+  }
+  ::rmdir(directory.c_str());
 }
 
 std::expected<GenerationDirectory, int> GenerationDirectory::create(
@@ -185,7 +197,7 @@ std::expected<GenerationDirectory, int> GenerationDirectory::create(
     std::chrono::milliseconds removalLimit) {
   const auto parent = openPrivateDirectory(temporaryDirectory);
   if (!parent) return std::unexpected(parent.error());
-  const std::string name = "tessaloom-generation-" + requestID.string();
+  const std::string name = namePrefix + requestID.string();
   auto path = temporaryDirectory / name;
   auto directory = openPrivateDirectory(path, *parent);
   if (!directory) {

@@ -19,8 +19,9 @@ std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::p
                                                         const FileDescriptor& parent = {});
 
 /// Removes a directory that `openPrivateDirectory` would accept, if it is empty and neither this
-/// nor another process uses it. A process that starts to use it at the same moment creates it
-/// again.
+/// nor another process uses it. The directories of generations whose process was killed are removed
+/// from it first, each for 100 ms at most. A process that starts to use it at the same moment
+/// creates it again.
 void removeUnusedDirectory(const std::filesystem::path& directory);
 
 /// The directory of one generation, "tessaloom-generation-" and the request id. It is removed when

@@ -121,6 +121,16 @@ TEST(GenerationDirectoryTest, UnusedDirectoryIsRemovedWithoutHarmToWhoStartsToUs
   }
   isDone = true;
   exiting.join();
+  // What a process that was killed has left goes with it.
+  const fs::path left = perUser / (name + "-left");
+  {
+    const auto used = GenerationDirectory::create(perUser, id);
+    EXPECT_TRUE(openPrivateDirectory(left));
+    std::ofstream(left / "file") << "x";
+    removeUnusedDirectory(perUser);
+    EXPECT_FALSE(fs::exists(left));
+    EXPECT_TRUE(fs::exists(perUser / name));
+  }
   removeUnusedDirectory(perUser);
   EXPECT_FALSE(fs::exists(perUser));
 }
