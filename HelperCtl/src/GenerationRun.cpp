@@ -104,6 +104,7 @@ GenerationOutcome GenerationRun::run() {
   // No limit: the helper answers within the timeout and the few seconds that ending an engine
   // takes.
   loop_.run([this] { return isOver(); });
+  if (const int late = signals_.stop(); signal_ == 0) signal_ = late;
   progress_.clear();
   if (answer_) return {std::move(*answer_), signal_};
   return {std::unexpected(cancelledError()), signal_};

@@ -13,7 +13,7 @@ struct GenerationOutcome {
 /// Runs one generation and waits for its reply. On a terminal whose foreground this process is in,
 /// a line on standard error shows the elapsed time.
 ///
-/// SIGINT, SIGTERM and SIGHUP cancel it, again and again until the helper replies that the
+/// SIGINT, SIGTERM, SIGHUP and SIGQUIT cancel it, again and again until the helper replies that the
 /// cancellation took effect, or to the generation; then the reply is a generation error of the kind
 /// `cancelled`. A second signal ends the wait at once. Throws std::system_error.
 GenerationOutcome runGeneration(Transport& transport, const GenerationRequest& request);

@@ -18,7 +18,7 @@ std::atomic<int> readEnd{-1};
 std::atomic<int> writeEnd{-1};
 static_assert(std::atomic<int>::is_always_lock_free);
 
-constexpr std::array caughtSignals{SIGINT, SIGTERM, SIGHUP};
+constexpr std::array caughtSignals{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
 void wakeUp(int number) {
   const int saved = errno;
@@ -53,13 +53,18 @@ TerminationSignals::TerminationSignals() {
 }
 
 TerminationSignals::~TerminationSignals() {
-  for (const int number : caughtSignals) exchangeHandler(number, wakeUp, SIG_DFL);
+  (void)stop();
   ::close(writeEnd.exchange(-1));
   ::close(readEnd.exchange(-1));
 }
 
 int TerminationSignals::descriptor() const {
   return readEnd;
+}
+
+int TerminationSignals::stop() {
+  for (const int number : caughtSignals) exchangeHandler(number, wakeUp, SIG_DFL);
+  return take();
 }
 
 int TerminationSignals::take() {

@@ -2,8 +2,8 @@
 
 namespace tessaloom {
 
-/// Turns SIGINT, SIGTERM and SIGHUP into a descriptor to poll, for as long as it lives. A signal
-/// that the process was started to ignore, as under nohup(1), stays ignored. One at a time.
+/// Turns SIGINT, SIGTERM, SIGHUP and SIGQUIT into a descriptor to poll, for as long as it lives. A
+/// signal that the process was started to ignore, as under nohup(1), stays ignored. One at a time.
 class TerminationSignals {
  public:
   /// Throws std::system_error.
@@ -17,6 +17,9 @@ class TerminationSignals {
 
   /// The number of the next signal that has come; 0 if there is none.
   int take();
+
+  /// Catches no more signals, and then takes the next: a later one takes its usual effect.
+  int stop();
 };
 
 /// Ends this process by a signal, as if it had not been caught, so that a shell that runs this in a

@@ -1,9 +1,11 @@
 #include <chrono>
+#include <csignal>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "Client.h"
+#include "GenerationRun.h"
 
 namespace tessaloom {
 namespace {
@@ -19,10 +21,19 @@ class LateTransport : public Transport {
     if (handlers_.size() > 1) handlers_[0]("late");
   }
 
+ protected:
+  std::vector<Handler> handlers_;
+
  private:
   static constexpr std::chrono::milliseconds pause{10};
+};
 
-  std::vector<Handler> handlers_;
+/// Answers while a signal comes.
+class InterruptedTransport final : public LateTransport {
+  void process() override {
+    handlers_[0]("late");
+    (void)raise(SIGTERM);
+  }
 };
 
 TEST(Client, TakesNoReplyForThatToALaterCall) {
@@ -32,6 +43,13 @@ TEST(Client, TakesNoReplyForThatToALaterCall) {
     ASSERT_FALSE(reply);
     EXPECT_EQ(reply.error().name, timedOutError);
   }
+}
+
+TEST(GenerationRun, LosesNoSignalThatComesWithTheAnswer) {
+  InterruptedTransport transport;
+  const GenerationRequest request(UUID::random(), GenerationEngineID::codex,
+                                  GenerationShape::freeText, "", "Tea", {});
+  EXPECT_EQ(runGeneration(transport, request).signal, SIGTERM);
 }
 
 }  // namespace
