@@ -4,8 +4,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <stdexcept>
 #include <string>
 
+#include "HelperProtocol/CallLoad.h"
 #include "HelperProtocol/EngineStatus.h"
 #include "HelperProtocol/GenerationDTOError.h"
 #include "HelperProtocol/GenerationRequest.h"
@@ -16,8 +18,6 @@
 
 namespace tessaloom {
 namespace {
-
-constexpr std::size_t inputLimit = std::size_t{33} * 1024 * 1024;
 
 using Console::print;
 using Console::safeLine;
@@ -48,8 +48,7 @@ void showEngineStatus(const EngineStatus& status) {
   if (!status.binaryFound) {
     print(engine + ": not found\n");
     if (Console::outputIsTerminal()) {
-      print(
-          "To see where it was searched for, or why it was rejected: tessaloom-helperctl doctor\n");
+      print("To see why: tessaloom-helperctl doctor\n");
     }
     return;
   }
@@ -93,7 +92,7 @@ std::system_error inputError(int error) {
 
 std::string readStandardInput() {
   std::string text;
-  while (text.size() < inputLimit) {
+  while (text.size() <= CallLoad::maximumBytes) {
     const std::size_t before = text.size();
     text.resize(before + 65'536);
     const ssize_t count = ::read(STDIN_FILENO, text.data() + before, 65'536);
@@ -106,7 +105,7 @@ std::string readStandardInput() {
       throw inputError(errno);
     }
   }
-  return text;
+  throw std::runtime_error("standard input is longer than 16 MiB, the helper's limit");
 }
 
 CommandResult runVersion(const Arguments& arguments) {
@@ -134,8 +133,9 @@ CommandResult runEngineStatus(const Arguments& arguments) {
   const auto engine = readEngine(arguments.positionals().front());
   if (!engine) return std::unexpected(engine.error());
   const Bytes body = HelperCoding::makeEncoder().encode(EngineStatusRequest{*engine});
-  return showReply<EngineStatus>(callOnce(methodNamed("GenerationEngineStatus").name, body),
-                                 arguments, showEngineStatus);
+  return showReply<EngineStatus>(
+      callOnce(methodNamed("GenerationEngineStatus").name, body), arguments, showEngineStatus,
+      [&engine](const EngineStatus& status) { return status.engine == *engine; });
 }
 
 CommandResult runCancel(const Arguments& arguments) {
@@ -159,7 +159,9 @@ CommandResult runCall(const Arguments& arguments) {
   } else if (method != nullptr && method->takesRequest()) {
     body.emplace();
   }
-  const CallReply reply = callOnce(name, body, std::nullopt);
+  const Wait wait = method != nullptr && method->kind == Method::Kind::generation ? Wait::silent
+                                                                                  : Wait::announced;
+  const CallReply reply = callOnce(name, body, std::nullopt, wait);
   if (!reply) return reportError(reply.error(), arguments.has(jsonOption.name));
   arguments.has(jsonOption.name) ? Console::printJSON(*reply) : Console::printBody(*reply);
   return ExitStatus::done;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <expected>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -25,13 +26,16 @@ ExitStatus statusOf(const Record& record) {
 }
 
 /// Shows a reply's record, or prints the body with --json. A reply that does not decode is an error
-/// either way.
+/// either way, and so is a record that is not about what was asked for.
 template <class Record, class Show>
-ExitStatus showReply(const CallReply& reply, const Arguments& arguments, Show show) {
+ExitStatus showReply(
+    const CallReply& reply, const Arguments& arguments, Show show,
+    const std::function<bool(const Record&)>& isAbout = [](const Record&) { return true; }) {
   const bool json = arguments.has(jsonOption.name);
   if (!reply) return reportError(reply.error(), json);
-  if (json) Console::printJSON(*reply);
   const auto record = decodeReply<Record>(*reply);
+  if (record && !isAbout(*record)) return reportUnreadableReply("it answers another request", json);
+  if (json) Console::printJSON(*reply);
   if (!record) return reportUnreadableReply(record.error(), json);
   if (!json) show(*record);
   return statusOf(*record);
@@ -43,7 +47,8 @@ std::expected<GenerationEngineID, UsageError> readEngine(std::string_view name);
 std::expected<UUID, UsageError> readUUID(std::string_view text);
 /// What is thrown for standard input that cannot be read, with the errno.
 std::system_error inputError(int error);
-/// All of standard input, up to a little more than any body may have.
+/// All of standard input. Throws std::exception if it is longer than any body may be, or
+/// unreadable.
 std::string readStandardInput();
 
 }  // namespace tessaloom

@@ -13,12 +13,11 @@ namespace {
 
 constexpr std::chrono::seconds silence{3};
 constexpr std::string_view waitingText =
-    "waiting for the helper; in another terminal, `tessaloom-helperctl doctor` may say why";
+    "no answer yet; to find out why, run `tessaloom-helperctl doctor` in another terminal";
 
 CallError noAnswer(std::chrono::seconds limit) {
-  CallError error{
-      CallError::Category::unreachable, std::string(timedOutError),
-      "The helper did not answer within " + std::to_string(limit.count()) + " seconds."};
+  CallError error{CallError::Category::unreachable, std::string(timedOutError),
+                  "Nothing came within " + std::to_string(limit.count()) + " seconds."};
   error.advice = "To see what is wrong: tessaloom-helperctl doctor";
   return error;
 }
@@ -26,15 +25,15 @@ CallError noAnswer(std::chrono::seconds limit) {
 }  // namespace
 
 CallReply callAndWait(Transport& transport, std::string_view method,
-                      const std::optional<Bytes>& body, std::optional<std::chrono::seconds> limit) {
+                      const std::optional<Bytes>& body, std::optional<std::chrono::seconds> limit,
+                      Wait wait) {
   // Shared with the handler, which the transport keeps beyond the time limit.
   const auto answer = std::make_shared<std::optional<CallReply>>();
   EventLoop loop(transport);
   transport.call(std::string(method), body,
                  [answer](CallReply reply) { *answer = std::move(reply); });
-  // Such a call usually takes no time, so a long wait is announced.
   bool isAnnounced = false;
-  if (limit == callTimeLimit && Console::errorIsTerminal()) {
+  if (wait == Wait::announced && Console::errorIsTerminal()) {
     loop.every(silence, [&isAnnounced] {
       if (std::exchange(isAnnounced, true)) return;
       Console::printToError(Console::styledForError(Console::Style::dim, waitingText) + "\n");
@@ -48,10 +47,10 @@ CallReply callAndWait(Transport& transport, std::string_view method,
 }
 
 CallReply callOnce(std::string_view method, const std::optional<Bytes>& body,
-                   std::optional<std::chrono::seconds> limit) {
+                   std::optional<std::chrono::seconds> limit, Wait wait) {
   auto transport = openTransport();
   if (!transport) return std::unexpected(transport.error());
-  return callAndWait(**transport, method, body, limit);
+  return callAndWait(**transport, method, body, limit, wait);
 }
 
 ExitStatus reportError(const CallError& error, bool json) {
@@ -66,9 +65,8 @@ ExitStatus reportError(const CallError& error, bool json) {
     Console::printErrorJSON(whole.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
   } else {
     const std::string text = Console::safeLine(error.message.empty() ? error.name : error.message);
-    const bool unreachable = error.category == CallError::Category::unreachable;
-    Console::printError((unreachable ? "the helper could not be reached: " : "") + text,
-                        error.advice);
+    const bool isAnswer = error.category == CallError::Category::answered;
+    Console::printError((isAnswer ? "" : "no answer from the helper: ") + text, error.advice);
   }
   return error.category == CallError::Category::unreachable ? ExitStatus::unreachable
                                                             : ExitStatus::refused;
@@ -77,7 +75,7 @@ ExitStatus reportError(const CallError& error, bool json) {
 ExitStatus reportUnreadableReply(std::string_view problem, bool json) {
   CallError error{CallError::Category::answered, "unreadableReply",
                   "the helper's reply could not be read: " + std::string(problem)};
-  error.advice = "The helper may be of another version: tessaloom-helperctl freshness";
+  error.advice = differentVersionsAdvice;
   return reportError(error, json);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <exception>
 #include <expected>
 #include <optional>
@@ -19,15 +20,21 @@ inline constexpr std::chrono::seconds callTimeLimit{60};
 /// The name of the error when a limit has passed.
 inline constexpr std::string_view timedOutError = "timedOut";
 
+/// Whether a person is told, after a few seconds, that there is no answer yet. Most calls take no
+/// time.
+enum class Wait : std::uint8_t { silent, announced };
+
 /// Makes one call and waits for its reply. Without a limit it waits until the helper replies or
 /// disconnects.
 CallReply callAndWait(Transport& transport, std::string_view method,
                       const std::optional<Bytes>& body = std::nullopt,
-                      std::optional<std::chrono::seconds> limit = callTimeLimit);
+                      std::optional<std::chrono::seconds> limit = callTimeLimit,
+                      Wait wait = Wait::announced);
 
 /// The same over a new connection.
 CallReply callOnce(std::string_view method, const std::optional<Bytes>& body = std::nullopt,
-                   std::optional<std::chrono::seconds> limit = callTimeLimit);
+                   std::optional<std::chrono::seconds> limit = callTimeLimit,
+                   Wait wait = Wait::announced);
 
 /// Says on standard error why a call failed: for a person with what to do about it, or, with
 /// `json`, as one line holding an object {"error":{"name","domain","code","kind","message"}} of

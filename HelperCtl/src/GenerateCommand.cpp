@@ -6,6 +6,7 @@
 #include "CallCommands.h"
 #include "GenerationAdvice.h"
 #include "GenerationRun.h"
+#include "HelperProtocol/BoundedText.h"
 #include "HelperProtocol/GenerationDTOError.h"
 #include "HelperProtocol/GenerationRequest.h"
 #include "HelperProtocol/GenerationResult.h"
@@ -25,8 +26,9 @@ std::string timeoutRange() {
          std::to_string(GenerationTimeout::maximum) + " seconds";
 }
 
-/// What a limit of the request says to the person who typed it.
-std::string explainLimit(const GenerationDTOError& error) {
+/// What a limit of the request says to the person who typed it. `subject` begins a sentence about
+/// the text in question.
+std::string explainLimit(const GenerationDTOError& error, const std::string& subject) {
   switch (error.kind()) {
     case GenerationDTOError::Kind::textTooLong:
       return (error.limit() == GenerationRequest::instructionsLimit ? "the instructions are "
@@ -34,7 +36,7 @@ std::string explainLimit(const GenerationDTOError& error) {
              std::to_string(error.actual()) + " characters long; the limit is " +
              std::to_string(error.limit());
     case GenerationDTOError::Kind::controlCharacters:
-      return "the text contains control characters other than tab and line breaks; remove them";
+      return subject + " a control character; only tab and line breaks are allowed";
     case GenerationDTOError::Kind::timeoutOutOfRange:
       return timeoutRange() + ", not " + std::to_string(error.actual());
     default:
@@ -79,19 +81,23 @@ std::expected<GenerationRequest, UsageError> readRequest(const Arguments& argume
     if (!given) return std::unexpected(given.error());
     id = *given;
   }
+  std::string subject = "the instructions contain";
   try {
     const GenerationShape shape = generationShape(shapeName);
     const auto timeout = readTimeout(arguments);
     if (!timeout) return std::unexpected(timeout.error());
     const auto prompt = readPrompt(arguments);
     if (!prompt) return std::unexpected(prompt.error());
-    return GenerationRequest(id, *engine, shape, instructions, *prompt, *timeout);
+    BoundedText boundedInstructions(instructions, GenerationRequest::instructionsLimit);
+    subject = "the prompt contains";
+    return GenerationRequest(id, *engine, shape, std::move(boundedInstructions),
+                             BoundedText(*prompt), *timeout);
   } catch (const GenerationDTOError& error) {
     if (error.kind() == GenerationDTOError::Kind::unknownShape) {
       return usageError("unknown shape \"" + safeLine(shapeName) +
                         "\": use freeText or itemFields");
     }
-    return usageError(explainLimit(error));
+    return usageError(explainLimit(error, subject));
   }
 }
 
@@ -124,23 +130,15 @@ void showResult(const GenerationResult& result) {
   Console::printToError(Console::styledForError(Console::Style::dim, footer) + "\n");
 }
 
-/// Whether a reply is about the generation that was asked for. One that cannot be read is not known
-/// to be about another.
-bool isForAnother(const Bytes& reply, const UUID& id) {
-  const auto result = decodeReply<GenerationResult>(reply);
-  return result && result->requestID != id;
-}
-
 ExitStatus showGeneration(CallReply reply, const GenerationRequest& request,
                           const Arguments& arguments) {
-  const bool json = arguments.has(jsonOption.name);
-  if (reply && isForAnother(*reply, request.requestID())) {
-    return reportUnreadableReply("it is about another generation", json);
-  }
-  if (!reply && !json) {
+  if (!reply && !arguments.has(jsonOption.name)) {
     reply = std::unexpected(explainGenerationError(reply.error(), request.engine()));
   }
-  return showReply<GenerationResult>(reply, arguments, showResult);
+  return showReply<GenerationResult>(reply, arguments, showResult,
+                                     [&request](const GenerationResult& result) {
+                                       return result.requestID == request.requestID();
+                                     });
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ class Session {
 
  private:
   /// A longer line cannot be sent; its end is not kept.
-  static constexpr std::size_t longestLine = std::size_t{34} * 1024 * 1024;
+  static constexpr std::size_t longestLine = CallLoad::maximumBytes + 65'536;
   /// With this much unwritten output no further line is read.
   static constexpr std::size_t outputBacklog = std::size_t{16} * 1024 * 1024;
   /// What a writable pipe takes without blocking.
@@ -139,7 +139,7 @@ void Session::sendLines() {
 }
 
 /// Sends the line's call, unless the helper would refuse one more of its kind now. A call that is
-/// the only one of its kind always goes: the helper itself says why it is too large.
+/// the only one of its kind always goes: one that is too large is answered with that error.
 bool Session::send(const SessionLine& line) {
   const Method* method = findMethod(line.method);
   const CallWeight weight{method != nullptr ? method->kind : Method::Kind::brief,

@@ -5,7 +5,9 @@
 #include <utility>
 
 #include "BusAdvice.h"
+#include "HelperProtocol/CallLoad.h"
 #include "HelperProtocol/HelperConstants.h"
+#include "HelperProtocol/Methods.h"
 #include "HelperProtocol/linux/BusError.h"
 #include "HelperProtocol/linux/BusHandles.h"
 #include "HelperProtocol/linux/BusRequests.h"
@@ -15,9 +17,6 @@
 
 namespace tessaloom {
 namespace {
-
-/// A receiver that uses sd-bus drops its connection at 64 MiB; no request comes near that.
-constexpr std::size_t maximumBodyBytes = std::size_t{32} * 1024 * 1024;
 
 /// How many messages are received before the owner looks at its other descriptors and its clock: a
 /// peer may send faster than this process reads.
@@ -33,9 +32,10 @@ CallError readError(sd_bus_message* reply) {
   const sd_bus_error* received = sd_bus_message_get_error(reply);
   const std::string name = received->name != nullptr ? received->name : "";
   const std::string message = received->message != nullptr ? received->message : "";
-  CallError error = makeError(
-      isUnreachable(name) ? CallError::Category::unreachable : CallError::Category::answered, name,
-      message);
+  // The bus sends an error on behalf of who cannot: a helper that does not start, or has exited.
+  CallError error = makeError(BusRequests::isFromBus(reply) ? CallError::Category::unreachable
+                                                            : CallError::Category::answered,
+                              name, message);
   BusErrorDetails details = readErrorDetails(reply);
   error.domain = std::move(details.domain);
   error.code = details.code;
@@ -43,13 +43,14 @@ CallError readError(sd_bus_message* reply) {
   return error;
 }
 
-CallReply readReply(sd_bus_message* reply) {
+/// `signature` is that of the method's reply.
+CallReply readReply(sd_bus_message* reply, const char* signature) {
   if (sd_bus_message_is_method_error(reply, nullptr) > 0) return std::unexpected(readError(reply));
-  if (sd_bus_message_has_signature(reply, "x") > 0) {
+  if (sd_bus_message_has_signature(reply, signature) > 0) {
     std::int64_t number = 0;
-    if (sd_bus_message_read(reply, "x", &number) > 0) return std::to_string(number);
-  }
-  if (sd_bus_message_has_signature(reply, "ay") > 0) {
+    if (*signature == 'x' && sd_bus_message_read(reply, "x", &number) > 0) {
+      return std::to_string(number);
+    }
     const void* data = nullptr;
     std::size_t size = 0;
     if (sd_bus_message_read_array(reply, 'y', &data, &size) >= 0) {
@@ -111,8 +112,10 @@ int BusTransport::send(const std::string& method, const std::optional<Bytes>& bo
     result = sd_bus_message_append_array(message.get(), 'y', body->data(), body->size());
     if (result < 0) return -result;
   }
+  const Method* known = findMethod(method);
   auto request = requests_.send(
-      message.get(), [this, pending](sd_bus_message* reply) { finish(pending, readReply(reply)); });
+      message.get(), [this, pending, signature = known != nullptr ? known->result : "ay"](
+                         sd_bus_message* reply) { finish(pending, readReply(reply, signature)); });
   if (!request) return request.error();
   pending->request = *std::move(request);
   return 0;
@@ -128,10 +131,11 @@ void BusTransport::call(const std::string& method, const std::optional<Bytes>& b
                                                      SD_BUS_ERROR_UNKNOWN_METHOD,
                                                      "\"" + method + "\" is not a method name.")));
   }
-  if (body && body->size() > maximumBodyBytes) {
-    return finish(pending, std::unexpected(makeError(CallError::Category::answered,
-                                                     SD_BUS_ERROR_LIMITS_EXCEEDED,
-                                                     "The body is larger than 32 MiB.")));
+  // The helper, too, would refuse it, but as if it would take it later.
+  if (body && body->size() > CallLoad::maximumBytes) {
+    return finish(pending, std::unexpected(CallError{
+                               CallError::Category::answered, SD_BUS_ERROR_LIMITS_EXCEEDED,
+                               "The body is larger than 16 MiB, the helper's limit."}));
   }
   if (const int error = send(method, body, pending); error != 0) {
     finish(pending,
@@ -182,9 +186,9 @@ void BusTransport::process() {
 std::expected<std::unique_ptr<Transport>, CallError> openTransport() {
   auto bus = openSessionBus();
   if (bus) return std::make_unique<BusTransport>(*std::move(bus));
-  return std::unexpected(
-      makeError(CallError::Category::unreachable, SD_BUS_ERROR_NO_SERVER,
-                "The session bus could not be reached: " + errnoText(bus.error()) + "."));
+  return std::unexpected(makeError(
+      CallError::Category::unreachable, SD_BUS_ERROR_NO_SERVER,
+      "There is no session bus at " + sessionBusAddress() + ": " + errnoText(bus.error()) + "."));
 }
 
 }  // namespace tessaloom

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <string>
 #include <string_view>
 
 namespace tessaloom {
@@ -28,14 +27,6 @@ std::string escaped(std::string_view path) {
   return text;
 }
 
-/// sd_bus_open_user() looks in the first two places only, and gives no chance to decline
-/// descriptors.
-std::string sessionBusAddress() {
-  const char* address = ::secure_getenv("DBUS_SESSION_BUS_ADDRESS");
-  if (address != nullptr && *address != '\0') return address;
-  return "unix:path=" + escaped(userRuntimeDirectory().native()) + "/bus";
-}
-
 int configureAndStart(sd_bus* bus) {
   const std::string address = sessionBusAddress();
   int result = sd_bus_set_address(bus, address.c_str());
@@ -50,6 +41,13 @@ std::filesystem::path userRuntimeDirectory() {
   const char* directory = ::secure_getenv("XDG_RUNTIME_DIR");
   if (directory != nullptr && *directory == '/') return directory;
   return "/run/user/" + std::to_string(::getuid());
+}
+
+// sd_bus_open_user() looks in these two places only, and gives no chance to decline descriptors.
+std::string sessionBusAddress() {
+  const char* address = ::secure_getenv("DBUS_SESSION_BUS_ADDRESS");
+  if (address != nullptr && *address != '\0') return address;
+  return "unix:path=" + escaped(userRuntimeDirectory().native()) + "/bus";
 }
 
 std::expected<BusHandle, int> openSessionBus() {

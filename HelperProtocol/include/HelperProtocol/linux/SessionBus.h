@@ -2,6 +2,7 @@
 
 #include <expected>
 #include <filesystem>
+#include <string>
 
 #include "HelperProtocol/linux/BusHandles.h"
 
@@ -11,9 +12,12 @@ namespace tessaloom {
 /// otherwise the directory that the system makes for this user, /run/user/UID.
 std::filesystem::path userRuntimeDirectory();
 
-/// A connection to the user's session bus: the one in DBUS_SESSION_BUS_ADDRESS, else the one in the
-/// user's runtime directory. It carries no file descriptors: no method takes any, and those that
-/// came with a waiting call would stay open as long as it waits. The errno on failure.
+/// The D-Bus address of the user's session bus: DBUS_SESSION_BUS_ADDRESS, else the bus in the
+/// user's runtime directory.
+std::string sessionBusAddress();
+
+/// A connection to the user's session bus. It carries no file descriptors: no method takes any, and
+/// those that came with a waiting call would stay open as long as it waits. The errno on failure.
 std::expected<BusHandle, int> openSessionBus();
 
 }  // namespace tessaloom
