@@ -22,6 +22,7 @@
 #include "HelperCore/PerUserTemporaryDirectory.h"
 #include "HelperProtocol/HelperCapabilities.h"
 #include "HelperProtocol/HelperCoding.h"
+#include "HelperProtocol/HelperConstants.h"
 #include "HelperProtocol/Methods.h"
 #include "TLFoundation/ErrnoText.h"
 
@@ -37,12 +38,17 @@ constexpr std::chrono::seconds firstCallTimeLimit{20};
 /// Whether the helper starts, accepts this program and answers. The first call may start it.
 Check checkAnswer(Transport& transport) {
   const auto start = std::chrono::steady_clock::now();
-  const CallReply reply =
-      callAndWait(transport, methodNamed("ProtocolVersion").name, std::nullopt, firstCallTimeLimit);
+  const CallReply reply = callAndWait(transport, methodNamed("ProtocolVersion").name, std::nullopt,
+                                      firstCallTimeLimit, Wait::silent);
   if (!reply && reply.error().name == timedOutError) {
     return {bad, "answer", reply.error().message, adviceForSilence()};
   }
   if (!reply) return failedCall("answer", reply.error());
+  if (const std::string own = std::to_string(HelperConstants::protocolVersion); *reply != own) {
+    return {bad, "answer",
+            "it speaks protocol version " + safeLine(*reply) + ", this program version " + own,
+            differentVersionsAdvice};
+  }
   const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
       std::chrono::steady_clock::now() - start);
   return {good, "answer",
@@ -55,6 +61,12 @@ Check checkVersion(Transport& transport) {
   const auto capabilities = decodeReply<HelperCapabilities>(*reply);
   if (!capabilities) return unreadableReply("version");
   const std::string version = safeLine(capabilities->helperVersion);
+  if (std::ranges::count(capabilities->names, HelperCapabilityNames::textGeneration) == 0) {
+    return {
+        bad, "version",
+        "the helper, " + version + ", lacks " + std::string(HelperCapabilityNames::textGeneration),
+        differentVersionsAdvice};
+  }
   if (version == TESSALOOM_VERSION) return {good, "version", version};
   return {notice, "version", "the helper is " + version + ", this program " TESSALOOM_VERSION,
           "After an upgrade, let the old helper exit: tessaloom-helperctl freshness"};
@@ -119,6 +131,12 @@ std::vector<Check> allChecks() {
   if (wayIsOpen && transport) {
     checks.push_back(checkAnswer(**transport));
     answers = checks.back().outcome == good;
+    if (!answers) {
+      // The call may have started the helper, and which one it is explains more.
+      auto again = checkWayToHelper();
+      again.push_back(checks.back());
+      checks = std::move(again);
+    }
     if (answers) checks.push_back(checkVersion(**transport));
   }
   const auto user = lookUpCurrentUser();
@@ -171,8 +189,7 @@ Check failedCall(const std::string& subject, const CallError& error) {
 }
 
 Check unreadableReply(const std::string& subject) {
-  return {bad, subject, "the helper's reply could not be read",
-          "Install the helper and this program from the same version."};
+  return {bad, subject, "the helper's reply could not be read", differentVersionsAdvice};
 }
 
 CommandResult runDoctor(const Arguments& arguments) {
@@ -185,9 +202,10 @@ CommandResult runDoctor(const Arguments& arguments) {
   } else {
     for (const Check& check : checks) show(check);
     Console::print(
-        isSound ? "\nText can be generated, provided the engine is signed in, which is known only "
-                  "once it is used.\n"
-                : "\nText cannot be generated until the problems marked \"bad\" are fixed.\n");
+        isSound
+            ? "\nText can be generated, provided the engine is signed in, which is known only "
+              "once it is used.\n"
+            : "\nText cannot be generated. Fix what is marked \"bad\"; one engine is enough.\n");
   }
   return isSound ? ExitStatus::done : ExitStatus::refused;
 }

@@ -34,25 +34,40 @@ using Console::safeLine;
 using Console::shellWord;
 using enum Check::Outcome;
 
-/// The files of the engine's name in the search locations that were rejected, and what to do.
-std::string rejectedCandidates(std::string_view name, const CurrentUser& user) {
+bool isBelow(const std::filesystem::path& file, const std::filesystem::path& folder) {
+  std::error_code error;
+  const auto target = std::filesystem::weakly_canonical(file, error).string();
+  return target.starts_with(std::filesystem::weakly_canonical(folder, error).string() + "/");
+}
+
+/// What to do about the first file of the engine's name in the search locations that was rejected;
+/// empty if none was.
+std::string adviceForRejected(std::string_view name, const CurrentUser& user) {
   using enum BinaryRejection::Kind;
-  std::string remedies;
   for (const auto& location : BinaryAllowlist::searchLocations(user.homeDirectory)) {
     const auto candidate =
         BinaryAllowlist::resolve(name, {location}, getuid(), BinaryAllowlist::readFacts);
     if (candidate || candidate.error().kind == notFound) continue;
-    const std::string path = shellWord((location / name).string());
-    remedies += remedies.empty() ? "" : "; ";
+    const auto file = location / name;
+    const std::string path = shellWord(file.string());
+    const std::string target = " $(readlink -f " + path + ")";
+    struct stat facts{};
+    (void)stat(file.c_str(), &facts);
     if (candidate.error().kind == wrongOwner) {
-      remedies += "Make it your own: sudo chown " + user.loginName + " $(readlink -f " + path + ")";
-    } else if (candidate.error().kind == writableByGroupOrOther) {
-      remedies += "Remove write permission for others: chmod go-w $(readlink -f " + path + ")";
-    } else {
-      remedies += "Make it an executable file, or remove it: " + path;
+      // A file outside the home directory may serve other users, too, who all accept root's.
+      return isBelow(file, user.homeDirectory)
+                 ? "Make it your own: sudo chown " + user.loginName + target
+                 : "Make it root's: sudo chown root" + target;
     }
+    if (candidate.error().kind == writableByGroupOrOther) {
+      return std::string("Remove write permission for others: ") +
+             (facts.st_uid == getuid() ? "" : "sudo ") + "chmod go-w" + target;
+    }
+    return (S_ISDIR(facts.st_mode) ? "It is a directory; remove or rename it: "
+                                   : "Make it an executable file, or remove it: ") +
+           path;
   }
-  return remedies;
+  return {};
 }
 
 /// Where this person's shell finds a program.
@@ -71,13 +86,14 @@ std::optional<std::filesystem::path> foundInPath(const std::string& name) {
 }
 
 std::string howToLink(const std::filesystem::path& program) {
-  return "mkdir -p ~/.local/bin && ln -s " + shellWord(program.string()) + " ~/.local/bin/";
+  return "mkdir -p ~/.local/bin && ln -sf " + shellWord(program.string()) + " ~/.local/bin/";
 }
 
+/// The command that installs the engine, or updates it.
 std::string howToInstall(GenerationEngineID engine) {
-  return std::string("To use it: npm install -g ") +
+  return std::string("npm install -g ") +
          (engine == GenerationEngineID::codex ? "@openai/codex" : "@anthropic-ai/claude-code") +
-         ", or put it into ~/.local/bin";
+         "@latest";
 }
 
 /// The oldest version that knows all options that the helper uses.
@@ -130,9 +146,9 @@ Check checkMissingEngine(GenerationEngineID engine, const std::optional<CurrentU
   }
   Check check{notice, subject, safeLine(executable.error().detail.value_or("not usable"))};
   if (!user) return check;
-  check.remedy = rejectedCandidates(name, *user);
+  check.remedy = adviceForRejected(name, *user);
   if (!check.remedy.empty()) return check;
-  check.remedy = howToInstall(engine);
+  check.remedy = "To use it: " + howToInstall(engine) + ", or put it into ~/.local/bin";
   if (const auto program = foundInPath(name)) {
     check.finding = safeLine(program->string()) + " is not in a directory that the helper searches";
     check.remedy = "Link it into one: " + howToLink(*program);
@@ -143,6 +159,7 @@ Check checkMissingEngine(GenerationEngineID engine, const std::optional<CurrentU
 /// What to do about an engine that does not start or report its version.
 std::string adviceForProbe(const std::filesystem::path& executable, const CurrentUser& user) {
   const std::string interpreter = interpreterOf(executable);
+  if (interpreter.ends_with('\r')) return "Save it with lines that end in LF alone.";
   const std::string name = std::filesystem::path(interpreter).filename().string();
   const auto locations = BinaryAllowlist::searchLocations(user.homeDirectory);
   const bool isReachable =
@@ -186,7 +203,8 @@ EngineCheck checkFoundEngine(GenerationEngineID engine, const std::optional<Curr
   if (*number >= minimumVersion(engine)) return {check, true};
   check.outcome = bad;
   check.finding += ", is too old: " + needed;
-  check.remedy = std::string("Update it: ") + std::string(executableName(engine)) + " update";
+  // Not by the engine's own command: to some of these versions it is a prompt.
+  check.remedy = "Update it, for example: " + howToInstall(engine);
   return {check, false};
 }
 
@@ -200,11 +218,12 @@ EngineCheck checkEngine(Transport* transport, GenerationEngineID engine,
   }
   const Bytes body = HelperCoding::makeEncoder().encode(EngineStatusRequest{engine});
   const auto start = std::chrono::steady_clock::now();
-  const CallReply reply = callAndWait(*transport, methodNamed("GenerationEngineStatus").name, body);
+  const CallReply reply = callAndWait(*transport, methodNamed("GenerationEngineStatus").name, body,
+                                      callTimeLimit, Wait::silent);
   const bool hasHung = std::chrono::steady_clock::now() - start >= probeTimeLimit;
   if (!reply) return {failedCall(subject, reply.error()), false};
   const auto status = decodeReply<EngineStatus>(*reply);
-  if (!status) return {unreadableReply(subject), false};
+  if (!status || status->engine != engine) return {unreadableReply(subject), false};
   if (status->binaryFound) {
     return checkFoundEngine(engine, user, status->version.value_or(""), hasHung);
   }

@@ -1,8 +1,8 @@
 #include "EngineProbe.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
-#include <sstream>
 #include <string_view>
 
 #include "Console.h"
@@ -19,8 +19,18 @@ std::string firstLine(std::string_view text) {
   return Console::safeLine(text.substr(start, text.find_first_of("\r\n", start) - start));
 }
 
+/// The next word of a script's first line, removed from it. The kernel splits at these two
+/// characters alone.
+std::string_view takeWord(std::string_view& line) {
+  line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
+  const std::string_view word = line.substr(0, line.find_first_of(" \t"));
+  line.remove_prefix(word.size());
+  return word;
+}
+
 std::string startProblem(int error, const std::filesystem::path& executable) {
   const std::string interpreter = interpreterOf(executable);
+  if (interpreter.ends_with('\r')) return "its first line ends in CR LF";
   // The file is there, so what is missing is the program that its first line names.
   if (error == ENOENT && !interpreter.empty()) {
     return "the interpreter that it names, " + Console::safeLine(interpreter) + ", is missing";
@@ -66,14 +76,13 @@ std::string interpreterOf(const std::filesystem::path& executable) {
   std::string line(256, '\0');
   file.read(line.data(), static_cast<std::streamsize>(line.size()));
   line.resize(static_cast<std::size_t>(file.gcount()));
-  std::istringstream words(line.substr(0, line.find('\n')));
-  std::string interpreter;
-  words >> interpreter;
-  if (std::filesystem::path(interpreter).filename() != "env") return interpreter;
-  for (std::string word; words >> word;) {
-    if (!word.starts_with('-') && word.find('=') == std::string::npos) return word;
+  std::string_view words = std::string_view(line).substr(0, line.find('\n'));
+  const std::string_view interpreter = takeWord(words);
+  if (std::filesystem::path(interpreter).filename() != "env") return std::string(interpreter);
+  for (auto word = takeWord(words); !word.empty(); word = takeWord(words)) {
+    if (!word.starts_with('-') && !word.contains('=')) return std::string(word);
   }
-  return interpreter;
+  return std::string(interpreter);
 }
 
 }  // namespace tessaloom

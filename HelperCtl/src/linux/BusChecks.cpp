@@ -133,10 +133,16 @@ Check checkRunningHelper(pid_t pid) {
   const auto helper = executablePath(pid).value_or(std::filesystem::path());
   const auto self = ownExecutablePath().value_or(std::filesystem::path());
   const std::string path = safeLine(helper.string());
-  if (!helper.empty() && helper.filename() != helperFile) {
+  // The bus counts processes as its own container does, which need not be this program's.
+  if (helper.empty()) {
+    return {notice, "helper",
+            "running as process " + number + ", which cannot be examined from here",
+            "If this is a container, run doctor outside it."};
+  }
+  if (helper.filename() != helperFile) {
     return {bad, "helper",
             "its name on the bus belongs to another program, process " + number + ", " + path,
-            "End that program: kill " + number};
+            "End that program. If the bus is in another container, run doctor there."};
   }
   if (isStopped(pid)) {
     return {bad, "helper", "process " + number + " is stopped, so it does not answer",
@@ -172,11 +178,13 @@ std::vector<Check> checkWayToHelper() {
   BusQuestions bus(*std::move(opened));
   if (const auto owner = checkBusOwner(bus)) return {*owner};
   if (const auto reply = bus.ask("GetId"); !reply) {
-    return {{bad, "session bus",
-             reply.error() == ETIMEDOUT ? "it did not answer within " +
-                                              std::to_string(answerTimeLimit.count()) + " seconds"
-                                        : errnoText(reply.error()),
-             "Check that a session bus is running: echo $DBUS_SESSION_BUS_ADDRESS"}};
+    return {
+        {bad, "session bus",
+         reply.error() == ETIMEDOUT
+             ? "it did not answer within " + std::to_string(answerTimeLimit.count()) + " seconds"
+             : safeLine(sessionBusAddress()) + ": " + errnoText(reply.error()),
+         "Check that a bus runs there: dbus-send --session --print-reply "
+         "--dest=org.freedesktop.DBus / org.freedesktop.DBus.GetId"}};
   }
   std::vector<Check> checks{{good, "session bus", "it answers"}};
   const bool canStart = bus.canStartHelper();
