@@ -28,7 +28,9 @@ std::unexpected<UsageError> unknownOption(std::string_view word,
   const std::string_view name = word.substr(0, word.find('='));
   std::vector<std::string_view> names;
   std::ranges::transform(rules, std::back_inserter(names), &OptionRule::name);
-  return usageError("unknown option \"" + std::string(name) + "\"" + suggestion(name, names));
+  return usageError(
+      "unknown option \"" + std::string(name) + "\"" +
+      (name.contains(' ') ? "; put -- before a text that begins with -" : suggestion(name, names)));
 }
 
 /// How many characters have to be inserted, deleted or replaced to make one text of the other.
@@ -104,6 +106,9 @@ std::expected<Arguments, UsageError> Arguments::parse(std::span<const std::strin
     if (rule == nullptr) return unknownOption(word, rules);
     const std::string name(rule->name);
     if (rule->valueName.empty()) {
+      if (attached && isShort(word)) {
+        return usageError("unknown option \"" + word + "\"; write short options one by one");
+      }
       if (attached) return usageError(name + " takes no value");
       parsed.options_[name] = "";
     } else if (attached) {

@@ -34,7 +34,7 @@ struct Command {
 };
 
 /// Options that every command takes, also before the command's name.
-inline constexpr OptionRule jsonOption{"--json", "", "print the reply's body as JSON"};
+inline constexpr OptionRule jsonOption{"--json", "", "print replies and errors as JSON"};
 inline constexpr OptionRule helpOption{"--help", "", "show this help", 'h'};
 inline constexpr OptionRule versionOption{"--version", "", "show the version of this program", 'V'};
 inline constexpr std::array commonOptions{jsonOption, helpOption, versionOption};

@@ -44,7 +44,7 @@ constexpr std::array commands{
     Command{"version", "show the helper's protocol version", "", {}, {}, runVersion},
     Command{"capabilities", "show helper version and capabilities", "", {}, {}, runCapabilities},
     Command{"freshness",
-            "check whether the helper is outdated",
+            "let an outdated helper exit",
             "A helper whose executable has been replaced exits once no generation is running;\n"
             "the next call starts the new one.\n",
             {},
@@ -94,12 +94,12 @@ constexpr std::array commands{
             "as the helper takes more calls. Each reply is a line, N ok BODY or N error NAME\n"
             "MESSAGE, where N is the number of its call's line. Exits at the end of input,\n"
             "once all replies have come: with status 0 regardless of what they contain, 3 if\n"
-            "a call did not reach the helper.\n",
+            "no answer came to one.\n",
             {},
             {},
             runSession},
     Command{"doctor",
-            "find out what is wrong",
+            "check the helper and the engines",
             "Checks step by step whether the helper and the engines can be reached, and says\n"
             "what to do. Exit status 1 if text cannot be generated.\n",
             {},
@@ -151,7 +151,7 @@ std::string generalHelp() {
   for (const OptionRule& rule : commonOptions) text += optionLine(rule);
   text +=
       "\nExit status: 0 done, 1 the helper answered with an error or refused, or input or\n"
-      "output failed, 2 wrong usage, 3 the helper could not be reached.\n";
+      "output failed, 2 wrong usage, 3 no answer came from the helper.\n";
   return text;
 }
 
@@ -162,7 +162,7 @@ std::string helpOf(const Command& command) {
   summary.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(summary.front())));
   text += "\n" + summary + ".\n\n";
   if (!command.details.empty()) text += command.details;
-  if (command.run == runCall) {
+  if (!command.positionals.empty() && command.positionals.front().kind == WordKind::method) {
     for (const Method& method : methods) {
       text.append("  ").append(method.name).append(method.takesRequest() ? " BODY\n" : "\n");
     }
@@ -204,7 +204,10 @@ std::optional<UsageError> checkCount(const Command& command,
   const bool isOpen = !expected.empty() && expected.back().repeats;
   if (isOpen || positionals.size() <= expected.size()) return std::nullopt;
   UsageError error{"unexpected argument \"" + positionals[expected.size()] + "\""};
-  if (command.run == runGenerate) error.message += "; quote text that contains spaces";
+  // Such an argument is a text.
+  if (!expected.empty() && expected.back().isOptional) {
+    error.message += "; quote text that contains spaces";
+  }
   return error;
 }
 

@@ -38,7 +38,8 @@ std::string_view environment(const char* name) {
 }
 
 bool isDumb() {
-  return environment("TERM") == "dumb";
+  const std::string_view terminal = environment("TERM");
+  return terminal.empty() || terminal == "dumb";
 }
 
 std::string_view colorCode(Style style) {
@@ -60,12 +61,14 @@ bool localeIsUTF8() {
   for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
     const std::string_view value = environment(name);
     if (value.empty()) continue;
+    // On macOS a name may be the character set alone.
+    const std::size_t dot = value.find('.');
     std::string folded;
-    for (const char character : value.substr(std::min(value.find('.'), value.size()))) {
+    for (const char character : value.substr(dot == std::string_view::npos ? 0 : dot + 1)) {
       if (character != '-')
         folded += static_cast<char>(std::tolower(static_cast<unsigned char>(character)));
     }
-    return folded.starts_with(".utf8");
+    return folded.starts_with("utf8");
   }
   return false;
 }
@@ -270,9 +273,10 @@ void printError(std::string_view message, std::string_view advice) {
 }
 
 void printErrorJSON(std::string_view text) {
-  printToError(errorIsTerminal() ? shownJSON(text, Layout::asWritten, showsASCII(true))
-                                 : std::string(text));
-  printToError("\n");
+  // In one write, so that it stays one line where several programs write.
+  printToError((errorIsTerminal() ? shownJSON(text, Layout::asWritten, showsASCII(true))
+                                  : std::string(text)) +
+               "\n");
 }
 
 void printToError(std::string_view text) {

@@ -147,8 +147,10 @@ CommandResult Listing<Record>::run() {
   }
   if (order_ == nullptr) {
     std::string titles;
-    for (const std::string& name : namesOf(columns_)) titles += " " + name;
-    return usageError("unknown column \"" + safeLine(order) + "\": use one of" + titles);
+    for (const std::string& name : namesOf(columns_)) {
+      titles.append(titles.empty() ? "" : ", ").append(name);
+    }
+    return usageError("unknown column \"" + safeLine(order) + "\": use one of " + titles);
   }
   const bool json = arguments_.has(jsonOption.name);
   if (arguments_.has(watchOption.name) && (json || !Console::canRedrawOutput())) {
@@ -215,7 +217,8 @@ void Listing<Record>::redraw(std::vector<Record> records) const {
   std::vector<std::string> all = lines(records);
   all.resize(std::min(all.size(), Console::outputHeight() - 1));
   std::string screen = "\033[H";
-  for (const std::string& line : all) screen += line + "\033[K\n";
+  // Erased first: after a line that fills it, the cursor is still on its last column.
+  for (const std::string& line : all) screen += "\033[2K" + line + "\n";
   Console::print(screen + "\033[J");
 }
 
@@ -235,10 +238,7 @@ ExitStatus Listing<Record>::watch(Transport& transport) const {
 std::expected<ProcessID, UsageError> readPID(const std::string& text) {
   const auto number = readNumber<std::int32_t>(text);
   if (number && *number > 0) return ProcessID(*number);
-  const bool isNumber = number || number.error() == std::errc::result_out_of_range;
-  return usageError("process ID \"" + safeLine(text) + "\" is " +
-                    (isNumber ? "out of range: use a number" : "not a number") +
-                    " from 1 to 2147483647");
+  return usageError("process ID \"" + safeLine(text) + "\" is not a number from 1 to 2147483647");
 }
 
 std::expected<Signal, UsageError> readSignal(const std::string& text) {

@@ -13,8 +13,8 @@ bool handleStandardOption(std::string_view option, std::string_view program,
   if (!wantsVersion) {
     text += "The companion process of the Tessaloom document editor. ";
     text += starter;
-    text += " starts it with\nthe first call; it has no options. To call it: ";
-    text += "tessaloom-helperctl --help\n";
+    text += " starts it with\nthe first call. Its only options are -h, --help and -V, --version.\n";
+    text += "To call it: tessaloom-helperctl --help\n";
   }
   std::fputs(text.c_str(), stdout);
   return true;
