@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <cstring>
 #include <deque>
 #include <list>
 #include <memory>
@@ -131,11 +132,11 @@ void BusTransport::call(const std::string& method, const std::optional<Bytes>& b
                                                      SD_BUS_ERROR_UNKNOWN_METHOD,
                                                      "\"" + method + "\" is not a method name.")));
   }
-  // The helper, too, would refuse it, but as if it would take it later.
-  if (body && body->size() > CallLoad::maximumBytes) {
+  // The helper, too, would refuse it, but as if it would take it later. It counts the path as well.
+  if (body && body->size() > CallLoad::maximumBytes - std::strlen(HelperConstants::objectPath)) {
     return finish(pending, std::unexpected(CallError{
                                CallError::Category::answered, SD_BUS_ERROR_LIMITS_EXCEEDED,
-                               "The body is larger than 16 MiB, the helper's limit."}));
+                               "The body exceeds the helper's limit, 16 MiB."}));
   }
   if (const int error = send(method, body, pending); error != 0) {
     finish(pending,
