@@ -262,18 +262,18 @@ TEST_F(PeersAndCallsTest, AnswersWhatFindsNoThread) {
 }
 
 TEST_F(PeersAndCallsTest, SharesTheEnginesAndTheConnection) {
-  for (int caller = 1; caller <= 6; ++caller) {
+  for (int caller = 1; caller <= 5; ++caller) {
     admit(caller, static_cast<std::uint32_t>(2 * caller));
-    for (int i = 0; i < 6; ++i) call(caller, "GenerationEngineStatus");
+    for (int i = 0; i < 14; ++i) call(caller, "GenerationEngineStatus");
   }
-  EXPECT_EQ(engineTasks.entries.size(), 20U) << "4 of each of the first five";
-  for (int i = 0; i < 20; ++i) endEngine();
+  EXPECT_EQ(engineTasks.entries.size(), 48U) << "all of three, 6 of the next";
+  for (int i = 0; i < 48; ++i) endEngine();
   answers();
   // The others, in the order in which they were started: by who had waited for the longest time.
   while (!engineTasks.entries.empty()) endEngine();
   std::string started;
   for (const auto& text : answers()) started += text[0];
-  EXPECT_EQ(started, "6161262633445566");
+  EXPECT_EQ(started, "5454545454545454555555");
 
   for (const int caller : {2, 3}) {
     for (int i = 0; i < 3; ++i) call(caller, "ListListeningPorts");

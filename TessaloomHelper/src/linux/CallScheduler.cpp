@@ -13,10 +13,6 @@ namespace tessaloom {
 
 namespace {
 
-constexpr CallScheduler::EngineShare shareOf(Method::Kind kind) {
-  return kind == Method::Kind::generation ? CallScheduler::generations : CallScheduler::probes;
-}
-
 std::size_t sizeOf(const CallOutcome& outcome) {
   const auto* bytes = std::get_if<Bytes>(&outcome);
   return bytes != nullptr ? bytes->size() : 0;
@@ -51,10 +47,9 @@ struct CallScheduler::Caller {
 
   pid_t process;
   CallLoad load;
-  Calls waiting;   ///< For their share of the engines.
-  Calls running;   ///< On other threads.
-  Calls finished;  ///< To be sent.
-  std::array<std::size_t, Method::kindCount> runningOf{};
+  Calls waiting;                ///< For a thread of the engines' tasks.
+  Calls running;                ///< On other threads.
+  Calls finished;               ///< To be sent.
   std::size_t refused = 0;      ///< Among the finished ones.
   std::uint64_t lastStart = 0;  ///< The turn in which an engine call of it was last started.
   std::uint64_t lastReply = 0;  ///< The turn in which a reply was last sent to it.
@@ -211,21 +206,18 @@ void CallScheduler::startEngineCalls() {
       Caller& caller = *call->caller;
       caller.lastStart = ++turns_;
       ++running_[std::to_underlying(kind)];
-      ++caller.runningOf[std::to_underlying(kind)];
       caller.running.splice(caller.running.end(), caller.waiting, call->position);
       start(*call);
     }
   }
 }
 
-// Of the callers with calls of this kind and part of their share left, the one that has waited for
-// the longest time gets the next place.
+// Of the callers with calls of this kind, the one that has waited for the longest time gets the
+// next place.
 CallScheduler::Call* CallScheduler::nextEngineCall(Method::Kind kind) {
-  const EngineShare share = shareOf(kind);
-  if (running_[std::to_underlying(kind)] >= share.ofAll) return nullptr;
+  if (running_[std::to_underlying(kind)] >= maximumEngineCalls) return nullptr;
   Call* next = nullptr;
   for (Caller& caller : callers_) {
-    if (caller.runningOf[std::to_underlying(kind)] >= share.ofOneCaller) continue;
     if (next != nullptr && caller.lastStart >= next->caller->lastStart) continue;
     const auto first = std::ranges::find_if(
         caller.waiting, [&](const Call& call) { return call.method.kind == kind; });
@@ -239,7 +231,6 @@ void CallScheduler::finish(Call& call) {
   if (Method::runsEngine(call.method.kind)) {
     --engineCalls_;
     --running_[std::to_underlying(call.method.kind)];
-    --caller.runningOf[std::to_underlying(call.method.kind)];
   }
   ++finished_;
   caller.finished.splice(caller.finished.end(), caller.running, call.position);

@@ -32,16 +32,11 @@ class CallScheduler {
   static constexpr std::size_t maximumBytes = 128UL * 1'048'576;
   static constexpr std::size_t moderateBytes = 1'048'576;
 
-  /// How many calls that run an engine are carried out at once; the others wait. Several callers
-  /// that use their share leave room for others. Each takes a thread of the engines' tasks for as
-  /// long as the engine runs. No generation that one caller may have unanswered waits behind its
-  /// others, because the service refuses at once what is beyond its own limit.
-  struct EngineShare {
-    std::size_t ofAll;
-    std::size_t ofOneCaller;
-  };
-  static constexpr EngineShare generations{.ofAll = 48, .ofOneCaller = 16};
-  static constexpr EngineShare probes{.ofAll = 20, .ofOneCaller = 4};
+  /// How many generations, and how many probes, are carried out at once; the others wait. Each
+  /// takes a thread of the engines' tasks for as long as the engine runs. It is several times what
+  /// one caller may have unanswered, so none of these waits behind another of its caller: the
+  /// service refuses at once a generation beyond its own limit.
+  static constexpr std::size_t maximumEngineCalls = 48;
 
   /// How many refusals one caller may have waiting to be sent. A caller that is refused more than
   /// that without taking the replies gets no others: what it sends must not hold up those whose
