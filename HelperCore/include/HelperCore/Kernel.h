@@ -114,8 +114,9 @@ class Kernel {
   virtual std::unique_ptr<ProcessHandle> openProcess(std::int32_t pid) = 0;
 
   /// Closes all descriptors kept between calls. Must not be called on a thread that serves others:
-  /// it waits for a listing that uses them, some hundredths of a second. Call it when a descriptor
-  /// was refused (EMFILE, ENFILE), before the next try. The next listing keeps descriptors again.
+  /// it waits for a listing that uses them, some hundredths of a second, and as long again for each
+  /// other network namespace with sockets. Call it when a descriptor was refused (EMFILE, ENFILE),
+  /// before the next try. The next listing keeps descriptors again.
   virtual void releaseKeptDescriptors() = 0;
 };
 

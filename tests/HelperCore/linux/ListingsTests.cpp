@@ -37,6 +37,7 @@
 #include "linux/SocketDescriptors.h"
 #include "linux/SocketTable.h"
 #include "support/ObedientChild.h"
+#include "support/TemporaryDirectory.h"
 
 namespace tessaloom {
 namespace {
@@ -354,6 +355,31 @@ TEST(LinuxSockets, FindsTheSocketsThatAThreadHasToItself) {
   child.ask(Command::startThread);
   const auto port = std::to_string(child.ask(Command::startThreadApart));
   EXPECT_EQ(portsOf(kernel, {child.pid()}), Rows{row("tcp", "0.0.0.0", port, child)});
+}
+
+TEST(LinuxSockets, ReadsTheTablesInWhichTheKernelCountsSockets) {
+  const TemporaryDirectory directory;
+  const std::string net = directory / "1/net/";
+  std::filesystem::create_directories(net);
+  const std::array tables{"tcp", "tcp6", "udp", "udp6"};
+  for (std::uint32_t i = 0; i < 4; ++i) {
+    std::ofstream(net + tables[i]) << "0: 0100007F:1F90 0 0A 0 0 0 0 0 " << i + 1 << " 1\n";
+  }
+  const FileDescriptor opened{open(directory.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+  for (std::uint32_t used = 0; used <= 4; ++used) {
+    const auto count = [used](std::uint32_t i) { return i == used ? " inuse 10" : " inuse 0"; };
+    if (used > 0) {  // At first there are no counts.
+      std::ofstream(net + "sockstat") << "sockets: used 292\nTCP:" << count(1)
+                                      << " orphan 0\nUDP:" << count(3) << " mem 0\nRAW: inuse 0\n";
+      std::ofstream(net + "sockstat6") << "TCP6:" << count(2) << "\nUDP6:" << count(4) << "\n";
+    }
+    SocketTable table;
+    SocketTable::Progress progress{};
+    table.addFrom(ProcFiles{opened}, 1, progress);
+    for (std::uint32_t i = 1; i <= 4; ++i) {
+      EXPECT_EQ(table.find(i) != nullptr, used == 0 || i == used) << tables[i - 1] << " " << used;
+    }
+  }
 }
 
 /// In another namespace, whose tables the kernel gives piece by piece.
