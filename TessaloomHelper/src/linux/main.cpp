@@ -73,8 +73,6 @@ int serve() {
     logLine("could not connect to the session bus", errnoText(bus.error()));
     return 1;
   }
-  registerSystemdUnit(bus->get(), registrationLimit, signals.descriptor());
-  if (const auto signal = signals.next()) return reportEnd(*signal);
   const auto identity = ExecutableIdentity::of("/proc/self/exe");
 
   const std::unique_ptr<Kernel> kernel = makeSystemKernel();
@@ -103,7 +101,10 @@ int serve() {
       .requirement = PeerRequirement(::geteuid(), executable.value_or("")),
       .signals = signals,
       .endEngines = [&runner] { runner.endAll(); }});
-  const int status = listener->run();
+  // With the listener in place, so that a peer that calls meanwhile is vetted like any other.
+  registerSystemdUnit(bus->get(), registrationLimit, signals.descriptor());
+  const auto signal = signals.next();
+  const int status = signal ? reportEnd(*signal) : listener->run();
   removeUnusedDirectory(perUserTemporaryDirectory());
   // Threads may be blocked in work that nothing waits for; then the process ends without joining
   // them.
