@@ -171,6 +171,10 @@ TEST_F(PeersAndCallsTest, VetsACallerAtItsFirstCallAndHoldsWhatItSends) {
   call(3, "ProtocolVersion");
   EXPECT_EQ(answers(),
             (Texts{"2 AccessDenied", "4 AccessDenied", "3 AccessDenied", "3 AccessDenied"}));
+  sd_bus_message* senseless = newCall("com.example.Interface", "ProtocolVersion");
+  sd_bus_message_append(senseless, "i", 1);
+  sendAs(":1.6", senseless);
+  EXPECT_EQ(answers(), Texts{"6 InvalidArgs"}) << "to call again is of no use";
   for (int time = 0; time < 2; ++time) {  // Without an answer, it is asked again.
     call(5, "ProtocolVersion");
     replyError(BusRequests::busName, asked("GetConnectionCredentials"), SD_BUS_ERROR_NO_MEMORY);

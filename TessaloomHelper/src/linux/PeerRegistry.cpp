@@ -3,7 +3,9 @@
 #include <sys/types.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <expected>
 #include <new>
 
 #include "HelperProtocol/linux/BusCallback.h"
@@ -39,24 +41,28 @@ std::optional<Credentials> readCredentials(sd_bus_message* message) {
 }
 
 /// What a call takes while it is held: its arguments, and the path, which a message does not bound
-/// either. The library does not give the size of a message; none for arguments that no method has.
-std::optional<std::size_t> sizeOf(sd_bus_message* call) {
+/// either. The library does not give the size of a message; a negative errno for arguments that no
+/// method has, or that it cannot read.
+std::expected<std::size_t, int> sizeOf(sd_bus_message* call) {
   const char* path = sd_bus_message_get_path(call);
   std::size_t size = path == nullptr ? 0 : std::strlen(path);
   const std::string_view arguments = sd_bus_message_get_signature(call, 1);
+  int result = 0;
   if (arguments == "ay") {
     const void* bytes = nullptr;
     std::size_t length = 0;
-    if (sd_bus_message_read_array(call, 'y', &bytes, &length) < 0) return std::nullopt;
+    result = sd_bus_message_read_array(call, 'y', &bytes, &length);
     size += length;
   } else if (arguments == "s") {
     const char* text = nullptr;
-    if (sd_bus_message_read(call, "s", &text) < 0) return std::nullopt;
-    size += std::strlen(text);
+    result = sd_bus_message_read(call, "s", &text);
+    if (result >= 0) size += std::strlen(text);
   } else if (!arguments.empty()) {
-    return std::nullopt;
+    result = -EINVAL;
   }
-  return sd_bus_message_rewind(call, 1) < 0 ? std::nullopt : std::optional(size);
+  if (result >= 0) result = sd_bus_message_rewind(call, 1);
+  if (result < 0) return std::unexpected(result);
+  return size;
 }
 
 /// Greater than 0 also for a call that wants no reply, for which the library sends none.
@@ -111,7 +117,7 @@ int PeerRegistry::authorize(sd_bus_message* call) {
     case AdmissionState::refused:
       break;
   }
-  return isToBeAnswered(*peer) ? replyAccessDenied(call) : 1;
+  return countRefusal(*peer) ? replyAccessDenied(call) : 1;
 }
 
 Peer* PeerRegistry::find(std::string_view name) {
@@ -185,7 +191,8 @@ int PeerRegistry::hold(Peer& peer, sd_bus_message* call) {
   const auto size = sizeOf(call);
   if (!size || peer.held.size() >= maximumHeldCalls || *size > maximumHeldBytes - peer.heldBytes ||
       !makeRoomToHold(peer, *size)) {
-    return isToBeAnswered(peer) ? replyTooMany(call) : 1;
+    if (!countRefusal(peer)) return 1;
+    return size ? replyTooMany(call) : size.error();
   }
   peer.held.push_back(retain(call));
   peer.heldBytes += *size;
@@ -193,7 +200,7 @@ int PeerRegistry::hold(Peer& peer, sd_bus_message* call) {
   return 1;
 }
 
-bool PeerRegistry::isToBeAnswered(Peer& peer) const {
+bool PeerRegistry::countRefusal(Peer& peer) const {
   std::uint64_t queued = 0;
   return ++peer.refusals <= assuredRefusals || sd_bus_get_n_queued_write(bus_, &queued) < 0 ||
          queued <= CallScheduler::maximumQueuedReplies;

@@ -81,7 +81,8 @@ class PeerRegistry {
   bool makeRoom();
 
   int hold(Peer& peer, sd_bus_message* call);
-  bool isToBeAnswered(Peer& peer) const;
+  /// Whether the call that is refused is to be answered, too.
+  bool countRefusal(Peer& peer) const;
   bool makeRoomToHold(const Peer& peer, std::size_t bytes);
   std::vector<BusMessage> takeHeld(Peer& peer);
 
