@@ -1,5 +1,6 @@
 #include "Log.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <string>
@@ -13,6 +14,8 @@ void logLine(std::string_view text, std::string_view cause) {
   // The cause is cleaned on its own, so that the limit applies to each of the two.
   const std::string end = cause.empty() ? "" : ": " + DisplayString::singleLine(cause, limit);
   const std::string line = "helper: " + DisplayString::singleLine(text, limit) + end + '\n';
+  pollfd standardError{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
+  if (::poll(&standardError, 1, 0) == 0) return;
   [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
 }
 

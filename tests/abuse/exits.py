@@ -5,6 +5,8 @@ import os
 import resource
 import shutil
 import signal
+import socket
+import subprocess
 import time
 
 import honest
@@ -13,7 +15,7 @@ from boundary import hanging
 from bus_peer import BUS, BUS_PATH, CALL, ERROR, RETURN, Peer
 from case import case
 from honest import CANCELLED
-from session import (ACCESS_DENIED, FILES, GENERATIONS, HELPER, VERSION_WORDS, Outsider, another_bus, engines, eventually, helper_log,
+from session import (ACCESS_DENIED, FILES, GENERATIONS, HELPER, HELPER_PROGRAM, VERSION_WORDS, Outsider, another_bus, engines, eventually, helper_log,
                      launch_helper, limited, process_of, processes, processor_seconds, replace_helper, start_helper, status_of,
                      stopped)
 
@@ -89,12 +91,44 @@ def registration(run):
     with Peer() as systemd:
         systemd.call(BUS, BUS_PATH, BUS, "RequestName", "su", "org.freedesktop.systemd1", 4)
         child = launch_helper()
-        while systemd.receive(time.monotonic() + 10).member != "GetUnitFileState":
+        while (asked := systemd.receive(time.monotonic() + 10)).member != "GetUnitFileState":
             pass
+        answer = systemd.call(asked.sender, "/", BUS + ".Peer", "Ping", timeout=0.2)
+        run.check(not answer, "while it registers, it answers a caller that it has not looked at")
         stopped_at = time.monotonic()
         child.terminate()
         run.check(child.wait() == 128 + signal.SIGTERM, f"while it registers: exit status {child.returncode}")
         run.check(time.monotonic() - stopped_at < 1, "while it registers, a signal is handled late")
+
+
+def fill(path):
+    """Sends datagrams there until no more are taken."""
+    with contextlib.suppress(BlockingIOError), socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK) as sender:
+        while sender.sendto(b"full", path):
+            pass
+
+
+@case(rounds=1)
+def unread(run):
+    """A service manager that does not read, and a standard error that nobody reads, hold up neither calls nor the end."""
+    run.end_helper()
+    path, (_, full) = str(FILES / "notices"), os.pipe2(os.O_NONBLOCK)
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notices, run.client() as client:
+        notices.settimeout(10)
+        notices.bind(path)
+        fill(path)
+        with contextlib.suppress(BlockingIOError):
+            while os.write(full, bytes(4096)):
+                pass
+        os.set_blocking(full, True)
+        child = subprocess.Popen([HELPER_PROGRAM], env=os.environ | {"NOTIFY_SOCKET": path}, stderr=full)
+        run.check(eventually(lambda: process_of(HELPER) == child.pid), "it does not start")
+        client.ask("ProtocolVersion", right=1)
+        while notices.recv(99) != b"READY=1":
+            pass
+        fill(path)
+        child.terminate()
+        run.check(child.wait(5) == 128 + signal.SIGTERM, f"exit status {child.returncode}")
 
 
 @case(rounds=1)

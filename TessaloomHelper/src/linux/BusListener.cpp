@@ -12,14 +12,13 @@
 #include <system_error>
 #include <utility>
 
-#include <systemd/sd-daemon.h>
-
 #include "HelperProtocol/HelperConstants.h"
 #include "HelperProtocol/Methods.h"
 #include "HelperProtocol/linux/BusCallback.h"
 #include "HelperProtocol/linux/SessionBus.h"
 #include "Log.h"
 #include "linux/PeerFacts.h"
+#include "linux/SystemdUnit.h"
 
 namespace tessaloom {
 
@@ -187,6 +186,7 @@ std::optional<int> BusListener::advance() {
     case Phase::starting:
       return advanceStarting();
     case Phase::serving:
+      if (!isReadyAnnounced_) isReadyAnnounced_ = notifyManager("READY=1");
       return std::nullopt;
     case Phase::exiting:
       return advanceExit();
@@ -199,12 +199,11 @@ std::optional<int> BusListener::advance() {
 std::optional<int> BusListener::advanceStarting() {
   if (name_.isOwned()) {
     phase_ = Phase::serving;
-    sd_notify(0, "READY=1");
-  } else if (!name_.isPending()) {
-    logLine("could not take the name " + serviceName, name_.failure().value_or(""));
-    return 1;
+    return advance();
   }
-  return std::nullopt;
+  if (name_.isPending()) return std::nullopt;
+  logLine("could not take the name " + serviceName, name_.failure().value_or(""));
+  return 1;
 }
 
 // The service manager is notified first: a start of the unit that the bus then asks for waits for
@@ -213,15 +212,14 @@ void BusListener::beginExit() {
   isExitRequested_ = false;
   if (phase_ != Phase::serving) return;
   // A call may have come since the check. Without the name, this process could not be asked to
-  // cancel it.
-  if (scheduler_.hasEngineCalls()) {
+  // cancel it. A manager that does not take the notice now would not start another helper.
+  if (scheduler_.hasEngineCalls() || !notifyManager("STOPPING=1")) {
     return collaborators_.context.exitWhenIdle.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
   }
   phase_ = Phase::exiting;
   roundTrips_ = 0;
   vettedSince_.reset();
   isStopAnnounced_ = true;
-  sd_notify(0, "STOPPING=1");
   name_.release();
 }
 
@@ -237,7 +235,7 @@ void BusListener::takeNameBack() {
 // A manager that was notified of a stop kills the process when that takes too long; a generation
 // and its end take less than this.
 void BusListener::extendStop() {
-  sd_notify(0, "EXTEND_TIMEOUT_USEC=330000000");
+  notifyManager("EXTEND_TIMEOUT_USEC=330000000");
 }
 
 std::optional<int> BusListener::advanceExit() {
@@ -275,7 +273,7 @@ void BusListener::beginStopping(std::optional<int> signal) {
   stopSignal_ = signal;
   stopDeadline_ = Clock::now() + stopLimit;
   lastProgress_ = Clock::now();
-  sd_notify(0, "STOPPING=1");
+  notifyManager("STOPPING=1");
 }
 
 std::optional<int> BusListener::advanceStopping() {
@@ -351,7 +349,7 @@ bool BusListener::mayRead() const {
 void BusListener::wait() {
   const bool isReading = mayRead();
   microseconds limit = isReading ? waitLimit(collaborators_.bus) : unlimited;
-  if (phase_ == Phase::exiting || phase_ == Phase::stopping) {
+  if (phase_ != Phase::serving || !isReadyAnnounced_) {
     limit = std::min<microseconds>(limit, stopTick);
   }
   if (std::exchange(burst_, 0) > 0) limit = microseconds(0);

@@ -117,7 +117,8 @@ class BusListener {
 
   std::unique_ptr<ExitCompletion> exitCompletion_;
   std::atomic<bool> isExitRequested_ = false;
-  bool isStopAnnounced_ = false;   ///< To the service manager, which takes no such notice back.
+  bool isReadyAnnounced_ = false;  ///< To the service manager.
+  bool isStopAnnounced_ = false;   ///< To it, too; it takes no such notice back.
   bool isUnreadable_ = false;      ///< Nothing more can be read from the bus.
   std::optional<int> stopSignal_;  ///< nullopt while stopping because nothing can be read.
   Clock::time_point stopDeadline_;

@@ -1,7 +1,13 @@
 #include "linux/SystemdUnit.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
+#include <cstdlib>
 #include <expected>
 #include <string>
 #include <string_view>
@@ -10,6 +16,7 @@
 #include "HelperProtocol/linux/BusRequests.h"
 #include "Log.h"
 #include "TLFoundation/ErrnoText.h"
+#include "TLFoundation/FileDescriptor.h"
 
 namespace tessaloom {
 
@@ -84,6 +91,21 @@ void registerSystemdUnit(sd_bus* bus, std::chrono::microseconds limit, int stopS
   if (enabled && !*enabled) enabled = enable(manager);
   if (!enabled && !manager.isInterrupted)
     logLine("systemd user unit register failed", enabled.error());
+}
+
+// The library's sd_notify() waits until the manager reads.
+bool notifyManager(std::string_view state) {
+  const char* variable = std::getenv("NOTIFY_SOCKET");
+  const std::string_view name = variable != nullptr ? variable : "";
+  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+  if (name.empty() || name.size() > sizeof address.sun_path) return true;
+  std::ranges::copy(name, address.sun_path);
+  if (name.starts_with('@')) address.sun_path[0] = '\0';
+  const FileDescriptor socket{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+  return ::sendto(socket.get(), state.data(), state.size(), MSG_DONTWAIT,
+                  reinterpret_cast<const sockaddr*>(&address),
+                  static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size())) >= 0 ||
+         errno != EAGAIN;
 }
 
 }  // namespace tessaloom
