@@ -20,8 +20,8 @@ struct ReplyMessage {
   }
 
   int operator()(TooManyCalls) {
-    return sd_bus_message_new_method_errorf(call, out(), SD_BUS_ERROR_LIMITS_EXCEEDED,
-                                            "Too many calls are pending, or they are too large.");
+    reply = retain(call);
+    return 0;
   }
 
   int operator()(std::int64_t number) {

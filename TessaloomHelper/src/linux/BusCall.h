@@ -16,7 +16,8 @@
 
 namespace tessaloom {
 
-/// The outcome of a call that was not accepted.
+/// The outcome of a call that was not accepted. Instead of the call, which may be large, its reply
+/// is kept.
 struct TooManyCalls {};
 
 /// How a call ended; std::monostate when its work ended without a reply.

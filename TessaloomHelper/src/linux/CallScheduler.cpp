@@ -103,7 +103,13 @@ int CallScheduler::refuse(sd_bus_message* message, const Method& method,
                           const std::shared_ptr<PeerConnection>& connection) {
   const Caller* caller = find(connection->process);
   if (caller != nullptr && caller->refused >= maximumRefusals) return 1;
-  Call& call = add(message, method, connection, {.kind = method.kind, .bytes = 0});
+  sd_bus_message* refusal = nullptr;
+  const int result =
+      sd_bus_message_new_method_errorf(message, &refusal, SD_BUS_ERROR_LIMITS_EXCEEDED,
+                                       "Too many calls are pending, or they are too large.");
+  const BusMessage owned(refusal);
+  if (result < 0) return result;
+  Call& call = add(refusal, method, connection, {.kind = method.kind, .bytes = 0});
   call.outcome = TooManyCalls();
   ++call.caller->refused;
   ++refused_;
