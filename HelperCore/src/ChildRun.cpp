@@ -35,15 +35,18 @@ void empty(const FileDescriptor& pipe) {
 }  // namespace
 
 void StreamReader::readChunk() {
-  std::array<char, chunkSize> chunk;
-  const auto count = ::read(pipe_.get(), chunk.data(), chunk.size());
+  const std::size_t before = bytes_.size();
+  ssize_t count = 0;
+  bytes_.resize_and_overwrite(before + chunkSize, [&](char* bytes, std::size_t) {
+    count = ::read(pipe_.get(), bytes + before, chunkSize);
+    return before + static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+  });
   if (count < 0 && isPassing(errno)) return;
   if (count <= 0) {
     finished_ = true;
     pipe_.reset();
     return;
   }
-  bytes_.append(chunk.data(), static_cast<std::size_t>(count));
   finished_ = bytes_.size() > cap;
 }
 
