@@ -10,9 +10,8 @@
 #include <string_view>
 #include <utility>
 
-#include <utf8proc.h>
-
 #include "Require.h"
+#include "TLFoundation/NaiveCharacters.h"
 #include "TLFoundation/Unicode.h"
 
 using namespace tessaloom;
@@ -23,25 +22,6 @@ namespace {
 std::size_t scalarCount(std::string_view text) {
   return static_cast<std::size_t>(
       std::ranges::count_if(text, [](char byte) { return (byte & 0xC0) != 0x80; }));
-}
-
-/// Counts without any short cut: every scalar goes through the library.
-std::size_t plainCharacterCount(std::string_view text) {
-  const auto* next = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
-  auto left = static_cast<utf8proc_ssize_t>(text.size());
-  utf8proc_int32_t previous = -1;
-  utf8proc_int32_t state = 0;
-  std::size_t count = 0;
-  while (left > 0) {
-    utf8proc_int32_t scalar = 0;
-    const auto length = utf8proc_iterate(next, left, &scalar);
-    REQUIRE(length > 0);
-    if (previous < 0 || utf8proc_grapheme_break_stateful(previous, scalar, &state)) ++count;
-    previous = scalar;
-    next += length;
-    left -= length;
-  }
-  return count;
 }
 
 void checkCleaning(std::string_view bytes, const std::string& text, std::int64_t limit) {
@@ -63,7 +43,7 @@ void checkCleaning(std::string_view bytes, const std::string& text, std::int64_t
 
 void checkCharacters(const std::string& text, std::size_t count) {
   const auto total = Unicode::characterCount(text);
-  REQUIRE(total == plainCharacterCount(text));
+  REQUIRE(total == naive::characters(text).size());
   const auto last = Unicode::lastCharacters(text, count);
   REQUIRE(text.ends_with(last));
   REQUIRE(Unicode::characterCount(last) == std::min(total, count));

@@ -21,6 +21,11 @@ inline bool isASCII(char byte) {
   return static_cast<unsigned char>(byte) < 0x80;
 }
 
+/// Whether the byte can only be the second, third or fourth of a scalar.
+inline bool isContinuation(char byte) {
+  return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
+}
+
 /// The scalar at `position`, or the maximal ill-formed part there (Unicode 15, table 3-7: the
 /// second byte's range is what excludes surrogates, overlong forms and values past U+10FFFF).
 inline DecodedScalar decode(std::string_view text, std::size_t position) {
@@ -42,6 +47,15 @@ inline DecodedScalar decode(std::string_view text, std::size_t position) {
     high = 0xBF;
   }
   return {scalar, length, true};
+}
+
+/// The scalar that a text which is not empty ends with, or U+FFFD for an ill-formed part there.
+inline DecodedScalar decodeLast(std::string_view text) {
+  std::size_t start = text.size() - 1;
+  while (start > 0 && text.size() - start < 4 && isContinuation(text[start])) --start;
+  const auto last = decode(text, start);
+  if (start + last.length < text.size()) return {replacementCharacter, 1, false};
+  return last;
 }
 
 inline void append(std::string& text, char32_t scalar) {

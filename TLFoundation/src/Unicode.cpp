@@ -34,15 +34,6 @@ std::size_t characterCountOfASCII(std::string_view text) {
   return count;
 }
 
-/// The start of the scalar that ends at `end`.
-std::size_t startOfLastScalar(std::string_view text, std::size_t end) {
-  std::size_t start = end - 1;
-  for (int i = 0; i < 3 && start > 0; ++i, --start) {
-    if ((static_cast<unsigned char>(text[start]) & 0xC0) != 0x80) break;
-  }
-  return start;
-}
-
 /// The first place from `position` on between two ASCII characters that are not CR LF, or the end.
 std::size_t certainBoundary(std::string_view text, std::size_t position) {
   for (++position; position < text.size(); ++position) {
@@ -128,9 +119,8 @@ std::string_view trimmed(std::string_view text) {
     text.remove_prefix(first.length);
   }
   while (!text.empty()) {
-    const std::size_t start = startOfLastScalar(text, text.size());
-    const auto last = UTF8::decode(text, start);
-    if (start + last.length != text.size() || !isWhiteSpace(last.scalar)) break;
+    const auto last = UTF8::decodeLast(text);
+    if (!isWhiteSpace(last.scalar)) break;
     text.remove_suffix(last.length);
   }
   return text;

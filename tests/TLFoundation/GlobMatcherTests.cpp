@@ -27,6 +27,7 @@ TEST(GlobMatcherTests, Matches) {
       {"*.md", "NOTES.MD", false, true},
       // One user-perceived character, whatever its scalars.
       {"?", "\U0001F468\u200D\U0001F469\u200D\U0001F467", true, true},
+      {"?", "\u0915\u094D\u0937", true, true},
       {"?", "\r\n", true, true},
       {"??", "\n\r", true, true},
       // Canonical equivalence.
@@ -82,6 +83,8 @@ TEST(GlobMatcherTests, AgreesWithTheNaiveMatcher) {
   compareWithNaive(textsOf({"a", "**", "/", "[", "]", "\\"}, 4), {});
   const std::vector<std::string> marked{"e", "\u0301", "\u00E9", "*", "/"};
   compareWithNaive(textsOf(marked, 4), textsOf(marked, 3));
+  compareWithNaive(textsOf({"\u0915", "\u094D", "?"}, 4),
+                   textsOf({"\u0915", "\u094D", "\u093C", "\u200C"}, 4));
   compareWithNaive(textsOf({"[", "\u0301", "\u00E9", "**"}, 3), {});
 }
 

@@ -12,6 +12,7 @@
 #include <utf8proc.h>
 
 #include "TLFoundation/GlobMatcher.h"
+#include "TLFoundation/NaiveCharacters.h"
 
 /// Globs from their definition: every character is a string in canonical form, every choice of what
 /// a star stands for is tried, and no text has a short cut.
@@ -29,19 +30,8 @@ inline std::string decomposed(std::string_view character) {
   return result;
 }
 
-inline std::vector<std::string> characters(const std::string& text) {
-  std::vector<std::string> clusters;
-  utf8proc_int32_t state = 0, previous = -1, scalar = 0;
-  for (std::size_t start = 0, length = 0; start < text.size(); start += length) {
-    const auto* rest = reinterpret_cast<const utf8proc_uint8_t*>(text.data()) + start;
-    length = static_cast<std::size_t>(
-        utf8proc_iterate(rest, static_cast<utf8proc_ssize_t>(text.size() - start), &scalar));
-    if (previous < 0 || utf8proc_grapheme_break_stateful(previous, scalar, &state)) {
-      clusters.emplace_back();
-    }
-    clusters.back().append(text, start, length);
-    previous = scalar;
-  }
+inline std::vector<std::string> canonicalCharacters(std::string_view text) {
+  auto clusters = characters(text);
   for (auto& cluster : clusters) cluster = decomposed(cluster);
   return clusters;
 }
@@ -49,7 +39,7 @@ inline std::vector<std::string> characters(const std::string& text) {
 /// The pieces of a valid text between its slashes.
 inline std::vector<Piece> pieces(const std::string& text) {
   std::vector<Piece> result(1);
-  for (const auto& character : characters(text)) {
+  for (const auto& character : canonicalCharacters(text)) {
     if (character == "/") {
       result.emplace_back();
     } else {
@@ -62,7 +52,7 @@ inline std::vector<Piece> pieces(const std::string& text) {
 /// What is wrong with a pattern, with the offending text decomposed.
 inline std::optional<GlobPatternError> failure(const std::string& pattern) {
   using enum GlobPatternError::Kind;
-  const auto all = characters(pattern);
+  const auto all = canonicalCharacters(pattern);
   if (all.empty()) return GlobPatternError(emptyPattern);
   if (all.front() == "/") return GlobPatternError(leadingSlash);
   if (all.back() == "/") return GlobPatternError(trailingSlash);

@@ -10,6 +10,7 @@
 #include <utf8proc.h>
 
 #include "TLFoundation/DisplayString.h"
+#include "TLFoundation/NaiveCharacters.h"
 #include "TLFoundation/Unicode.h"
 #include "support/Repeated.h"
 
@@ -67,6 +68,9 @@ TEST(UnicodeTests, CountsCharacters) {
       {"joiner after a letter joins nothing", "a\u200D\U0001F467", 2},
       {"letter, two marks, spacing mark", "\u0915\u0301\u0302\u0903e\u0301\u0302", 2},
       {"mark after a prepended sign", "\u0600a\u0301", 1},
+      {"consonants that a virama joins, a nukta and joiner allowed, a non-joiner not",
+       "\u0915\u094D\u0937\u0915\u094D\u093C\u200D\u0937\u0915\u094D\u200C\u0937", 4},
+      {"a vowel is no consonant; Khmer", "\u0905\u094D\u0915\u1781\u17D2\u1798\u17C2\u179A", 4},
       {"hangul syllable from its letters", "\u1100\u1161\u11A8\u4E2D\uAC00\u11A8", 3},
       {"an ill-formed part is one", "a\xF0\x9F\x98\xFF", 3},
   };
@@ -75,6 +79,13 @@ TEST(UnicodeTests, CountsCharacters) {
     EXPECT_EQ(Unicode::characterCount(text), characters);
     EXPECT_EQ(Unicode::lastCharacters(text, characters + 1), text);
   }
+}
+
+TEST(UnicodeTests, JoinsTheSameConsonantsAsTheNaiveCount) {
+  forEveryScalar([](char32_t scalar) {
+    const auto text = encoded(scalar) + "\u094D\u0915" + encoded(scalar) + "\u0915";
+    ASSERT_EQ(Unicode::characterCount(text), naive::characters(text).size()) << text;
+  });
 }
 
 TEST(UnicodeTests, LastCharactersOfALongTextAreCountedFromItsEnd) {

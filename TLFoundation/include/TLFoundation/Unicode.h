@@ -18,7 +18,9 @@ bool isValidUTF8(std::string_view bytes);
 std::string repairUTF8(std::string_view bytes);
 
 /// The number of user-perceived characters (extended grapheme clusters, UAX #29) of a valid text.
-/// CR LF is one.
+/// CR LF is one. The rules and the conjuncts of Indic scripts (GB9c) are those of Unicode 17; the
+/// other properties are those of the Unicode version of the utf8proc that is installed, for which a
+/// scalar that it does not know is an ordinary one.
 std::size_t characterCount(std::string_view text);
 
 /// The last `count` user-perceived characters of a valid text, or all of it when it is shorter.
