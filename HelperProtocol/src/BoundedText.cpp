@@ -22,7 +22,7 @@ bool needsLook(std::uint64_t bytes) {
   return (isLow | isZero(bytes ^ 0x7F * each) | isZero(bytes ^ 0xC2 * each)) != 0;
 }
 
-/// U+0080 to U+009F are the only scalars with the lead byte C2 and a second byte below A0.
+/// U+0080 to U+009F are the scalars with the lead byte C2 and a second byte of 80 to 9F.
 bool hasForbiddenControl(std::string_view text) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     for (std::uint64_t word = 0; text.size() - i > sizeof word; i += sizeof word) {
@@ -32,9 +32,7 @@ bool hasForbiddenControl(std::string_view text) {
     const auto byte = static_cast<unsigned char>(text[i]);
     if (byte < 0x20 && byte != '\t' && byte != '\n' && byte != '\r') return true;
     if (byte == 0x7F) return true;
-    if (byte == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0) {
-      return true;
-    }
+    if (byte == 0xC2 && i + 1 < text.size() && (text[i + 1] & 0xE0) == 0x80) return true;
   }
   return false;
 }

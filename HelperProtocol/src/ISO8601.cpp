@@ -90,7 +90,9 @@ std::optional<Instant> parse(std::string_view text) {
   if (!offset || !date.ok() || hours.count() > 23 || minutes.count() > 59 || seconds.count() > 59) {
     return std::nullopt;
   }
-  return Instant(sys_days(date) + hours + minutes + seconds - *offset);
+  const sys_seconds second = sys_days(date) + hours + minutes + seconds - *offset;
+  if (second < earliest || second >= afterLatest) return std::nullopt;  // could not be written
+  return Instant(second);
 }
 
 }  // namespace tessaloom::ISO8601
