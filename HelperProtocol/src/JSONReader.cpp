@@ -1,5 +1,6 @@
 #include "HelperProtocol/JSONReader.h"
 
+#include <algorithm>
 #include <cmath>
 #include <ranges>
 
@@ -14,12 +15,18 @@ using nlohmann::json;
 
 constexpr double beyondIntegers = 9223372036854775808.0;  // 2^63
 
+std::string invalidAt(std::size_t byte, std::string_view problem) {
+  return "is not valid JSON at byte " + std::to_string(byte) + ": " + std::string(problem);
+}
+
 /// Passes the library's events to the targets. The library keeps its own stack on the heap.
 class Router final : public nlohmann::json_sax<json> {
  public:
   explicit Router(JSONTarget& root) : root_(&root) {}
 
   std::string takeProblem() { return std::move(problem_); }
+  /// The byte, counted from 1, at which the text proved not to be JSON; 0 if it did not.
+  std::size_t failedAt() const { return failedAt_; }
 
   bool null() override { return put(nullptr); }
   bool boolean(bool value) override { return put(value); }
@@ -29,6 +36,7 @@ class Router final : public nlohmann::json_sax<json> {
     return put(static_cast<double>(value), std::to_string(value));
   }
   bool number_float(number_float_t value, const string_t& source) override {
+    // -2^63 is left out, since -2^63 - 1, which does not fit, is read as the same double.
     const bool isIntegral = std::trunc(value) == value && std::abs(value) < beyondIntegers;
     return isIntegral ? put(static_cast<std::int64_t>(value)) : put(value, source);
   }
@@ -53,8 +61,8 @@ class Router final : public nlohmann::json_sax<json> {
     const auto start = message.find(separator);
     message = start == std::string_view::npos ? "a number is out of range"
                                               : message.substr(start + separator.size());
-    problem_ = "is not valid JSON at byte " + std::to_string(position) + ": ";
-    problem_ += message.substr(0, message.find("; last read: "));
+    failedAt_ = position;
+    problem_ = invalidAt(position, message.substr(0, message.find("; last read: ")));
     return false;
   }
 
@@ -96,6 +104,7 @@ class Router final : public nlohmann::json_sax<json> {
 
   JSONTarget* root_;
   std::vector<Container> open_;  // outermost first
+  std::size_t failedAt_ = 0;
   std::string problem_;
 };
 
@@ -103,12 +112,12 @@ class Router final : public nlohmann::json_sax<json> {
 
 std::optional<std::string> JSONReader::read(std::string_view text, JSONTarget& target) {
   // The library takes a NUL for the end of its input and skips a byte order mark; JSON has neither.
-  if (const auto nul = text.find('\0'); nul != std::string_view::npos) {
-    return "is not valid JSON at byte " + std::to_string(nul + 1) + ": a NUL";
-  }
-  if (text.starts_with("\xEF\xBB\xBF")) return "is not valid JSON: it has a byte order mark";
+  if (text.starts_with("\xEF\xBB\xBF")) return invalidAt(1, "a byte order mark");
+  const auto end = std::min(text.find('\0'), text.size());
   Router router(target);
-  if (json::sax_parse(text.data(), text.data() + text.size(), &router)) return std::nullopt;
+  const bool wasRead = json::sax_parse(text.data(), text.data() + end, &router);
+  if (end < text.size() && (wasRead || router.failedAt() > end)) return invalidAt(end + 1, "a NUL");
+  if (wasRead) return std::nullopt;
   return router.takeProblem();
 }
 
@@ -146,7 +155,7 @@ void JSONSlot::require(JSONContainer container) const {
 }
 
 void JSONSlot::failAsInteger() const {
-  // A double that is integral is one that 64 bits do not hold.
+  // A double that is integral is one of at least 2^63, or at most -2^63.
   const auto* number = get<double>();
   if (get<std::int64_t>() != nullptr || (number != nullptr && std::trunc(*number) == *number)) {
     fail(DecodingError::Kind::numberDoesNotFit, "is out of range");

@@ -14,9 +14,10 @@ class DecodingError : public std::runtime_error {
   enum class Kind : std::int64_t {
     /// Not JSON, or a value that is not a valid engine, shape, kind, signal, UUID or date.
     dataCorrupted = 1,
-    typeMismatch = 2,      ///< Another JSON type than the field's.
-    keyNotFound = 3,       ///< A required key is missing, or null.
-    numberDoesNotFit = 4,  ///< An integral number outside the field's range.
+    typeMismatch = 2,  ///< Another JSON type than the field's.
+    keyNotFound = 3,   ///< A required key is missing, or null.
+    /// An integer outside the field's range; a number beyond a double is dataCorrupted.
+    numberDoesNotFit = 4,
   };
 
   /// `path` names the field, as in `prompt` or `fields.tags[3]`; empty for the whole body.

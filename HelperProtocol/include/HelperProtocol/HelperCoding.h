@@ -20,11 +20,12 @@ class JSONEncoder {
 
 /// Reads one record from a message body.
 ///
-/// Strict: see JSONReader. What counts for an integer is its value, not how it is written (5.0 is
-/// one), and a boolean is not accepted for a number, nor a number for a boolean. An optional field
-/// may be null, which is the same as no key; keys that the record does not have are ignored. Dates
-/// may have a numeric offset instead of the Z. Memory is bounded by what the record keeps, whatever
-/// the body has. Holds no state: make one for each message.
+/// Strict: see JSONReader. A number with a fraction or an exponent is read as a double and counts
+/// as an integer if that is integral (5.0 does) and between -2^63 and 2^63. A boolean is not
+/// accepted for a number, nor a number for a boolean. An optional field may be null, which is the
+/// same as no key; keys that the record does not have are ignored. Dates may have a numeric offset
+/// instead of the Z. Memory is bounded by what the record keeps and about four times the longest
+/// token of the body, with the white space before it. Holds no state: make one for each message.
 class JSONDecoder {
  public:
   /// Throws DecodingError, or what the record's own checks throw (GenerationDTOError,
