@@ -111,6 +111,7 @@ std::expected<BusMessage, int> BusRequests::callAndWait(sd_bus_message* call, De
   while (!reply) {
     int result = sd_bus_process(bus_, nullptr);
     if (result == 0) result = wait(deadline, interruption);
+    if (result > 0 && !reply && pollTimeout(deadline) == 0) result = -ETIMEDOUT;
     if (result < 0 && result != -EINTR) return std::unexpected(-result);
   }
   return reply;
