@@ -357,10 +357,13 @@ template <class Element>
 struct SlotOf<std::vector<Element>> {
   using Slot = ArraySlot<Element>;
 };
-/// Lists of texts are short, and how long is checked only when all of them are read.
+/// The lists of GeneratedFields, whose length is checked only when both have been read; those that
+/// are within it are kept whole.
 template <>
 struct SlotOf<std::vector<std::string>> {
-  using Slot = ArraySlot<std::string, 100>;
+  static constexpr int kept = 100;
+  static_assert(kept >= GeneratedFields::maximumTags && kept >= GeneratedFields::maximumGlobs);
+  using Slot = ArraySlot<std::string, kept>;
 };
 template <>
 struct SlotOf<std::set<std::string>> {

@@ -32,7 +32,7 @@ bool isPrintableASCII(char byte) {
 
 std::size_t checkedLimit(std::int64_t limit) {
   if (limit < 0) {
-    static_cast<void>(std::fputs("helper: a display limit is negative\n", stderr));
+    static_cast<void>(std::fputs("a display limit is negative\n", stderr));
     std::abort();
   }
   return static_cast<std::size_t>(limit);

@@ -20,8 +20,9 @@ struct EngineStatusRequest {
 struct EngineStatus {
   GenerationEngineID engine;
   bool binaryFound;
-  std::optional<bool> authenticated;   ///< Unknown when absent; the helper never probes it.
-  std::optional<std::string> version;  ///< One line, at most 64 Unicode scalars.
+  std::optional<bool> authenticated;  ///< Unknown when absent; the helper never probes it.
+  /// As the helper sends it one line of at most 64 Unicode scalars, which is not checked when read.
+  std::optional<std::string> version;
 
   friend bool operator==(const EngineStatus&, const EngineStatus&) = default;
   std::size_t hash() const noexcept {

@@ -16,7 +16,8 @@ struct GenerationErrorPayload {
   GenerationEngineID engine;
   /// The engine's exit status where it decided the failure.
   std::optional<std::int32_t> exitCode = std::nullopt;
-  /// For the user; one line, at most `detailLimit` scalars.
+  /// For the user; as the helper sends it one line of at most `detailLimit` scalars, which is not
+  /// checked when read.
   std::optional<std::string> detail = std::nullopt;
 
   static constexpr std::int64_t detailLimit = 500;  ///< Unicode scalars.

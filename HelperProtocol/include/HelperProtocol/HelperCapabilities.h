@@ -9,7 +9,9 @@ namespace tessaloom {
 struct HelperCapabilities {
   /// On the wire an array whose order has no meaning; duplicates are dropped.
   std::set<std::string> names;
-  std::string helperVersion;  ///< The marketing version, at most 32 Unicode scalars.
+  /// The marketing version; as the helper sends it at most 32 Unicode scalars, which is not checked
+  /// when read.
+  std::string helperVersion;
 
   friend bool operator==(const HelperCapabilities&, const HelperCapabilities&) = default;
 };

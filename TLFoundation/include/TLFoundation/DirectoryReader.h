@@ -25,7 +25,8 @@ class DirectoryReader {
   /// Starts again with the first entry.
   void rewind() { ::rewinddir(stream_.get()); }
 
-  /// The name of the next entry, valid until the next call; null at the end.
+  /// The name of the next entry, valid until the next call; null at the end, or if the rest cannot
+  /// be read.
   const char* next() {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): a stream of one thread's own, where readdir is safe.
     while (const dirent* entry = ::readdir(stream_.get())) {
