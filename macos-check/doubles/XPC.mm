@@ -123,9 +123,11 @@ class Reply {
   void give(Wire::Message message) {
     if (isGiven_.exchange(true)) runtime::fault("a second reply of " + method_);
     message.insert(message.begin(), call_);
-    sends_->run([wire = wire_, message] {
-      const std::string delay(environmentOf("DOUBLE_SEND_DELAY"));
-      if (!delay.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(std::stol(delay)));
+    const std::string delay(environmentOf("DOUBLE_SEND_DELAY"));
+    const auto due = std::chrono::steady_clock::now() +
+                     std::chrono::milliseconds(delay.empty() ? 0 : std::stol(delay));
+    sends_->run([wire = wire_, message, due] {
+      std::this_thread::sleep_until(due);
       wire->send(message);
     });
   }
@@ -285,6 +287,9 @@ __attribute__((constructor(102))) void setForwarder() {
 
 }  // namespace
 
+/// Whose method this thread is in.
+static thread_local __unsafe_unretained NSXPCConnection* currentConnection = nil;
+
 @implementation NSXPCConnection {
  @public
   std::shared_ptr<Caller> _caller;  // One of the two is set.
@@ -322,6 +327,13 @@ __attribute__((constructor(102))) void setForwarder() {
     if (!runtime::implements((__bridge ObjectRecord*)_exportedObject, method.name))
       runtime::fault(std::string("the exported object lacks ") + method.name);
   startThread("xpc-connection", [self] { [self serve]; });
+}
++ (NSXPCConnection*)currentConnection {
+  return currentConnection;
+}
+- (void)scheduleSendBarrierBlock:(dispatch_block_t)block {
+  if (!_sends) runtime::fault("a barrier for what the calling side sends");
+  _sends->run([block] { block(); });
 }
 - (void)invalidate {
   if (!_caller || !_isResumed) runtime::fault("a connection is resumed before it is invalidated");
@@ -374,6 +386,7 @@ __attribute__((constructor(102))) void setForwarder() {
   const id block = shape->repliesWithData ? (id)withData : (id)withVersion;
   NSData* request = [NSData dataWithBytes:message[2].data() length:message[2].size()];
   auto* target = (__bridge ObjectRecord*)_exportedObject;
+  currentConnection = self;
   if (shape->takesRequest) {
     reinterpret_cast<void (*)(ObjectRecord*, Selector, void*, void*)>(objc_msgSend)(
         target, selector, (__bridge void*)request, (__bridge void*)block);
@@ -381,6 +394,7 @@ __attribute__((constructor(102))) void setForwarder() {
     reinterpret_cast<void (*)(ObjectRecord*, Selector, void*)>(objc_msgSend)(target, selector,
                                                                              (__bridge void*)block);
   }
+  currentConnection = nil;
 }
 @end
 

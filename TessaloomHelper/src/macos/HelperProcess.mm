@@ -26,11 +26,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// How long the process outlives its last reply, which XPC may not have sent yet. The reply that
-/// announces an exit is older than that at the exit's first check.
-constexpr std::chrono::milliseconds replyGrace{150};
-static_assert(replyGrace < ExitWhenIdle::firstCheck);
-/// How long a replaced helper whose engines' calls are settled waits for a pause between brief
+/// How long a replaced helper whose engines' calls are answered waits for a pause between brief
 /// calls. Callers that never pause would keep it running; one brief call may then be interrupted.
 constexpr std::chrono::seconds pauseLimit{2};
 /// How long a termination signal waits for the engines, and how often it looks. launchd kills what
@@ -78,7 +74,7 @@ class HelperProcess {
  private:
   void exitWhenPaused();
   void stop(int signal);
-  void exitOnceSettled(int signal, Clock::time_point deadline);
+  void exitOnceAnswered(int signal, Clock::time_point deadline);
 
   std::optional<std::filesystem::path> executable_;
   std::unique_ptr<Kernel> kernel_ = makeSystemKernel();
@@ -95,11 +91,11 @@ class HelperProcess {
   std::atomic<bool> isStopping_ = false;
 };
 
-// No engine call was unfinished at the check, but one may have come since, and replies may be on
-// their way. Several exits may have been asked for, each with a first check of its own.
+// No engine call was unfinished at the check, but one may have come since, and replies may not be
+// sent yet. Several exits may have been asked for, each with a first check of its own.
 void HelperProcess::exitWhenPaused() {
   if (isStopping_) return;
-  if (!openCalls_.isPause(replyGrace, pauseLimit)) {
+  if (!openCalls_.isPause(pauseLimit)) {
     return exitWhenIdle_.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
   }
   if (isStopping_.exchange(true)) return;
@@ -124,16 +120,16 @@ void HelperProcess::endOnSignals() {
 void HelperProcess::stop(int signal) {
   if (isStopping_.exchange(true)) return;
   runner_.endAll();
-  exitOnceSettled(signal, Clock::now() + stopLimit);
+  exitOnceAnswered(signal, Clock::now() + stopLimit);
 }
 
-void HelperProcess::exitOnceSettled(int signal, Clock::time_point deadline) {
-  if (openCalls_.areSettled(replyGrace) || Clock::now() >= deadline) {
+void HelperProcess::exitOnceAnswered(int signal, Clock::time_point deadline) {
+  if (openCalls_.isEmpty() || Clock::now() >= deadline) {
     std::exit(reportEnd(signal));
   }
   const std::chrono::nanoseconds tick = stopTick;
   dispatch_after(dispatch_time(DISPATCH_TIME_NOW, tick.count()), signalQueue_, ^{
-    exitOnceSettled(signal, deadline);
+    exitOnceAnswered(signal, deadline);
   });
 }
 

@@ -1,5 +1,6 @@
 #import "HelperService.h"
 
+#include <memory>
 #include <variant>
 
 #import "HelperProcess.h"
@@ -11,13 +12,34 @@ using tessaloom::methodNamed;
 
 namespace {
 
+/// A call that is being received. It stays open until XPC has sent its reply, because the process
+/// may exit as soon as no call is open.
+class Call {
+ public:
+  explicit Call(tessaloom::Method::Kind kind)
+      : connection_(NSXPCConnection.currentConnection), open_(tessaloom::openCall(kind)) {}
+
+  /// After the reply block, on any thread. A connection that has ended calls the block at once.
+  void closeOnceSent() const {
+    const auto open = open_;
+    [connection_ scheduleSendBarrierBlock:^{
+      (void)open;
+    }];
+  }
+
+ private:
+  NSXPCConnection* connection_;
+  std::shared_ptr<void> open_;
+};
+
 tessaloom::ReplyHandler dataReply(HelperDataReply reply, tessaloom::Method::Kind kind) {
-  return [reply, call = tessaloom::openCall(kind)](const tessaloom::Reply& outcome) {
+  return [reply, call = Call(kind)](const tessaloom::Reply& outcome) {
     if (const auto* bytes = std::get_if<tessaloom::Bytes>(&outcome)) {
       reply(tessaloom::dataFromBytes(*bytes), nil);
     } else if (const auto* error = std::get_if<tessaloom::ReplyError>(&outcome)) {
       reply(nil, tessaloom::errorFromReplyError(*error));
     }
+    call.closeOnceSent();
   };
 }
 
@@ -43,10 +65,10 @@ tessaloom::ReplyHandler dataReply(HelperDataReply reply, tessaloom::Method::Kind
 
 - (void)protocolVersionWithReply:(void (^)(int64_t version))reply {
   static constexpr const tessaloom::Method& method = methodNamed("ProtocolVersion");
-  _service->call(method, {},
-                 [reply, call = tessaloom::openCall(method.kind)](const tessaloom::Reply& outcome) {
-                   reply(std::get<std::int64_t>(outcome));
-                 });
+  _service->call(method, {}, [reply, call = Call(method.kind)](const tessaloom::Reply& outcome) {
+    reply(std::get<std::int64_t>(outcome));
+    call.closeOnceSent();
+  });
 }
 
 - (void)listProcessesWithReply:(HelperDataReply)reply {

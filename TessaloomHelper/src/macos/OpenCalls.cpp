@@ -14,26 +14,23 @@ std::shared_ptr<void> OpenCalls::open(Method::Kind kind) {
   return {this, [kind](OpenCalls* calls) {
             const MutexLock locked(calls->lock_);
             if (--calls->open_[kind] == 0) calls->open_.erase(kind);
-            calls->lastAnswer_ = Clock::now();
-            if (Method::runsEngine(kind)) calls->lastEngineAnswer_ = calls->lastAnswer_;
           }};
 }
 
-bool OpenCalls::areSettled(Clock::duration grace) const {
+bool OpenCalls::isEmpty() const {
   const MutexLock locked(lock_);
-  return open_.empty() && Clock::now() >= lastAnswer_ + grace;
+  return open_.empty();
 }
 
-bool OpenCalls::isPause(Clock::duration grace, Clock::duration limit) {
+bool OpenCalls::isPause(std::chrono::seconds limit) {
   const MutexLock locked(lock_);
-  const auto now = Clock::now();
-  const auto engineGrace = lastEngineAnswer_ + grace;
-  if (std::ranges::any_of(std::views::keys(open_), Method::runsEngine) || now < engineGrace) {
+  if (std::ranges::any_of(std::views::keys(open_), Method::runsEngine)) {
+    pauseAwaited_.reset();
     return false;
   }
-  if (!firstLook_) firstLook_ = now;
-  return (open_.empty() && now >= lastAnswer_ + grace) ||
-         now >= std::max(*firstLook_, engineGrace) + limit;
+  const auto now = std::chrono::steady_clock::now();
+  if (!pauseAwaited_) pauseAwaited_ = now;
+  return open_.empty() || now >= *pauseAwaited_ + limit;
 }
 
 }  // namespace tessaloom

@@ -165,6 +165,8 @@ API_AVAILABLE(macos(10.8))
 - (id)remoteObjectProxyWithErrorHandler:(void (^)(NSError* error))handler;
 @property(nullable, copy) void (^interruptionHandler)(void);
 @property(nullable, copy) void (^invalidationHandler)(void);
++ (nullable NSXPCConnection*)currentConnection API_AVAILABLE(macos(10.8));
+- (void)scheduleSendBarrierBlock:(void (^)(void))block API_AVAILABLE(macos(10.15));
 - (void)resume;
 - (void)invalidate;
 - (void)setCodeSigningRequirement:(NSString*)requirement API_AVAILABLE(macos(13.0));
