@@ -9,9 +9,12 @@ final class Assistant {
   private var running: String?
 
   /// Once, after the editor starts: nothing can start an agent that was never registered.
-  func start() throws {
-    try HelperClient.registerHelper()
-    helper.afterUpdate()
+  func start(show: @escaping (String) -> Void) {
+    HelperClient.registerHelper() { error in
+      self.helper.afterUpdate()
+      guard let error else { return }
+      DispatchQueue.main.async { show("The helper is not available: \(error.localizedDescription)") }
+    }
   }
 
   /// Whether an engine can be used, and its version.

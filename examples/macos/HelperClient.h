@@ -21,11 +21,12 @@ typedef NS_ENUM(NSInteger, HelperFailure) {
 /// itself. Safe from any thread. Plain Objective-C, for Swift too: see Assistant.swift.
 @interface HelperClient : NSObject
 
-/// Registers the helper's agent unless it is enabled. Before the first call ever: nobody can start
-/// an agent that was never registered, so the helper's own registration comes too late for it.
-/// In Swift it throws the error.
-+ (BOOL)registerHelper:(NSError* _Nullable __autoreleasing* _Nullable)error
-    NS_SWIFT_NAME(registerHelper());
+/// Registers the helper's agent unless it is registered as this version of the editor has it. Each
+/// time the editor starts, before the first call: nobody can start an agent that was never
+/// registered, so the helper's own registration comes too late for it, and the system may not start
+/// one that has changed since. A helper of another version is ended.
++ (void)registerHelper:(void (^)(NSError* _Nullable error))reply
+    NS_SWIFT_NAME(registerHelper(reply:));
 
 /// Whether an engine's executable is there, and its version; empty if that is unknown.
 - (void)statusOfEngine:(NSString*)engine

@@ -22,6 +22,9 @@ using namespace tessaloom;
 
 namespace {
 
+/// In the editor's defaults: which version of it has registered the agent.
+NSString* const registeredVersion = @"RegisteredHelperVersion";
+
 constexpr const char* notRead = "The helper's reply could not be read.";
 
 /// Takes the place of a result: why there is none.
@@ -91,10 +94,26 @@ HelperDataReply reading(FailureBlock otherwise, void (^then)(const Record& recor
   NSXPCConnection* _connection;  // Guarded by the lock; nil when the next call has to make one.
 }
 
-+ (BOOL)registerHelper:(NSError* __autoreleasing*)error {
++ (void)registerHelper:(void (^)(NSError* _Nullable))reply {
   SMAppService* agent =
       [SMAppService agentServiceWithPlistName:@"com.brindlemoor.Tessaloom.helper.plist"];
-  return agent.status == SMAppServiceStatusEnabled || [agent registerAndReturnError:error];
+  NSString* version = NSBundle.mainBundle.infoDictionary[@"CFBundleVersion"];
+  NSUserDefaults* defaults = NSUserDefaults.standardUserDefaults;
+  void (^registerNow)(void) = ^{
+    NSError* error = nil;
+    if (![agent registerAndReturnError:&error]) return reply(error);
+    [defaults setObject:version forKey:registeredVersion];
+    reply(nil);
+  };
+  dispatch_async(dispatch_get_global_queue(QOS_CLASS_DEFAULT, 0), ^{
+    if (agent.status != SMAppServiceStatusEnabled) return registerNow();
+    if ([[defaults stringForKey:registeredVersion] isEqual:version]) return reply(nil);
+    // The block is called once the old helper has ended; before that it is not to be registered.
+    [agent unregisterWithCompletionHandler:^(NSError* _Nullable error) {
+      if (error != nil) return reply(error);
+      registerNow();
+    }];
+  });
 }
 
 - (void)dealloc {

@@ -82,9 +82,12 @@ int main(int count, char** arguments) {
   const char* first = count > 2 ? arguments[2] : "";
   @autoreleasepool {
     if (command == "register") {
-      NSError* error = nil;
-      const BOOL isRegistered = [HelperClient registerHelper:&error];
-      std::puts(isRegistered ? "registered" : error.localizedDescription.UTF8String);
+      const std::string text = awaited([](const Done& done) {
+        [HelperClient registerHelper:^(NSError* error) {
+          done->give(error == nil ? "registered" : textFromString(error.localizedDescription));
+        }];
+      });
+      std::puts(text.c_str());
       return 0;
     }
     const int connections = command == "connections" ? std::atoi(first) : 1;

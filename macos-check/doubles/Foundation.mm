@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <regex>
 #include <string>
@@ -200,6 +201,9 @@ extern const char __stop_info_plist[] __attribute__((weak));
 // The program is not the main one of the bundle around it, so its own property list comes first.
 - (NSDictionary*)infoDictionary {
   const std::string_view form = environmentOf("DOUBLE_INFO");
+  const std::string_view version = environmentOf("DOUBLE_VERSION");
+  if (__start_info_plist == nullptr && !version.empty())
+    return @{@"CFBundleVersion" : stringOf(version)};
   if (form == "absent" || __start_info_plist == nullptr) return nil;
   if (form == "data") return @{@"CFBundleShortVersionString" : [NSData dataWithBytes:"1" length:1]};
   const std::string text(__start_info_plist, __stop_info_plist);
@@ -210,6 +214,24 @@ extern const char __stop_info_plist[] __attribute__((weak));
     values.push_back(stringOf((*it)[2].str()));
   }
   return [NSDictionary dictionaryWithObjects:values.data() forKeys:keys.data() count:keys.size()];
+}
+@end
+
+// A file for each key.
+@implementation NSUserDefaults
++ (NSUserDefaults*)standardUserDefaults {
+  static NSUserDefaults* const defaults = [[NSUserDefaults alloc] init];
+  return defaults;
+}
+- (NSString*)stringForKey:(NSString*)key {
+  std::ifstream file(std::filesystem::path(environmentOf("DOUBLE_DEFAULTS")) / key.UTF8String);
+  std::string text;
+  return std::getline(file, text) ? stringOf(text) : nil;
+}
+- (void)setObject:(id)value forKey:(NSString*)key {
+  const auto path = std::filesystem::path(environmentOf("DOUBLE_DEFAULTS")) / key.UTF8String;
+  if (value == nil) return void(std::filesystem::remove(path));
+  std::ofstream(path) << static_cast<NSString*>(value).UTF8String << "\n";
 }
 @end
 

@@ -3,6 +3,7 @@
 #import <ServiceManagement/ServiceManagement.h>
 
 #import "Foundation+Doubles.h"
+#include "Queue.h"
 #include "Runtime.h"
 #include "Wire.h"
 
@@ -31,6 +32,13 @@ Wire::Message ask(const std::string& question, NSString* agent) {
 }
 - (SMAppServiceStatus)status {
   return static_cast<SMAppServiceStatus>(std::stol(ask("status", _name)[0]));
+}
+- (void)unregisterWithCompletionHandler:(void (^)(NSError*))handler {
+  logLine(std::string("unregister ") + _name.UTF8String);
+  startThread("unregister", [name = _name, handler] {
+    ask("unregister", name);
+    handler(nil);
+  });
 }
 - (BOOL)registerAndReturnError:(NSError* __autoreleasing*)error {
   logLine(std::string("register ") + _name.UTF8String);

@@ -33,7 +33,7 @@ def set_up(build, folder, variables=()):
     """The environment of programs on this machine."""
     binaries, home = folder / "bin", folder / "home"
     engines = home / ".local/bin"
-    for directory in (binaries, engines, folder / "run", folder / "temporary"):
+    for directory in (binaries, engines, folder / "run", folder / "temporary", folder / "defaults"):
         directory.mkdir(parents=True, mode=0o755)
     (folder / "temporary").chmod(0o700)
     subprocess.run(
@@ -54,6 +54,7 @@ def set_up(build, folder, variables=()):
         "NSS_WRAPPER_GROUP": str(folder / "group"),
         "DOUBLE_LAUNCHD": str(folder / "run"),
         "DOUBLE_LOG": str(folder / "run/log"),
+        "DOUBLE_DEFAULTS": str(folder / "defaults"),
         "DOUBLE_TEMPORARY": str(folder / "temporary"),
         **dict(variable.split("=", 1) for variable in variables),
     }

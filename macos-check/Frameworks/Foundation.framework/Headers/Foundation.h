@@ -133,6 +133,12 @@ FOUNDATION_EXPORT NSErrorUserInfoKey const NSLocalizedDescriptionKey;
 @property(nullable, readonly, copy) NSDictionary<NSString*, id>* infoDictionary;
 @end
 
+@interface NSUserDefaults : NSObject
+@property(class, readonly, strong) NSUserDefaults* standardUserDefaults;
+- (nullable NSString*)stringForKey:(NSString*)defaultName;
+- (void)setObject:(nullable id)value forKey:(NSString*)defaultName;
+@end
+
 @interface NSRunLoop : NSObject
 @property(class, readonly, strong) NSRunLoop* mainRunLoop API_AVAILABLE(macos(10.5));
 @end

@@ -18,6 +18,8 @@ __attribute__((visibility("default"))) API_AVAILABLE(macos(13.0))
 + (instancetype)agentServiceWithPlistName:(NSString*)plistName API_AVAILABLE(macos(13.0));
 - (BOOL)registerAndReturnError:(NSError* _Nullable __autoreleasing* _Nullable)error
     API_AVAILABLE(macos(13.0));
+- (void)unregisterWithCompletionHandler:(void (^)(NSError* _Nullable error))handler
+    API_AVAILABLE(macos(13.0));
 @property(readonly) SMAppServiceStatus status API_AVAILABLE(macos(13.0));
 @end
 
