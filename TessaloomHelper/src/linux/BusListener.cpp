@@ -186,8 +186,7 @@ std::optional<int> BusListener::advance() {
     case Phase::starting:
       return advanceStarting();
     case Phase::serving:
-      if (!isReadyAnnounced_) isReadyAnnounced_ = notifyManager("READY=1");
-      return std::nullopt;
+      return advanceServing();
     case Phase::exiting:
       return advanceExit();
     case Phase::stopping:
@@ -199,11 +198,16 @@ std::optional<int> BusListener::advance() {
 std::optional<int> BusListener::advanceStarting() {
   if (name_.isOwned()) {
     phase_ = Phase::serving;
-    return advance();
+    return advanceServing();
   }
   if (name_.isPending()) return std::nullopt;
   logLine("could not take the name " + serviceName, name_.failure().value_or(""));
   return 1;
+}
+
+std::optional<int> BusListener::advanceServing() {
+  if (!isReadyAnnounced_) isReadyAnnounced_ = notifyManager("READY=1");
+  return std::nullopt;
 }
 
 // The service manager is notified first: a start of the unit that the bus then asks for waits for

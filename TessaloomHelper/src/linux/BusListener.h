@@ -79,6 +79,7 @@ class BusListener {
   std::optional<int> process();
   std::optional<int> advance();
   std::optional<int> advanceStarting();
+  std::optional<int> advanceServing();
   std::optional<int> advanceExit();
   std::optional<int> advanceStopping();
   void beginExit();
