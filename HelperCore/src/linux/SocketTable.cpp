@@ -95,11 +95,11 @@ Pieces readTextOnce(const FileDescriptor& file, int reading, std::int32_t protoc
 /// processors: one socket that is opened on one and closed on the next meanwhile hides another.
 /// Hence two of them.
 bool isEmpty(const ProcFiles& proc, std::int32_t member, const Table& table) {
-  const auto showsNone = [&] {
-    std::array<char, 1024> buffer;
-    return proc.read(ProcPath{member, table.counts}, buffer).contains(table.none);
-  };
-  return showsNone() && showsNone();
+  std::array<char, 1024> buffer;
+  for (int reading = 0; reading < 2; ++reading) {
+    if (!proc.read(ProcPath{member, table.counts}, buffer).contains(table.none)) return false;
+  }
+  return true;
 }
 
 bool addText(const ProcFiles& proc, std::int32_t member, const Table& table,
