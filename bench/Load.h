@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -54,7 +55,7 @@ class Load {
     keepAlive_ = FileDescriptor(input[1]);
     FileDescriptor answers(output[0]);
     program_ =
-        std::make_unique<Program>(std::vector<std::string>{PROCESS_LOAD, std::to_string(processes),
+        std::make_unique<Program>(std::vector<std::string>{program(), std::to_string(processes),
                                                            "14", std::to_string(processes / 5)},
                                   input[0], output[1]);
     outputEnd.reset();
@@ -64,6 +65,11 @@ class Load {
   ~Load() { keepAlive_.reset(); }
 
  private:
+  /// Beside this one, where every user that runs a benchmark can reach it.
+  static std::string program() {
+    return std::filesystem::read_symlink("/proc/self/exe").replace_filename("process-load");
+  }
+
   std::unique_ptr<Program> program_;  // Waited for once its input is closed.
   FileDescriptor keepAlive_;
 };
