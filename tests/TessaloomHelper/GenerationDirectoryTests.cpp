@@ -98,6 +98,11 @@ TEST(GenerationDirectoryTest, TakesOverOnlyWhatIsPrivate) {
   }
 }
 
+TEST(GenerationDirectoryTest, ReportsWhyADirectoryCannotBeMade) {
+  const auto refused = GenerationDirectory::create("/sys/none/below", id);
+  EXPECT_TRUE(!refused && refused.error() != ENOENT);
+}
+
 TEST(GenerationDirectoryTest, UnusedDirectoryIsRemovedWithoutHarmToWhoStartsToUseIt) {
   const TemporaryDirectory outer;
   const fs::path perUser = outer.path() / "perUser";

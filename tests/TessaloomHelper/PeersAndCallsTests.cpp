@@ -231,6 +231,16 @@ TEST_F(PeersAndCallsTest, BoundsWhatIsHeld) {
   EXPECT_EQ(answers(), Texts{"6 LimitsExceeded"}) << "it would hold as much as any";
 }
 
+TEST_F(PeersAndCallsTest, BoundsTheConnections) {
+  for (std::size_t i = 0; i < PeerRegistry::maximumAdmitted; ++i) admit(static_cast<int>(i), 2);
+  for (const auto& [sender, answer] : {std::pair{500, "500 LimitsExceeded"}, {501, "501 x"}}) {
+    firstCall(sender, 2);
+    settle();
+    EXPECT_EQ(answers(), Texts{answer});
+    reportOwner(BusRequests::busName, ":1.0", "");
+  }
+}
+
 TEST_F(PeersAndCallsTest, CarriesOutCallsOfACallerThatHasDisconnected) {
   call(1, "ListProcesses");
   call(1, "KillProcess", R"({"pid":42,"signal":15})");
