@@ -78,6 +78,7 @@ FAULTS = [
     ("engines outlive a signal", PROCESS, "  runner_.endAll();", "", "termination"),
     ("a signal waits too short for the engines", PROCESS, "stopLimit{10}", "stopLimit{4}", "stopped_by_launchd"),
     ("a signal waits for a thread that engines have", PROCESS, "static_cast<uintptr_t>(signal), 0, signalQueue_);", "static_cast<uintptr_t>(signal), 0, dispatch_get_global_queue(QOS_CLASS_UTILITY, 0));", "starved_signal"),
+    ("an engine's flags keep its files", "TessaloomHelper/src/macos/NestedDirectory.cpp", "::fchflags(file.get(), 0) == 0;", "false;", "immutable_files"),
     ("children inherit descriptors", SPAWN, "POSIX_SPAWN_SETSIGDEF |\n                        POSIX_SPAWN_CLOEXEC_DEFAULT", "POSIX_SPAWN_SETSIGDEF", "generations"),
     ("children stay in the helper's process group", SPAWN, "POSIX_SPAWN_SETPGROUP | ", "", "deadline"),
     ("children block what the helper blocks", SPAWN, "POSIX_SPAWN_SETSIGMASK | ", "", LAUNCH),

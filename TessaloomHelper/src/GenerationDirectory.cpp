@@ -41,6 +41,14 @@ bool isPrivate(const struct stat& facts) {
   return facts.st_uid == ::geteuid() && (facts.st_mode & ~static_cast<mode_t>(S_IFMT)) == ownerOnly;
 }
 
+/// Removes anything but a directory that holds something.
+bool removeSimple(int parent, const char* name) {
+  const auto remove = [=] {
+    return ::unlinkat(parent, name, 0) == 0 || ::unlinkat(parent, name, AT_REMOVEDIR) == 0;
+  };
+  return remove() || (allowRemoval(parent, name) && remove());
+}
+
 /// Opens a directory to be emptied and gives this user all rights to it.
 FileDescriptor openAccessible(int parent, const char* name) {
   FileDescriptor directory = openNestedDirectory(parent, name);
@@ -121,11 +129,6 @@ class TreeRemoval {
     return progress;
   }
 
-  /// Anything but a directory that holds something.
-  static bool removeSimple(int parent, const char* name) {
-    return ::unlinkat(parent, name, 0) == 0 || ::unlinkat(parent, name, AT_REMOVEDIR) == 0;
-  }
-
   bool moveToRoot(int parent, const char* name) {
     openAccessible(parent, name);  // Its entry for the parent changes with the move.
     do {
@@ -142,7 +145,7 @@ class TreeRemoval {
 
 /// Removes whatever has the name, except what is mounted there.
 void removeAnything(int parent, const char* name, std::chrono::milliseconds limit) {
-  if (::unlinkat(parent, name, 0) == 0) return;
+  if (removeSimple(parent, name)) return;
   TreeRemoval(openAccessible(parent, name), limit).run();
   ::unlinkat(parent, name, AT_REMOVEDIR);
 }
@@ -210,6 +213,7 @@ std::expected<GenerationDirectory, int> GenerationDirectory::create(
 GenerationDirectory::~GenerationDirectory() {
   if (!directory_) return;  // Moved from.
   if (::rmdir(path_.c_str()) == 0) return;
+  allowRemoval(directory_.get(), ".");
   ::fchmod(directory_.get(), ownerOnly);
   TreeRemoval(std::move(directory_), removalLimit_).run();
   // The engine may have put something else in its place.

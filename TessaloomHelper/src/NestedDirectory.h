@@ -10,4 +10,8 @@ namespace tessaloom {
 /// older kernel opens what is mounted.
 FileDescriptor openNestedDirectory(int parent, const char* name);
 
+/// Clears the flags with which an owner keeps a file from being changed or removed, where the
+/// system has them; not of what is mounted there. Whether it did.
+bool allowRemoval(int parent, const char* name);
+
 }  // namespace tessaloom

@@ -37,6 +37,12 @@ extern "C" {
 // This system's own functions, whose names the linker and the headers here give to Darwin's.
 int __real_poll(pollfd* descriptors, nfds_t count, int milliseconds);
 int __wrap_poll(pollfd* descriptors, nfds_t count, int milliseconds);
+int __real_fchmod(int file, mode_t mode);
+int __wrap_fchmod(int file, mode_t mode);
+int __real_renameat(int from, const char* name, int to, const char* newName);
+int __wrap_renameat(int from, const char* name, int to, const char* newName);
+int __real_unlinkat(int parent, const char* name, int flags);
+int __wrap_unlinkat(int parent, const char* name, int flags);
 int systemSetFlags(posix_spawnattr_t* attributes, short flags) __asm__("posix_spawnattr_setflags");
 int systemSpawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
                 const posix_spawnattr_t* attributes, char* const* arguments,
@@ -114,6 +120,17 @@ std::optional<ProcessFacts> factsOf(int pid) {
   facts.residentBytes =
       static_cast<std::uint64_t>(field(24)) * static_cast<std::uint64_t>(::getpagesize());
   return facts;
+}
+
+/// The bit stands for the flag UF_IMMUTABLE, which an owner may set.
+bool isImmutable(const struct stat& facts) {
+  return (facts.st_mode & S_ISVTX) != 0;
+}
+
+bool isKept(int parent, const char* name) {
+  struct stat outer{}, facts{};
+  return (::fstat(parent, &outer) == 0 && isImmutable(outer)) ||
+         (::fstatat(parent, name, &facts, AT_SYMLINK_NOFOLLOW) == 0 && isImmutable(facts));
 }
 
 std::string linkOf(int pid, int descriptor) {
@@ -294,6 +311,24 @@ int __wrap_poll(struct pollfd* descriptors, nfds_t count, int milliseconds) {
   if (refused == 0) ready = __real_poll(waited.data(), count, milliseconds);
   for (nfds_t i = 0; i < count; ++i) descriptors[i].revents = waited[i].revents;
   return ready < 0 ? ready : ready + refused;
+}
+
+int fchflags(int file, uint32_t flags) {
+  struct stat facts{};
+  if (flags != 0 || ::fstat(file, &facts) != 0) runtime::fault("flags other than none");
+  return __real_fchmod(file, facts.st_mode & ALLPERMS & ~S_ISVTX);
+}
+int __wrap_fchmod(int file, mode_t mode) {
+  struct stat facts{};
+  const bool isRefused = ::fstat(file, &facts) == 0 && isImmutable(facts);
+  return isRefused ? (errno = EPERM, -1) : __real_fchmod(file, mode);
+}
+int __wrap_renameat(int from, const char* name, int to, const char* newName) {
+  const bool isRefused = isKept(from, name) || isKept(to, newName);
+  return isRefused ? (errno = EPERM, -1) : __real_renameat(from, name, to, newName);
+}
+int __wrap_unlinkat(int parent, const char* name, int flags) {
+  return isKept(parent, name) ? (errno = EPERM, -1) : __real_unlinkat(parent, name, flags);
 }
 
 int posix_spawnattr_setflags(posix_spawnattr_t* attributes, short flags) noexcept {

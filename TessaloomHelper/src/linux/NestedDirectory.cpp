@@ -18,4 +18,9 @@ FileDescriptor openNestedDirectory(int parent, const char* name) {
   return FileDescriptor(::openat(parent, name, flags));
 }
 
+// Only root can make a file immutable.
+bool allowRemoval(int, const char*) {
+  return false;
+}
+
 }  // namespace tessaloom

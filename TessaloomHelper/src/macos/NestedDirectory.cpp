@@ -7,7 +7,10 @@
 
 namespace tessaloom {
 
-FileDescriptor openNestedDirectory(int parent, const char* name) {
+namespace {
+
+/// Opens what `parent` holds itself, not what is mounted there.
+FileDescriptor openNested(int parent, const char* name, int flags) {
   struct stat outer{};
   struct stat nested{};
   if (::fstat(parent, &outer) != 0 || ::fstatat(parent, name, &nested, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -17,7 +20,18 @@ FileDescriptor openNestedDirectory(int parent, const char* name) {
     errno = EXDEV;
     return {};
   }
-  return FileDescriptor(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  return FileDescriptor(::openat(parent, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | flags));
+}
+
+}  // namespace
+
+FileDescriptor openNestedDirectory(int parent, const char* name) {
+  return openNested(parent, name, O_DIRECTORY);
+}
+
+bool allowRemoval(int parent, const char* name) {
+  const FileDescriptor file = openNested(parent, name, O_NONBLOCK);
+  return file && ::fchflags(file.get(), 0) == 0;
 }
 
 }  // namespace tessaloom
