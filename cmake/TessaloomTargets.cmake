@@ -99,7 +99,7 @@ endif()
 function(tessaloom_module name)
   cmake_parse_arguments(ARG "" "" "SOURCES;PLATFORM_SOURCES;LINKS;PRIVATE_LINKS" ${ARGN})
   if(TESSALOOM_PORTABLE_OBJECTS)
-    tessaloom_object(ARG_SOURCES ${name} "${TESSALOOM_PORTABLE_OBJECTS}" Unity/unity_portable_cxx.cxx)
+    tessaloom_portable_object(ARG_SOURCES ${name} Unity/unity_portable_cxx.cxx)
   else()
     set_source_files_properties(${ARG_SOURCES} PROPERTIES UNITY_GROUP portable)
   endif()
@@ -126,6 +126,25 @@ function(tessaloom_object variable target build)
   file(RELATIVE_PATH folder "${PROJECT_SOURCE_DIR}" "${CMAKE_CURRENT_SOURCE_DIR}")
   list(TRANSFORM ARGN REPLACE "(.+)" "${build}/${folder}/CMakeFiles/${target}.dir/\\1.o")
   set(${variable} "${ARGN}" PARENT_SCOPE)
+endfunction()
+
+# The same of one source, for TESSALOOM_PORTABLE_OBJECTS.
+function(tessaloom_portable_object variable target source)
+  tessaloom_object(object ${target} "${TESSALOOM_PORTABLE_OBJECTS}" "${source}")
+  set_property(GLOBAL APPEND PROPERTY tessaloom_portable_targets ${target})
+  set_property(GLOBAL APPEND PROPERTY tessaloom_portable_objects "${object}")
+  set(${variable} "${object}" PARENT_SCOPE)
+endfunction()
+
+# tessaloom_update_portable_objects(): once all have been named, has each build bring them up to date first.
+function(tessaloom_update_portable_objects)
+  get_property(targets GLOBAL PROPERTY tessaloom_portable_targets)
+  get_property(objects GLOBAL PROPERTY tessaloom_portable_objects)
+  add_custom_target(
+    portable_objects
+    COMMAND "${CMAKE_COMMAND}" --build "${TESSALOOM_PORTABLE_OBJECTS}" --target ${targets}
+    BYPRODUCTS ${objects}
+    VERBATIM)
 endfunction()
 
 # tessaloom_take_objects(TARGET ...): the targets link what was compiled from their sources below TESSALOOM_OBJECTS.
