@@ -109,8 +109,8 @@ HelperDataReply reading(FailureBlock otherwise, void (^then)(const Record& recor
     if (agent.status != SMAppServiceStatusEnabled) return registerNow();
     if ([[defaults stringForKey:registeredVersion] isEqual:version]) return reply(nil);
     // The block is called once the old helper has ended; before that it is not to be registered.
-    [agent unregisterWithCompletionHandler:^(NSError* _Nullable error) {
-      if (error != nil) return reply(error);
+    // Whether there was one to end does not matter.
+    [agent unregisterWithCompletionHandler:^(NSError* _Nullable) {
       registerNow();
     }];
   });
