@@ -90,7 +90,7 @@ std::system_error inputError(int error) {
   return {error, std::generic_category(), "standard input cannot be read"};
 }
 
-std::string readStandardInput() {
+std::expected<std::string, UsageError> readStandardInput(std::string_view limit) {
   std::string text;
   while (text.size() <= CallLoad::maximumBytes) {
     const std::size_t before = text.size();
@@ -105,7 +105,7 @@ std::string readStandardInput() {
       throw inputError(errno);
     }
   }
-  throw std::runtime_error("standard input is longer than 16 MiB, the helper's limit");
+  return usageError("standard input is longer than 16 MiB; the limit is " + std::string(limit));
 }
 
 CommandResult runVersion(const Arguments& arguments) {
@@ -155,7 +155,9 @@ CommandResult runCall(const Arguments& arguments) {
       return usageError(name + " takes no body");
     }
     const std::string& given = arguments.positionals()[1];
-    body = given == "-" ? readStandardInput() : given;
+    auto read = given == "-" ? readStandardInput("16 MiB") : given;
+    if (!read) return std::unexpected(read.error());
+    body = *std::move(read);
   } else if (method != nullptr && method->takesRequest()) {
     body.emplace();
   }

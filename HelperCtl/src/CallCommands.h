@@ -47,8 +47,8 @@ std::expected<GenerationEngineID, UsageError> readEngine(std::string_view name);
 std::expected<UUID, UsageError> readUUID(std::string_view text);
 /// What is thrown for standard input that cannot be read, with the errno.
 std::system_error inputError(int error);
-/// All of standard input. Throws std::exception if it is longer than any body may be, or
-/// unreadable.
-std::string readStandardInput();
+/// All of standard input. The error, if it is longer than any body may be, names `limit`. Throws
+/// std::system_error if it cannot be read.
+std::expected<std::string, UsageError> readStandardInput(std::string_view limit);
 
 }  // namespace tessaloom

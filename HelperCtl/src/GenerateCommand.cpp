@@ -49,9 +49,11 @@ std::expected<std::string, UsageError> readPrompt(const Arguments& arguments) {
   if (arguments.positionals().empty() && Console::inputIsTerminal()) {
     return usageError("no prompt: pass one in quotes or pipe it in");
   }
-  std::string prompt = fromInput ? readStandardInput() : arguments.positionals().front();
-  if (!Unicode::isValidUTF8(prompt)) return usageError("the prompt is not UTF-8 text");
-  if (Unicode::trimmed(prompt).empty()) return usageError("the prompt is empty");
+  const std::string limit = std::to_string(BoundedText::maximumLength) + " characters";
+  auto prompt = fromInput ? readStandardInput(limit) : arguments.positionals().front();
+  if (!prompt) return prompt;
+  if (!Unicode::isValidUTF8(*prompt)) return usageError("the prompt is not UTF-8 text");
+  if (Unicode::trimmed(*prompt).empty()) return usageError("the prompt is empty");
   return prompt;
 }
 

@@ -18,7 +18,8 @@ class TerminationSignals {
   /// The number of the next signal that has come; 0 if there is none.
   int take();
 
-  /// Catches no more signals, and then takes the next: a later one takes its usual effect.
+  /// Stops catching signals, and returns the next one as `take` does. A later one has its usual
+  /// effect.
   int stop();
 };
 

@@ -34,8 +34,7 @@ struct CallError {
 /// What to do about a reply that is not of the expected form.
 inline constexpr const char* differentVersionsAdvice =
     "Install the helper and this program from the same version. After an upgrade, let the old "
-    "helper "
-    "exit: tessaloom-helperctl freshness";
+    "helper exit: tessaloom-helperctl freshness";
 
 /// The body of a reply as it came. The version method's bare integer is its decimal text.
 using CallReply = std::expected<Bytes, CallError>;

@@ -56,7 +56,9 @@ std::string adviceForHelper(std::string_view name) {
            "the helper's own folder. Use the tessaloom-helperctl that was installed with it.";
   }
   if (name == "LimitsExceeded") return "Try again later; with many calls waiting, send fewer.";
-  if (name == "Failed" || name == "NoMemory") return "Try again; the next call starts the helper.";
+  if (name == "Failed") return "Try again; the next call starts the helper.";
+  if (name == "NoMemory")
+    return "Try again when the system has more memory or fewer processes run.";
   if (name == "InvalidSignature") return differentVersionsAdvice;
   if (name == "UnknownMethod" || name == "UnknownInterface" || name == "UnknownObject") {
     return "Check the method's name (`tessaloom-helperctl call --help` lists them). A helper older "

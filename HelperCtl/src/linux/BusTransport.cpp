@@ -187,9 +187,9 @@ void BusTransport::process() {
 std::expected<std::unique_ptr<Transport>, CallError> openTransport() {
   auto bus = openSessionBus();
   if (bus) return std::make_unique<BusTransport>(*std::move(bus));
-  return std::unexpected(makeError(
-      CallError::Category::unreachable, SD_BUS_ERROR_NO_SERVER,
-      "There is no session bus at " + sessionBusAddress() + ": " + errnoText(bus.error()) + "."));
+  return std::unexpected(makeError(CallError::Category::unreachable, SD_BUS_ERROR_NO_SERVER,
+                                   "The session bus at " + sessionBusAddress() +
+                                       " could not be reached: " + errnoText(bus.error()) + "."));
 }
 
 }  // namespace tessaloom

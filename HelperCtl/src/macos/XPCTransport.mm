@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "HelperProtocol/CallLoad.h"
 #include "HelperProtocol/HelperConstants.h"
 #include "HelperProtocol/Methods.h"
 #import "HelperProtocol/macos/FoundationValues.h"
@@ -107,6 +108,11 @@ void XPCTransport::call(const std::string& method, const std::optional<Bytes>& b
         call, std::unexpected(usageError(
                   "invalidArguments",
                   method + (known->takesRequest() ? " takes a body." : " takes no body."))));
+  }
+  // The helper has no limit here, but a session does not keep the rest of a longer line.
+  if (body && body->size() > CallLoad::maximumBytes) {
+    return inbox_->put(call, std::unexpected(usageError("invalidArguments",
+                                                        "The body exceeds the limit, 16 MiB.")));
   }
   @autoreleasepool {
     send(*known, body, call);
