@@ -9,7 +9,12 @@
 #include <utility>
 #include <variant>
 
+#include "linux/ThreadTasks.h"
+
 namespace tessaloom {
+
+// Generations and probes do not wait for each other's threads.
+static_assert(2 * CallScheduler::maximumEngineCalls <= ThreadTasks::maximumThreads);
 
 namespace {
 

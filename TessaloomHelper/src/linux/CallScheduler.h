@@ -17,8 +17,8 @@
 namespace tessaloom {
 
 /// Carries out the calls of admitted callers: bounds them, runs them on other threads, and sends
-/// their replies. Callers get equal shares of what is scarce, the engines' threads and the
-/// connection to the bus; all connections of one process are one caller.
+/// their replies. Callers take turns at what is scarce, the engines' threads and the connection to
+/// the bus; all connections of one process are one caller.
 ///
 /// A call that was accepted is carried out even if its caller disconnects meanwhile, and counts
 /// against its caller's limits until its reply has been handed to the bus library.
@@ -33,9 +33,9 @@ class CallScheduler {
   static constexpr std::size_t moderateBytes = 1'048'576;
 
   /// How many generations, and how many probes, are carried out at once; the others wait. Each
-  /// takes a thread of the engines' tasks for as long as the engine runs. It is several times what
-  /// one caller may have unanswered, so none of these waits behind another of its caller: the
-  /// service refuses at once a generation beyond its own limit.
+  /// takes a thread of the engines' tasks for as long as the engine runs. It is what three callers
+  /// may have unanswered, so that one caller's do not wait for each other: the service refuses at
+  /// once a generation beyond its own limit.
   static constexpr std::size_t maximumEngineCalls = 48;
 
   /// How many refusals one caller may have waiting to be sent. A caller that is refused more than

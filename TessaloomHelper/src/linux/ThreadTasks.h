@@ -27,7 +27,7 @@ namespace tessaloom {
 /// joins the threads. Tasks may hand in others meanwhile; delayed ones are then dropped.
 class ThreadTasks final : public Tasks {
  public:
-  static constexpr std::size_t maximumThreads = 64;
+  static constexpr std::size_t maximumThreads = 96;
   /// After that an idle thread exits, unless it is the last.
   static constexpr std::chrono::seconds idleTime{2};
 
