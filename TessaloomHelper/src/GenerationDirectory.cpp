@@ -88,8 +88,7 @@ std::expected<FileDescriptor, int> openLocked(const std::filesystem::path& direc
 /// so every loop ends at the time limit.
 class TreeRemoval {
  public:
-  TreeRemoval(FileDescriptor root, std::chrono::milliseconds limit)
-      : root_(std::move(root)), end_(Clock::now() + limit) {}
+  TreeRemoval(FileDescriptor root, Clock::time_point end) : root_(std::move(root)), end_(end) {}
 
   void run() {
     if (!root_) return;
@@ -144,9 +143,9 @@ class TreeRemoval {
 };
 
 /// Removes whatever has the name, except what is mounted there.
-void removeAnything(int parent, const char* name, std::chrono::milliseconds limit) {
+void removeAnything(int parent, const char* name, Clock::time_point end) {
   if (removeSimple(parent, name)) return;
-  TreeRemoval(openAccessible(parent, name), limit).run();
+  TreeRemoval(openAccessible(parent, name), end).run();
   ::unlinkat(parent, name, AT_REMOVEDIR);
 }
 
@@ -167,7 +166,7 @@ std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::p
   // Another process may remove it each time before it is locked here, so the attempts are bounded
   // by time, not by number.
   constexpr std::chrono::seconds limit{1};
-  constexpr std::chrono::milliseconds pause{1};  // Removing it takes less.
+  constexpr std::chrono::milliseconds pause{1};  // Removing it mostly takes less.
   const auto end = Clock::now() + limit;
   for (;;) {
     auto opened = openLocked(directory, LOCK_SH, parent);
@@ -181,16 +180,17 @@ std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::p
 }
 
 void removeUnusedDirectory(const std::filesystem::path& directory) {
-  constexpr std::chrono::milliseconds removalLimit{100};  // Whoever starts to use it waits.
+  constexpr std::chrono::milliseconds limit{500};  // Whoever starts to use it waits for a second.
   // No one starts to use it while the lock is held.
   const auto unused = openLocked(directory, LOCK_EX);
   if (!unused) return;
+  const auto end = Clock::now() + limit;
   DirectoryReader entries(openNestedDirectory(unused->get(), "."));
-  while (const char* name = entries ? entries.next() : nullptr) {
+  while (const char* name = entries && Clock::now() < end ? entries.next() : nullptr) {
     if (!std::string_view(name).starts_with(namePrefix)) continue;
-    // A generation that still runs holds the lock of its own.
-    const auto left = openLocked(directory / name, LOCK_EX, *unused);
-    if (left) removeAnything(unused->get(), name, removalLimit);
+    const FileDescriptor left = openAccessible(unused->get(), name);
+    const bool isUsed = left && ::flock(left.get(), LOCK_EX | LOCK_NB) != 0;
+    if (!isUsed) removeAnything(unused->get(), name, end);
   }
   ::rmdir(directory.c_str());
 }
@@ -204,7 +204,7 @@ std::expected<GenerationDirectory, int> GenerationDirectory::create(
   auto path = temporaryDirectory / name;
   auto directory = openPrivateDirectory(path, *parent);
   if (!directory) {
-    removeAnything(parent->get(), name.c_str(), removalLimit);
+    removeAnything(parent->get(), name.c_str(), Clock::now() + removalLimit);
     return std::unexpected(directory.error());
   }
   return GenerationDirectory(std::move(path), std::move(*directory), removalLimit);
@@ -215,7 +215,7 @@ GenerationDirectory::~GenerationDirectory() {
   if (::rmdir(path_.c_str()) == 0) return;
   allowRemoval(directory_.get(), ".");
   ::fchmod(directory_.get(), ownerOnly);
-  TreeRemoval(std::move(directory_), removalLimit_).run();
+  TreeRemoval(std::move(directory_), Clock::now() + removalLimit_).run();
   // The engine may have put something else in its place.
   if (::rmdir(path_.c_str()) != 0) ::unlink(path_.c_str());
 }

@@ -20,7 +20,7 @@ std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::p
 
 /// Removes a directory that `openPrivateDirectory` would accept, if it is empty and neither this
 /// nor another process uses it. The directories of generations whose process was killed are removed
-/// from it first, each for 100 ms at most. A process that starts to use it at the same moment
+/// from it first, for half a second at most. A process that starts to use it at the same moment
 /// creates it again.
 void removeUnusedDirectory(const std::filesystem::path& directory);
 
