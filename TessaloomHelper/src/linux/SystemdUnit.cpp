@@ -15,6 +15,7 @@
 #include "HelperProtocol/linux/BusHandles.h"
 #include "HelperProtocol/linux/BusRequests.h"
 #include "Log.h"
+#include "TLFoundation/DescriptorShortage.h"
 #include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/FileDescriptor.h"
 
@@ -98,11 +99,12 @@ bool notifyManager(std::string_view state) {
   const char* variable = ::secure_getenv("NOTIFY_SOCKET");
   const std::string_view name = variable != nullptr ? variable : "";
   sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-  if (name.empty() || name.size() > sizeof address.sun_path) return true;
+  if (!name.starts_with('/') && !name.starts_with('@')) return true;
+  if (name.size() > sizeof address.sun_path) return true;
   std::ranges::copy(name, address.sun_path);
   if (name.starts_with('@')) address.sun_path[0] = '\0';
   const FileDescriptor socket{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-  if (!socket) return true;
+  if (!socket) return !isDescriptorShortage(errno);
   return ::sendto(socket.get(), state.data(), state.size(), MSG_DONTWAIT,
                   reinterpret_cast<const sockaddr*>(&address),
                   static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size())) >= 0 ||

@@ -14,7 +14,8 @@ namespace tessaloom {
 void registerSystemdUnit(sd_bus* bus, std::chrono::microseconds limit, int stopSignals);
 
 /// Notifies the service manager of a state, if it started this process to be notified
-/// (sd_notify(3)). Never waits: false when the manager has too many notices to read; try again.
+/// (sd_notify(3)). Never waits: false when the manager has too many notices to read, or no
+/// descriptor is left; try again.
 bool notifyManager(std::string_view state);
 
 }  // namespace tessaloom
