@@ -6,6 +6,7 @@
 #include <exception>
 #include <functional>
 #include <limits>
+#include <new>
 #include <optional>
 #include <set>
 #include <string>
@@ -335,6 +336,8 @@ class ArraySlot : public JSONSlot {
     try {
       auto value = Reading<Element>::from(current_);
       if (elements_.size() < kept) elements_.push_back(std::move(value));
+    } catch (const std::bad_alloc&) {
+      throw;
     } catch (const std::exception&) {
       error_ = std::current_exception();
     }

@@ -15,7 +15,7 @@ utf8proc_boundclass_t boundClass(char32_t scalar) {
 }
 
 /// Whether a scalar joins the one after it by no rule of its own (GB3 to GB8, GB9b to GB13).
-/// From U+0900 on may be letters that GB9c joins, except in the blocks from CJK radicals to Hangul.
+/// Scalars from U+0900 on may be letters that GB9c joins, except from the CJK radicals to Hangul.
 bool isOrdinary(char32_t scalar) {
   return (scalar < 0x0900 || (scalar >= 0x2E80 && scalar < 0xA000)) &&
          boundClass(scalar) == UTF8PROC_BOUNDCLASS_OTHER;

@@ -44,18 +44,6 @@ constexpr std::array<char32_t, 20> linkers{
     0x094D, 0x09CD, 0x0ACD, 0x0B4D,  0x0C4D,  0x0D4D,  0x1039,  0x17D2,  0x1A60,  0x1B44,
     0x1BAB, 0xA9C0, 0xAAF6, 0x10A3F, 0x11133, 0x113D0, 0x1193E, 0x11A47, 0x11A99, 0x11F42};
 
-/// The blocks of 128 scalars that have consonants.
-constexpr auto blocks = [] {
-  std::array<bool, consonants.back().last / 128 + 1> result{};
-  for (const auto& run : consonants) result[run.first / 128] = result[run.last / 128] = true;
-  return result;
-}();
-
-/// False at once for letters of most other scripts.
-bool mayBeConsonant(char32_t scalar) {
-  return scalar / 128 < blocks.size() && blocks[scalar / 128];
-}
-
 bool isConsonant(char32_t scalar) {
   const auto* run = std::ranges::lower_bound(consonants, scalar, {}, &Run::last);
   return run != consonants.end() && run->first <= scalar;
@@ -75,14 +63,14 @@ bool isExtending(char32_t scalar) {
 }  // namespace
 
 bool joinsConjunct(std::string_view character, char32_t next) {
-  if (!mayBeConsonant(next)) return false;
+  if (!isConsonant(next)) return false;
   bool isLinked = false;
   while (!character.empty()) {
     const auto last = UTF8::decodeLast(character);
     if (isLinker(last.scalar)) {
       isLinked = true;
     } else if (!isExtending(last.scalar)) {
-      return isLinked && isConsonant(last.scalar) && isConsonant(next);
+      return isLinked && isConsonant(last.scalar);
     }
     character.remove_suffix(last.length);
   }

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "TLFoundation/DisplayString.h"
+#include "TLFoundation/Mutex.h"
 
 namespace tessaloom {
 
@@ -14,6 +15,8 @@ void logLine(std::string_view text, std::string_view cause) {
   // The cause is cleaned on its own, so that the limit applies to each of the two.
   const std::string end = cause.empty() ? "" : ": " + DisplayString::singleLine(cause, limit);
   const std::string line = "helper: " + DisplayString::singleLine(text, limit) + end + '\n';
+  static Mutex lock;  // What one thread finds free, another one must not take.
+  const MutexLock locked(lock);
   pollfd standardError{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
   if (::poll(&standardError, 1, 0) == 0) return;
   [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());

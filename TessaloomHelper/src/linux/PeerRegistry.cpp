@@ -117,7 +117,8 @@ int PeerRegistry::authorize(sd_bus_message* call) {
     case AdmissionState::refused:
       break;
   }
-  return countRefusal(*peer) ? replyAccessDenied(call) : 1;
+  ++peer->refusals;
+  return mayAnswerRefusal(*peer) ? replyAccessDenied(call) : 1;
 }
 
 Peer* PeerRegistry::find(std::string_view name) {
@@ -191,7 +192,8 @@ int PeerRegistry::hold(Peer& peer, sd_bus_message* call) {
   const auto size = sizeOf(call);
   if (!size || peer.held.size() >= maximumHeldCalls || *size > maximumHeldBytes - peer.heldBytes ||
       !makeRoomToHold(peer, *size)) {
-    if (!countRefusal(peer)) return 1;
+    ++peer.refusals;
+    if (!mayAnswerRefusal(peer)) return 1;
     return size ? replyTooMany(call) : size.error();
   }
   peer.held.push_back(retain(call));
@@ -200,9 +202,9 @@ int PeerRegistry::hold(Peer& peer, sd_bus_message* call) {
   return 1;
 }
 
-bool PeerRegistry::countRefusal(Peer& peer) const {
+bool PeerRegistry::mayAnswerRefusal(const Peer& peer) const {
   std::uint64_t queued = 0;
-  return ++peer.refusals <= assuredRefusals || sd_bus_get_n_queued_write(bus_, &queued) < 0 ||
+  return peer.refusals <= assuredRefusals || sd_bus_get_n_queued_write(bus_, &queued) < 0 ||
          queued <= CallScheduler::maximumQueuedReplies;
 }
 

@@ -81,8 +81,8 @@ class PeerRegistry {
   bool makeRoom();
 
   int hold(Peer& peer, sd_bus_message* call);
-  /// Whether the call that is refused is to be answered, too.
-  bool countRefusal(Peer& peer) const;
+  /// Whether the refusal that was counted last may be answered.
+  bool mayAnswerRefusal(const Peer& peer) const;
   bool makeRoomToHold(const Peer& peer, std::size_t bytes);
   std::vector<BusMessage> takeHeld(Peer& peer);
 
