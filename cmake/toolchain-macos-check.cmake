@@ -12,7 +12,7 @@ endif()
 
 set(CMAKE_C_COMPILER clang-19)
 set(CMAKE_CXX_COMPILER clang++-19)
-set(CMAKE_OBJCXX_COMPILER /usr/bin/clang++-19)
+set(CMAKE_OBJCXX_COMPILER /usr/bin/clang++-19) # This language's name is not looked up.
 set(CMAKE_AR llvm-ar-19)
 set(CMAKE_RANLIB llvm-ranlib-19)
 set(CMAKE_INSTALL_NAME_TOOL /bin/false)

@@ -13,7 +13,8 @@ LINK = re.compile(r"\]\(([^)#:\s]*)(?:#([^)\s]*))?\)")
 
 def anchors(document):
     """What a link to a heading is named after it."""
-    headings = re.findall(r"^#+ (.*)$", document.read_text(), re.MULTILINE)
+    text = re.sub(r"^```.*?^```", "", document.read_text(), flags=re.MULTILINE | re.DOTALL)
+    headings = re.findall(r"^#+ (.*)$", text, re.MULTILINE)
     return {re.sub(r"[^\w -]", "", heading.lower()).replace(" ", "-") for heading in headings}
 
 
