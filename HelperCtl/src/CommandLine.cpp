@@ -161,7 +161,7 @@ std::string helpOf(const Command& command) {
   std::string summary(command.summary);
   summary.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(summary.front())));
   text += "\n" + summary + ".\n\n";
-  if (!command.details.empty()) text += command.details;
+  text += command.details;
   if (!command.positionals.empty() && command.positionals.front().kind == WordKind::method) {
     for (const Method& method : methods) {
       text.append("  ").append(method.name).append(method.takesRequest() ? " BODY\n" : "\n");
