@@ -19,13 +19,11 @@ class Call {
   explicit Call(tessaloom::Method::Kind kind)
       : connection_(NSXPCConnection.currentConnection), open_(tessaloom::openCall(kind)) {}
 
-  /// After the reply block, on any thread. A connection that has ended calls the block at once. The
-  /// call no longer runs an engine, so a client that takes nothing delays an exit by a limited
-  /// time.
+  /// After the reply block, on any thread. A connection that has ended calls the block at once.
   void closeOnceSent() const {
-    const auto sending = tessaloom::openCall(tessaloom::Method::Kind::immediate);
+    const auto open = open_;
     [connection_ scheduleSendBarrierBlock:^{
-      (void)sending;
+      (void)open;
     }];
   }
 
