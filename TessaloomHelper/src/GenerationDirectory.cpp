@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "NestedDirectory.h"
+#include "TLFoundation/DescriptorShortage.h"
 #include "TLFoundation/DirectoryReader.h"
 
 namespace tessaloom {
@@ -188,8 +189,10 @@ void removeUnusedDirectory(const std::filesystem::path& directory) {
   DirectoryReader entries(openNestedDirectory(unused->get(), "."));
   while (const char* name = entries && Clock::now() < end ? entries.next() : nullptr) {
     if (!std::string_view(name).starts_with(namePrefix)) continue;
+    // One that cannot be opened for lack of descriptors may be in use; other failures are of what
+    // is no directory of a generation.
     const FileDescriptor left = openAccessible(unused->get(), name);
-    const bool isUsed = left && ::flock(left.get(), LOCK_EX | LOCK_NB) != 0;
+    const bool isUsed = left ? ::flock(left.get(), LOCK_EX | LOCK_NB) != 0 : isShortage(errno);
     if (!isUsed) removeAnything(unused->get(), name, end);
   }
   ::rmdir(directory.c_str());
