@@ -1,4 +1,6 @@
+#include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -94,6 +96,40 @@ TEST_F(HelperServiceTest, SignalsOnlyWhatItsOwnConnectionListedLast) {
   kernel.table.clear();
   EXPECT_EQ(call(service, "ListProcesses"), "[]");
   EXPECT_FALSE(kill(service));
+}
+
+class ExitWhenIdleTest : public testing::Test, protected ServiceWithoutEngines {};
+
+TEST_F(ExitWhenIdleTest, DetectsAReplacedExecutable) {
+  const std::filesystem::path executable = temporary / "helper";
+  const std::filesystem::path other = temporary / "other";
+  for (const std::filesystem::path& file : {executable, other}) std::ofstream(file).put('x');
+  const auto start = last_write_time(executable);
+  const auto isReplaced =
+      [&, identity = ExecutableIdentity::of(executable)](const std::filesystem::path& path) {
+        return ExitWhenIdle(path, identity, runner, tasks, [] {}).isExecutableReplaced();
+      };
+  EXPECT_FALSE(isReplaced(executable));
+  last_write_time(executable, start - std::chrono::milliseconds(1));
+  EXPECT_FALSE(isReplaced(executable));
+  last_write_time(executable, start + std::chrono::milliseconds(1));
+  EXPECT_TRUE(isReplaced(executable));
+  last_write_time(other, start - std::chrono::hours(1));
+  EXPECT_TRUE(isReplaced(other)) << "another file counts even when it is older";
+  EXPECT_FALSE(isReplaced(temporary / "missing"));
+  EXPECT_FALSE(ExitWhenIdle(other, {}, runner, tasks, [] {}).isExecutableReplaced());
+}
+
+TEST_F(ExitWhenIdleTest, RepeatsOneCheckAndStaysWhenNothingIsLeftForIt) {
+  ExitWhenIdle checked({}, {}, runner, tasks, [] { FAIL(); });
+  const auto accepted = runner.accept();
+  for (const bool isExhausted : {false, true, false}) {
+    tasks.isExhausted = false;
+    for (int i = 0; i < 2; ++i) checked.scheduleExitWhenIdle(ExitWhenIdle::firstCheck);
+    tasks.isExhausted = isExhausted;
+    tasks.run();
+    EXPECT_EQ(tasks.entries.size(), isExhausted ? 0U : 1U);
+  }
 }
 
 }  // namespace
