@@ -86,8 +86,8 @@ class ProcessHandle {
 /// memory.
 ///
 /// What an implementation keeps between calls is not seen in a result, with one exception: sockets
-/// of a process that shares its table of descriptors with another process, which is neither a
-/// thread of it nor its parent or child, may be up to two minutes old.
+/// of a process that shares its table of descriptors with another process may be up to two minutes
+/// old, unless that is its parent or child and the kernel says so (SocketHolders.h).
 class Kernel {
  public:
   virtual ~Kernel() = default;

@@ -63,7 +63,7 @@ class ProcessScan {
   /// Whether one more descriptor may stay open after this listing.
   bool mayKeepOne() { return keep_ && budget_.takeOne(); }
 
-  /// Whether the process may have started after this listing.
+  /// Whether the process may have started after this listing began.
   bool isYoung(const ProcessFacts& facts) const { return facts.startTicks >= firstTick_; }
 
   const ProcFiles& proc() const { return proc_; }

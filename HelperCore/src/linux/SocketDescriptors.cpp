@@ -104,7 +104,9 @@ std::vector<NamespaceMember> addSocketsOfThreads(const ProcFiles& proc, std::int
     const auto place = std::ranges::lower_bound(
         tables, thread,
         [](std::int32_t one, std::int32_t other) { return compareTables(one, other) == isBefore; });
-    if (place != tables.end() && compareTables(*place, thread) == isSame) continue;
+    // Where the kernel does not compare, the first table that has sockets counts as the only one.
+    const long order = place == tables.end() ? isBefore : compareTables(*place, thread);
+    if (order == isSame || (order < 0 && !sockets.inodes.empty())) continue;
     addSockets(proc, thread, sockets.inodes);
     tables.insert(place, thread);
   }

@@ -29,7 +29,8 @@ SocketDescriptors readSocketDescriptors(const ProcFiles& proc, std::int32_t pid)
 SocketDescriptors readOwnSocketDescriptors(const ProcFiles& proc, const std::vector<bool>& kept);
 
 /// Adds the sockets in tables of descriptors that threads of the process have to themselves, and
-/// returns the threads that are in network namespaces of their own.
+/// returns the threads that are in network namespaces of their own. Where the kernel does not
+/// compare tables, threads are read only as long as no socket has been found.
 std::vector<NamespaceMember> addSocketsOfThreads(const ProcFiles& proc, std::int32_t pid,
                                                  SocketDescriptors& sockets);
 
