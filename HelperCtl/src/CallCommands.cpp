@@ -36,7 +36,7 @@ void showFreshness(const HelperFreshness& freshness) {
     print("The running helper is up to date.\n");
   } else if (freshness.willExit()) {
     print(
-        "The helper's executable has been replaced. It will exit as soon as no generation is\n"
+        "The helper's executable has been replaced. It will exit as soon as no engine is\n"
         "running; the next call starts the new one.\n");
   } else {
     print("The helper's executable has been replaced, but the helper keeps running.\n");

@@ -45,7 +45,7 @@ constexpr std::array commands{
     Command{"capabilities", "show helper version and capabilities", "", {}, {}, runCapabilities},
     Command{"freshness",
             "let an outdated helper exit",
-            "A helper whose executable has been replaced exits once no generation is running;\n"
+            "A helper whose executable has been replaced exits once no engine is running;\n"
             "the next call starts the new one.\n",
             {},
             {},

@@ -409,7 +409,7 @@ int stopProgram(Helper& helper) {
 }
 
 /// A helper does not notice that it has been updated. An editor asks once after it starts, and
-/// again when it learns of an update. The old process goes on until no generation is running; the
+/// again when it learns of an update. The old process goes on until no engine is running; the
 /// next call after it has exited starts the new one.
 int afterUpdate(Helper& helper) {
   const std::string old = helper.owner();

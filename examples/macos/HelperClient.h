@@ -52,7 +52,7 @@ typedef NS_ENUM(NSInteger, HelperFailure) {
     NS_SWIFT_NAME(stopProcess(_:reply:));
 
 /// Once after the editor starts and after it has been updated: a helper whose executable has been
-/// replaced exits as soon as no generation runs, and the next call starts the new one.
+/// replaced exits as soon as no engine runs, and the next call starts the new one.
 - (void)afterUpdate;
 
 @end

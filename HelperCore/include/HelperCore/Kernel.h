@@ -98,8 +98,8 @@ class Kernel {
   /// The wall clock, which may be set back or forward at any moment.
   virtual Instant wallClockTime() const = 0;
 
-  /// The current time by the clock of the processes' start times: an age is this minus the start,
-  /// and is right even after the wall clock was set.
+  /// The current time by the clock of the processes' start times: an age is this minus the start.
+  /// On Linux it is right even after the wall clock was set; macOS has only that one.
   virtual Instant processClockTime() const = 0;
 
   /// The process table, in the kernel's order. Processes of owners other than `owner` may be left

@@ -26,8 +26,8 @@ class ProvenanceCache {
   void record(std::span<const ProcessIdentity> identities, Instant now) TL_EXCLUDES(lock_);
 
   /// Whether the latest listing showed this very process and is, at `now`, between 0 and `ttl` old,
-  /// both included. By the wall clock: after it was set back, a listing authorizes nothing. The
-  /// query changes nothing.
+  /// both included. By the wall clock: while that is set back to before the listing, nothing is
+  /// authorized. The query changes nothing.
   bool isAuthorized(std::int32_t pid, std::int64_t startSec, std::int32_t startUSec,
                     Instant now) const TL_EXCLUDES(lock_);
 

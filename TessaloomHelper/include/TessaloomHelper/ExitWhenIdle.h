@@ -19,7 +19,7 @@ class ExitWhenIdle {
  public:
   static constexpr std::chrono::milliseconds firstCheck{200};
   static constexpr std::chrono::milliseconds nextCheck{500};
-  /// Written to standard error by `exitProcess`, which is the last thing that the process does.
+  /// Written to standard error by `exitProcess`, once every reply has been sent.
   static constexpr std::string_view exitLine =
       "executable replaced on disk; exiting so launchd starts the new build";
 

@@ -23,8 +23,8 @@ struct ServiceContext {
   /// Carries out the rest of an engine call, once its request has been decoded: on another thread,
   /// or at once if calls come on threads that may wait for an engine.
   std::function<void(std::function<void()>)> runEngineCall;
-  std::string shortVersion;  ///< The version the build was given; cleaned and cut to 32 scalars
-                             ///< when answered.
+  std::string shortVersion;       ///< The version to report; cleaned and cut to 32 scalars when
+                                  ///< answered.
   std::size_t maximumReplyBytes;  ///< A larger reply becomes an encoding error.
 };
 
@@ -35,8 +35,8 @@ class HelperService {
 
   /// Carries out one call, `method` being a row of `methods` and `request` the body where it takes
   /// one. The connection's calls come one after the other; only those that run an engine may come
-  /// beside others. `reply` is called exactly once: by methods that run an engine from
-  /// `runEngineCall`, and perhaps after this object is destroyed; by the others before this
+  /// beside others. `reply` is called exactly once: for a decoded request to run an
+  /// engine from `runEngineCall`, and perhaps after this object is destroyed; otherwise before this
   /// returns.
   void call(const Method& method, std::string_view request, const ReplyHandler& reply);
 

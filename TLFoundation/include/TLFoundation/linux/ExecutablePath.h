@@ -9,8 +9,8 @@
 
 namespace tessaloom {
 
-// The path of the file that a process executes, as it was when the process was started: also after
-// the file has been deleted or another has taken its place. Source: proc(5), /proc/PID/exe, whose
+// The path of the file that a process executes: where it is now or, once it has been deleted or
+// another has taken its place, where it was. Source: proc(5), /proc/PID/exe, whose
 // text the kernel ends with " (deleted)" once the file has no such name anymore. The errors are
 // errno values. Safe from any thread.
 
