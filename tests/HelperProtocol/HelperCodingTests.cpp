@@ -16,6 +16,7 @@
 #include <nlohmann/json.hpp>
 
 #include "HelperProtocol/BoundedText.h"
+#include "HelperProtocol/CallLoad.h"
 #include "HelperProtocol/CodingError.h"
 #include "HelperProtocol/EngineStatus.h"
 #include "HelperProtocol/GenerationDTOError.h"
@@ -385,6 +386,16 @@ TEST(ProtocolDocument, EveryRefusedBodyIsRefusedAsDocumented) {
       expectRefusal(error, groups);
     }
   }
+}
+
+TEST(CallLoad, AcceptsSoManyCallsOfEachKind) {
+  CallLoad load;
+  std::vector<std::size_t> accepted(Method::kindCount);
+  for (std::size_t kind = 0; kind < accepted.size(); ++kind) {
+    const CallWeight call{static_cast<Method::Kind>(kind), CallLoad::maximumBytes / 64};
+    for (; load.fits(call); load.add(call)) ++accepted[kind];
+  }
+  EXPECT_EQ(accepted, (std::vector<std::size_t>{64, 64, 16, 16, 16}));
 }
 
 }  // namespace
