@@ -107,6 +107,7 @@ std::expected<Arguments, UsageError> Arguments::parse(std::span<const std::strin
     const std::string name(rule->name);
     if (rule->valueName.empty()) {
       if (attached && isShort(word)) {
+        if (word.contains(' ')) return unknownOption(word, rules);
         return usageError("unknown option \"" + word + "\"; write short options one by one");
       }
       if (attached) return usageError(name + " takes no value");
