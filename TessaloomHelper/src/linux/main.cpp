@@ -119,11 +119,14 @@ int serve() {
 }  // namespace tessaloom
 
 int main(int argc, char** argv) {
-  if (argc > 1 && tessaloom::handleStandardOption(argv[1], "tessaloom-helper", "The session bus"))
-    return 0;
-  if (argc > 1 && *argv[1] == '-') {
-    std::fputs("Usage: tessaloom-helper [--help | --version]\n", stderr);
-    return 2;
+  if (argc > 1) {
+    const auto status =
+        tessaloom::handleStandardOption(argv[1], "tessaloom-helper", "The session bus");
+    if (status) return *status;
+    if (*argv[1] == '-') {
+      std::fputs("Usage: tessaloom-helper [--help | --version]\n", stderr);
+      return 2;
+    }
   }
   try {
     return tessaloom::serve();

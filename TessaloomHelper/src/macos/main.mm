@@ -10,7 +10,10 @@
 #include "StandardOptions.h"
 
 int main(int argc, char** argv) {
-  if (argc > 1 && tessaloom::handleStandardOption(argv[1], "TessaloomHelper", "launchd")) return 0;
+  if (argc > 1) {
+    const auto status = tessaloom::handleStandardOption(argv[1], "TessaloomHelper", "launchd");
+    if (status) return *status;
+  }
   @autoreleasepool {
     // An engine may close its input before all of it is written, and its end must be waited for.
     // The helper may have been started with either signal set otherwise.
