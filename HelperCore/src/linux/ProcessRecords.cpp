@@ -53,8 +53,8 @@ void readAnew(ProcessScan& scan, Entry& entry) {
   const FileDescriptor stat = scan.open(known);
   if (!stat) return;
   entry.residentBytes = residentBytes(scan, known);
-  if (!scan.readFacts(known, stat)) return;
-  if (known.facts->isZombie && known.facts->threads > 1) {
+  const ProcessFacts* facts = scan.readFacts(known, stat);
+  if (facts != nullptr && facts->isZombie && facts->threads > 1) {
     entry.residentBytes = residentBytesOfThreads(scan.proc(), known.pid);
     scan.readFacts(known, stat);
   }
@@ -62,6 +62,7 @@ void readAnew(ProcessScan& scan, Entry& entry) {
 
 void read(ProcessScan& scan, Entry& entry) {
   KnownProcess& known = entry.known;
+  // NOLINTNEXTLINE(bugprone-unchecked-optional-access): what may be reused has facts.
   if (scan.mayBeReused(known) && known.facts->terminal == 0) {
     entry.residentBytes = residentBytes(scan, known);
     entry.isRemembered = known.facts && known.probe.isUnchanged();
@@ -83,6 +84,7 @@ bool isParentAlive(ProcessScan& scan, const ProcessFacts& facts) {
 void readOrphansAgain(ProcessScan& scan) {
   std::vector<Entry*> orphans;
   for (Entry& entry : scan.entries()) {
+    // NOLINTNEXTLINE(bugprone-unchecked-optional-access): what is remembered has facts.
     if (entry.isRemembered && !isParentAlive(scan, *entry.known.facts)) orphans.push_back(&entry);
   }
   for (Entry* orphan : orphans) readAnew(scan, *orphan);
@@ -99,6 +101,7 @@ void readYoungAgain(ProcessScan& scan) {
   if (young.empty()) return;
   scan.clock().sleepPast(lastTick);
   for (Entry* entry : young) {
+    // NOLINTNEXTLINE(bugprone-unchecked-optional-access): only what has facts is young.
     const std::uint64_t startTicks = entry->known.facts->startTicks;
     readAnew(scan, *entry);
     // Another start: the process that was found has exited, and the new one came after the listing

@@ -76,12 +76,12 @@ void ProcessScan::restartProbe(KnownProcess& known) {
   }
 }
 
-bool ProcessScan::readFacts(KnownProcess& known, const FileDescriptor& stat) const {
+const ProcessFacts* ProcessScan::readFacts(KnownProcess& known, const FileDescriptor& stat) const {
   std::array<char, 1024> buffer;
   const auto parsed = parseProcessStat(readStart(stat, buffer));
   if (!parsed) {
     known.forget();
-    return false;
+    return nullptr;
   }
   known.facts = ProcessFacts{.name = std::string{parsed->name},
                              .startTicks = parsed->startTicks,
@@ -90,7 +90,7 @@ bool ProcessScan::readFacts(KnownProcess& known, const FileDescriptor& stat) con
                              .threads = parsed->threads,
                              .isKernelThread = parsed->isKernelThread,
                              .isZombie = parsed->state == 'Z' || parsed->state == 'X'};
-  return true;
+  return &*known.facts;
 }
 
 // Whether nothing but the process itself, and the end of its parent, changes what was read.

@@ -57,8 +57,9 @@ class ProcessScan {
   FileDescriptor open(KnownProcess& known);
 
   /// Ends reading it. `stat` is read last: as long as that succeeds the process has its pid, and
-  /// what was looked up by pid since `open` was its. False, and nothing known, when it has gone.
-  bool readFacts(KnownProcess& known, const FileDescriptor& stat) const;
+  /// what was looked up by pid since `open` was its. The facts; null, and nothing known, when it
+  /// has gone.
+  const ProcessFacts* readFacts(KnownProcess& known, const FileDescriptor& stat) const;
 
   /// Whether one more descriptor may stay open after this listing.
   bool mayKeepOne() { return keep_ && budget_.takeOne(); }

@@ -36,17 +36,18 @@ void read(ProcessScan& scan, Entry& entry, std::int32_t self, bool tablesAreComp
   const FileDescriptor stat = scan.open(known);
   if (!stat) return;
   known.sockets = readSocketDescriptors(scan.proc(), known.pid);
-  if (!scan.readFacts(known, stat)) return;
-  if (known.facts->threads > 1) {
+  const ProcessFacts* facts = scan.readFacts(known, stat);
+  if (facts != nullptr && facts->threads > 1) {
     entry.namespaceMembers = addSocketsOfThreads(scan.proc(), known.pid, *known.sockets);
-    if (!scan.readFacts(known, stat)) return;
+    facts = scan.readFacts(known, stat);
   }
+  if (facts == nullptr) return;
   // Kernel threads share a table that is always empty. Where the kernel compares no tables at all,
   // as in some sandboxes, each may be shared; one that it does not compare is another user's, or of
   // a parent that may not be examined.
   entry.sharesDescriptors =
-      !known.facts->isKernelThread &&
-      (!tablesAreComparable || shareDescriptors(known.pid, known.facts->parentPID).value_or(false));
+      !facts->isKernelThread &&
+      (!tablesAreComparable || shareDescriptors(known.pid, facts->parentPID).value_or(false));
 }
 
 /// Last, when the others' descriptors are known.
@@ -60,7 +61,8 @@ void readOwn(ProcessScan& scan, std::int32_t self) {
 
 void markSharingParents(ProcessScan& scan) {
   for (const Entry& entry : scan.entries()) {
-    if (!entry.sharesDescriptors) continue;
+    // Another user's process, which is marked for the sake of its child, has no facts.
+    if (!entry.sharesDescriptors || !entry.known.facts) continue;
     if (Entry* parent = scan.find(entry.known.facts->parentPID)) parent->sharesDescriptors = true;
   }
 }
