@@ -1,11 +1,11 @@
 #include "HelperCore/ChildProcess.h"
 
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <string>
 
 #include "TLFoundation/PointerArray.h"

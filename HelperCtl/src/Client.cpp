@@ -42,8 +42,7 @@ CallReply callAndWait(Transport& transport, std::string_view method,
   std::optional<EventLoop::Clock::time_point> deadline;
   if (limit) deadline = EventLoop::Clock::now() + *limit;
   loop.run([&answer] { return answer->has_value(); }, deadline);
-  if (!*answer) return std::unexpected(noAnswer(limit.value_or(callTimeLimit)));
-  return std::move(**answer);
+  return std::move(*answer).value_or(std::unexpected(noAnswer(limit.value_or(callTimeLimit))));
 }
 
 CallReply callOnce(std::string_view method, const std::optional<Bytes>& body,

@@ -289,7 +289,7 @@ std::string safeLine(std::string_view text) {
 }
 
 std::string shellWord(std::string_view path) {
-  const std::string text = safeLine(path);
+  std::string text = safeLine(path);
   const bool isPlain = std::ranges::all_of(text, [](unsigned char character) {
     return (character < 0x80 && std::isalnum(character) != 0) ||
            std::string_view("/._-+@").contains(static_cast<char>(character));

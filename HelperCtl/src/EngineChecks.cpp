@@ -75,7 +75,7 @@ std::optional<std::filesystem::path> foundInPath(const std::string& name) {
   const char* variable = std::getenv("PATH");  // NOLINT(concurrency-mt-unsafe): one thread.
   std::istringstream folders(variable == nullptr ? "" : variable);
   for (std::string folder; std::getline(folders, folder, ':');) {
-    const auto candidate = std::filesystem::path(folder) / name;
+    auto candidate = std::filesystem::path(folder) / name;
     struct stat facts{};
     if (folder.starts_with('/') && stat(candidate.c_str(), &facts) == 0 && S_ISREG(facts.st_mode) &&
         access(candidate.c_str(), X_OK) == 0) {
@@ -181,7 +181,7 @@ EngineCheck checkFoundEngine(GenerationEngineID engine, const std::optional<Curr
   Check check{good, std::string(wireValue(engine)), ""};
   const auto executable = resolveEngine(engine, user);
   check.finding = executable ? safeLine(executable->string()) : "found by the helper";
-  if (version.empty() && executable) {
+  if (version.empty() && executable && user) {
     // Where the helper's own probe ran into its time limit, another probe would only do so again.
     const EngineProbe probe = hasHung ? hungProbe() : probeEngine(*executable, *user);
     if (!probe.problem.empty()) {

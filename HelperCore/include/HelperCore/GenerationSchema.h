@@ -4,13 +4,10 @@
 
 #include "HelperProtocol/GenerationEnums.h"
 
-namespace tessaloom {
-
 /// The JSON schema that constrains an engine's answer.
-namespace GenerationSchema {
+namespace tessaloom::GenerationSchema {
 
 /// Compact JSON: 267 characters for `freeText`, 642 for `itemFields`.
 std::string_view text(GenerationShape shape);
-}  // namespace GenerationSchema
 
-}  // namespace tessaloom
+}  // namespace tessaloom::GenerationSchema

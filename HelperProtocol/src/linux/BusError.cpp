@@ -8,7 +8,7 @@ namespace tessaloom {
 
 std::string busErrorName(const ReplyError& error) {
   using enum ReplyError::Category;
-  const std::string helper(HelperConstants::errorDomain);
+  std::string helper(HelperConstants::errorDomain);
   switch (error.category) {
     case decoding:
       return helper + ".DecodingError";

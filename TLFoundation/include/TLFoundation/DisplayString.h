@@ -4,8 +4,6 @@
 #include <string>
 #include <string_view>
 
-namespace tessaloom {
-
 /// Cleans and bounds text from outside before the editor shows it.
 ///
 /// Removed wherever they occur: the controls U+0000 to U+001F and U+007F to U+009F, and the 17
@@ -18,7 +16,7 @@ namespace tessaloom {
 ///
 /// Pure functions, safe from any thread, one pass over the text. No text makes them fail; a
 /// negative limit aborts the process.
-namespace DisplayString {
+namespace tessaloom::DisplayString {
 
 /// The text for a one-line display, at most `limit` scalars: TAB, LF and CR are removed too.
 std::string singleLine(std::string_view text, std::int64_t limit);
@@ -26,6 +24,5 @@ std::string singleLine(std::string_view text, std::int64_t limit);
 /// The text for a display of several lines, at most `limit` scalars: TAB and LF stay, CR is
 /// removed.
 std::string multiLine(std::string_view text, std::int64_t limit);
-}  // namespace DisplayString
 
-}  // namespace tessaloom
+}  // namespace tessaloom::DisplayString

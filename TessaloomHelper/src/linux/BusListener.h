@@ -123,8 +123,8 @@ class BusListener {
   bool isUnreadable_ = false;      ///< Nothing more can be read from the bus.
   std::optional<int> stopSignal_;  ///< nullopt while stopping because nothing can be read.
   Clock::time_point stopDeadline_;
-  std::size_t unanswered_ = 0;        ///< Calls, at the last check while stopping.
-  Clock::time_point lastProgress_{};  ///< When that was last another number.
+  std::size_t unanswered_ = 0;      ///< Calls, at the last check while stopping.
+  Clock::time_point lastProgress_;  ///< When that was last another number.
   std::optional<Clock::time_point> vettedSince_;
 
   // A round trip to the bus that begins when everything is answered and ends without another call

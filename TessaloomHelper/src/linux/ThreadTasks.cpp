@@ -68,7 +68,7 @@ void ThreadTasks::acceptDue() {
   while (!stopping_ && !delayed_.empty() && delayed_.front().due <= Clock::now()) {
     Entries entry;
     entry.splice(entry.end(), delayed_, delayed_.begin());
-    accept(std::move(entry));
+    [[maybe_unused]] const auto error = accept(std::move(entry));
   }
 }
 
