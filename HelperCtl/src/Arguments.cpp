@@ -36,6 +36,7 @@ std::unexpected<UsageError> unknownOption(std::string_view word,
 /// How many characters have to be inserted, deleted or replaced to make one text of the other.
 std::size_t editDistance(std::string_view a, std::string_view b) {
   std::vector<std::size_t> row(b.size() + 1);
+  // NOLINTNEXTLINE(modernize-use-ranges): g++ 12 has no std::ranges::iota.
   std::iota(row.begin(), row.end(), std::size_t{0});
   for (std::size_t i = 0; i < a.size(); ++i) {
     std::size_t diagonal = std::exchange(row[0], i + 1);

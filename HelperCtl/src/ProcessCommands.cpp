@@ -110,6 +110,7 @@ bool matches(const PortSample& sample, const std::string& filter) {
 template <class Record>
 std::vector<std::string> namesOf(const std::vector<ListingColumn<Record>>& columns) {
   std::vector<std::string> names;
+  names.reserve(columns.size());
   for (const auto& column : columns) names.push_back(lowered(column.column.title));
   return names;
 }
@@ -146,7 +147,7 @@ CommandResult Listing<Record>::run() {
     if (lowered(column.column.title) == lowered(order)) order_ = &column;
   }
   if (order_ == nullptr) {
-    std::string titles;
+    std::string titles;  // NOLINT(misc-const-correctness): the loop changes it.
     for (const std::string& name : namesOf(columns_)) {
       titles.append(titles.empty() ? "" : ", ").append(name);
     }
@@ -191,10 +192,12 @@ void Listing<Record>::choose(std::vector<Record>& records) const {
 template <class Record>
 std::vector<std::string> Listing<Record>::lines(const std::vector<Record>& records) const {
   std::vector<Table::Column> titles;
+  titles.reserve(columns_.size());
   for (const auto& column : columns_) titles.push_back(column.column);
   Table table(titles);
   for (const Record& record : records) {
     std::vector<std::string> cells;
+    cells.reserve(columns_.size());
     for (const auto& column : columns_) cells.push_back(column.cell(record));
     table.addRow(std::move(cells));
   }

@@ -26,7 +26,6 @@ constexpr mode_t ownerOnly = S_IRWXU;
 constexpr const char* namePrefix = "tessaloom-generation-";
 
 /// 0, also when something exists at the path already, or the error.
-// NOLINTNEXTLINE(misc-no-recursion): no deeper than the path is long.
 int makeDirectories(const std::filesystem::path& path) {
   int made = ::mkdir(path.c_str(), ownerOnly);
   if (made != 0 && errno == ENOENT && path.has_parent_path()) {

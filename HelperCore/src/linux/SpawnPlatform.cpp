@@ -2,7 +2,6 @@
 
 #include <linux/close_range.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -12,13 +11,14 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 
 // The C library's own name of clone(2). Sanitizers put a version of their own behind the other
 // name, which takes the child for a process with a memory of its own.
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl*,readability-identifier-naming)
 extern "C" int __clone(int (*function)(void*), void* stack, int flags, void* argument, ...);
 
 // What the child executes carries no instrumentation: it would change the sanitizer's picture of

@@ -41,6 +41,7 @@ concept HashableRecord = requires(const Record& record) {
 }  // namespace tessaloom
 
 template <tessaloom::HashableRecord Record>
+// NOLINTNEXTLINE(cert-dcl58-cpp): only for records of this project.
 struct std::hash<Record> {
   std::size_t operator()(const Record& record) const noexcept { return record.hash(); }
 };

@@ -328,8 +328,7 @@ void BusListener::startRoundTrip() {
 int BusListener::endAtOnce(std::string_view reason) {
   try {
     logLine(reason);
-  } catch (const std::bad_alloc&) {
-    // The exit status remains.
+  } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch): the exit status remains.
   }
   const auto deadline = Clock::now() + stopLimit;
   while (scheduler_.hasRunningCalls() && Clock::now() < deadline) {
@@ -389,7 +388,7 @@ void BusListener::waitForCompletions() {
 }
 
 void BusListener::readSignals() {
-  while (const auto signal = collaborators_.signals.next()) beginStopping(*signal);
+  while (const auto signal = collaborators_.signals.next()) beginStopping(signal);
 }
 
 int BusListener::onCall(sd_bus_message* call, void* userdata, sd_bus_error*) {

@@ -24,7 +24,8 @@ std::size_t sizeOf(const CallOutcome& outcome) {
 }
 
 CallOutcome outcomeOf(Reply reply) {
-  return std::visit([](auto&& value) { return CallOutcome(std::move(value)); }, std::move(reply));
+  return std::visit([](auto&& value) { return CallOutcome(std::forward<decltype(value)>(value)); },
+                    std::move(reply));
 }
 
 }  // namespace
@@ -137,6 +138,7 @@ void CallScheduler::sendReplies() {
       if (caller.finished.empty()) continue;
       if (next == nullptr || caller.lastReply < next->lastReply) next = &caller;
     }
+    // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): some caller has the finished calls.
     next->lastReply = ++turns_;
     send(next->finished.front());
   }
@@ -145,7 +147,7 @@ void CallScheduler::sendReplies() {
 // What a call's work took cannot be inferred from its request and reply: a listing that failed has
 // taken as much as one that did not. Where there is little to give back this takes microseconds.
 void CallScheduler::releaseMemory() {
-  if (unanswered_ == 0 && std::exchange(hasFreedMemory_, false)) ::malloc_trim(0);
+  if (unanswered_ == 0 && std::exchange(hasFreedMemory_, false)) (void)::malloc_trim(0);
 }
 
 CallScheduler::Caller* CallScheduler::find(pid_t process) {

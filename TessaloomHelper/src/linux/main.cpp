@@ -54,9 +54,11 @@ void secureDescriptors() {
 /// freed, and then keeps blocks of that size in an arena for each thread.
 void limitFreedMemory() {
   constexpr int threshold = 128 * 1024;
+  // NOLINTBEGIN(concurrency-mt-unsafe): no other thread has been started.
   ::mallopt(M_MMAP_THRESHOLD, threshold);
   ::mallopt(M_TRIM_THRESHOLD, threshold);
   ::mallopt(M_ARENA_MAX, 2);
+  // NOLINTEND(concurrency-mt-unsafe)
 }
 
 int serve() {
@@ -124,7 +126,7 @@ int main(int argc, char** argv) {
         tessaloom::handleStandardOption(argv[1], "tessaloom-helper", "The session bus");
     if (status) return *status;
     if (*argv[1] == '-') {
-      std::fputs("Usage: tessaloom-helper [--help | --version]\n", stderr);
+      (void)std::fputs("Usage: tessaloom-helper [--help | --version]\n", stderr);
       return 2;
     }
   }
