@@ -223,6 +223,7 @@ void BusListener::beginExit() {
   phase_ = Phase::exiting;
   roundTrips_ = 0;
   vettedSince_.reset();
+  stopDeadline_ = Clock::now() + stopLimit;
   isStopAnnounced_ = true;
   name_.release();
 }
@@ -253,10 +254,15 @@ std::optional<int> BusListener::advanceExit() {
     takeNameBack();
     return std::nullopt;
   }
-  if (!isSettled() || isAsking_) return std::nullopt;
-  if (arrivalsConfirmed_ != arrivals_ && roundTrips_ < maximumRoundTrips) {
-    startRoundTrip();
-    return std::nullopt;
+  // A caller that goes on calling by the unique name may leave no moment without an unanswered
+  // call.
+  if (scheduler_.hasEngineCalls()) stopDeadline_ = Clock::now() + stopLimit;
+  if (Clock::now() < stopDeadline_) {
+    if (!isSettled() || isAsking_) return std::nullopt;
+    if (arrivalsConfirmed_ != arrivals_ && roundTrips_ < maximumRoundTrips) {
+      startRoundTrip();
+      return std::nullopt;
+    }
   }
   logLine(ExitWhenIdle::exitLine);
   return 0;
@@ -324,12 +330,9 @@ void BusListener::startRoundTrip() {
   }
 }
 
-// Also in the lack of memory: what a step needs then may be there at the next turn.
+// Also in the lack of memory: what a step needs then may be there at the next turn. A session ends
+// the bus and the helper at the same moment; then the signal is the reason.
 int BusListener::endAtOnce(std::string_view reason) {
-  try {
-    logLine(reason);
-  } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch): the exit status remains.
-  }
   const auto deadline = Clock::now() + stopLimit;
   while (scheduler_.hasRunningCalls() && Clock::now() < deadline) {
     try {
@@ -339,6 +342,12 @@ int BusListener::endAtOnce(std::string_view reason) {
     } catch (const std::bad_alloc&) {
       continue;
     }
+  }
+  try {
+    readSignals();
+    if (stopSignal_) return reportEnd(*stopSignal_);
+    logLine(reason);
+  } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch): the exit status remains.
   }
   return 1;
 }
@@ -397,6 +406,7 @@ int BusListener::onCall(sd_bus_message* call, void* userdata, sd_bus_error*) {
   return withoutExceptions([&] {
     auto& listener = *static_cast<BusListener*>(userdata);
     ++listener.arrivals_;
+    listener.failures_ = 0;
     return listener.peers_.authorize(call);
   });
 }
