@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
+#include <ranges>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -40,28 +41,28 @@ bool isBelow(const std::filesystem::path& file, const std::filesystem::path& fol
   return target.starts_with(std::filesystem::weakly_canonical(folder, error).string() + "/");
 }
 
-/// What to do about the first file of the engine's name in the search locations that was rejected;
+/// What to do about the last file of the engine's name in the search locations that was rejected;
 /// empty if none was.
 std::string adviceForRejected(std::string_view name, const CurrentUser& user) {
   using enum BinaryRejection::Kind;
-  for (const auto& location : BinaryAllowlist::searchLocations(user.homeDirectory)) {
+  const auto locations = BinaryAllowlist::searchLocations(user.homeDirectory);
+  for (const auto& location : std::views::reverse(locations)) {
     const auto candidate =
         BinaryAllowlist::resolve(name, {location}, getuid(), BinaryAllowlist::readFacts);
     if (candidate || candidate.error().kind == notFound) continue;
     const auto file = location / name;
     const std::string path = shellWord(file.string());
-    const std::string target = " $(readlink -f " + path + ")";
     struct stat facts{};
     (void)stat(file.c_str(), &facts);
     if (candidate.error().kind == wrongOwner) {
       // A file outside the home directory may serve other users, too, who all accept root's.
       return isBelow(file, user.homeDirectory)
-                 ? "Make it your own: sudo chown " + user.loginName + target
-                 : "Make it root's: sudo chown root" + target;
+                 ? "Make it your own: sudo chown " + user.loginName + " " + path
+                 : "Make it root's: sudo chown root " + path;
     }
     if (candidate.error().kind == writableByGroupOrOther) {
       return std::string("Remove write permission for others: ") +
-             (facts.st_uid == getuid() ? "" : "sudo ") + "chmod go-w" + target;
+             (facts.st_uid == getuid() ? "" : "sudo ") + "chmod go-w " + path;
     }
     return (S_ISDIR(facts.st_mode) ? "It is a directory; remove or rename it: "
                                    : "Make it an executable file, or remove it: ") +
