@@ -8,6 +8,7 @@
 namespace tessaloom {
 namespace {
 
+/// What every engine is given.
 constexpr std::string_view rules =
     "You are a text generation service inside a document editor. You return only the requested "
     "artifact and nothing else.\n\n"
@@ -29,10 +30,6 @@ std::string searchPath(const std::filesystem::path& homeDirectory) {
 }
 
 }  // namespace
-
-std::string_view CLIInvocationBuilder::systemText() {
-  return rules;
-}
 
 std::vector<std::filesystem::path> CLIInvocationBuilder::searchLocations(
     const std::filesystem::path& homeDirectory) {

@@ -195,13 +195,10 @@ GenerationErrorPayload GenerationOutputParser::classifyFailure(std::int32_t exit
 }
 
 std::string GenerationOutputParser::stripCodeFence(std::string_view text) {
-  // Two fences and a line feed between them.
-  constexpr std::size_t shortestFenced = 7;
-
   const std::string_view trimmed = Unicode::trimmed(text);
   const std::size_t firstLineFeed = trimmed.find('\n');
   if (firstLineFeed == std::string_view::npos || !trimmed.starts_with(fence) ||
-      !trimmed.ends_with(fence) || Unicode::characterCount(trimmed) < shortestFenced)
+      !trimmed.ends_with(fence))
     return std::string(trimmed);
 
   const std::string_view information = trimmed.substr(fence.size(), firstLineFeed - fence.size());

@@ -11,7 +11,8 @@ namespace {
 // hold what it does not see.
 
 TEST(CLIInvocationBuilder, ComposesTheInput) {
-  const std::string rules = "OUTPUT RULES\n" + std::string(CLIInvocationBuilder::systemText());
+  const std::string rules =
+      "OUTPUT RULES\n" + CLIInvocationBuilder::claudeArguments(GenerationShape::freeText).at(11);
   const auto promptOf = [](const std::string& instructions) {
     return CLIInvocationBuilder::prompt(instructions, " p\n");
   };

@@ -19,9 +19,6 @@ inline constexpr std::chrono::seconds probeTimeLimit{10};
 /// safe from any thread.
 namespace CLIInvocationBuilder {
 
-/// The rules that every engine is given, 463 characters.
-std::string_view systemText();
-
 std::vector<std::filesystem::path> searchLocations(const std::filesystem::path& homeDirectory);
 
 /// The nine variables of an engine.
