@@ -71,7 +71,7 @@ class CLIRunner {
 
   /// Ends the registered run of this id: SIGTERM, and SIGKILL 3 seconds later if its leader still
   /// lives. True when it was running. The id is remembered in every case until a run of that id
-  /// cleans up, which then reports `cancelled`.
+  /// cleans up, which then reports `cancelled` unless its deadline has passed.
   bool cancel(const UUID& requestID) TL_EXCLUDES(lock_);
 
   /// How many generations are registered.
