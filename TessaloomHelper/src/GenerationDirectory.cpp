@@ -61,25 +61,25 @@ FileDescriptor openAccessible(int parent, const char* name) {
   return directory;
 }
 
-/// Opens a directory and takes the lock that says how it is used: LOCK_SH while it is, LOCK_EX to
-/// remove it. EBUSY when another process's use does not allow this one, ENOENT also when it was
-/// removed before the lock was taken, EXDEV when another file system than that of `parent` is
-/// mounted there.
+/// Opens a directory, or the one of that name in `parent`, and takes the lock that says how it is
+/// used: LOCK_SH while it is, LOCK_EX to remove it. EBUSY when another process's use does not allow
+/// this one, ENOENT also when it was removed before the lock was taken, EXDEV when another file
+/// system than that of `parent` is mounted there.
 std::expected<FileDescriptor, int> openLocked(const std::filesystem::path& directory, int lock,
                                               const FileDescriptor& parent = {}) {
   FileDescriptor opened =
-      parent ? openNestedDirectory(parent.get(), directory.filename().c_str())
+      parent ? openNestedDirectory(parent.get(), directory.c_str())
              : FileDescriptor(
                    ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!opened) return std::unexpected(errno);
   struct stat facts{};
   // Where a file system has no locks, nothing is removed.
-  if (::flock(opened.get(), lock | LOCK_NB) != 0 && (errno == EWOULDBLOCK || lock == LOCK_EX)) {
-    return std::unexpected(EBUSY);
-  }
+  const bool isRefused =
+      ::flock(opened.get(), lock | LOCK_NB) != 0 && (errno == EWOULDBLOCK || lock == LOCK_EX);
   if (::fstat(opened.get(), &facts) != 0) return std::unexpected(errno);
   if (facts.st_nlink == 0) return std::unexpected(ENOENT);
   if (!isPrivate(facts)) return std::unexpected(EACCES);
+  if (isRefused) return std::unexpected(EBUSY);
   return opened;
 }
 
@@ -168,8 +168,10 @@ std::expected<FileDescriptor, int> openPrivateDirectory(const std::filesystem::p
   constexpr std::chrono::seconds limit{1};
   constexpr std::chrono::milliseconds pause{1};  // Removing it mostly takes less.
   const auto end = Clock::now() + limit;
+  // Nothing is allocated once the directory is made: a failure would leave it behind.
+  const auto place = parent ? directory.filename() : directory;
   for (;;) {
-    auto opened = openLocked(directory, LOCK_SH, parent);
+    auto opened = openLocked(place, LOCK_SH, parent);
     if (opened || Clock::now() > end) return opened;
     int error = opened.error();
     if (error == ENOENT) error = makeDirectories(directory);
@@ -202,24 +204,28 @@ std::expected<GenerationDirectory, int> GenerationDirectory::create(
     std::chrono::milliseconds removalLimit) {
   const auto parent = openPrivateDirectory(temporaryDirectory);
   if (!parent) return std::unexpected(parent.error());
-  const std::string name = namePrefix + requestID.string();
-  auto path = temporaryDirectory / name;
-  auto directory = openPrivateDirectory(path, *parent);
+  GenerationDirectory made(temporaryDirectory, namePrefix + requestID.string(), removalLimit);
+  auto directory = openPrivateDirectory(made.path_, *parent);
   if (!directory) {
-    removeAnything(parent->get(), name.c_str(), Clock::now() + removalLimit);
+    removeAnything(parent->get(), made.name_.c_str(), Clock::now() + removalLimit);
     return std::unexpected(directory.error());
   }
-  return GenerationDirectory(std::move(path), std::move(*directory), removalLimit);
+  made.directory_ = std::move(*directory);
+  return made;
 }
 
 GenerationDirectory::~GenerationDirectory() {
-  if (!directory_) return;  // Moved from.
+  if (!directory_) return;  // Not made, or moved from.
   if (::rmdir(path_.c_str()) == 0) return;
   allowRemoval(directory_.get(), ".");
   ::fchmod(directory_.get(), ownerOnly);
-  TreeRemoval(std::move(directory_), Clock::now() + removalLimit_).run();
+  const auto end = Clock::now() + removalLimit_;
+  TreeRemoval(std::move(directory_), end).run();
+  if (::rmdir(path_.c_str()) == 0) return;
   // The engine may have put something else in its place.
-  if (::rmdir(path_.c_str()) != 0) ::unlink(path_.c_str());
+  const FileDescriptor parent(
+      ::open(parent_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  removeAnything(parent.get(), name_.c_str(), end);
 }
 
 std::expected<std::filesystem::path, int> GenerationDirectory::write(const std::string& name,

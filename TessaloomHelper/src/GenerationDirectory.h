@@ -3,7 +3,9 @@
 #include <chrono>
 #include <expected>
 #include <filesystem>
+#include <string>
 #include <string_view>
+#include <utility>
 
 #include "HelperProtocol/UUID.h"
 #include "TLFoundation/FileDescriptor.h"
@@ -54,12 +56,17 @@ class GenerationDirectory {
                                                   std::string_view text) const;
 
  private:
-  GenerationDirectory(std::filesystem::path path, FileDescriptor directory,
+  GenerationDirectory(std::filesystem::path parent, std::string name,
                       std::chrono::milliseconds removalLimit)
-      : path_(std::move(path)), directory_(std::move(directory)), removalLimit_(removalLimit) {}
+      : parent_(std::move(parent)),
+        name_(std::move(name)),
+        path_(parent_ / name_),
+        removalLimit_(removalLimit) {}
 
-  std::filesystem::path path_;
-  FileDescriptor directory_;  ///< Kept open so that removal does not depend on getting one.
+  std::filesystem::path parent_;
+  std::string name_;
+  std::filesystem::path path_;  ///< Of these two; the destructor must not allocate.
+  FileDescriptor directory_;    ///< Kept open so that removal does not depend on getting one.
   std::chrono::milliseconds removalLimit_;
 };
 

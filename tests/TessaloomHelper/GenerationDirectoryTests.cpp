@@ -115,6 +115,9 @@ TEST(GenerationDirectoryTest, UnusedDirectoryIsRemovedWithoutHarmToWhoStartsToUs
     const FileDescriptor removing(::open(perUser.c_str(), O_RDONLY));
     ASSERT_EQ(::flock(removing.get(), LOCK_EX), 0);
     EXPECT_EQ(openPrivateDirectory(perUser), std::unexpected(EBUSY)) << "after a second";
+    fs::permissions(perUser, fs::perms{0755});
+    EXPECT_EQ(openPrivateDirectory(perUser), std::unexpected(EACCES));
+    fs::permissions(perUser, fs::perms{0700});
   }
   std::atomic<bool> isDone = false;
   std::thread exiting([&] {
@@ -180,7 +183,9 @@ TEST(GenerationDirectoryTest, RemovesWhateverAnEngineLeft) {
       const auto cluttered = GenerationDirectory::create(perUser.path(), id).value();
       clutter(cluttered.path(), elsewhere.path());
       const auto replaced = GenerationDirectory::create(perUser.path(), UUID::random()).value();
-      if (!fs::remove(replaced.path())) std::_Exit(4);
+      const auto recreated = GenerationDirectory::create(perUser.path(), UUID::random()).value();
+      if (!fs::remove(replaced.path()) || !fs::remove(recreated.path())) std::_Exit(4);
+      clutter(recreated.path(), elsewhere.path());
       fs::create_directory_symlink(elsewhere.path(), replaced.path());
     }
     std::_Exit(fs::is_empty(perUser.path()) ? 0 : 3);
