@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
+#include <iterator>
 #include <ranges>
 
 #include <nlohmann/json.hpp>
@@ -18,6 +20,39 @@ constexpr double beyondIntegers = 9223372036854775808.0;  // 2^63
 std::string invalidAt(std::size_t byte, std::string_view problem) {
   return "is not valid JSON at byte " + std::to_string(byte) + ": " + std::string(problem);
 }
+
+/// Reads a text with each line feed, return and tab outside strings as a space, which means the
+/// same. For its message about a text that is not JSON, which is not used here, the library writes
+/// each control character since the last string or number as eight, in several copies.
+class SpacingIterator {
+ public:
+  using iterator_category = std::input_iterator_tag;
+  using value_type = char;
+  using difference_type = std::ptrdiff_t;
+  using pointer = const char*;
+  using reference = char;
+
+  explicit SpacingIterator(const char* next) : next_(next) {}
+
+  char operator*() const {
+    const bool isSpace = *next_ == '\n' || *next_ == '\r' || *next_ == '\t';
+    return isSpace && !isInString_ ? ' ' : *next_;
+  }
+  SpacingIterator& operator++() {
+    if (*next_ == '"' && !isEscaped_) isInString_ = !isInString_;
+    isEscaped_ = *next_ == '\\' && !isEscaped_;
+    ++next_;
+    return *this;
+  }
+  friend bool operator==(const SpacingIterator& a, const SpacingIterator& b) {
+    return a.next_ == b.next_;
+  }
+
+ private:
+  const char* next_;
+  bool isInString_ = false;
+  bool isEscaped_ = false;
+};
 
 /// Passes the library's events to the targets. The library keeps its own stack on the heap.
 class Router final : public nlohmann::json_sax<json> {
@@ -115,7 +150,8 @@ std::optional<std::string> JSONReader::read(std::string_view text, JSONTarget& t
   if (text.starts_with("\xEF\xBB\xBF")) return invalidAt(1, "a byte order mark");
   const auto end = std::min(text.find('\0'), text.size());
   Router router(target);
-  const bool wasRead = json::sax_parse(text.data(), text.data() + end, &router);
+  const bool wasRead =
+      json::sax_parse(SpacingIterator(text.data()), SpacingIterator(text.data() + end), &router);
   if (end < text.size() && (wasRead || router.failedAt() > end)) return invalidAt(end + 1, "a NUL");
   if (wasRead) return std::nullopt;
   return router.takeProblem();

@@ -25,7 +25,8 @@ class JSONEncoder {
 /// accepted for a number, nor a number for a boolean. An optional field may be null, which is the
 /// same as no key; keys that the record does not have are ignored. Dates may have a numeric offset
 /// instead of the Z. Memory is bounded by what the record keeps and about four times the longest
-/// token of the body, with the white space before it. Holds no state: make one for each message.
+/// token of the body, with the white space before it, or eight times a body that is not JSON. Holds
+/// no state: make one for each message.
 class JSONDecoder {
  public:
   /// Throws DecodingError, or what the record's own checks throw (GenerationDTOError,
