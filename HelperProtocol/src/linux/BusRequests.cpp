@@ -184,13 +184,16 @@ void BusRequests::setOwner(Destination& destination, std::string_view owner) {
 // next one asks for the owner again.
 void BusRequests::fail(std::string destination, sd_bus_message* error) {
   destinations_.remove_if([&](const Destination& one) { return one.name == destination; });
-  std::list<Call> failed;
-  for (auto call = calls_.begin(); call != calls_.end();) {
-    const auto next = std::next(call);
-    if (call->destination == destination) failed.splice(failed.end(), calls_, call);
-    call = next;
+  // A handler may end any call and make others, which are appended.
+  for (const std::uint64_t last = lastId_;;) {
+    const auto next = std::ranges::find_if(calls_, [&](const Call& call) {
+      return call.id <= last && call.destination == destination;
+    });
+    if (next == calls_.end()) return;
+    std::list<Call> failed;
+    failed.splice(failed.end(), calls_, next);
+    failed.front().handler(error);
   }
-  for (const Call& call : failed) call.handler(error);
 }
 
 void BusRequests::cancel(std::uint64_t id) {
