@@ -28,6 +28,7 @@ class Helper {
   #client = spawn("tessaloom-helperctl", ["session"], { stdio: ["pipe", "pipe", "inherit"] });
   #waiting = new Map();
   #lastCall = 0;
+  #failure;
 
   constructor() {
     this.#client.stdin.on("error", () => {}); // Reported where the replies end.
@@ -39,6 +40,7 @@ class Helper {
 
   call(method, request) {
     return new Promise((resolve, reject) => {
+      if (this.#failure) return reject(this.#failure);
       this.#waiting.set(++this.#lastCall, { resolve, reject });
       this.#client.stdin.write(request ? `${method} ${JSON.stringify(request)}\n` : `${method}\n`);
     });
@@ -59,7 +61,8 @@ class Helper {
   }
 
   #fail(description) {
-    for (const { reject } of this.#waiting.values()) reject(new HelperError("unreachable", description));
+    this.#failure ??= new HelperError("unreachable", description);
+    for (const { reject } of this.#waiting.values()) reject(this.#failure);
     this.#waiting.clear();
   }
 }

@@ -419,7 +419,8 @@ int afterUpdate(Helper& helper) {
     std::puts("The helper is up to date.");
     return 0;
   }
-  Helper::runUntil([&helper] { return !helper.isRunning(); });
+  // Another caller may have started the new one already.
+  Helper::runUntil([&] { return helper.owner() != old; });
   const std::optional<Failure> failure = checkHelper(helper);
   if (failure) return complain(*failure);
   Helper::runUntil([&helper] { return helper.isRunning(); });

@@ -97,6 +97,8 @@ def main(words):
 if __name__ == "__main__":
     try:
         main(sys.argv[1:])
+    except FileNotFoundError:
+        sys.exit("tessaloom-helperctl is not installed.")
     except HelperError as error:
         if error.kind == "notAuthenticated":
             sys.exit(f"Sign in to the engine first: {error}")
