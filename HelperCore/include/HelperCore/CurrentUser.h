@@ -16,8 +16,7 @@ struct CurrentUser {
 
 /// From the user database, getpwuid_r(getuid()), which is read anew at every call; no environment
 /// variable is read. nullopt if the database has no such user, gives it no absolute home
-/// directory, or cannot be read. Safe from any
-/// thread.
+/// directory, or cannot be read. Safe from any thread.
 std::optional<CurrentUser> lookUpCurrentUser();
 
 }  // namespace tessaloom
