@@ -60,6 +60,9 @@ NSErrorUserInfoKey const NSLocalizedDescriptionKey = @"NSLocalizedDescription";
 - (NSUInteger)length {
   return static_cast<NSUInteger>(_length);
 }
+- (NSUInteger)lengthOfBytesUsingEncoding:(NSStringEncoding)enc {
+  return self.length;
+}
 @end
 
 @implementation HeapString {
@@ -84,6 +87,9 @@ NSErrorUserInfoKey const NSLocalizedDescriptionKey = @"NSLocalizedDescription";
   return _text.c_str();
 }
 - (NSUInteger)length {
+  return _text.size();
+}
+- (NSUInteger)lengthOfBytesUsingEncoding:(NSStringEncoding)enc {
   return _text.size();
 }
 @end

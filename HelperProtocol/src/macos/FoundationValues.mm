@@ -22,7 +22,8 @@ NSString* stringFromText(std::string_view text) {
 
 std::string textFromString(NSString* string) {
   const char* text = string.UTF8String;
-  return text != nullptr ? std::string(text) : std::string();
+  if (text == nullptr) return {};
+  return {text, [string lengthOfBytesUsingEncoding:NSUTF8StringEncoding]};
 }
 
 NSError* errorFromReplyError(const ReplyError& error) {

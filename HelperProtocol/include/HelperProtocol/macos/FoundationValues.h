@@ -19,7 +19,7 @@ Bytes bytesFromData(NSData* _Nullable data);
 /// The text must be valid UTF-8; anything else gives the empty string.
 NSString* _Nonnull stringFromText(std::string_view text);
 
-/// UTF-8, up to a NUL; nil gives the empty text.
+/// UTF-8; nil gives the empty text.
 std::string textFromString(NSString* _Nullable string);
 
 /// The key of an error's user information that holds the kind of a generation failure.

@@ -69,6 +69,7 @@ enum : NSStringEncoding { NSUTF8StringEncoding = 4 };
 
 @interface NSString (NSStringExtensionMethods)
 @property(nullable, readonly) const char* UTF8String NS_RETURNS_INNER_POINTER;
+- (NSUInteger)lengthOfBytesUsingEncoding:(NSStringEncoding)enc;
 - (nullable instancetype)initWithBytes:(const void*)bytes
                                 length:(NSUInteger)length
                               encoding:(NSStringEncoding)encoding;
