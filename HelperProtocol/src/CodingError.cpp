@@ -15,8 +15,6 @@ std::string message(const std::string& path, const std::string& problem) {
 }  // namespace
 
 DecodingError::DecodingError(Kind kind, const std::string& path, const std::string& problem)
-    : std::runtime_error(message(path, problem)),
-      kind_(kind),
-      path_(DisplayString::singleLine(path, messageLimit)) {}
+    : std::runtime_error(message(path, problem)), kind_(kind) {}
 
 }  // namespace tessaloom

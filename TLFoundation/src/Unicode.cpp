@@ -115,7 +115,7 @@ std::string_view lastCharacters(std::string_view text, std::size_t count) {
 std::string_view trimmed(std::string_view text) {
   while (!text.empty()) {
     const auto first = UTF8::decode(text, 0);
-    if (!first.wellFormed || !isWhiteSpace(first.scalar)) break;
+    if (!isWhiteSpace(first.scalar)) break;
     text.remove_prefix(first.length);
   }
   while (!text.empty()) {

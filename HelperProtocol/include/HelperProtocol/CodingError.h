@@ -27,11 +27,9 @@ class DecodingError : public std::runtime_error {
   DecodingError(Kind kind, const std::string& path, const std::string& problem);
 
   Kind kind() const { return kind_; }
-  const std::string& path() const { return path_; }
 
  private:
   Kind kind_;
-  std::string path_;
 };
 
 /// A record that cannot be written. The numeric value of a kind is the code that a reply's error

@@ -27,8 +27,6 @@ class UUID {
   /// The canonical upper-case form, 36 characters.
   std::string string() const;
 
-  const std::array<std::uint8_t, 16>& bytes() const { return bytes_; }
-
   friend bool operator==(const UUID&, const UUID&) = default;
   std::size_t hash() const noexcept {
     return hashFields(
