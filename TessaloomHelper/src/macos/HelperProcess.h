@@ -14,9 +14,9 @@ namespace tessaloom {
 /// anything that a newer build could overtake.
 const ServiceContext& serviceContext();
 
-/// Counts a call as open until every copy of the result is destroyed. A replaced helper exits only
-/// once no engine call is open, and waits a limited time for the others; after a signal it waits a
-/// limited time for all of them.
+/// Counts a call as open until every copy of the result is destroyed. The helper exits only once
+/// no engine call is open, after a signal also past a time limit, and waits a limited time for the
+/// others.
 std::shared_ptr<void> openCall(Method::Kind kind);
 
 /// From here on the signals with which a user or a session ends a process end this one in order:

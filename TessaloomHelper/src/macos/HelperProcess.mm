@@ -26,8 +26,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// How long a replaced helper whose engines' calls are answered waits for a pause between brief
-/// calls. Callers that never pause would keep it running; one brief call may then be interrupted.
+/// How long a helper that is to exit and whose engines' calls are answered waits for a pause
+/// between brief calls. Callers that never pause would keep it running; one brief call may then be
+/// interrupted.
 constexpr std::chrono::seconds pauseLimit{2};
 /// How long a termination signal waits for the engines, and how often it looks. launchd kills what
 /// is left after 20 seconds, because the agent's property list says so.
@@ -124,7 +125,7 @@ void HelperProcess::stop(int signal) {
 }
 
 void HelperProcess::exitOnceAnswered(int signal, Clock::time_point deadline) {
-  if (openCalls_.isEmpty() || Clock::now() >= deadline) {
+  if (openCalls_.isPause(pauseLimit) || Clock::now() >= deadline) {
     std::exit(reportEnd(signal));
   }
   const std::chrono::nanoseconds tick = stopTick;

@@ -17,11 +17,6 @@ std::shared_ptr<void> OpenCalls::open(Method::Kind kind) {
           }};
 }
 
-bool OpenCalls::isEmpty() const {
-  const MutexLock locked(lock_);
-  return open_.empty();
-}
-
 bool OpenCalls::isPause(std::chrono::seconds limit) {
   const MutexLock locked(lock_);
   if (std::ranges::any_of(std::views::keys(open_), Method::runsEngine)) {

@@ -18,14 +18,12 @@ class OpenCalls {
   /// A call is open for as long as a copy of what this returns exists.
   std::shared_ptr<void> open(Method::Kind kind) TL_EXCLUDES(lock_);
 
-  bool isEmpty() const TL_EXCLUDES(lock_);
-
   /// Whether the process may exit now: no call is open; or none that runs an engine, and brief
   /// calls have left no pause for `limit`, since this function first found no engine's call open.
   bool isPause(std::chrono::seconds limit) TL_EXCLUDES(lock_);
 
  private:
-  mutable Mutex lock_;
+  Mutex lock_;
   std::map<Method::Kind, std::size_t> open_ TL_GUARDED_BY(lock_);  ///< None is 0.
   std::optional<std::chrono::steady_clock::time_point> pauseAwaited_ TL_GUARDED_BY(lock_);
 };
