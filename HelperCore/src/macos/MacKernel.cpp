@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <map>
 #include <string>
 
 #include "HelperCore/Kernel.h"
@@ -109,11 +110,16 @@ class MacKernel final : public Kernel {
       return readProcesses(KERN_PROC_ALL, 0, records, bytes);
     });
     std::vector<ProcessRecord> processes;
+    std::map<dev_t, std::string> terminals;  // To find a name takes a search of /dev.
     for (const kinfo_proc& record : table) {
       // The two look-ups for each process are spent on the wanted owner's only.
       if (record.kp_eproc.e_ucred.cr_uid != owner) continue;
       ProcessRecord& process = processes.emplace_back(decodeProcess(record));
-      if (auto terminal = decodeTerminal(record)) process.terminal = deviceName(*terminal);
+      if (auto terminal = decodeTerminal(record)) {
+        const auto [known, isNew] = terminals.try_emplace(*terminal);
+        if (isNew) known->second = deviceName(*terminal);
+        process.terminal = known->second;
+      }
       process.residentBytes = residentBytes(process.pid);
     }
     return processes;
