@@ -33,7 +33,7 @@ final class Assistant {
         if self.running == identifier { self.running = nil }
         switch failure {
         case .none: show(text ?? "")
-        case .cancelled: break
+        case .cancelled: show("Cancelled.")
         case .signIn: show("Sign in to the engine first: \(description)")
         case .connection: show("The helper is not available: \(description)")
         default: show(description)
