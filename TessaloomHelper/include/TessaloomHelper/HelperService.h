@@ -35,8 +35,8 @@ class HelperService {
 
   /// Carries out one call, `method` being a row of `methods` and `request` the body where it takes
   /// one. The connection's calls come one after the other; only those that run an engine may come
-  /// beside others. `reply` is called exactly once: for a decoded request to run an
-  /// engine from `runEngineCall`, and perhaps after this object is destroyed; otherwise before this
+  /// beside others. `reply` is called exactly once: for a decoded request to run an engine,
+  /// from `runEngineCall` and perhaps after this object is destroyed; otherwise before this
   /// returns.
   void call(const Method& method, std::string_view request, const ReplyHandler& reply);
 
