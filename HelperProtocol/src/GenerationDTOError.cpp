@@ -15,8 +15,8 @@ std::string inQuotes(const std::string& text) {
 
 }  // namespace
 
-GenerationDTOError::GenerationDTOError(Kind kind, std::int64_t limit, std::int64_t actual,
-                                       std::string offending, const std::string& message)
+GenerationDTOError::GenerationDTOError(Kind kind, const std::string& message, std::string offending,
+                                       std::int64_t actual, std::int64_t limit)
     : std::runtime_error(message),
       kind_(kind),
       limit_(limit),
@@ -24,49 +24,48 @@ GenerationDTOError::GenerationDTOError(Kind kind, std::int64_t limit, std::int64
       offending_(std::move(offending)) {}
 
 GenerationDTOError GenerationDTOError::at(const std::string& path) const {
-  return {kind_, limit_, actual_, offending_, path.empty() ? what() : path + ": " + what()};
+  return {kind_, path.empty() ? what() : path + ": " + what(), offending_, actual_, limit_};
 }
 
 GenerationDTOError GenerationDTOError::textTooLong(std::int64_t limit, std::int64_t actual) {
   return {Kind::textTooLong,
-          limit,
-          actual,
-          {},
           "The text has " + std::to_string(actual) + " characters, more than the " +
-              std::to_string(limit) + " allowed."};
+              std::to_string(limit) + " allowed.",
+          {},
+          actual,
+          limit};
 }
 
 GenerationDTOError GenerationDTOError::timeoutOutOfRange(std::int64_t seconds, std::int64_t minimum,
                                                          std::int64_t maximum) {
   return {Kind::timeoutOutOfRange,
-          0,
-          seconds,
-          {},
           "A timeout of " + std::to_string(seconds) + " seconds is outside " +
-              std::to_string(minimum) + " to " + std::to_string(maximum) + "."};
+              std::to_string(minimum) + " to " + std::to_string(maximum) + ".",
+          {},
+          seconds};
 }
 
 GenerationDTOError GenerationDTOError::tooManyItems(std::int64_t limit, std::int64_t actual) {
   return {Kind::tooManyItems,
-          limit,
-          actual,
-          {},
           "The list has " + std::to_string(actual) + " entries, more than the " +
-              std::to_string(limit) + " allowed."};
+              std::to_string(limit) + " allowed.",
+          {},
+          actual,
+          limit};
 }
 
 GenerationDTOError GenerationDTOError::unknownEngine(std::string offending) {
   const std::string message = "Unknown engine " + inQuotes(offending) + ".";
-  return {Kind::unknownEngine, 0, 0, std::move(offending), message};
+  return {Kind::unknownEngine, message, std::move(offending)};
 }
 
 GenerationDTOError GenerationDTOError::unknownShape(std::string offending) {
   const std::string message = "Unknown shape " + inQuotes(offending) + ".";
-  return {Kind::unknownShape, 0, 0, std::move(offending), message};
+  return {Kind::unknownShape, message, std::move(offending)};
 }
 
 GenerationDTOError GenerationDTOError::controlCharacters() {
-  return {Kind::controlCharacters, 0, 0, {}, "The text has a control character."};
+  return {Kind::controlCharacters, "The text has a control character."};
 }
 
 }  // namespace tessaloom

@@ -279,7 +279,11 @@ class RecordSlot : public JSONSlot {
     forEach([](std::string_view, JSONSlot& slot) { slot.clear(); });
   }
 
-  auto& slots() { return slots_; }
+  /// The slots of an object; throws for any other value.
+  auto& slots() {
+    require(JSONContainer::object);
+    return slots_;
+  }
 
  private:
   template <class Use>
@@ -305,7 +309,6 @@ class ArraySlot : public JSONSlot {
   JSONTarget* element() override {
     finish();
     if (error_) return nullptr;
-    current_.clear();
     current_.place(*this, count_++);
     isPending_ = true;
     return &current_;
@@ -501,7 +504,6 @@ struct Reading<Signal> {
 template <KeyedRecord Record>
 struct Reading<Record> {
   static Record from(RecordSlot<Record>& slot) {
-    slot.require(JSONContainer::object);
     return std::apply([&](const auto&... fields) { return read(slot, fields...); },
                       Fields<Record>::value);
   }
@@ -519,7 +521,6 @@ struct Reading<Record> {
 template <>
 struct Reading<HelperFreshness> {
   static HelperFreshness from(RecordSlot<HelperFreshness>& slot) {
-    slot.require(JSONContainer::object);
     auto& [isOutdated, willExit] = slot.slots();
     const bool outdated = readMember<bool>(isOutdated);
     return HelperFreshness::asRead(outdated, readMember<bool>(willExit));
@@ -529,7 +530,6 @@ struct Reading<HelperFreshness> {
 template <>
 struct Reading<GeneratedFields> {
   static GeneratedFields from(RecordSlot<GeneratedFields>& slot) {
-    slot.require(JSONContainer::object);
     auto& [itemDescription, tags, globs, alwaysApply] = slot.slots();
     auto description = readMember<std::string>(itemDescription);
     auto tagList = readMember<std::vector<std::string>>(tags);
@@ -547,7 +547,6 @@ struct Reading<GeneratedFields> {
 template <>
 struct Reading<GenerationRequest> {
   static GenerationRequest from(RecordSlot<GenerationRequest>& slot) {
-    slot.require(JSONContainer::object);
     auto& [requestID, engine, shape, instructions, prompt, timeout] = slot.slots();
     auto instructionsText = readMember<BoundedText>(instructions);
     auto promptText = readMember<BoundedText>(prompt);

@@ -43,14 +43,14 @@ std::string cleaned(std::string_view text, std::int64_t limit, Lines lines) {
   std::string result;
   result.reserve(std::min(text.size(), room));
   std::size_t position = 0;
-  while (position < text.size() && room > 0) {
+  while (true) {
     const std::size_t runLimit = std::min(text.size() - position, room);
     std::size_t run = 0;
     while (run < runLimit && isPrintableASCII(text[position + run])) ++run;
     result.append(text, position, run);
     position += run;
     room -= run;
-    if (position == text.size() || room == 0) break;
+    if (position == text.size() || room == 0) return result;
 
     const auto next = UTF8::decode(text, position);
     position += next.length;
@@ -58,7 +58,6 @@ std::string cleaned(std::string_view text, std::int64_t limit, Lines lines) {
     UTF8::append(result, next.scalar);
     --room;
   }
-  return result;
 }
 
 }  // namespace

@@ -43,7 +43,7 @@ TEST(JSONReaderTests, RefusesWhatIsNotExactlyOneValue) {
       // No value, half a value, more than a value.
       "", "{", "{} {}", "{}\0"s, "{}\0garbage"s, "\0{}"s, "\"\0\""s,
       // What the library or other readers allow.
-      "\xEF\xBB\xBF{}", "[1,]", "// no comment\n1", "NaN", "1e400", "-1e400", "01", "\"\n\"",
+      "\xEF\xBB\xBF{}", "[1,]", "// no comment\n1", "NaN", "1e400", "-1e400", "01", "\"\\\"\n\"",
       // Half surrogates and ill-formed text.
       "\"\\ud800\"", "\"\\udc00\"", "\"\xED\xA0\x80\"", "\"\xF4\x90\x80\x80\"", "\"\x80\""};
   for (const auto& text : texts) EXPECT_FALSE(compact(text)) << testing::PrintToString(text);
@@ -53,8 +53,9 @@ TEST(JSONReaderTests, RefusesWhatIsNotExactlyOneValue) {
       {"[\0]"s, "2: a NUL"},
       {"{}\0x"s, "3: a NUL"},
       {"tr\0"s, "3: a NUL"},
-      {"{} x\0"s, "4: "},
-      {"\xFF{}\0"s, "1: "},
+      {"{} x\0"s, "4: invalid literal"},
+      {"\xFF\0"s, "1: "},
+      {"[\"\\\\\",\"\n\"]", "8: "},
       {"\xEF\xBB\xBF{}", "1: a byte order mark"},
   };
   for (const auto& [text, problem] : rows) {
@@ -65,14 +66,14 @@ TEST(JSONReaderTests, RefusesWhatIsNotExactlyOneValue) {
 
 TEST(JSONReaderTests, TheLastOfDuplicateKeysCounts) {
   JSONSlot inner, kept;
-  JSONText text;
-  JSONObject object{{"inner", &inner}};
+  JSONText text, list;
+  JSONObject nested{}, object{{"inner", &inner}, {"list", &list}, {"nested", &nested}};
   JSONObject root{{"object", &object}, {"kept", &kept}, {"text", &text}};
-  EXPECT_EQ(JSONReader::read(R"({"object":{"inner":1},"kept":1,"text":[1],"object":2,"kept":[],)"
-                             R"("skipped":{"kept":3},"text":"a"})",
+  EXPECT_EQ(JSONReader::read(R"({"object":{"inner":1,"list":[],"nested":{}},"kept":1,"text":[1],)"
+                             R"("object":2,"kept":[],"skipped":{"kept":3},"text":"a"})",
                              root),
             std::nullopt);
-  EXPECT_TRUE(inner.isAbsent());
+  EXPECT_TRUE(inner.isAbsent() && list.isAbsent() && nested.isAbsent());
   EXPECT_TRUE(kept.is(JSONContainer::array));
   EXPECT_EQ(text.text(), "\"a\"");
 }

@@ -63,7 +63,7 @@ TEST(UnicodeTests, CountsCharacters) {
   const std::tuple<const char*, std::string, std::size_t> rows[] = {
       {"empty", "", 0},
       {"NUL is a character", "a\0b"s, 3},
-      {"CR LF is one", "\r\n", 1},
+      {"CR LF is one", "\r\r\n", 2},
       {"CR LF across a word", "0123456\r\n0123456789", 18},
       {"CR LF before an accent", "abcdefgh\r\n\u0301", 10},
       {"accent on the last ASCII letter", "0123456789\u0301x", 11},

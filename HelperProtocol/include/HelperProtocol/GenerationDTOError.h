@@ -53,8 +53,8 @@ class GenerationDTOError : public std::runtime_error {
   }
 
  private:
-  GenerationDTOError(Kind kind, std::int64_t limit, std::int64_t actual, std::string offending,
-                     const std::string& message);
+  GenerationDTOError(Kind kind, const std::string& message, std::string offending = {},
+                     std::int64_t actual = 0, std::int64_t limit = 0);
 
   Kind kind_;
   std::int64_t limit_;
