@@ -43,7 +43,7 @@ TEST(JSONReaderTests, RefusesWhatIsNotExactlyOneValue) {
       // No value, half a value, more than a value.
       "", "{", "{} {}", "{}\0"s, "{}\0garbage"s, "\0{}"s, "\"\0\""s,
       // What the library or other readers allow.
-      "\xEF\xBB\xBF{}", "[1,]", "// no comment\n1", "NaN", "1e400", "-1e400", "01", "\"\\\"\n\"",
+      "\xEF\xBB\xBF{}", "[1,]", "// no comment\n1", "NaN", "1e400", "-1e400", "01", "\"a\\\"\n\"",
       // Half surrogates and ill-formed text.
       "\"\\ud800\"", "\"\\udc00\"", "\"\xED\xA0\x80\"", "\"\xF4\x90\x80\x80\"", "\"\x80\""};
   for (const auto& text : texts) EXPECT_FALSE(compact(text)) << testing::PrintToString(text);
