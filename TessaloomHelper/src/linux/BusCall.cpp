@@ -70,6 +70,12 @@ std::expected<std::string_view, int> requestOf(sd_bus_message* call, const Metho
   return std::string_view(static_cast<const char*>(bytes), size);
 }
 
+std::uint64_t queuedMessages(sd_bus* bus) {
+  std::uint64_t queued = 0;
+  sd_bus_get_n_queued_write(bus, &queued);
+  return queued;
+}
+
 int sendReply(sd_bus_message* call, const CallOutcome& outcome) {
   ReplyMessage message(call);
   int result = std::visit(message, outcome);

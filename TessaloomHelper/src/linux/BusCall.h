@@ -66,6 +66,9 @@ class Responder {
 /// A view of a request's bytes, which the message owns; a negative errno on failure.
 std::expected<std::string_view, int> requestOf(sd_bus_message* call, const Method& method);
 
+/// How many messages wait in the library for the bus to accept them.
+std::uint64_t queuedMessages(sd_bus* bus);
+
 /// Sends the reply to a call: its return value, or an error whose second argument says more than
 /// its name. Returns a negative errno when not even an error could be sent.
 int sendReply(sd_bus_message* call, const CallOutcome& outcome);

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <ctime>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -24,12 +23,8 @@ namespace tessaloom {
 
 namespace {
 
-constexpr std::chrono::milliseconds stopTick{100};
+constexpr int stopTick = 100;  // Milliseconds.
 constexpr std::chrono::seconds starvationLimit{5};
-/// Callers that are being vetted delay the exit no longer than this.
-constexpr std::chrono::seconds vettingLimit{6};
-/// Nor does a caller that keeps calling by the unique name.
-constexpr int maximumRoundTrips = 20;
 /// Messages that wait in the library for the bus to take them.
 constexpr std::uint64_t maximumQueued = 1'024;
 /// What the kernel has can no longer be sent round-robin. The system's own size holds hundreds of
@@ -57,18 +52,6 @@ std::vector<sd_bus_vtable> methodTable(sd_bus_message_handler_t handler) {
   return table;
 }
 
-using std::chrono::microseconds;
-constexpr microseconds unlimited = microseconds::max();
-
-/// How long the library wants to wait at most.
-microseconds waitLimit(sd_bus* bus) {
-  std::uint64_t wakeAt = UINT64_MAX;  // Microseconds of the monotonic clock.
-  if (sd_bus_get_timeout(bus, &wakeAt) < 0 || wakeAt == UINT64_MAX) return unlimited;
-  const auto now =
-      std::chrono::duration_cast<microseconds>(std::chrono::steady_clock::now().time_since_epoch());
-  return std::max(microseconds(static_cast<std::int64_t>(wakeAt)) - now, microseconds(0));
-}
-
 PeerCheckRunner::Check checkOf(PeerRequirement requirement) {
   return [requirement = std::move(requirement),
           runtimeDirectory = userRuntimeDirectory()](pid_t process) -> std::expected<bool, int> {
@@ -76,12 +59,6 @@ PeerCheckRunner::Check checkOf(PeerRequirement requirement) {
     if (!facts) return std::unexpected(facts.error());
     return requirement.admits(*facts);
   };
-}
-
-timespec timespecOf(microseconds duration) {
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
-  return {.tv_sec = seconds.count(),
-          .tv_nsec = std::chrono::nanoseconds(duration - seconds).count()};
 }
 
 void require(int result, const char* what) {
@@ -156,6 +133,7 @@ std::optional<int> BusListener::process() {
     failures_ = 0;
     return std::nullopt;
   }
+  burst_ = maximumBurst;  // Other events come first, but the library is asked again without a wait.
   if (processed == -ENOMEM) {
     if (waitForMemory()) return std::nullopt;
     return endAtOnce("out of memory reading from the session bus");
@@ -169,16 +147,15 @@ std::optional<int> BusListener::process() {
   return std::nullopt;
 }
 
-// A call of an admitted caller, of a method with the right signature.
+// A call that was authorized, of a method in the table with the right signature.
 int BusListener::accept(sd_bus_message* message) {
   const Peer* peer = peers_.find(sd_bus_message_get_sender(message));
-  const Method* method = findMethod(sd_bus_message_get_member(message));
-  if (peer == nullptr || !peer->connection || method == nullptr) return -EINVAL;
+  const Method& method = *findMethod(sd_bus_message_get_member(message));
   if (phase_ == Phase::stopping) {
     return sd_bus_reply_method_errorf(message, SD_BUS_ERROR_FAILED, "The helper is stopping.");
   }
-  if (isStopAnnounced_ && Method::runsEngine(method->kind)) extendStop();
-  return scheduler_.accept(message, *method, peer->connection);
+  if (isStopAnnounced_ && Method::runsEngine(method.kind)) extendStop();
+  return scheduler_.accept(message, method, peer->connection);
 }
 
 std::optional<int> BusListener::advance() {
@@ -221,20 +198,9 @@ void BusListener::beginExit() {
     return collaborators_.context.exitWhenIdle.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
   }
   phase_ = Phase::exiting;
-  roundTrips_ = 0;
-  vettedSince_.reset();
   stopDeadline_ = Clock::now() + stopLimit;
   isStopAnnounced_ = true;
   name_.release();
-}
-
-// The bus may deliver calls until it has taken the name back. One that runs an engine must be
-// served by the owner of the name, so the name is requested again; the bus then delivers the calls
-// that it has kept for the next owner. If the name has another owner by then, the engine runs
-// without the name.
-void BusListener::takeNameBack() {
-  name_.acquire();
-  extendStop();
 }
 
 // A manager that was notified of a stop kills the process when that takes too long; a generation
@@ -250,8 +216,12 @@ std::optional<int> BusListener::advanceExit() {
     collaborators_.context.exitWhenIdle.scheduleExitWhenIdle(ExitWhenIdle::nextCheck);
     return std::nullopt;
   }
+  // The bus may deliver calls until it has taken the name back. One that runs an engine must be
+  // served by the owner of the name, so the name is requested again; the bus then delivers the
+  // calls that it has kept for the next owner. If the name has another owner by then, the engine
+  // runs without the name.
   if (scheduler_.hasEngineCalls() && !name_.failure()) {
-    takeNameBack();
+    name_.acquire();
     return std::nullopt;
   }
   // A caller that goes on calling by the unique name may leave no moment without an unanswered
@@ -259,7 +229,7 @@ std::optional<int> BusListener::advanceExit() {
   if (scheduler_.hasEngineCalls()) stopDeadline_ = Clock::now() + stopLimit;
   if (Clock::now() < stopDeadline_) {
     if (!isSettled() || isAsking_) return std::nullopt;
-    if (arrivalsConfirmed_ != arrivals_ && roundTrips_ < maximumRoundTrips) {
+    if (arrivalsConfirmed_ != arrivals_) {
       startRoundTrip();
       return std::nullopt;
     }
@@ -304,17 +274,10 @@ bool BusListener::isSettled() {
   if ((sd_bus_get_events(collaborators_.bus) & POLLOUT) != 0) return false;
   // Then neither the release of the name nor the identity of a caller can be received.
   if (isUnreadable_) return true;
-  if (name_.isOwned() || name_.isPending()) return false;
-  if (!peers_.hasHeldCalls()) {
-    vettedSince_.reset();
-    return true;
-  }
-  if (!vettedSince_) vettedSince_ = Clock::now();
-  return Clock::now() - *vettedSince_ >= vettingLimit;
+  return !name_.isOwned() && !name_.isPending() && !peers_.hasHeldCalls();
 }
 
 void BusListener::startRoundTrip() {
-  ++roundTrips_;
   auto request = requests_.askBus(
       "GetId",
       [this, asked = arrivals_](sd_bus_message*) {
@@ -353,30 +316,23 @@ int BusListener::endAtOnce(std::string_view reason) {
 }
 
 bool BusListener::mayRead() const {
-  if (isUnreadable_) return false;
-  std::uint64_t queued = 0;
-  return sd_bus_get_n_queued_write(collaborators_.bus, &queued) < 0 || queued < maximumQueued;
+  return !isUnreadable_ && queuedMessages(collaborators_.bus) < maximumQueued;
 }
 
+// The library's own time limits apply while the connection begins, when no wait is long.
 void BusListener::wait() {
-  const bool isReading = mayRead();
-  microseconds limit = isReading ? waitLimit(collaborators_.bus) : unlimited;
-  if (phase_ != Phase::serving || !isReadyAnnounced_) {
-    limit = std::min<microseconds>(limit, stopTick);
-  }
-  if (std::exchange(burst_, 0) > 0) limit = microseconds(0);
-  if (limit > microseconds(0)) scheduler_.releaseMemory();
-  const timespec timeout = timespecOf(limit);
+  int limit = phase_ == Phase::serving && isReadyAnnounced_ ? -1 : stopTick;
+  if (std::exchange(burst_, 0) > 0) limit = 0;
+  if (limit != 0) scheduler_.releaseMemory();
   const int wanted = std::max(sd_bus_get_events(collaborators_.bus), 0);
-  const int events = isReading ? wanted : wanted & POLLOUT;
+  const int events = mayRead() ? wanted : wanted & POLLOUT;
   std::array<pollfd, 3> watched{
       pollfd{.fd = sd_bus_get_fd(collaborators_.bus),
              .events = static_cast<short>(events),
              .revents = 0},
       pollfd{.fd = completions_.descriptor(), .events = POLLIN, .revents = 0},
       pollfd{.fd = collaborators_.signals.descriptor(), .events = POLLIN, .revents = 0}};
-  const timespec* end = limit == unlimited ? nullptr : &timeout;
-  if (::ppoll(watched.data(), watched.size(), end, nullptr) <= 0) return;
+  if (::poll(watched.data(), watched.size(), limit) <= 0) return;
   isBusReady_ = watched[0].revents != 0;
   if (watched[2].revents != 0) readSignals();
 }
@@ -393,7 +349,7 @@ bool BusListener::waitForMemory() {
 
 void BusListener::waitForCompletions() {
   pollfd posted{.fd = completions_.descriptor(), .events = POLLIN, .revents = 0};
-  ::poll(&posted, 1, static_cast<int>(stopTick.count()));
+  ::poll(&posted, 1, stopTick);
 }
 
 void BusListener::readSignals() {

@@ -85,7 +85,6 @@ class BusListener {
   void beginExit();
   void beginStopping(std::optional<int> signal);
   void stopUnreadable();
-  void takeNameBack();
   static void extendStop();
   bool isSettled();
   void startRoundTrip();
@@ -125,7 +124,6 @@ class BusListener {
   Clock::time_point stopDeadline_;
   std::size_t unanswered_ = 0;      ///< Calls, at the last check while stopping.
   Clock::time_point lastProgress_;  ///< When that was last another number.
-  std::optional<Clock::time_point> vettedSince_;
 
   // A round trip to the bus that begins when everything is answered and ends without another call
   // proves that the answers were carried and that nothing is on its way by the name.
@@ -133,7 +131,6 @@ class BusListener {
   std::optional<std::uint64_t> arrivalsConfirmed_;
   BusRequest roundTrip_;
   bool isAsking_ = false;
-  int roundTrips_ = 0;
 };
 
 }  // namespace tessaloom

@@ -125,8 +125,7 @@ int CallScheduler::refuse(sd_bus_message* message, const Method& method,
 }
 
 bool CallScheduler::hasRoom() {
-  std::uint64_t queued = 0;
-  if (sd_bus_get_n_queued_write(bus_, &queued) < 0) return true;
+  const std::uint64_t queued = queuedMessages(bus_);
   if (queued == 0) queuedBytes_ = 0;
   return queued <= maximumQueuedReplies && queuedBytes_ <= maximumQueuedBytes;
 }
