@@ -20,7 +20,8 @@ struct Credentials {
   std::optional<std::uint32_t> process;
 };
 
-/// The two entries that matter of the bus's a{sv} about a connection.
+/// The two entries that matter of the bus's a{sv} about a connection; nullopt for another message,
+/// and without the memory to read it.
 std::optional<Credentials> readCredentials(sd_bus_message* message) {
   Credentials credentials;
   if (sd_bus_message_enter_container(message, 'a', "{sv}") < 0) return std::nullopt;
@@ -44,8 +45,7 @@ std::optional<Credentials> readCredentials(sd_bus_message* message) {
 /// either. The library does not give the size of a message; a negative errno for arguments that no
 /// method has, or that it cannot read.
 std::expected<std::size_t, int> sizeOf(sd_bus_message* call) {
-  const char* path = sd_bus_message_get_path(call);
-  std::size_t size = path == nullptr ? 0 : std::strlen(path);
+  std::size_t size = std::strlen(sd_bus_message_get_path(call));
   const std::string_view arguments = sd_bus_message_get_signature(call, 1);
   int result = 0;
   if (arguments == "ay") {
@@ -139,19 +139,17 @@ Peer* PeerRegistry::add(const char* name) {
   removeDisconnected();
   if (!makeRoom()) return nullptr;
   auto peer = std::make_unique<Peer>(name);
+  Peer& added = *peer;  // Its requests end with it.
   auto ownerWatch = requests_.watchOwner(
-      peer->name,
-      [this, key = peer->name](std::string_view owner) {
-        if (owner.empty()) receiveDisconnect(key);
+      added.name,
+      [this, &added](std::string_view owner) {
+        if (owner.empty()) receiveDisconnect(added);
       },
-      [this, key = peer->name](sd_bus_message*) {
-        if (Peer* unwatched = find(key)) postpone(*unwatched, replyUnknown);
-      });
+      [this, &added](sd_bus_message*) { postpone(added, replyUnknown); });
   if (!ownerWatch) return nullptr;
   auto credentials = requests_.askBus(
       "GetConnectionCredentials",
-      [this, key = peer->name](sd_bus_message* reply) { receiveCredentials(key, reply); }, "s",
-      name);
+      [this, &added](sd_bus_message* reply) { receiveCredentials(added, reply); }, "s", name);
   if (!credentials) return nullptr;
   peer->ownerWatch = *std::move(ownerWatch);
   peer->credentials = *std::move(credentials);
@@ -160,7 +158,6 @@ Peer* PeerRegistry::add(const char* name) {
 
 void PeerRegistry::remove(const std::string& name) {
   const auto found = peers_.find(name);
-  if (found == peers_.end()) return;
   heldBytes_ -= found->second->heldBytes;
   if (found->second->connection) {
     found->second->connection->isGone = true;
@@ -203,9 +200,8 @@ int PeerRegistry::hold(Peer& peer, sd_bus_message* call) {
 }
 
 bool PeerRegistry::mayAnswerRefusal(const Peer& peer) const {
-  std::uint64_t queued = 0;
-  return peer.refusals <= assuredRefusals || sd_bus_get_n_queued_write(bus_, &queued) < 0 ||
-         queued <= CallScheduler::maximumQueuedReplies;
+  return peer.refusals <= assuredRefusals ||
+         queuedMessages(bus_) <= CallScheduler::maximumQueuedReplies;
 }
 
 bool PeerRegistry::makeRoomToHold(const Peer& peer, std::size_t bytes) {
@@ -223,18 +219,13 @@ std::vector<BusMessage> PeerRegistry::takeHeld(Peer& peer) {
   return std::exchange(peer.held, {});
 }
 
-void PeerRegistry::receiveCredentials(const std::string& name, sd_bus_message* reply) {
-  Peer* peer = find(name);
-  if (peer == nullptr || peer->state != AdmissionState::undecided) return;
-  if (sd_bus_message_is_method_error(reply, nullptr) > 0) {
-    // It has disconnected, so nothing proves who it was; or the bus lacks a resource.
-    return postpone(*peer, replyUnknown);
-  }
+void PeerRegistry::receiveCredentials(Peer& peer, sd_bus_message* reply) {
   const auto credentials = readCredentials(reply);
-  if (!credentials) return postpone(*peer, replyUnknown);  // There was no memory to read it.
-  if (credentials->user != user_ || !credentials->process) return refuse(*peer);
-  peer->process = static_cast<pid_t>(*credentials->process);
-  if (!startCheck(*peer)) postpone(*peer, replyUnknown);
+  // An error: it has disconnected, so nothing proves who it was; or the bus lacks a resource.
+  if (!credentials) return postpone(peer, replyUnknown);
+  if (credentials->user != user_ || !credentials->process) return refuse(peer);
+  peer.process = static_cast<pid_t>(*credentials->process);
+  if (!startCheck(peer)) postpone(peer, replyUnknown);
 }
 
 bool PeerRegistry::startCheck(const Peer& peer) try {
@@ -246,11 +237,9 @@ bool PeerRegistry::startCheck(const Peer& peer) try {
 
 // Calls that have arrived are carried out even after the peer has disconnected, as long as its
 // process still exists and can be vetted.
-void PeerRegistry::receiveDisconnect(const std::string& name) {
-  Peer* peer = find(name);
-  if (peer == nullptr) return;
-  peer->hasDisconnected = true;
-  if (peer->held.empty() && peer->replayed == 0) remove(name);
+void PeerRegistry::receiveDisconnect(Peer& peer) {
+  peer.hasDisconnected = true;
+  if (peer.held.empty() && peer.replayed == 0) remove(peer.name);
 }
 
 void PeerRegistry::decide(const std::string& name, PeerCheckRunner::Result result) {
@@ -290,7 +279,7 @@ void PeerRegistry::refuse(Peer& peer) {
 // Nothing is remembered: the peer's next call has it vetted again.
 void PeerRegistry::postpone(Peer& peer, int (*reply)(sd_bus_message*)) {
   for (const BusMessage& call : takeHeld(peer)) reply(call.get());
-  remove(std::string(peer.name));
+  remove(peer.name);
 }
 
 }  // namespace tessaloom

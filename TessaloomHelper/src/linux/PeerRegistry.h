@@ -86,8 +86,8 @@ class PeerRegistry {
   bool makeRoomToHold(const Peer& peer, std::size_t bytes);
   std::vector<BusMessage> takeHeld(Peer& peer);
 
-  void receiveCredentials(const std::string& name, sd_bus_message* reply);
-  void receiveDisconnect(const std::string& name);
+  void receiveCredentials(Peer& peer, sd_bus_message* reply);
+  void receiveDisconnect(Peer& peer);
   /// False when the check cannot be started now.
   bool startCheck(const Peer& peer);
   void decide(const std::string& name, PeerCheckRunner::Result result);
