@@ -32,7 +32,6 @@ bool isError(sd_bus_message* reply) {
 }  // namespace
 
 BusRequest& BusRequest::operator=(BusRequest&& other) noexcept {
-  if (this == &other) return *this;
   cancel();
   requests_ = std::exchange(other.requests_, nullptr);
   id_ = other.id_;
@@ -110,8 +109,7 @@ std::expected<BusMessage, int> BusRequests::callAndWait(sd_bus_message* call, De
   if (!request) return std::unexpected(request.error());
   while (!reply) {
     int result = sd_bus_process(bus_, nullptr);
-    if (result == 0) result = wait(deadline, interruption);
-    if (result > 0 && !reply && pollTimeout(deadline) == 0) result = -ETIMEDOUT;
+    if (result >= 0 && !reply) result = wait(deadline, interruption);
     if (result < 0 && result != -EINTR) return std::unexpected(-result);
   }
   return reply;
