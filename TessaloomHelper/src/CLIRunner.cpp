@@ -23,9 +23,8 @@ using Clock = ChildProcess::Clock;
 
 /// The whole seconds of a timeout. One that is not a number of seconds is an error of the caller.
 std::int64_t wholeSeconds(std::chrono::duration<double> timeout) {
-  constexpr double limit = 0x1p63;
   const double seconds = timeout.count();
-  if (!std::isfinite(seconds) || seconds >= limit || seconds < -limit) std::abort();
+  if (std::isnan(seconds) || std::abs(seconds) >= 0x1p63) std::abort();
   return static_cast<std::int64_t>(seconds);
 }
 

@@ -45,7 +45,7 @@ constexpr std::size_t maximumReplyBytes = 32UL * 1'048'576;
 /// one closed, whose number the next descriptor would take, and with it the error lines.
 void secureDescriptors() {
   for (int standard = STDIN_FILENO; standard <= STDERR_FILENO; ++standard) {
-    if (::fcntl(standard, F_GETFD) < 0) ::open("/dev/null", O_RDWR);
+    if (::fcntl(standard, F_GETFD) == -1) ::open("/dev/null", O_RDWR);
   }
   ::close_range(STDERR_FILENO + 1, UINT_MAX, CLOSE_RANGE_CLOEXEC);
 }
