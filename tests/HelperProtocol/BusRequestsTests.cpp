@@ -80,6 +80,11 @@ TEST_F(BusRequestsTest, CallsEndWhenTheBusDoesNotNameTheOwner) {
   EXPECT_EQ(answers, Texts{}) << "the call may start the service";
   reply(BusRequests::busName, asked("AddMatch"), SD_BUS_ERROR_LIMITS_EXCEEDED);
   EXPECT_EQ(answers, Texts{SD_BUS_ERROR_LIMITS_EXCEEDED});
+  const auto other = call(":1.9", "Other");
+  const auto second = call(service, "Second");
+  const auto third = call(service, "Third");
+  reply(BusRequests::busName, asked("GetNameOwner"), SD_BUS_ERROR_ACCESS_DENIED);
+  EXPECT_EQ(answers.size(), 3U) << "the owner was asked for again, and both calls wait for that";
 }
 
 TEST_F(BusRequestsTest, OwnersAreReportedUntilTheRequestEnds) {

@@ -116,19 +116,25 @@ TEST_F(FlatpakPeer, BelongsToAnInstanceByWhatOnlyTheHostCanWrite) {
   const Child proxy([&] { return enterSandbox(false, true); });
   EXPECT_EQ(applicationOf(first), editor);
   EXPECT_EQ(applicationOf(proxy), editor);
+  EXPECT_NE(applicationOf(others), "");
 
   // What another sandbox has at its root says nothing, nor does a pipe's same end.
   const TemporaryDirectory root;
   std::filesystem::copy_file(instances / "17/info", root / ".flatpak-info");
-  const Child impostor(
-      [&] { return enterSandbox(true, false) && ::chroot(root.path().c_str()) == 0; });
+  const Child impostor([&] {
+    return enterSandbox(true, false) && ::open("/dev/null", O_WRONLY) > 0 &&
+           ::chroot(root.path().c_str()) == 0;
+  });
   EXPECT_EQ(applicationOf(impostor), "");
 
   describe("17", "18");
   EXPECT_EQ(applicationOf(proxy), "");
   describe("17", "17");
-  std::ofstream(instances / "17/info", std::ios::app) << "\n#" << std::string(65'536, 'x');
-  EXPECT_EQ(applicationOf(proxy), "");
+  std::ofstream(instances / "17/info", std::ios::app).put('\n');
+  for (const auto size : {65'536U, 65'537U}) {
+    std::filesystem::resize_file(instances / "17/info", size);
+    EXPECT_EQ(applicationOf(proxy), size == 65'536U ? editor : "");
+  }
   describe("17", "17");
   std::filesystem::permissions(instances / "17", std::filesystem::perms(0777));
   EXPECT_EQ(applicationOf(proxy), "");
@@ -140,11 +146,16 @@ TEST_F(FlatpakPeer, BelongsToAnInstanceByWhatOnlyTheHostCanWrite) {
   first.end();
   first.pid = -1;
   EXPECT_EQ(applicationOf(proxy), "");  // Only a directory was left behind.
+  std::filesystem::rename(instances, runtime / "moved");
+  EXPECT_EQ(applicationOf(proxy), "");
+  std::ofstream(instances).put('x');
+  EXPECT_EQ(applicationOf(proxy), "not readable");
 }
 
 TEST(KeyFile, HasAValueOnlyWhenNoReaderCouldFindAnother) {
   const std::pair<const char*, std::optional<std::string>> rows[] = {
-      {"[Context]\nname=c\n[Application]\r\n#name=b\n name = a=b \r\n[Other]\nname=d", "a=b"},
+      {"[Context]\nname=c\n[Application]\r\n#name=b\nother=c\n name = a=b \r\n[Other]\nname=d",
+       "a=b"},
       {"[Runtime]\nname=a\n", std::nullopt},
       {"name=a\n[Application]\n", std::nullopt},
       {"[Application]\nname=a\nname=b\n", std::nullopt},

@@ -7,6 +7,7 @@
 #include <expected>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -155,10 +156,10 @@ TEST_F(PeersAndCallsTest, VetsACallerAtItsFirstCallAndHoldsWhatItSends) {
   introduce(2);
   EXPECT_EQ(answers(), Texts{});
   settle();
-  EXPECT_FALSE(registry.hasHeldCalls());
   EXPECT_EQ(answers(), (Texts{"1 ay", "1 x"})) << "in the order of the calls";
   call(1, "ProtocolVersion");
   EXPECT_EQ(answers(), Texts{"1 x"}) << "nothing is queued, and it is known";
+  EXPECT_FALSE(registry.hasHeldCalls());
 
   call(2, "ProtocolVersion");
   introduce(2, getuid() + 1);
@@ -171,10 +172,21 @@ TEST_F(PeersAndCallsTest, VetsACallerAtItsFirstCallAndHoldsWhatItSends) {
   call(3, "ProtocolVersion");
   EXPECT_EQ(answers(),
             (Texts{"2 AccessDenied", "4 AccessDenied", "3 AccessDenied", "3 AccessDenied"}));
-  sd_bus_message* senseless = newCall("com.example.Interface", "ProtocolVersion");
-  sd_bus_message_append(senseless, "i", 1);
-  sendAs(":1.6", senseless);
-  EXPECT_EQ(answers(), Texts{"6 InvalidArgs"}) << "to call again is of no use";
+  sd_bus_message* unexpecting = newCall("com.example.Interface", "ProtocolVersion");
+  sd_bus_message_set_expect_reply(unexpecting, 0);
+  sendAs(":1.3", unexpecting);
+  EXPECT_EQ(answers(), Texts{});
+  const std::tuple<const char*, const char*, Texts> rows[] = {
+      {":1.6", "i", {"6 InvalidArgs"}},
+      {":1.7", "s", {"7 x"}}};  // No method, or properties, has it.
+  for (const auto& [sender, types, expected] : rows) {
+    sd_bus_message* message = newCall("com.example.Interface", "ProtocolVersion");
+    sd_bus_message_append(message, types, "text");
+    sendAs(sender, message);
+    introduce(2);
+    settle();
+    EXPECT_EQ(answers(), expected);
+  }
   for (int time = 0; time < 2; ++time) {  // Without an answer, it is asked again.
     call(5, "ProtocolVersion");
     replyError(BusRequests::busName, asked("GetConnectionCredentials"), SD_BUS_ERROR_NO_MEMORY);
@@ -202,7 +214,7 @@ TEST_F(PeersAndCallsTest, GivesUpAfterTheTimeLimitAndGoesOnWithOthers) {
   // Each round leaves as many behind whose thread never comes back.
   for (int stuck = 0; stuck < 20; stuck += 4) {
     for (int i = stuck; i <= stuck + 4; ++i) firstCall(i, static_cast<std::uint32_t>(2 * i));
-    EXPECT_EQ(checksAtOnce(), stuck + 4);
+    EXPECT_EQ(std::ssize(checkTasks.entries), stuck + 4 + 1) << "and one timer";
     runChecks(true);
     EXPECT_EQ(answers().size(), 5U) << "one had to wait";
   }
@@ -222,8 +234,10 @@ TEST_F(PeersAndCallsTest, BoundsWhatIsHeld) {
   EXPECT_EQ(answers(), Texts{});
   call(2, "ProtocolVersion");
   EXPECT_EQ(answers(), Texts{"2 LimitsExceeded"}) << "it holds as much as it may";
-  // With the 64 calls of the first, these are more than may be held in all.
-  call(5, "GenerateText", most.substr(1));
+  // With the 64 calls of the first, these are what may be held in all.
+  call(5, "GenerateText", most.substr(64));
+  EXPECT_EQ(answers(), Texts{});
+  call(5, "ProtocolVersion");
   const Texts refused = answers();
   EXPECT_EQ(refused.size(), 1U) << "of those that hold most, one is refused";
   EXPECT_NE(refused, Texts{"5 LimitsExceeded"});
@@ -239,6 +253,14 @@ TEST_F(PeersAndCallsTest, BoundsTheConnections) {
     EXPECT_EQ(answers(), Texts{answer});
     reportOwner(BusRequests::busName, ":1.0", "");
   }
+  const int first = 1'000;
+  const int last = first + static_cast<int>(PeerRegistry::maximumOthers);
+  for (int sender = first; sender < last; ++sender) call(sender, "ProtocolVersion");
+  introduce(3);
+  call(last, "ProtocolVersion");
+  settle();  // One is refused, and gives way.
+  call(last, "ProtocolVersion");
+  EXPECT_EQ(answers(), (Texts{"5096 LimitsExceeded", "5095 AccessDenied"}));
 }
 
 TEST_F(PeersAndCallsTest, CarriesOutCallsOfACallerThatHasDisconnected) {
@@ -262,6 +284,15 @@ TEST_F(PeersAndCallsTest, CarriesOutCallsOfACallerThatHasDisconnected) {
 }
 
 TEST_F(PeersAndCallsTest, AnswersWhatFindsNoThread) {
+  for (const int sender : {10, 11, 12}) {  // For the first not even a timer, for the last no check.
+    checkTasks.isExhausted = sender != 11;
+    firstCall(sender, static_cast<std::uint32_t>(sender));
+    EXPECT_EQ(answers().size(), sender == 10 ? 1U : 0U);
+    EXPECT_EQ(checkTasks.entries.size(), sender == 10 ? 0U : 2U);
+  }
+  settle();
+  EXPECT_EQ(answers(), (Texts{"12 LimitsExceeded", "11 AccessDenied"}));
+  checkTasks.isExhausted = false;
   admit(1, 2);
   for (const bool isExhausted : {true, false, true}) {
     queueTasks.isExhausted = engineTasks.isExhausted = isExhausted;
@@ -292,6 +323,7 @@ TEST_F(PeersAndCallsTest, SharesTheEnginesAndTheConnection) {
   for (const int caller : {2, 3}) {
     for (int i = 0; i < 3; ++i) call(caller, "ListListeningPorts");
   }
+  EXPECT_EQ(queueTasks.entries.size(), 2U) << "one of each at a time";
   settle();
   EXPECT_EQ(answers(), (Texts{"2 ay", "3 ay", "2 ay", "3 ay", "2 ay", "3 ay"}));
 }
@@ -311,11 +343,23 @@ TEST_F(PeersAndCallsTest, QueuesFewRepliesWhileTheBusTakesNone) {
   constexpr auto most = CallScheduler::maximumQueuedReplies + 1;
   EXPECT_EQ(queuedAfter(3, 2'000), most) << "to one that is refused";
   EXPECT_EQ(queuedAfter(5, 100), most + PeerRegistry::assuredRefusals);
-  EXPECT_EQ(queuedAfter(2, 66), most + PeerRegistry::assuredRefusals) << "kept back";
-  EXPECT_EQ(scheduler.unansweredCount(), 66U);
+  constexpr auto refusals = CallScheduler::maximumRefusals;
+  EXPECT_EQ(queuedAfter(2, 64 + refusals + 1), most + PeerRegistry::assuredRefusals) << "kept back";
+  EXPECT_EQ(scheduler.unansweredCount(), 64 + refusals);
+  isReading = true;
+  while (scheduler.unansweredCount() > 0) settle();
+  EXPECT_EQ(std::ranges::count(answers(), "2 x"), 64) << "and as many refusals as wait at most";
+
+  isReading = false;
+  context.maximumReplyBytes = 2 * CallScheduler::maximumQueuedBytes;
+  kernel.table.resize(3'000, ownRecord(42));
+  call(2, "ListProcesses");
+  settle();
+  EXPECT_EQ(queuedAfter(2, 2), 1U) << "behind many bytes";
   isReading = true;
   settle();
-  EXPECT_EQ(std::ranges::count(answers(), "2 x"), 64) << "and two too many";
+  EXPECT_EQ(queuedAfter(2, 1), 0U);
+  EXPECT_EQ(answers(), (Texts{"2 ay", "2 x", "2 x", "2 x"}));
 }
 
 TEST_F(PeersAndCallsTest, BoundsTheCallsOfEachAndOfAll) {

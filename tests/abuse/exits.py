@@ -15,9 +15,9 @@ from boundary import hanging
 from bus_peer import BUS, BUS_PATH, CALL, ERROR, RETURN, Peer
 from case import case
 from honest import CANCELLED
-from session import (ACCESS_DENIED, FILES, GENERATIONS, HELPER, HELPER_PROGRAM, VERSION_WORDS, Outsider, another_bus, engines, eventually, helper_log,
-                     launch_helper, limited, process_of, processes, processor_seconds, replace_helper, start_helper, status_of,
-                     stopped)
+from session import (ACCESS_DENIED, FILES, GENERATIONS, HELPER, HELPER_PATH, HELPER_PROGRAM, INTERFACE, VERSION_WORDS, Outsider, activity, another_bus, engines,
+                     eventually, helper_log, launch_helper, limited, notices, process_of, processes, processor_seconds, replace_helper,
+                     start_helper, status_of, stopped)
 
 # Nothing that depends on one helper process: a listing authorizes only with the helper that made it.
 # A replaced helper exits when it finds no engine running, every half second: there have to be such moments.
@@ -29,10 +29,10 @@ def told_to_stop(run):
     """Every signal that a user or a session sends, and the end of its bus, end it in order: what it runs is cancelled,
     and nothing is left. A second one does not start. Engines have the limits that it was started with."""
     run.end_helper()
-    numbers = (signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGQUIT, signal.SIGUSR1, signal.SIGALRM, signal.SIGXCPU)
+    numbers = (signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGQUIT, signal.SIGUSR1, signal.SIGALRM, signal.SIGRTMAX)
     rows = [(number, 128 + number, f"ended by signal {int(number)}") for number in numbers]
     for number, status, line in [*rows, (None, 1, "the session bus was lost")]:
-        with another_bus() as bus, run.client() as client:
+        with another_bus() as bus, run.client() as client, notices("@" + "x" * 107) as told:
             child, second = start_helper(), launch_helper()
             run.check(second.wait() == 1 and "helper: could not take the name " in helper_log(), "a second helper stays")
             child.send_signal(signal.SIGXFSZ)  # Ignored.
@@ -42,11 +42,16 @@ def told_to_stop(run):
                 client.finish(started, CANCELLED)
             else:
                 bus.kill()
-            ended = child.wait(), helper_log().count(f"helper: {line}\n"), engines(), GENERATIONS.exists()
+            # An engine that resists takes 3 seconds; a bus that accepts nothing would be given 2.
+            ended = child.wait(4.9 if number == signal.SIGTERM else 1.9), helper_log().count(f"helper: {line}\n"), engines(), GENERATIONS.exists()
             run.check(ended == (status, 1, [], False), f"{number}: status, lines, engines, directory: {ended}")
+            run.check((said := told()) == ["READY=1", "STOPPING=1"][:2 if number else 1], f"{number}: notices: {said}")
     with run.client() as client:
         with limited(os.getpid(), resource.RLIMIT_NOFILE, 700):
-            child, given = start_helper(), resource.getrlimit(resource.RLIMIT_NOFILE)
+            child, given = start_helper("sh", "-c", "trap '' HUP; exec $0 <&- >&- 2>&-"), resource.getrlimit(resource.RLIMIT_NOFILE)
+        standard = {os.readlink(f"/proc/{child.pid}/fd/{number}") for number in range(3)}
+        run.check(standard == {"/dev/null"}, f"standard descriptors: {standard}")
+        child.send_signal(signal.SIGHUP)  # Stays ignored.
         hanging(client)
         raised, *passed = (resource.prlimit(pid, resource.RLIMIT_NOFILE) for pid in (child.pid, *engines()))
         run.check(raised > given and passed == [given], f"limits: {raised} and {passed} for {given}")
@@ -63,7 +68,7 @@ def registration(run):
     failed, unit = "helper: systemd user unit register failed: ", "com.brindlemoor.Tessaloom.helper.service"
     asks, enables = ("GetUnitFileState", (unit,)), ("EnableUnitFiles", ([unit], False, False))
     rows = {"enabled": ([asks], ""), "disabled": ([asks, enables], ""),
-            "refusing": ([asks, enables], failed + "Nottoday\n"), "silent": ([asks], failed)}
+            "refusing": ([asks, enables], failed + "Not" + "x" * 497 + "\n"), "silent": ([asks], failed)}
     for state, (expected, line) in rows.items():
         run.end_helper()
         earlier = len(helper_log())
@@ -81,7 +86,7 @@ def registration(run):
                     elif state == "disabled":
                         systemd.send_message(RETURN, "ba(sss)", [True, []], **answer)
                     elif state == "refusing":
-                        systemd.send_message(ERROR, "s", ["Not\ntoday"], error_name=ACCESS_DENIED, **answer)
+                        systemd.send_message(ERROR, "s", ["Not\n" + "x" * 498], error_name=ACCESS_DENIED, **answer)
                 return process_of(HELPER) == child.pid
             run.check(eventually(serve), f"{state}: it does not start")
         wrote = helper_log()[earlier:]
@@ -243,7 +248,9 @@ def busy_when_replaced(run):
             probe = client.start("GenerationEngineStatus", {"engine": "codex"})
             eventually(probing.exists)
             old = replace(run, other)
+            before = activity(old)
             run.check(not eventually(lambda: process_of(HELPER, other) != old, 1), "it gave its name away while it probed")
+            run.check(activity(old) - before < 9, f"active {activity(old) - before} times with nothing to do")
             go.touch()
             client.finish(probe, lambda value, error: not error and "version" in value)
             run.check(eventually(lambda: status_of(old) is None), "the replaced helper stays")
@@ -252,3 +259,26 @@ def busy_when_replaced(run):
 
             with contextlib.suppress(ProcessLookupError):
                 accept_before_the_exit(run, client, other, FILES / f"up-{turn}")
+
+
+@case(rounds=1)
+def called_while_exiting(run):
+    """A generation that comes when it has given its name back is carried out, without the name if another has it by then."""
+    for turn, taken in enumerate((False, True)):
+        run.end_helper()
+        with notices(str(FILES / f"notices-{turn}")) as told, run.client() as client, run.client() as other:
+            child = start_helper()
+            client.ask("ProtocolVersion", right=1)
+            bus, owner = process_of(BUS, client), other.call(BUS, BUS_PATH, BUS, "GetNameOwner", "s", HELPER).body[0]
+            replace(run, other, turn)
+            with stopped(bus):
+                request, generation = hanging(client, timeout=60, seconds=0.3)
+                if taken:
+                    other.send(BUS, BUS_PATH, BUS, "RequestName", "su", HELPER, 4)
+            eventually((FILES / "up").exists)
+            cancel = b'{"requestID":"%s"}' % request["requestID"].encode()
+            other.call(owner if taken else HELPER, HELPER_PATH, INTERFACE, "CancelGeneration", "ay", cancel)
+            client.finish(generation, CANCELLED)
+            run.check(child.wait(5) == 0, f"exit status {child.returncode}")
+            said, extended = told(), "EXTEND_TIMEOUT_USEC=330000000"
+            run.check(said == ["READY=1", "STOPPING=1", extended, "STOPPING=1"][:3 if taken else 4], f"notices: {said}")

@@ -10,6 +10,7 @@ import pathlib
 import resource
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import time
@@ -59,6 +60,11 @@ def processor_seconds(pid):
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
+def activity(pid):
+    """How often its first thread has waited, and the hundredths of a second for which all have used the processor."""
+    return int(status_of(pid)["voluntary_ctxt_switches"]) + 100 * processor_seconds(pid)
+
+
 def engines():
     """The pids of all engines, and of what they have started, in this namespace."""
     statuses = {int(folder.name): status_of(folder.name) for folder in pathlib.Path("/proc").glob("[0-9]*")}
@@ -72,14 +78,14 @@ def process_of(name, peer=None):
         return reply.body[0] if reply and reply.type == RETURN else None
 
 
-def launch_helper():
+def launch_helper(*words):
     """A helper that is a child of the case, so that its exit status is seen."""
     with open(HELPER_LOG, "ab") as log:
-        return subprocess.Popen([HELPER_PROGRAM], stdin=subprocess.DEVNULL, stderr=log)
+        return subprocess.Popen([*words, HELPER_PROGRAM], stdin=subprocess.DEVNULL, stderr=log)
 
 
-def start_helper():
-    child = launch_helper()
+def start_helper(*words):
+    child = launch_helper(*words)
     if not eventually(lambda: process_of(HELPER) == child.pid):
         raise RuntimeError("the helper did not take its name: " + helper_log())
     return child
@@ -87,6 +93,21 @@ def start_helper():
 
 def helper_log():
     return HELPER_LOG.read_text() if HELPER_LOG.exists() else ""
+
+
+@contextlib.contextmanager
+def notices(name):
+    """Gives what helpers that are started meanwhile tell the service manager."""
+    def told():
+        with contextlib.suppress(BlockingIOError):
+            return [manager.recv(99).decode(), *told()]
+        return []
+
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK) as manager:
+        manager.bind(name.replace("@", "\0"))
+        os.environ["NOTIFY_SOCKET"] = name
+        yield told
+        del os.environ["NOTIFY_SOCKET"]
 
 
 def replace_helper(turn):

@@ -39,7 +39,6 @@ std::expected<ProcessDirectory, int> ProcessDirectory::open(const std::string& p
 }
 
 std::expected<ProcessDirectory, int> ProcessDirectory::open(pid_t process) {
-  if (process <= 0) return std::unexpected(ESRCH);
   return open("/proc/" + std::to_string(process));
 }
 

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -41,13 +40,12 @@ constexpr std::chrono::seconds registrationLimit{2};
 constexpr std::chrono::milliseconds lastTasksLimit{200};
 constexpr std::size_t maximumReplyBytes = 32UL * 1'048'576;
 
-/// The helper may be started with descriptors open, which no engine may inherit, or with a standard
-/// one closed, whose number the next descriptor would take, and with it the error lines.
-void secureDescriptors() {
+/// The helper may be started with a standard descriptor closed, whose number the next one would
+/// take, and with it the error lines.
+void openStandardDescriptors() {
   for (int standard = STDIN_FILENO; standard <= STDERR_FILENO; ++standard) {
     if (::fcntl(standard, F_GETFD) == -1) ::open("/dev/null", O_RDWR);
   }
-  ::close_range(STDERR_FILENO + 1, UINT_MAX, CLOSE_RANGE_CLOEXEC);
 }
 
 /// By default the allocator raises both thresholds to the size of the largest block that was ever
@@ -63,7 +61,7 @@ void limitFreedMemory() {
 
 int serve() {
   limitFreedMemory();
-  secureDescriptors();
+  openStandardDescriptors();
   const ResourceLimits limits = ResourceLimits::current();
   limits.raise();
   const StopSignals signals;
