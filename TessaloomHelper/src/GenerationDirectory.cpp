@@ -216,7 +216,6 @@ std::expected<GenerationDirectory, int> GenerationDirectory::create(
 
 GenerationDirectory::~GenerationDirectory() {
   if (!directory_) return;  // Not made, or moved from.
-  if (::rmdir(path_.c_str()) == 0) return;
   allowRemoval(directory_.get(), ".");
   ::fchmod(directory_.get(), ownerOnly);
   const auto end = Clock::now() + removalLimit_;

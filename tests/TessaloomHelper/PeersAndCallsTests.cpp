@@ -377,6 +377,17 @@ TEST_F(PeersAndCallsTest, BoundsTheCallsOfEachAndOfAll) {
   EXPECT_EQ(answers(), Texts{"16 LimitsExceeded"}) << "one is accepted even then";
   settle();
   EXPECT_EQ(answers().size(), CallScheduler::maximumCalls + 1);
+
+  const std::string body(CallLoad::maximumBytes, 'x');
+  for (int caller = 0; caller < 8; ++caller) call(caller, "GenerateText", body);
+  for (const auto& [caller, size] : {std::pair{8, CallScheduler::moderateBytes + 1},
+                                     {9, CallScheduler::moderateBytes},
+                                     {9, std::size_t{1}}}) {
+    call(caller, "GenerateText", body.substr(0, size));
+  }
+  settle();
+  EXPECT_EQ(answers(), (Texts{"8 LimitsExceeded", "9 LimitsExceeded"}));
+  while (!engineTasks.entries.empty()) endEngine();
 }
 
 }  // namespace

@@ -261,9 +261,9 @@ def called_while_exiting(run):
         with notices(str(FILES / f"notices-{turn}")) as told, run.client() as client, run.client() as other:
             child = start_helper()
             client.ask("ProtocolVersion", right=1)
-            bus, owner = process_of(BUS, client), other.call(BUS, BUS_PATH, BUS, "GetNameOwner", "s", HELPER).body[0]
+            owner = other.call(BUS, BUS_PATH, BUS, "GetNameOwner", "s", HELPER).body[0]
             replace(run, other, turn)
-            with stopped(bus):
+            with stopped(process_of(BUS, client)):  # Having looked at all its connections: it reads them in order of arrival.
                 request, generation = hanging(client, timeout=60, seconds=0.3)
                 if taken:
                     other.send(BUS, BUS_PATH, BUS, "RequestName", "su", HELPER, 4)
