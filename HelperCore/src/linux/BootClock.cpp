@@ -54,9 +54,7 @@ std::uint64_t BootClock::currentTick() const {
 void BootClock::sleepPast(std::uint64_t tick) const {
   const nanoseconds tickLength = second / ticksPerSecond_;
   const nanoseconds remaining = static_cast<std::int64_t>(tick + 1) * tickLength - sinceBoot();
-  if (remaining > nanoseconds::zero()) {
-    std::this_thread::sleep_for(std::min(remaining, 2 * tickLength));
-  }
+  std::this_thread::sleep_for(std::min(remaining, 2 * tickLength));
 }
 
 }  // namespace tessaloom

@@ -3,16 +3,15 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <optional>
+#include <string_view>
 
 namespace tessaloom {
 
 namespace {
 
 std::optional<RunCounters> readCounters(const FileDescriptor& schedstat) {
-  if (!schedstat) return std::nullopt;
   std::array<char, 128> buffer;
   return parseRunCounters(readStart(schedstat, buffer));
 }
@@ -23,8 +22,7 @@ bool mayRunWithoutTicks() {
   if (::access("/sys/devices/system/cpu", F_OK) != 0) return true;
   const FileDescriptor file{::open("/sys/devices/system/cpu/nohz_full", O_RDONLY | O_CLOEXEC)};
   std::array<char, 64> buffer;
-  return file && std::ranges::any_of(readStart(file, buffer),
-                                     [](char each) { return each >= '0' && each <= '9'; });
+  return readStart(file, buffer).find_first_of("0123456789") != std::string_view::npos;
 }
 
 }  // namespace

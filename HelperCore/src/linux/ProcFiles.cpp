@@ -24,14 +24,12 @@ constexpr std::size_t directoryBufferSize = std::size_t{32} * 1024;
 
 /// The numbers among the entries that one getdents64 call left in `entries`.
 void appendNumbers(std::span<const char> entries, std::vector<std::int32_t>& numbers) {
-  std::size_t offset = 0;
-  while (offset < entries.size()) {
-    const char* entry = entries.data() + offset;
+  while (!entries.empty()) {
     std::uint16_t length = 0;
-    std::memcpy(&length, entry + offsetof(dirent64, d_reclen), sizeof length);
-    auto number = parseNumberName(entry + offsetof(dirent64, d_name));
+    std::memcpy(&length, entries.data() + offsetof(dirent64, d_reclen), sizeof length);
+    auto number = parseNumberName(entries.data() + offsetof(dirent64, d_name));
     if (number) numbers.push_back(*number);
-    offset += length;
+    entries = entries.subspan(length);
   }
 }
 

@@ -1,5 +1,6 @@
 #include "linux/ProcParser.h"
 
+#include <algorithm>
 #include <charconv>
 #include <memory>
 #include <system_error>
@@ -23,13 +24,10 @@ template std::optional<std::uint64_t> parseNumber(std::string_view, int);
 
 std::string_view takeWord(std::string_view& text) {
   const auto isSpace = [](char each) { return each == ' ' || each == '\n'; };
-  std::size_t begin = 0;
-  while (begin < text.size() && isSpace(text[begin])) ++begin;
-  std::size_t end = begin;
-  while (end < text.size() && !isSpace(text[end])) ++end;
-  const std::string_view word = text.substr(begin, end - begin);
-  text.remove_prefix(end);
-  return word;
+  const auto begin = std::find_if_not(text.begin(), text.end(), isSpace);
+  const auto end = std::find_if(begin, text.end(), isSpace);
+  text = {end, text.end()};
+  return {begin, end};
 }
 
 namespace {
@@ -43,9 +41,7 @@ void skipWords(std::string_view& text, int count) {
 std::optional<ProcessStat> parseProcessStat(std::string_view text) {
   const std::size_t open = text.find('(');
   const std::size_t close = text.rfind(')');
-  if (open == std::string_view::npos || close == std::string_view::npos || close < open) {
-    return std::nullopt;
-  }
+  if (close == std::string_view::npos || close < open) return std::nullopt;
   // Fields are numbered as in proc_pid_stat(5); the third, the state, follows the name.
   std::string_view rest = text.substr(close + 1);
   const std::string_view state = takeWord(rest);
@@ -59,7 +55,7 @@ std::optional<ProcessStat> parseProcessStat(std::string_view text) {
   auto threads = parseNumber<std::uint32_t>(takeWord(rest));
   skipWords(rest, 1);
   auto startTicks = parseNumber<std::uint64_t>(takeWord(rest));
-  if (state.empty() || !parentPID || !terminal || !flags || !threads || !startTicks) {
+  if (!parentPID || !terminal || !flags || !threads || !startTicks) {
     return std::nullopt;
   }
   constexpr std::uint32_t kernelThread = 0x00200000;  // PF_KTHREAD of include/linux/sched.h.
@@ -81,7 +77,7 @@ std::optional<RunCounters> parseRunCounters(std::string_view text) {
   auto running = parseNumber<std::uint64_t>(takeWord(text));
   skipWords(text, 1);
   auto slices = parseNumber<std::uint64_t>(takeWord(text));
-  if (!running || !slices || *slices == 0) return std::nullopt;
+  if (!running || slices.value_or(0) == 0) return std::nullopt;
   return RunCounters{*running, *slices};
 }
 
@@ -103,7 +99,7 @@ std::optional<std::uint32_t> parseInodeLink(std::string_view kind, std::string_v
 }
 
 std::optional<std::int32_t> parseNumberName(std::string_view name) {
-  if (name.empty() || name.front() < '0' || name.front() > '9') return std::nullopt;
+  if (name.starts_with('-')) return std::nullopt;
   return parseNumber<std::int32_t>(name);
 }
 

@@ -18,7 +18,6 @@ using Entry = ProcessScan::Entry;
 
 std::optional<std::uint64_t> readResidentBytes(const FileDescriptor& statm) {
   static const auto pageSize = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
-  if (!statm) return std::nullopt;
   std::array<char, 256> buffer;
   const auto pages = parseResidentPages(readStart(statm, buffer));
   if (!pages) return std::nullopt;

@@ -60,7 +60,7 @@ void addSocketOfLine(std::string_view line, std::int32_t protocol, SocketsByInod
   auto state = parseNumber<std::uint16_t>(takeWord(line), 16);
   for (int column = 0; column < 5; ++column) takeWord(line);
   auto inode = parseNumber<std::uint32_t>(takeWord(line));
-  if (!state || !inode || *inode == 0) return;
+  if (!state || inode.value_or(0) == 0) return;
   SocketInfo info = makeSocketInfo(protocol, static_cast<std::uint8_t>(*state));
   if (!givesNoRow(info) && readLocalAddress(local, info)) sockets.try_emplace(*inode, info);
 }
@@ -94,9 +94,9 @@ void addSocketOfMessage(std::span<const std::byte> body, std::int32_t protocol,
 
 void addSocketsOfText(std::string_view text, std::int32_t protocol, SocketsByInode& sockets) {
   while (!text.empty()) {
-    const std::size_t end = std::min(text.find('\n'), text.size() - 1);
-    addSocketOfLine(text.substr(0, end + 1), protocol, sockets);
-    text.remove_prefix(end + 1);
+    const std::string_view line = text.substr(0, text.find('\n'));
+    addSocketOfLine(line, protocol, sockets);
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
   }
 }
 

@@ -164,9 +164,10 @@ void SocketTable::addOwnNamespace(const ProcFiles& proc) {
 }
 
 void SocketTable::addFrom(const ProcFiles& proc, std::int32_t member, Progress& progress) {
-  for (std::size_t i = 0; i < tables.size(); ++i) {
-    progress[i] = progress[i] || isEmpty(proc, member, tables[i]) ||
-                  addText(proc, member, tables[i], sockets_);
+  auto isRead = progress.begin();
+  for (const Table& table : tables) {
+    *isRead = *isRead || isEmpty(proc, member, table) || addText(proc, member, table, sockets_);
+    ++isRead;
   }
 }
 
