@@ -29,22 +29,19 @@ Instant LinuxKernel::processClockTime() const {
 // Lists with what is known, and once more without it where descriptors ran out.
 template <class Row>
 std::vector<Row> LinuxKernel::list(std::uint32_t owner, std::vector<Row> (*read)(ProcessScan&)) {
-  if (auto known = known_.tryTake()) {
-    ProcessScan scan(procDirectory_, clock_, owner, idleAge_, std::exchange(*known, {}), true);
+  {
+    const auto known = known_.tryTake();
+    ProcessScan scan(procDirectory_, clock_, owner, idleAge_,
+                     known ? std::exchange(*known, {}) : std::vector<KnownProcess>{}, bool(known));
     auto rows = read(scan);
     if (!scan.ranOutOfDescriptors()) {
-      *known = scan.takeKnown();
+      if (known) *known = scan.takeKnown();
       return rows;
     }
-  } else {
-    // NOLINTNEXTLINE(misc-const-correctness): `read` changes it
-    ProcessScan scan(procDirectory_, clock_, owner, idleAge_, {}, false);
-    auto rows = read(scan);
-    if (!scan.ranOutOfDescriptors()) return rows;
   }
   releaseKeptDescriptors();
   // NOLINTNEXTLINE(misc-const-correctness): `read` changes it
-  ProcessScan scan(procDirectory_, clock_, owner, idleAge_, {}, false);
+  ProcessScan scan(procDirectory_, clock_, owner, idleAge_);
   return read(scan);
 }
 

@@ -36,16 +36,13 @@ ProcessScan::ProcessScan(const FileDescriptor& procDirectory, const BootClock& c
       budget_(countDescriptors(known)) {
   const auto pids = proc_.listNumbers(".");
   if (!pids) return;
-  entries_.resize(pids->size());
+  entries_.reserve(pids->size());
   auto next = known.begin();
-  for (std::size_t i = 0; i < entries_.size(); ++i) {
-    const std::int32_t pid = (*pids)[i];
+  for (const std::int32_t pid : *pids) {
     while (next != known.end() && next->pid < pid) ++next;
-    if (next != known.end() && next->pid == pid) {
-      entries_[i].known = std::move(*next);
-    } else {
-      entries_[i].known.pid = pid;
-    }
+    Entry& entry = entries_.emplace_back();
+    if (next != known.end() && next->pid == pid) entry.known = std::move(*next);
+    entry.known.pid = pid;
   }
 }
 
@@ -93,21 +90,16 @@ const ProcessFacts* ProcessScan::readFacts(KnownProcess& known, const FileDescri
   return &*known.facts;
 }
 
-// Whether nothing but the process itself, and the end of its parent, changes what was read.
-bool ProcessScan::staysTrue(const KnownProcess& known) const {
-  return known.probe && known.facts && known.facts->threads == 1 && !known.facts->isZombie &&
-         !isYoung(*known.facts);
-}
-
 std::vector<KnownProcess> ProcessScan::takeKnown() {
   std::vector<KnownProcess> known;
   known.reserve(static_cast<std::size_t>(
       std::ranges::count_if(entries_, [](const Entry& entry) { return bool(entry.known.facts); })));
   for (Entry& entry : entries_) {
     if (!entry.known.facts) continue;
-    const bool isTrue = staysTrue(entry.known);
-    if (!isTrue || entry.sharesDescriptors) entry.known.sockets.reset();
-    if (!isTrue) entry.known.facts.reset();
+    // Whether nothing but the process itself, and the end of its parent, changes what was read.
+    const bool staysTrue = entry.known.probe && entry.known.facts->threads == 1;
+    if (!staysTrue || entry.sharesDescriptors) entry.known.sockets.reset();
+    if (!staysTrue) entry.known.facts.reset();
     entry.known.isFromEarlier = true;
     known.push_back(std::move(entry.known));
   }

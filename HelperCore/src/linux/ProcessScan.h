@@ -25,7 +25,8 @@ class ProcessScan {
   /// open for the next. `idleAge`: from which age on a probe counts. `procDirectory` and `clock`
   /// outlive this object.
   ProcessScan(const FileDescriptor& procDirectory, const BootClock& clock, std::uint32_t owner,
-              std::chrono::nanoseconds idleAge, std::vector<KnownProcess> known, bool keep);
+              std::chrono::nanoseconds idleAge, std::vector<KnownProcess> known = {},
+              bool keep = false);
 
   struct Entry {
     KnownProcess known;  ///< Without facts after it was read: not one of the user's processes.
@@ -81,7 +82,6 @@ class ProcessScan {
     return known.probe.age(startedAt_) >= std::chrono::seconds{60 + known.pid % 60};
   }
   void restartProbe(KnownProcess& known);
-  bool staysTrue(const KnownProcess& known) const;
 
   const ProcFiles proc_;
   const BootClock& clock_;

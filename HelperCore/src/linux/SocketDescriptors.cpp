@@ -21,8 +21,7 @@ namespace tessaloom {
 
 namespace {
 
-/// `number`: a process or a thread. The folder may be open to a caller to whom the kernel refuses
-/// the links in it. It decides about those by the process, so the first refusal stands for all.
+/// `number`: a process or a thread.
 void addSockets(const ProcFiles& proc, std::int32_t number, std::vector<std::uint32_t>& inodes) {
   const FileDescriptor directory = proc.open(ProcPath{number, "fd"}, O_DIRECTORY);
   const auto descriptors = directory ? listNumbers(directory) : std::nullopt;
@@ -31,9 +30,8 @@ void addSockets(const ProcFiles& proc, std::int32_t number, std::vector<std::uin
     std::array<char, 64> target;
     const ssize_t length =
         readlinkat(directory.get(), ProcPath{descriptor}.text(), target.data(), target.size());
-    if (length < 0 && (errno == EACCES || errno == EPERM)) return;
-    if (length <= 0) continue;
-    const std::string_view link(target.data(), static_cast<std::size_t>(length));
+    const std::string_view link(target.data(),
+                                static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
     if (const auto inode = parseInodeLink("socket", link)) inodes.push_back(*inode);
   }
 }
