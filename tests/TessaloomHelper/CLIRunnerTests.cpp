@@ -112,7 +112,7 @@ class CLIRunnerTest : public testing::Test {
   std::future<Outcome> start(const std::string& last, const std::string& first = "exit=0") {
     const std::string started = directory / UUID::random().string();
     auto invocation = practice({"echo-stdin", first, "touch=" + started, last});
-    invocation.standardInput = "input";
+    invocation.standardInput = "i";
     auto outcome = std::async(std::launch::async, [this, invocation] {
       return runner.run(invocation, id, engine, ample);
     });
@@ -137,12 +137,17 @@ TEST_F(CLIRunnerTest, StreamsWaitForTheOtherEnd) {
   auto [readEnd, writeEnd] = makePipe(PipeMode::nonblocking).value();
   const std::string text(1'000'000, 'x');
   StreamReader reader(std::move(readEnd));
+  ::write(writeEnd.get(), "x", 1);
+  reader.readChunk();
   StdinWriter writer(std::move(writeEnd), text);
   for (int i = 0; i < 1'000 && !reader.finished(); ++i) {
     if (i % 2 == 0) reader.readChunk();  // At first there is nothing, and then as much as fits.
     if (writer.descriptor() >= 0) writer.writeSome();
   }
-  EXPECT_TRUE(reader.contents() == text);
+  EXPECT_TRUE(reader.contents() == text + "x");
+  StdinWriter unread(makePipe().value().writeEnd, text);
+  unread.writeSome();
+  EXPECT_EQ(unread.descriptor(), -1);
 }
 
 TEST_F(CLIRunnerTest, ReportsStatusAndBothStreams) {
@@ -181,8 +186,12 @@ TEST_F(CLIRunnerTest, ReportsStatusAndBothStreams) {
 TEST_F(CLIRunnerTest, ChildHasWhatItIsGivenAndNothingElse) {
   // This process has no standard descriptors meanwhile, but others that a child would inherit.
   int saved[3];
-  for (const int fd : {0, 1, 2}) saved[fd] = ::fcntl(fd, F_DUPFD, 10);
-  for (const int fd : {0, 1, 2}) ::close(fd);
+  for (const int fd : {0, 1, 2}) saved[fd] = ::fcntl(fd, F_DUPFD, 3);
+  for (const int fd : {2, 1, 0}) {
+    ::close(fd);
+    const Pipe pipe = makePipe().value();
+    EXPECT_GT(std::min(pipe.readEnd.get(), pipe.writeEnd.get()), 2);
+  }
   // All but SIGKILL, SIGWINCH and SIGSTOP.
   constexpr std::uint64_t mask =
       ~(1ULL << (SIGKILL - 1) | 1ULL << (SIGWINCH - 1) | 1ULL << (SIGSTOP - 1));
@@ -223,7 +232,6 @@ TEST_F(CLIRunnerTest, ChildHasWhatItIsGivenAndNothingElse) {
 TEST_F(CLIRunnerTest, LaunchFailuresCarryTheSystemsText) {
   std::ofstream(directory / "text") << "text";
   std::filesystem::permissions(directory / "text", std::filesystem::perms::owner_all);
-  std::ofstream(directory / "plain") << "#!/bin/sh";
   const struct {
     std::string executable;
     std::optional<std::string> workingDirectory;
@@ -231,8 +239,6 @@ TEST_F(CLIRunnerTest, LaunchFailuresCarryTheSystemsText) {
   } rows[] = {
       {directory / "missing", {}, "No such file or directory"},
       {directory / "text", {}, "Exec format error"},
-      {directory / "plain", {}, "Permission denied"},
-      {PRACTICE_ENGINE, directory / "text", "Not a directory"},
       {PRACTICE_ENGINE, directory / "missing", "No such file or directory"},
   };
   EXPECT_FALSE(runner.cancel(id));
@@ -275,9 +281,14 @@ TEST_F(CLIRunnerTest, StreamsThatAGrandchildHoldsOpenContributeNothing) {
 
 TEST_F(CLIRunnerTest, DeadlineBeatsCancellationAndConsumesIt) {
   EXPECT_FALSE(runner.cancel(id));
+  const auto killed = std::chrono::steady_clock::now() + ChildProcess::killDelay;
   expectFailure(run({"hang"}, id, 20ms), Kind::timedOut,
                 "The command didn’t finish within 0 seconds.");
+  EXPECT_LT(std::chrono::steady_clock::now(), killed);
   EXPECT_TRUE(run({}, id));
+  const auto invocation = practice({"hang"});
+  EXPECT_TRUE(ChildRun::launch(invocation, std::nullopt));
+  EXPECT_EQ(endOfAnyChild(), -1) << "it is not reaped";
 }
 
 TEST_F(CLIRunnerTest, SameIDAgainTakesTheEntry) {
@@ -303,7 +314,6 @@ TEST_F(CLIRunnerTest, SameIDAgainTakesTheEntry) {
 }
 
 TEST_F(CLIRunnerTest, EndAllEndsEveryRunAndEveryLaterOne) {
-  const auto end = std::chrono::steady_clock::now() + ample;
   auto traced = start("exit=0", "tracer");
   auto leaving = start("hang", "leave-on-term");
   auto resisting = start("hang", "ignore-term");
@@ -311,12 +321,16 @@ TEST_F(CLIRunnerTest, EndAllEndsEveryRunAndEveryLaterOne) {
   EXPECT_TRUE(runner.cancel(id)) << "it resists";
   auto probe = std::async(std::launch::async, [&] { return run({"hang"}); });
   EXPECT_TRUE(eventually([] { return children().size() == 4; }));
+  rlimit limit;
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit low{4, limit.rlim_max};  // For poll it is too many descriptors then.
+  ::setrlimit(RLIMIT_NOFILE, &low);
   runner.endAll();
   auto later = runner.run({directory / "missing", {}, {}, {}, {}}, id, engine, ample);
   for (const auto& outcome : {traced.get(), leaving.get(), resisting.get(), probe.get(), later}) {
     expectFailure(outcome, Kind::cancelled);
   }
-  EXPECT_LT(std::chrono::steady_clock::now(), end) << "one of them has ended by itself";
+  ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 TEST_F(CLIRunnerTest, ManagesWithoutTheNewerCalls) {

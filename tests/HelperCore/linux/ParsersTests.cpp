@@ -37,13 +37,13 @@ TEST(ProcParser, ReadsTheStatLineWhateverTheName) {
     EXPECT_EQ(parseProcessStat(line), (ProcessStat{name, 'S', 7, 0x80000000U, true, 3, 123456}))
         << name;
   }
-  EXPECT_FALSE(
-      parseProcessStat("1 (sh) S 1 1 1 0 -1 64 1 1 0 0 1 1 0 0 20 0 1 0 1 1 1")->isKernelThread);
+  EXPECT_FALSE(parseProcessStat("1 () S 1 1 1 0 -1 64 1 1 0 0 1 1 0 0 20 0 1 0 1")->isKernelThread);
   const std::string line = statLine("sh");
   for (std::size_t length = 0; length <= line.find("123456"); ++length) {
     EXPECT_FALSE(parseProcessStat(line.substr(0, length))) << "cut short: " << length;
   }
-  EXPECT_FALSE(parseProcessStat(") S 1 (")) << "the name ends before it begins";
+  const std::string rest = line.substr(line.find("S 7")) + "(";
+  EXPECT_FALSE(parseProcessStat(rest) || parseProcessStat(")" + rest)) << "no name";
 }
 
 TEST(ProcParser, ReadsTheSmallFilesAndTheNamesOfLinksAndEntries) {
@@ -51,12 +51,12 @@ TEST(ProcParser, ReadsTheSmallFilesAndTheNamesOfLinksAndEntries) {
   EXPECT_EQ(parseResidentPages("2610"), std::nullopt);
   EXPECT_EQ(parseRunCounters("1500 20 3\n"), (RunCounters{1500, 3}));
   EXPECT_EQ(parseRunCounters("0 0 0\n"), std::nullopt) << "a kernel that does not count";
-  EXPECT_EQ(parseRunCounters("1500 20"), std::nullopt);
+  EXPECT_FALSE(parseRunCounters("1500 20") || parseRunCounters("x 20 3"));
   EXPECT_EQ(parseDescriptorRoom("Name:\tFDSize:\nNgid:\t0\nFDSize:\t256\nGroups:\t\n"), 256);
   EXPECT_EQ(parseDescriptorRoom("Name:\tsh\n"), std::nullopt);
   EXPECT_EQ(parseInodeLink("socket", "socket:[4294967295]"), 4294967295U);
   for (const char* link :
-       {"socket:[", "socket:]", "socket:[]", "socket:[1x]", "socket1]", "pipe:[1]"}) {
+       {"socket:[12", "socket:]", "socket:[]", "socket:[1x]", "socket1]", "packet:[1]"}) {
     EXPECT_EQ(parseInodeLink("socket", link), std::nullopt) << link;
   }
   EXPECT_EQ(parseNumberName("4242"), 4242);
@@ -70,7 +70,7 @@ TEST(TerminalName, FollowsTheDeviceNumber) {
   const std::pair<std::uint32_t, std::string> names[] = {
       {0, ""},          {0x8803, "pts/3"}, {0x8fff, "pts/2047"}, {0x108803, "pts/259"},
       {0x43f, "tty63"}, {0x440, "ttyS0"},  {0x103, "null"},  // By the link that the system keeps.
-      {0xffffffff, ""}};
+      {0x9003, ""},     {0xffffffff, ""}};
   for (const auto& [device, name] : names) EXPECT_EQ(terminalName(device), name) << device;
 }
 
@@ -113,11 +113,12 @@ TEST(SocketParser, ReadsTheTablesOfAMachineThatIsLittleEndian) {
       "inode\n" +
       line("0100007F:1F90", "0A", "1") + line("0100007F:1F91", "01", "2") +
       line("00000000:0050", "0A", "0") + line("zz00007F:1F90", "0A", "3") +
-      line("0000000000000000FFFF00000100007F:0017", "0A", "4") + line("0100007F:1F92", "0A", "") +
-      line("0100007F:1FZZ", "0A", "6");
+      line("0000000000000000FFFF00000100007F:0017", "0A", "4") + line("0100007F:1F92", "0A", "x") +
+      line("0100007F:1FZZ", "0A", "6") + line("0100007F00:1F93", "0A", "7");
   SocketsByInode sockets;
   addSocketsOfText(tcp, IPPROTO_TCP, sockets);
-  addSocketsOfText(line("3500007F:0035", "07", "5"), IPPROTO_UDP, sockets);
+  const auto udp = line("3500007F:0036", "zz", "8") + line("3500007F:0035", "07", "5");
+  addSocketsOfText(udp.substr(0, udp.size() - 1), IPPROTO_UDP, sockets);
   EXPECT_EQ(sockets.size(), 3U);
   EXPECT_EQ(describe(sockets, 1), "tcp 127.0.0.1 8080");
   EXPECT_EQ(describe(sockets, 4), "tcp ::ffff:127.0.0.1 23");
@@ -167,10 +168,8 @@ TEST(SocketParser, ReadsADump) {
   // A datagram may end anywhere.
   for (std::size_t length = 0; length < datagram.size(); ++length) {
     SocketsByInode cut;
-    addSocketsOfDump(
-        Datagram(datagram.begin(), datagram.begin() + static_cast<std::ptrdiff_t>(length)),
-        IPPROTO_TCP, cut);
-    EXPECT_LE(cut.size(), 2U);
+    addSocketsOfDump(std::span{datagram}.first(length), IPPROTO_TCP, cut);
+    EXPECT_EQ(cut.size(), std::min(length / (sizeof(nlmsghdr) + sizeof(inet_diag_msg)), 2UL));
   }
 }
 
