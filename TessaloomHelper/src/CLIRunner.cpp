@@ -50,9 +50,9 @@ class CLIRunner::Registration {
       : Registration(runner, requestID) {
     // The object counts as made from here on, so a failure in between is cleaned up too.
     child_ = std::move(child);
-    const MutexLock locked(runner_.lock_);
-    runner_.running_.insert(child_);
-    if (requestID_) runner_.inFlight_.insert_or_assign(*requestID_, child_);
+    const MutexLock locked(runner.lock_);
+    runner.running_.insert(child_);
+    if (requestID_) runner.inFlight_.insert_or_assign(*requestID_, child_);
   }
   ~Registration() { end(); }
   Registration(const Registration&) = delete;
@@ -61,22 +61,22 @@ class CLIRunner::Registration {
   /// Forgets the child and what is remembered of its id, once: what comes later is the next run's.
   /// Whether a cancellation was remembered.
   bool end() {
-    if (std::exchange(hasEnded_, true)) return false;
-    const MutexLock locked(runner_.lock_);
-    runner_.running_.erase(child_);
+    CLIRunner* const runner = std::exchange(runner_, nullptr);
+    if (runner == nullptr) return false;
+    const MutexLock locked(runner->lock_);
+    runner->running_.erase(child_);
     if (!requestID_) return false;
-    runner_.inFlight_.erase(*requestID_);
-    return runner_.cancelled_.erase(*requestID_) != 0;
+    runner->inFlight_.erase(*requestID_);
+    return runner->cancelled_.erase(*requestID_) != 0;
   }
 
  private:
   Registration(CLIRunner& runner, const std::optional<UUID>& requestID)
-      : runner_(runner), requestID_(requestID) {}
+      : runner_(&runner), requestID_(requestID) {}
 
-  CLIRunner& runner_;
+  CLIRunner* runner_;  ///< Null once this has ended.
   const std::optional<UUID> requestID_;
   std::shared_ptr<ChildProcess> child_;
-  bool hasEnded_ = false;
 };
 
 std::expected<RunResult, GenerationErrorPayload> CLIRunner::run(

@@ -175,7 +175,8 @@ def replace(run, client, turn=0):
     client.ask("ProtocolVersion", right=1)
     old = process_of(HELPER, client)
     replace_helper(turn)
-    client.ask("QuitIfOutdated", right={"isOutdated": True, "willExit": True})
+    for asked in [client.start("QuitIfOutdated") for _ in range(3)]:
+        client.finish(asked, {"isOutdated": True, "willExit": True})
     return old
 
 
