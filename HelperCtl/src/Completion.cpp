@@ -122,7 +122,7 @@ Candidates candidatesFor(std::span<const std::string> before, const std::string&
   for (const std::string& word : before) {
     if (awaitsValue) {
       awaitsValue = false;
-    } else if (word == "--") {
+    } else if (!optionsEnded && word == "--") {
       optionsEnded = true;
     } else if (!optionsEnded && word.size() > 1 && word.front() == '-') {
       const auto rules = optionsOf(command);
