@@ -9,8 +9,6 @@ from sandbox import PROGRAM as SANDBOXED
 from session import (ACCESS_DENIED, ADMITTED, FILES, HELPER, HELPER_PATH, INTERFACE, LIMITS_EXCEEDED, Outsider, engines,
                      eventually, memory_of, processes)
 
-EDITOR = "[Application]\nname=com.brindlemoor.Tessaloom\n"
-
 
 @case(rounds=40)
 def forged_credentials(run):
@@ -19,18 +17,6 @@ def forged_credentials(run):
         outcomes = [liar.report() for _ in range(run.rounds)]
     run.check(outcomes.count(ACCESS_DENIED) == run.rounds, f"{outcomes.count('admitted')} of {run.rounds} tries admitted, "
               f"{outcomes.count('nothing')} without an answer")
-
-
-@case(rounds=1)
-def false_sandboxes(run):
-    """Sandboxes that are no application's, and such as say that they are the editor's."""
-    rows = {"without a description": None, "that names the editor": EDITOR,
-            "with an instance": EDITOR + "[Instance]\ninstance-id=4711\n",
-            "with an instance outside": EDITOR + "[Instance]\ninstance-id=../../../proc/1/root/tmp/files\n"}
-    with run.load():
-        for row, info in rows.items():
-            with Outsider("call_from_sandbox", program=SANDBOXED, info=info) as liar:
-                run.check(liar.first == [ACCESS_DENIED] * 3, f"a sandbox {row}: {liar.first}")
 
 
 @case(rounds=70)

@@ -26,20 +26,9 @@ def report(value):
     print(json.dumps(value), flush=True)
 
 
-def connect():
-    """A connection that knows who owns the helper's name."""
-    peer = Peer()
-    peer.watch(HELPER)
-    return peer
-
-
 def outcome(reply):
     """What the helper answered: "admitted", or the error's name."""
     return "nothing" if reply is None else "admitted" if reply.type == RETURN else reply.error_name
-
-
-def ask(peer, method, *body):
-    return outcome(peer.call(HELPER, HELPER_PATH, INTERFACE, method, *body))
 
 
 def helper_serial(peer):
@@ -58,30 +47,23 @@ def forge_credentials(victim, rounds):
     """Answers for the bus who a new peer is: somebody else's process."""
     facts = {"UnixUserID": ("u", os.getuid()), "ProcessID": ("u", victim)}
     report("ready")
-    for _ in range(rounds):
-        with connect() as scout, connect() as liar:
+    for turn in range(rounds):
+        with Peer().watch(HELPER) as scout, Peer().watch(HELPER) as liar:
             serial, helper = helper_serial(scout)
-            question = liar.send(helper, HELPER_PATH, INTERFACE, "HelperCapabilities")
+            question = liar.send(helper, HELPER_PATH, INTERFACE, ("HelperCapabilities", "NoSuchMethod")[turn % 2])
             forge(liar, RETURN, serial + 1, helper, "a{sv}", [facts])
             report(outcome(liar.wait(question, 10)))
 
 
 def forge_replies():
     """Answers whatever the helper asks the bus, alternately with an error, a wrong value and an empty reply."""
-    peer = connect()
+    peer = Peer().watch(HELPER)
     report("ready")
     lies = ((ERROR, "s", ["no"], BUS + ".Error.NameHasNoOwner"), (RETURN, "u", [1], None), (RETURN, "", (), None))
     for kind, signature, arguments, error in itertools.cycle(lies):
         serial, helper = helper_serial(peer)
         if serial and helper and helper.startswith(":"):
             forge(peer, kind, serial + 1, helper, signature, arguments, error_name=error)
-
-
-def call_from_sandbox(info=None):
-    """Calls from a sandbox with a root of its own in which it writes what it likes."""
-    with connect() as peer:
-        sandbox.enter_own_root({} if info is None else {".flatpak-info": info})
-        report([ask(peer, method) for method in ("ProtocolVersion", "ListProcesses", "NoSuchMethod")])
 
 
 def hang_in_vetting(connections, bodies=0, size=0):
@@ -99,25 +81,24 @@ def hang_in_vetting(connections, bodies=0, size=0):
     sys.stdin.read()
 
 
-def flood(method="ListProcesses"):
+def flood():
     """Calls without a pause and never reads."""
     peer = Peer()
-    calls = b"".join(marshal(CALL, peer.next_serial(), member=method, **TO_HELPER) for _ in range(500))
+    calls = b"".join(marshal(CALL, peer.next_serial(), member="ListProcesses", **TO_HELPER) for _ in range(500))
     report("ready")
     while True:
         peer.send_bytes(calls)
 
 
-def ask_at_once(method, requests):
-    """At each word, sends these requests at once, each [text before, repeated text, how often, text after], and reports
-    the outcomes."""
-    peer = connect()
-    ask(peer, "ProtocolVersion")  # Once admitted it may send more.
-    bodies = [(before + repeated * count + after).encode() for before, repeated, count, after in requests]
+def ask_each_time(body):
+    """At each word, sends a large request [text before, repeated text, how often, text after] and reports the outcome."""
+    peer = Peer().watch(HELPER)
+    helper_serial(peer)  # Once admitted it may send more.
+    before, repeated, count, after = body
+    request = (before + repeated * count + after).encode()
     report("ready")
     for _ in sys.stdin:
-        calls = [peer.send(HELPER, HELPER_PATH, INTERFACE, method, "ay", body) for body in bodies]
-        report([outcome(peer.wait(call)) for call in calls])
+        report(outcome(peer.call(HELPER, HELPER_PATH, INTERFACE, "KillProcess", "ay", request)))
 
 
 def vanish(rounds):

@@ -1,7 +1,6 @@
-"""Sandboxes that any user may make: namespaces, and in them a root directory that a process makes for itself."""
+"""A sandbox that any user may make: namespaces, and in them a root directory that a process makes for itself."""
 
 import os
-import pathlib
 import struct
 import subprocess
 import tempfile
@@ -10,25 +9,11 @@ import threading
 PROGRAM = (*"unshare --mount --user --map-current-user --keep-caps".split(), "/usr/bin/python3")
 
 
-def mounted(kind, options, *descriptors):
-    """A directory with a new file system of this kind on it."""
-    root = tempfile.mkdtemp()
-    subprocess.run(["mount", "-i", "-t", kind, "-o", options, "none", root], stderr=subprocess.DEVNULL, pass_fds=descriptors, check=True)
-    return root
-
-
-def enter_own_root(files):
-    """A root directory that can be written, with these files."""
-    root = mounted("tmpfs", "mode=755")
-    for name, text in files.items():
-        pathlib.Path(root, name).write_text(text)
-    os.chroot(root)
-
-
 def enter_silent_root(device):
     """A root directory in which every look-up blocks indefinitely."""
     fuse = os.open(device, os.O_RDWR)  # A thread answers what entering takes (fuse(4), linux/fuse.h), and then no more.
-    root = mounted("fuse", f"fd={fuse},rootmode=40000,user_id={os.getuid()},group_id={os.getgid()}", fuse)
+    root, options = tempfile.mkdtemp(), f"fd={fuse},rootmode=40000,user_id={os.getuid()},group_id={os.getgid()}"
+    subprocess.run(["mount", "-i", "-t", "fuse", "-o", options, "none", root], stderr=subprocess.DEVNULL, pass_fds=[fuse], check=True)
 
     def answer():
         initialize, get_attributes, access = 26, 3, 34

@@ -99,16 +99,15 @@ def little_memory(run):
 @case(rounds=2)
 def memory_returned(run):
     """What large requests, of eight processes at once, listings and outputs took is given back."""
-    bodies = (["[", "{},", 5_000_000, "{}]"], ['{"prompt":"', "x", 15_000_000, '"}'], ['["\\u0000"]', " ", 15_000_000, ""])
+    bodies = (("[", "{},", 5_000_000, "{}]"), ('{"prompt":"', "x", 15_000_000, '"}'), ('["\\u0000"]', " ", 15_000_000, ""))
     for body in bodies:
         with contextlib.ExitStack() as stack:
-            callers = [stack.enter_context(Outsider("ask_at_once", program=ADMITTED, method="KillProcess",
-                                                    requests=[body])) for _ in range(8)]
+            callers = [stack.enter_context(Outsider("ask_each_time", ADMITTED, body=body)) for _ in range(8)]
             for _ in range(run.rounds):
                 for caller in callers:
                     caller.go_on()
                 outcomes = [caller.report() for caller in callers]
-                run.check(outcomes == [[DECODING_ERROR]] * 8, f"outcomes: {outcomes}")
+                run.check(outcomes == [DECODING_ERROR] * 8, f"outcomes: {outcomes}")
     # The bodies alone take up to 240 MiB; trees of the values in them would take 300 MiB more each.
     peak = memory_of(run.helper(), "VmHWM")
     run.check(peak < 300, f"the helper's memory went up to {peak:.0f} MiB")

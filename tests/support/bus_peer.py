@@ -37,8 +37,6 @@ class Received:
 
 
 class Peer:
-    """One connection. `name` is the unique name that the bus gave it."""
-
     def __init__(self, timeout=30):
         self.timeout = timeout
         self.serial = 0
@@ -57,11 +55,10 @@ class Peer:
     def __enter__(self):
         return self
 
-    def __exit__(self, *_):
-        self.close()
-
-    def close(self):
+    def close(self, *_):
         self.socket.close()
+
+    __exit__ = close
 
     def next_serial(self):
         self.serial += 1
@@ -97,6 +94,7 @@ class Peer:
         owner = self.call(BUS, BUS_PATH, BUS, "GetNameOwner", "s", name or BUS)
         if owner.type == RETURN:
             self.owners[name].add(owner.body[0])
+        return self
 
     def receive(self, deadline):
         """The next message, or None at the deadline. A reply is kept for `wait` when whoever was asked sent it."""
