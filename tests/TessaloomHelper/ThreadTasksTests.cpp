@@ -94,8 +94,8 @@ TEST(ThreadTasksTest, TasksWaitAboveTheBoundAndWhenNoThreadCanBeMadeOrAreRefused
   EXPECT_THROW(ThreadTasks(), std::system_error);
   refusing.runConcurrently(quality, [&] { released.wait(); });
   EXPECT_THROW(refusing.runConcurrently(quality, [] {}), std::system_error);
-  released
-      .wait();  // The only idle thread that keeps the time does not exit, nor does the last one.
+  // The only idle thread that keeps the time does not exit, nor does the last one.
+  released.wait();
   expectToWaitFor(tasks, 1);
   ::pthread_setattr_default_np(&before);
 }

@@ -41,7 +41,6 @@ def case(rounds, **needs):
 def load_cases():
     for module in MODULES:
         importlib.import_module(module)
-    return CASES
 
 
 class Skipped(Exception):
@@ -64,11 +63,9 @@ class Run:
         return holds
 
     def load(self, kinds=honest.EVERYTHING, **options):
-        """Honest callers meanwhile."""
         return honest.load(self.ledger, self.random.random(), kinds, **options)
 
     def under_load(self, kinds=honest.EVERYTHING, turns=None):
-        """Honest callers until they have had their turns."""
         with self.load(kinds, turns=turns):
             pass
 
@@ -106,7 +103,6 @@ class Run:
                 if held[key] > before + (MEMORY_SLACK if key == "memory" else 0)}
 
     def bus_log(self):
-        """What the bus and the helpers that it started wrote."""
         return pathlib.Path(os.environ["PRIVATE_BUS_LOG"]).read_text()
 
     def look_at_the_end(self):

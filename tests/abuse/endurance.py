@@ -1,11 +1,12 @@
 """The long runs; each round stands for one thing done."""
 
 import pathlib
+import subprocess
 
 import honest
 from case import Skipped, case
-from session import subprocess
 
+LAST_PID = pathlib.Path("/proc/sys/kernel/ns_last_pid")
 GENERATIONS = ("generate",) * 850 + ("fail",) * 100 + ("cancel",) * 49 + ("time_out",)
 
 
@@ -15,23 +16,12 @@ def generations(run):
     run.under_load((GENERATIONS,) * 3, turns=-(-run.rounds // 3))
 
 
-def start_as(pid):
-    """A process that sleeps and has this pid, or None where another took it."""
-    pathlib.Path("/proc/sys/kernel/ns_last_pid").write_text(str(pid - 1))
-    process = subprocess.Popen(["/bin/sleep", "1000"])
-    if process.pid == pid:
-        return process
-    process.kill()
-    process.wait()
-    return None
-
-
 @case(rounds=60, privileged=True)
 def reused_pids(run):
     """Processes that reuse the pid of a listed one are not signaled."""
     caller, reused = honest.Honest(run.ledger, run.seed), 0
     try:
-        pathlib.Path("/proc/sys/kernel/ns_last_pid").write_text("1000")
+        LAST_PID.write_text("1000")
     except OSError as error:
         raise Skipped(f"pids cannot be chosen here: {error}") from error
     for _ in range(run.rounds * 3):
@@ -39,13 +29,13 @@ def reused_pids(run):
             break
         pid = caller.sleeper.pid
         caller.end_sleeper()
-        successor = start_as(pid)
-        if successor:
+        LAST_PID.write_text(str(pid - 1))
+        successor = subprocess.Popen(["/bin/sleep", "1000"])
+        if successor.pid == pid:
             reused += 1
             caller.ask("KillProcess", {"pid": pid, "signal": 9}, lambda value, error: not error and not value["succeeded"])
             run.check(successor.poll() is None, "a process that was never listed was killed")
-            successor.kill()
-            successor.wait()
-    run.note = f"{reused} pids reused"
+        successor.kill()
+        successor.wait()
     run.check(reused == run.rounds, f"only {reused} pids could be reused")
     caller.close()

@@ -31,7 +31,6 @@ def prepare(*words):
 
 
 def make_platform(folder):
-    """A runtime that holds a shell and what sends a message."""
     for name in ("sh", "dbus-send"):
         program = shutil.which(name)
         (folder / "files/bin").mkdir(parents=True, exist_ok=True)

@@ -115,7 +115,6 @@ class Client(Peer):
 
 
 def generated(request):
-    """Whether an answer is the practice engine's to this very request."""
     line = request["prompt"].split("\n")[0]
 
     def right(value, error):
@@ -183,7 +182,6 @@ class Honest:
         self.ask("GenerateText", generation(f"Fail practice:{words}", "claudeCode"), GENERATION_ERROR + kind)
 
     def cancel(self):
-        """Cancels a generation that hangs; the first cancellation may come before its engine runs."""
         up = FILES / str(uuid.uuid4())
         request = generation(f"Wait practice:touch={up} practice:hang", self.engine())
         started = self.client.start("GenerateText", request)
@@ -206,7 +204,7 @@ class Honest:
                  lambda value, error: not error and not value["succeeded"] and "(B3)" in value["message"])
 
     def list(self):
-        """Lists until the sleeper is there: one of the current clock tick is left out."""
+        """Until the sleeper is there: one of the current clock tick is left out."""
         if self.sleeper is None:
             self.sleeper = subprocess.Popen(["/bin/sleep", "1000"])
         pid, rows = self.sleeper.pid, []
@@ -229,7 +227,6 @@ class Honest:
         return False
 
     def kill(self):
-        """Ends the sleeper, by the connection that listed it."""
         if self.list():
             answer = self.ask("KillProcess", {"pid": self.sleeper.pid, "signal": 9}, {"succeeded": True})
             if answer[1] is None and self.sleeper.wait() != -signal.SIGKILL:
@@ -243,7 +240,6 @@ class Honest:
             self.sleeper = None
 
     def ports(self):
-        """Lists a socket of its own."""
         with socket.create_server(("127.0.0.1", 0)) as server:
             row = {"port": server.getsockname()[1], "transport": "tcp", "pid": os.getpid(),
                    "processName": "tessaloom", "address": "127.0.0.1"}
@@ -273,8 +269,6 @@ def load(ledger, seed, kinds=EVERYTHING, turns=None):
                 turn += 1
         except Lost:
             pass  # Counted.
-        except ConnectionError as error:
-            ledger.add("lost", problem=f"connection: {error}")
         except Exception as error:  # A thread's end must not pass for silence.
             ledger.add("wrong", problem=f"{type(error).__name__}: {error}")
         finally:

@@ -33,13 +33,10 @@ def start():
 
 
 def is_reachable():
-    """Whether the bus listens: its socket is there before that."""
-    with contextlib.suppress(OSError), Peer():
+    with contextlib.suppress(OSError), Peer():  # The bus's socket is there before it listens.
         return True
-    return False
 
 
 def result():
-    """How the helper's unit last ended."""
     shown = subprocess.run(["systemctl", "--user", "show", "--property=Result", "--value", UNIT], capture_output=True, text=True)
     return shown.stdout.strip()

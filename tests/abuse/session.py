@@ -51,8 +51,7 @@ def status_of(pid):
 
 
 def memory_of(pid, key):
-    """A size that /proc/PID/status shows, in MiB."""
-    return int(status_of(pid)[key].split()[0]) / 1024
+    return int(status_of(pid)[key].split()[0]) / 1024  # MiB.
 
 
 def processor_seconds(pid):
@@ -72,7 +71,6 @@ def engines():
 
 
 def process_of(name, peer=None):
-    """The process that owns a name on the bus, or None."""
     with contextlib.nullcontext(peer) if peer else Peer() as peer:
         reply = peer.call(BUS, BUS_PATH, BUS, "GetConnectionUnixProcessID", "s", name)
         return reply.body[0] if reply and reply.type == RETURN else None
@@ -135,7 +133,6 @@ def another_bus():
 
 @contextlib.contextmanager
 def limited(pid, limit, value):
-    """The process has this resource limit meanwhile."""
     before = resource.prlimit(pid, limit)
     resource.prlimit(pid, limit, (value, before[1]))
     yield
@@ -145,7 +142,6 @@ def limited(pid, limit, value):
 
 @contextlib.contextmanager
 def processes(count, sockets=0):
-    """`count` processes and `sockets` listening sockets meanwhile."""
     resource.setrlimit(resource.RLIMIT_NOFILE, (resource.getrlimit(resource.RLIMIT_NOFILE)[1],) * 2)
     with subprocess.Popen([ROOT / "bin/process-load", str(count), "3", str(sockets)], stdin=subprocess.PIPE,
                           stdout=subprocess.PIPE) as made:
@@ -170,8 +166,7 @@ def footprint(pid):
         with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # A thread that has just ended.
             children += path.read_text().split()
     return {"descriptors": len(os.listdir(f"/proc/{pid}/fd")), "threads": int(status["Threads"]),
-            "children": len(children),
-            "directories": len(list(GENERATIONS.iterdir())) if GENERATIONS.exists() else 0,
+            "children": len(children), "directories": len(list(GENERATIONS.iterdir())) if GENERATIONS.exists() else 0,
             "memory": int(status["RssAnon"].split()[0])}
 
 
@@ -187,11 +182,10 @@ class Outsider:
 
     def report(self):
         """What it says next, or None when it has ended."""
-        line = self.process.stdout.readline()
-        return json.loads(line) if line else None
+        return json.loads(self.process.stdout.readline() or "null")
 
-    def go_on(self, word=""):
-        print(word, file=self.process.stdin, flush=True)
+    def go_on(self):
+        print(file=self.process.stdin, flush=True)
 
     def __enter__(self):
         self.first = self.report()
