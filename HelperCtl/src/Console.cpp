@@ -15,9 +15,9 @@
 #include <nlohmann/json.hpp>
 
 #include "HelperProtocol/JSONReader.h"
-#include "ReadNumber.h"
 #include "TLFoundation/DisplayString.h"
 #include "TLFoundation/ErrnoText.h"
+#include "TLFoundation/ParseNumber.h"
 
 namespace tessaloom::Console {
 namespace {
@@ -192,7 +192,7 @@ std::optional<winsize> sizeOf(int descriptor) {
 
 std::size_t widthOf(int descriptor) {
   if (const auto size = sizeOf(descriptor)) return size->ws_col;
-  const std::size_t columns = readNumber<std::size_t>(environment("COLUMNS")).value_or(0);
+  const std::size_t columns = parseNumber<std::size_t>(environment("COLUMNS")).value_or(0);
   return columns > 0 ? columns : usualWidth;
 }
 

@@ -21,7 +21,7 @@ std::string firstLine(std::string_view text) {
 
 /// The next word of a script's first line, removed from it. The kernel splits at these two
 /// characters alone.
-std::string_view takeWord(std::string_view& line) {
+std::string_view takeScriptWord(std::string_view& line) {
   line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
   const std::string_view word = line.substr(0, line.find_first_of(" \t"));
   line.remove_prefix(word.size());
@@ -77,9 +77,9 @@ std::string interpreterOf(const std::filesystem::path& executable) {
   file.read(line.data(), static_cast<std::streamsize>(line.size()));
   line.resize(static_cast<std::size_t>(file.gcount()));
   std::string_view words = std::string_view(line).substr(0, line.find('\n'));
-  const std::string_view interpreter = takeWord(words);
+  const std::string_view interpreter = takeScriptWord(words);
   if (std::filesystem::path(interpreter).filename() != "env") return std::string(interpreter);
-  for (auto word = takeWord(words); !word.empty(); word = takeWord(words)) {
+  for (auto word = takeScriptWord(words); !word.empty(); word = takeScriptWord(words)) {
     if (!word.starts_with('-') && !word.contains('=')) return std::string(word);
   }
   return std::string(interpreter);

@@ -1,6 +1,5 @@
 #include <cstdint>
 #include <string>
-#include <system_error>
 #include <utility>
 
 #include "CallCommands.h"
@@ -11,7 +10,7 @@
 #include "HelperProtocol/GenerationRequest.h"
 #include "HelperProtocol/GenerationResult.h"
 #include "HumanFormat.h"
-#include "ReadNumber.h"
+#include "TLFoundation/ParseNumber.h"
 #include "TLFoundation/Unicode.h"
 #include "TerminationSignals.h"
 
@@ -60,9 +59,10 @@ std::expected<std::string, UsageError> readPrompt(const Arguments& arguments) {
 std::expected<GenerationTimeout, UsageError> readTimeout(const Arguments& arguments) {
   const auto text = arguments.value(timeoutOption.name);
   if (!text) return GenerationTimeout();
-  const auto seconds = readNumber<std::int64_t>(*text);
+  const auto seconds = parseNumber<std::int64_t>(*text);
   if (seconds) return GenerationTimeout(*seconds);
-  return usageError(seconds.error() == std::errc::result_out_of_range
+  const bool isOutOfRange = !text->empty() && text->find_first_not_of("-0123456789") == text->npos;
+  return usageError(isOutOfRange
                         ? timeoutRange() + ", not " + safeLine(*text)
                         : "--timeout \"" + safeLine(*text) + "\" is not a whole number of seconds");
 }

@@ -6,7 +6,6 @@
 #include <functional>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <tuple>
 #include <vector>
 
@@ -16,7 +15,7 @@
 #include "HelperProtocol/Methods.h"
 #include "HelperProtocol/ProcessMessages.h"
 #include "HumanFormat.h"
-#include "ReadNumber.h"
+#include "TLFoundation/ParseNumber.h"
 #include "Table.h"
 
 namespace tessaloom {
@@ -239,7 +238,7 @@ ExitStatus Listing<Record>::watch(Transport& transport) const {
 }
 
 std::expected<ProcessID, UsageError> readPID(const std::string& text) {
-  const auto number = readNumber<std::int32_t>(text);
+  const auto number = parseNumber<std::int32_t>(text);
   if (number && *number > 0) return ProcessID(*number);
   return usageError("process ID \"" + safeLine(text) + "\" is not a number from 1 to 2147483647");
 }

@@ -1,26 +1,10 @@
 #include "linux/ProcParser.h"
 
 #include <algorithm>
-#include <charconv>
-#include <memory>
-#include <system_error>
+
+#include "TLFoundation/ParseNumber.h"
 
 namespace tessaloom {
-
-template <class Number>
-std::optional<Number> parseNumber(std::string_view text, int base) {
-  Number number{};
-  const char* begin = std::to_address(text.begin());
-  const char* end = std::to_address(text.end());
-  auto [stop, error] = std::from_chars(begin, end, number, base);
-  if (error != std::errc{} || stop != end) return std::nullopt;
-  return number;
-}
-
-template std::optional<std::int32_t> parseNumber(std::string_view, int);
-template std::optional<std::uint16_t> parseNumber(std::string_view, int);
-template std::optional<std::uint32_t> parseNumber(std::string_view, int);
-template std::optional<std::uint64_t> parseNumber(std::string_view, int);
 
 std::string_view takeWord(std::string_view& text) {
   const auto isSpace = [](char each) { return each == ' ' || each == '\n'; };

@@ -50,8 +50,4 @@ std::optional<std::int32_t> parseNumberName(std::string_view name);
 /// A word that is cut off the front of `text`, as far as the next run of spaces.
 std::string_view takeWord(std::string_view& text);
 
-/// The whole of `text` as a number.
-template <class Number>
-std::optional<Number> parseNumber(std::string_view text, int base = 10);
-
 }  // namespace tessaloom

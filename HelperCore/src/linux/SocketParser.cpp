@@ -10,6 +10,7 @@
 #include <array>
 #include <cstring>
 
+#include "TLFoundation/ParseNumber.h"
 #include "linux/ProcParser.h"
 
 namespace tessaloom {
