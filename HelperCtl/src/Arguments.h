@@ -36,6 +36,7 @@ struct OptionRule {
   /// A word of one dash that is not an option, or that begins with "sig", is this one's value, as
   /// in "kill -9".
   bool takesDashedWord = false;
+  bool isRequired = false;  ///< Shown in the command's usage; the command itself refuses without.
 };
 
 /// What is wrong with the command line, as a sentence for the user.

@@ -22,6 +22,11 @@ namespace {
 using Console::print;
 using Console::safeLine;
 
+/// The limit of a body, for people.
+std::string bodyLimit() {
+  return std::to_string(CallLoad::maximumBytes / 1'048'576) + " MiB";
+}
+
 void showCapabilities(const HelperCapabilities& capabilities) {
   print("Helper version  " + safeLine(capabilities.helperVersion) + "\n");
   std::string names;
@@ -105,7 +110,8 @@ std::expected<std::string, UsageError> readStandardInput(std::string_view limit)
       throw inputError(errno);
     }
   }
-  return usageError("standard input is longer than 16 MiB; the limit is " + std::string(limit));
+  return usageError("standard input is longer than " + bodyLimit() + "; the limit is " +
+                    std::string(limit));
 }
 
 CommandResult runVersion(const Arguments& arguments) {
@@ -155,7 +161,7 @@ CommandResult runCall(const Arguments& arguments) {
       return usageError(name + " takes no body");
     }
     const std::string& given = arguments.positionals()[1];
-    auto read = given == "-" ? readStandardInput("16 MiB") : given;
+    auto read = given == "-" ? readStandardInput(bodyLimit()) : given;
     if (!read) return std::unexpected(read.error());
     body = *std::move(read);
   } else if (method != nullptr && method->takesRequest()) {

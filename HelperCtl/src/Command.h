@@ -9,6 +9,8 @@
 
 #include "Arguments.h"
 #include "Console.h"
+#include "HelperProtocol/GenerationRequest.h"
+#include "HelperProtocol/GenerationTimeout.h"
 
 namespace tessaloom {
 
@@ -39,17 +41,20 @@ inline constexpr OptionRule helpOption{"--help", "", "show this help", 'h'};
 inline constexpr OptionRule versionOption{"--version", "", "show the version of this program", 'V'};
 inline constexpr std::array commonOptions{jsonOption, helpOption, versionOption};
 
-/// The only required option.
 inline constexpr OptionRule engineOption{.name = "--engine",
                                          .valueName = "ENGINE",
                                          .summary = "claudeCode or codex; required",
-                                         .valueKind = WordKind::engine};
+                                         .valueKind = WordKind::engine,
+                                         .isRequired = true};
 inline constexpr OptionRule shapeOption{.name = "--shape",
                                         .valueName = "SHAPE",
                                         .summary = "freeText (default) or itemFields",
                                         .valueKind = WordKind::shape};
+static_assert(GenerationRequest::instructionsLimit == 8'000);
 inline constexpr OptionRule instructionsOption{
     "--instructions", "TEXT", "instructions for the engine, up to 8,000 characters"};
+static_assert(GenerationTimeout::minimum == 5 && GenerationTimeout::maximum == 300 &&
+              GenerationTimeout::defaultSeconds == 180);
 inline constexpr OptionRule timeoutOption{"--timeout", "SECONDS", "5 to 300 (default 180)"};
 inline constexpr OptionRule idOption{"--id", "UUID", "the generation's ID (default: a new one)"};
 inline constexpr OptionRule signalOption{

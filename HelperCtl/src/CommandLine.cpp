@@ -116,7 +116,7 @@ std::string padded(std::string_view text, std::size_t width) {
 std::string usageOf(const Command& command) {
   std::string text(command.name);
   for (const OptionRule& rule : command.options) {
-    if (rule.name == engineOption.name) text += " --engine ENGINE";
+    if (rule.isRequired) text.append(" ").append(rule.name).append(" ").append(rule.valueName);
   }
   for (const Positional& positional : command.positionals) {
     std::string word(positional.name);

@@ -4,6 +4,7 @@
 
 #include "HelperCore/BinaryAllowlist.h"
 #include "HelperCore/GenerationOutputParser.h"
+#include "HelperProtocol/GenerationTimeout.h"
 #include "HelperProtocol/WireValues.h"
 
 namespace tessaloom {
@@ -25,7 +26,8 @@ std::string adviceFor(GenerationFailureKind kind, GenerationEngineID engine) {
     case GenerationFailureKind::launchFailed:
       return "See what is wrong: tessaloom-helperctl doctor";
     case GenerationFailureKind::timedOut:
-      return "Increase --timeout (up to 300), or run `" + std::string(executableName(engine)) +
+      return "Increase --timeout (up to " + std::to_string(GenerationTimeout::maximum) +
+             "), or run `" + std::string(executableName(engine)) +
              "` in a terminal to see how it responds.";
     case GenerationFailureKind::nonZeroExit:
       return "Run `" + std::string(executableName(engine)) +

@@ -136,7 +136,8 @@ void BusTransport::call(const std::string& method, const std::optional<Bytes>& b
   if (body && body->size() > CallLoad::maximumBytes - std::strlen(HelperConstants::objectPath)) {
     return finish(pending, std::unexpected(CallError{
                                CallError::Category::answered, SD_BUS_ERROR_LIMITS_EXCEEDED,
-                               "The body exceeds the helper's limit, 16 MiB."}));
+                               "The body exceeds the helper's limit, " +
+                                   std::to_string(CallLoad::maximumBytes / 1'048'576) + " MiB."}));
   }
   if (const int error = send(method, body, pending); error != 0) {
     finish(pending,
