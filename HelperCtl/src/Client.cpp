@@ -64,22 +64,22 @@ ExitStatus reportError(const CallError& error, bool json) {
     Console::printErrorJSON(whole.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
   } else {
     const std::string text = Console::safeLine(error.message.empty() ? error.name : error.message);
-    const bool isAnswer = error.category == CallError::Category::answered;
-    Console::printError((isAnswer ? "" : "no answer from the helper: ") + text, error.advice);
+    const bool isUnreachable = error.category == CallError::Category::unreachable;
+    Console::printError((isUnreachable ? "no answer from the helper: " : "") + text, error.advice);
   }
   return error.category == CallError::Category::unreachable ? ExitStatus::unreachable
                                                             : ExitStatus::refused;
 }
 
 ExitStatus reportUnreadableReply(std::string_view problem, bool json) {
-  CallError error{CallError::Category::answered, "unreadableReply",
+  CallError error{CallError::Category::failed, "unreadableReply",
                   "the helper's reply could not be read: " + std::string(problem)};
   error.advice = differentVersionsAdvice;
   return reportError(error, json);
 }
 
 ExitStatus reportOutputError(int error, bool json) {
-  return reportError({CallError::Category::answered, "output",
+  return reportError({CallError::Category::failed, "output",
                       "the output could not be written: " + errnoText(error)},
                      json);
 }

@@ -188,7 +188,7 @@ ExitStatus printAndExit(std::string_view text) {
 ExitStatus refuseUsage(const UsageError& error, const Command* command, bool json) {
   std::string name = "tessaloom-helperctl ";
   if (command != nullptr) name.append(command->name).append(" ");
-  CallError refusal{CallError::Category::answered, "usage", error.message};
+  CallError refusal{CallError::Category::failed, "usage", error.message};
   refusal.advice = "See: " + name + "--help";
   reportError(refusal, json);
   return ExitStatus::usage;
@@ -226,7 +226,7 @@ ExitStatus runCommand(const Command& command, std::span<const std::string> words
     if (!result) return refuseUsage(result.error(), &command, json);
     return flushed(*result, json);
   } catch (const std::exception& error) {
-    return reportError({CallError::Category::answered, "failed", error.what()}, json);
+    return reportError({CallError::Category::failed, "failed", error.what()}, json);
   }
 }
 

@@ -133,7 +133,7 @@ void GenerationRun::cancel() {
 
 CallError GenerationRun::cancelledError() const {
   const std::string kind(wireValue(GenerationFailureKind::cancelled));
-  CallError error{CallError::Category::answered,
+  CallError error{CallError::Category::failed,
                   std::string(HelperConstants::generationErrorDomain) + "." + kind,
                   kind,
                   std::string(HelperConstants::generationErrorDomain),

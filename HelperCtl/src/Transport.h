@@ -15,7 +15,7 @@ namespace tessaloom {
 /// Why a call has no body.
 struct CallError {
   enum class Category : std::uint8_t {
-    answered,     ///< The helper, or what guards it, answered with an error.
+    failed,       ///< The helper, what guards it, or this program itself reports an error.
     unreachable,  ///< No helper received the call, or it disconnected before it answered.
   };
 

@@ -76,7 +76,7 @@ std::string busAdvice(const CallError& error) {
   std::string_view name = error.name;
   const bool isBusError = name.starts_with(busErrors);
   if (isBusError) name.remove_prefix(busErrors.size());
-  if (error.category == CallError::Category::answered) {
+  if (error.category == CallError::Category::failed) {
     return isBusError ? adviceForHelper(name) : std::string();
   }
   // What it sends on comes from the service manager.

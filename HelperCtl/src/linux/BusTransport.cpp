@@ -35,7 +35,7 @@ CallError readError(sd_bus_message* reply) {
   const std::string message = received->message != nullptr ? received->message : "";
   // The bus sends an error on behalf of who cannot: a helper that does not start, or has exited.
   CallError error = makeError(BusRequests::isFromBus(reply) ? CallError::Category::unreachable
-                                                            : CallError::Category::answered,
+                                                            : CallError::Category::failed,
                               name, message);
   BusErrorDetails details = readErrorDetails(reply);
   error.domain = std::move(details.domain);
@@ -58,7 +58,7 @@ CallReply readReply(sd_bus_message* reply, const char* signature) {
       return Bytes(static_cast<const char*>(data), size);
     }
   }
-  return std::unexpected(makeError(CallError::Category::answered, SD_BUS_ERROR_INVALID_SIGNATURE,
+  return std::unexpected(makeError(CallError::Category::failed, SD_BUS_ERROR_INVALID_SIGNATURE,
                                    "The reply is not of the expected type."));
 }
 
@@ -128,14 +128,14 @@ void BusTransport::call(const std::string& method, const std::optional<Bytes>& b
   if (lost_) return loseConnection(ECONNRESET);
   // A NUL would end the name early.
   if (method.contains('\0') || sd_bus_member_name_is_valid(method.c_str()) <= 0) {
-    return finish(pending, std::unexpected(makeError(CallError::Category::answered,
-                                                     SD_BUS_ERROR_UNKNOWN_METHOD,
-                                                     "\"" + method + "\" is not a method name.")));
+    return finish(
+        pending, std::unexpected(makeError(CallError::Category::failed, SD_BUS_ERROR_UNKNOWN_METHOD,
+                                           "\"" + method + "\" is not a method name.")));
   }
   // The helper, too, would refuse it, but as if it would take it later. It counts the path as well.
   if (body && body->size() > CallLoad::maximumBytes - std::strlen(HelperConstants::objectPath)) {
     return finish(pending, std::unexpected(CallError{
-                               CallError::Category::answered, SD_BUS_ERROR_LIMITS_EXCEEDED,
+                               CallError::Category::failed, SD_BUS_ERROR_LIMITS_EXCEEDED,
                                "The body exceeds the helper's limit, " +
                                    std::to_string(CallLoad::maximumBytes / 1'048'576) + " MiB."}));
   }

@@ -34,7 +34,7 @@ constexpr const char* invalidNameAdvice =
     "General, Login Items. How to register it is in docs/macos.md.";
 
 CallError callError(NSError* error) {
-  CallError result{CallError::Category::answered, textFromString(error.domain),
+  CallError result{CallError::Category::failed, textFromString(error.domain),
                    textFromString(error.localizedDescription)};
   result.domain = result.name;
   result.code = error.code;
@@ -61,7 +61,7 @@ CallReply callReply(NSData* data, NSError* error) {
 }
 
 CallError usageError(std::string name, std::string message) {
-  return {CallError::Category::answered, std::move(name), std::move(message)};
+  return {CallError::Category::failed, std::move(name), std::move(message)};
 }
 
 class XPCTransport final : public Transport {
