@@ -81,13 +81,14 @@ Check checkUser(const std::optional<CurrentUser>& user) {
           safeLine(user->loginName) + ", home " + safeLine(user->homeDirectory.string())};
 }
 
-/// Why the helper does not use a directory that is already there, and what to do; empty if it does.
-/// It has to be a directory of this user's, of mode 0700.
+/// What is wrong with an existing directory, and what to do.
 struct Misuse {
   std::string finding;
   std::string remedy = {};  // NOLINT(readability-redundant-member-init): may be left out.
 };
 
+/// Why the helper would not use it: it must be a directory of this user with mode 0700. nullopt if
+/// it would.
 std::optional<Misuse> misuse(const struct stat& facts, const std::string& path) {
   const std::string removal = "Remove it, as root if need be: rm -r " + path;
   if (S_ISLNK(facts.st_mode)) return Misuse{"is a symbolic link", "Remove it: rm " + path};
