@@ -12,12 +12,11 @@
 #include <cstdlib>
 #include <optional>
 
-#include <nlohmann/json.hpp>
-
-#include "HelperProtocol/JSONReader.h"
 #include "TLFoundation/DisplayString.h"
 #include "TLFoundation/ErrnoText.h"
 #include "TLFoundation/ParseNumber.h"
+#include "TLFoundation/Unicode.h"
+#include "TerminalJSON.h"
 
 namespace tessaloom::Console {
 namespace {
@@ -25,9 +24,6 @@ namespace {
 constexpr std::size_t usualWidth = 80;
 /// More than any message of the helper or the bus says.
 constexpr std::int64_t lineLimit = 4'000;
-/// More than any reply of the helper has. What is nested deeper is not indented, which could make
-/// it much longer.
-constexpr std::size_t deepestIndented = 16;
 
 /// The errno of the first write to standard output that failed. One thread prints.
 int outputError = 0;
@@ -73,16 +69,6 @@ bool localeIsUTF8() {
   return false;
 }
 
-/// The first character of UTF-8 text.
-std::string_view firstCharacter(std::string_view text) {
-  const auto lead = static_cast<unsigned char>(text.front());
-  return text.substr(0, lead < 0x80 ? 1 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4);
-}
-
-bool isASCII(std::string_view character) {
-  return static_cast<unsigned char>(character.front()) < 0x80;
-}
-
 /// The text in ASCII: usual punctuation by what looks like it, other characters by a question mark.
 std::string inASCII(std::string_view text) {
   struct Replacement {
@@ -95,9 +81,10 @@ std::string inASCII(std::string_view text) {
       Replacement{"\u2026", "..."}, Replacement{"\u00a0", " "}};
   std::string result;
   while (!text.empty()) {
-    const std::string_view character = firstCharacter(text);
+    const std::string_view character = Unicode::firstScalar(text);
     const auto known = std::ranges::find(replacements, character, &Replacement::character);
-    result += isASCII(character) ? character : known == replacements.end() ? "?" : known->ascii;
+    const bool isASCII = static_cast<unsigned char>(character.front()) < 0x80;
+    result += isASCII ? character : known == replacements.end() ? "?" : known->ascii;
     text.remove_prefix(character.size());
   }
   return result;
@@ -109,79 +96,6 @@ bool showsASCII(bool isTerminal) {
 
 std::string shownOn(bool isTerminal, std::string_view text) {
   return showsASCII(isTerminal) ? inASCII(text) : std::string(text);
-}
-
-/// How deep a JSON text is nested.
-class JSONDepth final : public JSONTarget {
- public:
-  std::size_t deepest() const { return deepest_; }
-
-  void scalar(JSONScalar /*value*/, std::string_view /*source*/) override {}
-  void begin(JSONContainer /*container*/) override { deepest_ = std::max(deepest_, ++depth_); }
-  JSONTarget* member(std::string_view /*key*/) override { return this; }
-  JSONTarget* element() override { return this; }
-  void end() override { --depth_; }
-
- private:
-  std::size_t depth_ = 0;
-  std::size_t deepest_ = 0;
-};
-
-/// Valid JSON with each member and element on a line of its own.
-std::string indented(std::string_view json) {
-  std::string result;
-  std::size_t depth = 0;
-  bool isInString = false;
-  for (std::size_t i = 0; i < json.size(); ++i) {
-    const char character = json[i];
-    if (isInString) {
-      result += character;
-      if (character == '\\') result += json[++i];
-      isInString = character != '"';
-      continue;
-    }
-    if (std::string_view(" \t\r\n").contains(character)) continue;
-    const bool opens = character == '{' || character == '[';
-    const bool closes = character == '}' || character == ']';
-    const bool isFirst = result.ends_with('{') || result.ends_with('[');
-    if (closes) --depth;
-    if (isFirst != closes || result.ends_with(',')) result.append("\n").append(2 * depth, ' ');
-    result += character;
-    if (opens) ++depth;
-    if (character == ':') result += ' ';
-    isInString = character == '"';
-  }
-  return result;
-}
-
-/// Valid JSON with escapes for the characters that a terminal must not get: control characters,
-/// invisible ones and, if it lacks UTF-8, all that are not ASCII.
-std::string escaped(std::string_view json, bool toASCII) {
-  std::string result;
-  while (!json.empty()) {
-    const std::string_view character = firstCharacter(json);
-    json.remove_prefix(character.size());
-    if (character == "\r") continue;  // Between tokens, where it means nothing.
-    const bool isShown = !Console::safeText(character).empty() && (!toASCII || isASCII(character));
-    if (isShown) {
-      result += character;
-    } else {
-      const std::string quoted = nlohmann::json(character).dump(-1, ' ', true);
-      result.append(quoted, 1, quoted.size() - 2);
-    }
-  }
-  return result;
-}
-
-enum class Layout { asWritten, indented };
-
-/// A JSON text as a terminal shows it, which is still JSON; another text without what a terminal
-/// must not get. The text is from outside: time and memory are in proportion to its length.
-std::string shownJSON(std::string_view text, Layout layout, bool toASCII) {
-  JSONDepth depth;
-  if (JSONReader::read(text, depth)) return Console::safeText(text);
-  const bool indents = layout == Layout::indented && depth.deepest() <= deepestIndented;
-  return indents ? escaped(indented(text), toASCII) : escaped(text, toASCII);
 }
 
 std::optional<winsize> sizeOf(int descriptor) {
@@ -254,8 +168,9 @@ void printBody(std::string_view body) {
 }
 
 void printJSON(std::string_view text) {
-  const std::string shown =
-      outputIsTerminal() ? shownJSON(text, Layout::indented, showsASCII(true)) : std::string(text);
+  const std::string shown = outputIsTerminal()
+                                ? terminalJSON(text, JSONLayout::indented, showsASCII(true))
+                                : std::string(text);
   print(shown);
   if (!shown.ends_with('\n')) print("\n");
 }
@@ -274,7 +189,7 @@ void printError(std::string_view message, std::string_view advice) {
 
 void printErrorJSON(std::string_view text) {
   // In one write, so that it stays one line where several programs write.
-  printToError((errorIsTerminal() ? shownJSON(text, Layout::asWritten, showsASCII(true))
+  printToError((errorIsTerminal() ? terminalJSON(text, JSONLayout::asWritten, showsASCII(true))
                                   : std::string(text)) +
                "\n");
 }
@@ -304,7 +219,7 @@ std::string shellWord(std::string_view path) {
 }
 
 std::string shownBody(std::string_view body) {
-  return outputIsTerminal() ? shownJSON(body, Layout::asWritten, showsASCII(true))
+  return outputIsTerminal() ? terminalJSON(body, JSONLayout::asWritten, showsASCII(true))
                             : std::string(body);
 }
 

@@ -80,6 +80,10 @@ std::string repairUTF8(std::string_view bytes) {
   return text.append(bytes, copied);
 }
 
+std::string_view firstScalar(std::string_view text) {
+  return text.substr(0, UTF8::decode(text, 0).length);
+}
+
 std::size_t characterCount(std::string_view text) {
   std::size_t count = 0;
   std::size_t position = 0;

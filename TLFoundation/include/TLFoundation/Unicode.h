@@ -17,6 +17,9 @@ bool isValidUTF8(std::string_view bytes);
 /// section 3.9, "Substitution of Maximal Subparts").
 std::string repairUTF8(std::string_view bytes);
 
+/// The first scalar of a text that is not empty, or the ill-formed part that it begins with.
+std::string_view firstScalar(std::string_view text);
+
 /// The number of user-perceived characters (extended grapheme clusters, UAX #29) of a valid text.
 /// CR LF is one. The rules and the conjuncts of Indic scripts (GB9c) are those of Unicode 17; the
 /// other properties are those of the Unicode version of the utf8proc that is installed, for which a
