@@ -4,10 +4,9 @@
 
 namespace tessaloom {
 
-/// Opens for reading the directory `name` of the open directory `parent`, which are in the same
-/// mounted file system. No link is followed. None, with errno set, when it cannot be opened: EXDEV
-/// when another file system is mounted there, which is not asked anything on Linux from 5.6 on. An
-/// older kernel opens what is mounted.
+/// Opens the directory `name` in the open directory `parent` for reading, following no link. Returns
+/// an empty descriptor with errno set on failure: EXDEV if another file system is mounted there.
+/// Linux 5.6 and later refuse without contacting that file system; older kernels open it.
 FileDescriptor openNestedDirectory(int parent, const char* name);
 
 /// Clears the flags with which an owner keeps a file from being changed or removed, where the

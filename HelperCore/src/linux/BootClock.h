@@ -29,7 +29,7 @@ class BootClock {
   /// The tick that runs now. A process that starts from now on has this tick or a later one.
   std::uint64_t currentTick() const;
 
-  /// Sleeps until `tick` is over: at once when it is, for two ticks at most.
+  /// Sleeps until `tick` has ended, but for two ticks at most; returns at once if it has.
   void sleepPast(std::uint64_t tick) const;
 
  private:

@@ -15,7 +15,8 @@ using Bytes = std::string;
 struct ReplyError {
   enum class Category : std::uint8_t {
     decoding,    ///< The request's body is not the record that the method expects.
-    encoding,    ///< The result cannot be written, or is too large to send.
+    encoding,    ///< The reply could not be made (any failure, lack of memory included), or is too
+                 ///< large to send.
     generation,  ///< A generation failed; `kind` says how.
   };
 
