@@ -115,9 +115,9 @@ Check checkTemporaryDirectory() {
   // The helper makes the directory when it needs it.
   std::string probe = (exists ? place : place.parent_path()).string() + "/tessaloom-doctor-XXXXXX";
   if (mkdtemp(probe.data()) == nullptr) {
-    const std::string folder = safeLine(std::filesystem::path(probe).parent_path().string());
-    return {bad, "temporary files", folder + ": " + errnoText(errno),
-            "Check its permissions and free space: ls -ld " + folder + "; df " + folder};
+    const std::string directory = safeLine(std::filesystem::path(probe).parent_path().string());
+    return {bad, "temporary files", directory + ": " + errnoText(errno),
+            "Check its permissions and free space: ls -ld " + directory + "; df " + directory};
   }
   rmdir(probe.c_str());
   return {good, "temporary files", path + " is writable"};

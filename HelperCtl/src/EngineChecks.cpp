@@ -35,10 +35,10 @@ using Console::safeLine;
 using Console::shellWord;
 using enum Check::Outcome;
 
-bool isBelow(const std::filesystem::path& file, const std::filesystem::path& folder) {
+bool isBelow(const std::filesystem::path& file, const std::filesystem::path& directory) {
   std::error_code error;
   const auto target = std::filesystem::weakly_canonical(file, error).string();
-  return target.starts_with(std::filesystem::weakly_canonical(folder, error).string() + "/");
+  return target.starts_with(std::filesystem::weakly_canonical(directory, error).string() + "/");
 }
 
 /// What to do about the last file of the engine's name in the search locations that was rejected;
@@ -74,12 +74,12 @@ std::string adviceForRejected(std::string_view name, const CurrentUser& user) {
 /// Where this person's shell finds a program.
 std::optional<std::filesystem::path> foundInPath(const std::string& name) {
   const char* variable = std::getenv("PATH");  // NOLINT(concurrency-mt-unsafe): one thread.
-  std::istringstream folders(variable == nullptr ? "" : variable);
-  for (std::string folder; std::getline(folders, folder, ':');) {
-    auto candidate = std::filesystem::path(folder) / name;
+  std::istringstream directories(variable == nullptr ? "" : variable);
+  for (std::string directory; std::getline(directories, directory, ':');) {
+    auto candidate = std::filesystem::path(directory) / name;
     struct stat facts{};
-    if (folder.starts_with('/') && stat(candidate.c_str(), &facts) == 0 && S_ISREG(facts.st_mode) &&
-        access(candidate.c_str(), X_OK) == 0) {
+    if (directory.starts_with('/') && stat(candidate.c_str(), &facts) == 0 &&
+        S_ISREG(facts.st_mode) && access(candidate.c_str(), X_OK) == 0) {
       return candidate;
     }
   }

@@ -11,7 +11,7 @@
 // GDBus rather than sd-bus, because a sandboxed program reaches the session bus through Flatpak's
 // proxy, and sd-bus clients do not get past the one of Debian 12. The helper admits the sandboxed
 // application com.brindlemoor.Tessaloom, and outside a sandbox an executable of this program's name
-// in the helper's own folder.
+// in the helper's own directory.
 
 #include <unistd.h>
 

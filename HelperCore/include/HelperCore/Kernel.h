@@ -82,8 +82,8 @@ class ProcessHandle {
 /// classification and the decision whether to signal are above it and the same everywhere.
 ///
 /// Safe from any thread. One for the whole process. A query that fails returns nothing, and what
-/// cannot be read, or no longer exists, is missing from it; an exception is thrown only for want of
-/// memory.
+/// cannot be read, or no longer exists, is missing from it; an exception is thrown only if memory
+/// runs out.
 ///
 /// What an implementation keeps between calls is not seen in a result, with one exception: sockets
 /// of a process that shares its table of descriptors with another process may be up to two minutes

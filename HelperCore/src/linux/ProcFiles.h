@@ -43,12 +43,13 @@ class ProcFiles {
   /// cannot be opened or a read fails.
   std::optional<std::vector<std::int32_t>> listNumbers(const char* path) const;
 
-  /// The effective user of a process: the owner of its folder, which it keeps even when the process
-  /// is not dumpable and the files inside belong to the root of its user namespace (proc(5)).
+  /// The effective user of a process: the owner of its directory, which it keeps even when the
+  /// process is not dumpable and the files inside belong to the root of its user namespace
+  /// (proc(5)).
   std::optional<std::uint32_t> owner(std::int32_t pid) const;
 
-  /// Whether a process belongs to `owner`, when `file` was just opened below its folder, which
-  /// belonged to `owner` before. Reads the folder's owner again where the file has another.
+  /// Whether a process belongs to `owner`, when `file` was just opened below its directory, which
+  /// belonged to `owner` before. Reads the directory's owner again where the file has another.
   bool isOwnedBy(std::uint32_t owner, std::int32_t pid, const FileDescriptor& file) const;
 
   /// The network namespace of a process or thread. Fails with an errno value: EACCES where the

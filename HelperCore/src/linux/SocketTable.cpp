@@ -20,7 +20,7 @@ namespace tessaloom {
 namespace {
 
 struct Table {
-  std::string_view file;  ///< Below a process's folder.
+  std::string_view file;  ///< Below a process's directory.
   std::uint8_t family;
   std::uint8_t protocol;
   std::uint32_t states;     ///< Those of the sockets that matter.

@@ -22,7 +22,7 @@ std::string helperBesideThisProgram() {
 std::string adviceForFailedStart() {
   const std::string helper = helperBesideThisProgram();
   if (helper.empty()) {
-    return "The helper could not be started: no tessaloom-helper is in this program's folder. "
+    return "The helper could not be started: no tessaloom-helper is in this program's directory. "
            "Install the package again.";
   }
   return "The helper could not be started. See `systemctl --user status "
@@ -53,7 +53,7 @@ std::string adviceForBus(std::string_view name) {
 std::string adviceForHelper(std::string_view name) {
   if (name == "AccessDenied") {
     return "The helper accepts only programs that run as the same user, outside a sandbox and from "
-           "the helper's own folder. Use the tessaloom-helperctl that was installed with it.";
+           "the helper's own directory. Use the tessaloom-helperctl that was installed with it.";
   }
   if (name == "LimitsExceeded") return "Try again later; with many calls waiting, send fewer.";
   if (name == "Failed") return "Try again; the next call starts the helper.";

@@ -151,7 +151,8 @@ Check checkRunningHelper(pid_t pid) {
   Check check{good, "helper", "running as process " + number + ", " + path};
   if (helper.parent_path() != self.parent_path()) {
     check.outcome = notice;
-    check.remedy = "This program is in another folder (" + safeLine(self.parent_path().string()) +
+    check.remedy = "This program is in another directory (" +
+                   safeLine(self.parent_path().string()) +
                    "), so the helper will not accept it. Use the one beside the helper.";
   } else if (isReplaced(pid, helper)) {
     check.outcome = notice;
