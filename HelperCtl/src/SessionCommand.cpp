@@ -32,7 +32,7 @@ class Session {
 
  private:
   /// A longer line cannot be sent; its end is not kept.
-  static constexpr std::size_t longestLine = CallLoad::maximumBytes + 65'536;
+  static constexpr std::size_t maximumLineBytes = CallLoad::maximumBytes + 65'536;
   /// With this much unwritten output no further line is read.
   static constexpr std::size_t outputBacklog = std::size_t{16} * 1024 * 1024;
   /// What a writable pipe takes without blocking.
@@ -112,7 +112,7 @@ void Session::keep(std::string_view bytes) {
   input_.erase(0, taken_);
   searched_ -= taken_;
   taken_ = 0;
-  if (input_.size() >= longestLine) {
+  if (input_.size() >= maximumLineBytes) {
     const std::size_t lineEnd = bytes.find('\n');
     if (lineEnd == std::string_view::npos) return;
     bytes.remove_prefix(lineEnd);

@@ -14,7 +14,7 @@ std::size_t currentLimit() {
   const std::size_t allowed = limit.rlim_cur;
   const std::size_t reserved =
       std::max(allowed / DescriptorBudget::reservedShare, DescriptorBudget::reserve);
-  return std::min(allowed - std::min(allowed, reserved), DescriptorBudget::most);
+  return std::min(allowed - std::min(allowed, reserved), DescriptorBudget::maximumKept);
 }
 
 }  // namespace

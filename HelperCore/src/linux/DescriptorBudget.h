@@ -13,8 +13,8 @@ class DescriptorBudget {
   /// kept.
   static constexpr std::size_t reservedShare = 4;
   static constexpr std::size_t reserve = 256;
-  /// More are never kept: each takes the kernel some 5 KiB.
-  static constexpr std::size_t most = 16'384;
+  /// Each takes the kernel some 5 KiB.
+  static constexpr std::size_t maximumKept = 16'384;
 
   /// `kept` are open already.
   explicit DescriptorBudget(std::size_t kept);

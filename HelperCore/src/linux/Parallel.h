@@ -21,17 +21,19 @@ inline std::size_t usableProcessors() {
   return known ? static_cast<std::size_t>(std::max(CPU_COUNT(&set), 1)) : 1;
 }
 
-/// Calls `work(index)` for 0 to `count`, on this thread and, once that has taken a while, on a few
-/// more for the rest of the call. Reading /proc is the kernel's work and scales with the
-/// processors. The list is taken in small parts as each thread gets to it, so that a thread that
-/// gets no processor does not delay the others.
+/// Calls `work(index)` for each index below `count`, on this thread and, once that has taken half a
+/// millisecond, on up to three more. `work` must be safe to call from several threads at once.
+///
+/// Reading /proc is the kernel's work and scales with the processors. The list is taken in small
+/// parts as each thread gets to it, so that a thread that gets no processor does not delay the
+/// others.
 ///
 /// An exception from `work` ends the loop and is thrown here. If the system refuses a thread, the
 /// others do the work.
 template <class Work>
-void forEachPart(std::size_t count, const Work& work) {
+void parallelFor(std::size_t count, const Work& work) {
   constexpr std::size_t partSize = 16;
-  constexpr std::size_t mostThreads = 4;
+  constexpr std::size_t maximumThreads = 4;
   constexpr std::chrono::microseconds worthThreads{500};
   const auto started = std::chrono::steady_clock::now();
 
@@ -63,7 +65,7 @@ void forEachPart(std::size_t count, const Work& work) {
       if (!isAlone || std::chrono::steady_clock::now() - started < worthThreads) continue;
       isAlone = false;
       const std::size_t parts = (count - std::min(next.load(), count)) / partSize;
-      const std::size_t threads = std::min({usableProcessors(), mostThreads, parts});
+      const std::size_t threads = std::min({usableProcessors(), maximumThreads, parts});
       try {
         while (workers.threads.size() + 1 < threads) {
           workers.threads.emplace_back([&takePart] {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -43,7 +44,7 @@ class ProcessScan {
   /// Calls `read(entry)` for every entry, on several threads for long lists.
   template <class Read>
   void forEachEntry(const Read& read) {
-    forEachPart(entries_.size(), [&](std::size_t index) { read(entries_[index]); });
+    parallelFor(entries_.size(), [&](std::size_t index) { read(entries_[index]); });
   }
 
   /// Whether what is known holds if its probe is unchanged: between the age at which that means

@@ -41,7 +41,7 @@ constexpr std::array<Table, SocketTable::tableCount> tables{{
 constexpr std::size_t bufferSize = std::size_t{32} * 1024;
 
 /// Where sockets come and go constantly each reading finds something new, so the number is bounded.
-constexpr int mostReadings = 8;
+constexpr int maximumReadings = 8;
 
 /// How many pieces a table came in; nullopt when it cannot be read to its end.
 using Pieces = std::optional<int>;
@@ -53,7 +53,7 @@ using Pieces = std::optional<int>;
 template <class ReadOnce>
 bool readWhole(SocketsByInode& sockets, const ReadOnce& readOnce) {
   SocketsByInode previous;
-  for (int reading = 0; reading < mostReadings; ++reading) {
+  for (int reading = 0; reading < maximumReadings; ++reading) {
     SocketsByInode found;
     const Pieces pieces = readOnce(reading, found);
     sockets.insert(found.begin(), found.end());

@@ -290,14 +290,14 @@ TEST(Parallel, DoesEachPieceOnceAndThrowsWhatAThreadThrows) {
     std::this_thread::sleep_for(std::chrono::microseconds{20});
     ++done[index];
   };
-  forEachPart(done.size(), work);
+  parallelFor(done.size(), work);
   EXPECT_EQ(done, std::vector<int>(done.size(), 1));
   const auto fail = [&](std::size_t index) {
     work(index);
     // With one processor there is no other thread.
     if (std::this_thread::get_id() != main || index + 1 == done.size()) throw std::bad_alloc();
   };
-  EXPECT_THROW(forEachPart(done.size(), fail), std::bad_alloc);
+  EXPECT_THROW(parallelFor(done.size(), fail), std::bad_alloc);
 }
 
 /// As `portsOf` shows it.
