@@ -157,11 +157,11 @@ CommandResult runGenerate(const Arguments& arguments) {
   }
   auto [reply, signal] = runGeneration(**transport, *request);
   const ExitStatus status = showGeneration(std::move(reply), *request, arguments);
-  if (signal != 0) {
+  if (signal) {
     if (const int error = Console::flushOutput()) {
       reportOutputError(error, arguments.has(jsonOption.name));
     }
-    dieBySignal(signal);
+    dieBySignal(*signal);
   }
   return status;
 }

@@ -83,7 +83,7 @@ class GenerationRun {
   EventLoop loop_;
   ProgressLine progress_;
   TerminationSignals signals_;
-  int signal_ = 0;                    ///< The first that came.
+  std::optional<int> signal_;         ///< The first that came.
   bool wasInterruptedTwice_ = false;  ///< Whether a second one came.
   bool cancelUnderWay_ = false;
   bool cancelConfirmed_ = false;
@@ -95,8 +95,8 @@ GenerationOutcome GenerationRun::run() {
                [this](short) { interrupted(); }});
   loop_.every(tickInterval, [this] {
     // Until the engine has been launched nothing can be signaled, so the cancellation is repeated.
-    if (signal_ != 0) cancel();
-    progress_.show(signal_ != 0);
+    if (signal_) cancel();
+    progress_.show(signal_.has_value());
   });
   transport_.call(methodNamed("GenerateText").name, HelperCoding::makeEncoder().encode(request_),
                   [this](CallReply reply) { answer_ = std::move(reply); });
@@ -104,16 +104,17 @@ GenerationOutcome GenerationRun::run() {
   // No limit: the helper answers within the timeout and the few seconds that ending an engine
   // takes.
   loop_.run([this] { return isOver(); });
-  if (const int late = signals_.stop(); signal_ == 0) signal_ = late;
+  const auto late = signals_.stop();
+  if (!signal_) signal_ = late;
   progress_.clear();
   if (answer_) return {std::move(*answer_), signal_};
   return {std::unexpected(cancelledError()), signal_};
 }
 
 void GenerationRun::interrupted() {
-  const int number = signals_.take();
-  if (number == 0) return;
-  if (signal_ != 0) {
+  const auto number = signals_.next();
+  if (!number) return;
+  if (signal_) {
     wasInterruptedTwice_ = true;
     return;
   }

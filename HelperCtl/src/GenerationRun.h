@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 #include "HelperProtocol/GenerationRequest.h"
 #include "Transport.h"
 
@@ -7,7 +9,7 @@ namespace tessaloom {
 
 struct GenerationOutcome {
   CallReply reply;
-  int signal = 0;  ///< The signal that interrupted it; 0 for none.
+  std::optional<int> signal;  ///< The signal that interrupted it.
 };
 
 /// Runs one generation and waits for its reply. On a terminal whose foreground this process is in,

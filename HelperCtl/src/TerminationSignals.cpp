@@ -59,14 +59,14 @@ int TerminationSignals::descriptor() const {
   return readEnd;
 }
 
-int TerminationSignals::stop() {
+std::optional<int> TerminationSignals::stop() {
   for (const int number : caughtSignals) exchangeHandler(number, wakeUp, SIG_DFL);
-  return take();
+  return next();
 }
 
-int TerminationSignals::take() {
+std::optional<int> TerminationSignals::next() {
   char byte = 0;
-  return ::read(readEnd, &byte, 1) == 1 ? byte : 0;
+  return ::read(readEnd, &byte, 1) == 1 ? std::optional<int>(byte) : std::nullopt;
 }
 
 void dieBySignal(int number) {

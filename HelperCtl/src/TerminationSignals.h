@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 namespace tessaloom {
 
 /// Turns SIGINT, SIGTERM, SIGHUP and SIGQUIT into a descriptor to poll, for as long as it lives. A
@@ -12,15 +14,15 @@ class TerminationSignals {
   TerminationSignals(const TerminationSignals&) = delete;
   TerminationSignals& operator=(const TerminationSignals&) = delete;
 
-  /// Readable when a signal has come that `take` has not returned yet.
+  /// Readable when a signal has come that `next` has not returned yet.
   int descriptor() const;
 
-  /// The number of the next signal that has come; 0 if there is none.
-  int take();
+  /// The number of the next signal that has come; nullopt if there is none.
+  std::optional<int> next();
 
-  /// Stops catching signals, and returns the next one as `take` does. A later one has its usual
+  /// Stops catching signals, and returns the next one as `next` does. A later one has its usual
   /// effect.
-  int stop();
+  std::optional<int> stop();
 };
 
 /// Ends this process by a signal, as if it had not been caught, so that a shell that runs this in a
