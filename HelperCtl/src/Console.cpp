@@ -100,7 +100,7 @@ std::string shownOn(bool isTerminal, std::string_view text) {
 
 std::optional<winsize> sizeOf(int descriptor) {
   winsize size{};
-  if (ioctl(descriptor, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return std::nullopt;
+  if (::ioctl(descriptor, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return std::nullopt;
   return size;
 }
 
@@ -120,19 +120,19 @@ std::string styled(bool isTerminal, Style style, std::string_view text) {
 }  // namespace
 
 bool inputIsTerminal() {
-  return isatty(STDIN_FILENO) != 0;
+  return ::isatty(STDIN_FILENO) != 0;
 }
 bool outputIsTerminal() {
-  return isatty(STDOUT_FILENO) != 0;
+  return ::isatty(STDOUT_FILENO) != 0;
 }
 bool errorIsTerminal() {
-  return isatty(STDERR_FILENO) != 0;
+  return ::isatty(STDERR_FILENO) != 0;
 }
 bool canRedrawOutput() {
   return outputIsTerminal() && !isDumb();
 }
 bool canRedrawErrorLine() {
-  return errorIsTerminal() && !isDumb() && tcgetpgrp(STDERR_FILENO) == getpgrp();
+  return errorIsTerminal() && !isDumb() && ::tcgetpgrp(STDERR_FILENO) == ::getpgrp();
 }
 
 std::size_t outputWidth() {

@@ -74,8 +74,8 @@ Check checkVersion(Transport& transport) {
 
 Check checkUser(const std::optional<CurrentUser>& user) {
   if (!user) {
-    return {bad, "user", "the user database has no user " + std::to_string(getuid()),
-            "See: getent passwd " + std::to_string(getuid())};
+    return {bad, "user", "the user database has no user " + std::to_string(::getuid()),
+            "See: getent passwd " + std::to_string(::getuid())};
   }
   return {good, "user",
           safeLine(user->loginName) + ", home " + safeLine(user->homeDirectory.string())};
@@ -93,7 +93,7 @@ std::optional<Misuse> misuse(const struct stat& facts, const std::string& path) 
   const std::string removal = "Remove it, as root if need be: rm -r " + path;
   if (S_ISLNK(facts.st_mode)) return Misuse{"is a symbolic link", "Remove it: rm " + path};
   if (!S_ISDIR(facts.st_mode)) return Misuse{"is not a directory", removal};
-  if (facts.st_uid != geteuid()) return Misuse{"belongs to another user", removal};
+  if (facts.st_uid != ::geteuid()) return Misuse{"belongs to another user", removal};
   const unsigned mode = facts.st_mode & 07777U;
   if (mode == 0700U) return std::nullopt;
   std::array<char, 8> octal{};
@@ -106,7 +106,7 @@ Check checkTemporaryDirectory() {
   const std::filesystem::path place = perUserTemporaryDirectory();
   const std::string path = safeLine(place.string());
   struct stat facts{};
-  const bool exists = lstat(place.c_str(), &facts) == 0;
+  const bool exists = ::lstat(place.c_str(), &facts) == 0;
   if (exists) {
     if (const auto problem = misuse(facts, path)) {
       return {bad, "temporary files", path + " " + problem->finding, problem->remedy};
@@ -114,12 +114,12 @@ Check checkTemporaryDirectory() {
   }
   // The helper makes the directory when it needs it.
   std::string probe = (exists ? place : place.parent_path()).string() + "/tessaloom-doctor-XXXXXX";
-  if (mkdtemp(probe.data()) == nullptr) {
+  if (::mkdtemp(probe.data()) == nullptr) {
     const std::string directory = safeLine(std::filesystem::path(probe).parent_path().string());
     return {bad, "temporary files", directory + ": " + errnoText(errno),
             "Check its permissions and free space: ls -ld " + directory + "; df " + directory};
   }
-  rmdir(probe.c_str());
+  ::rmdir(probe.c_str());
   return {good, "temporary files", path + " is writable"};
 }
 

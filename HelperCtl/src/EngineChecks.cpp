@@ -48,12 +48,12 @@ std::string adviceForRejected(std::string_view name, const CurrentUser& user) {
   const auto locations = BinaryAllowlist::searchLocations(user.homeDirectory);
   for (const auto& location : std::views::reverse(locations)) {
     const auto candidate =
-        BinaryAllowlist::resolve(name, {location}, getuid(), BinaryAllowlist::readFacts);
+        BinaryAllowlist::resolve(name, {location}, ::getuid(), BinaryAllowlist::readFacts);
     if (candidate || candidate.error().kind == notFound) continue;
     const auto file = location / name;
     const std::string path = shellWord(file.string());
     struct stat facts{};
-    (void)stat(file.c_str(), &facts);
+    (void)::stat(file.c_str(), &facts);
     if (candidate.error().kind == wrongOwner) {
       // A file outside the home directory may serve other users, too, who all accept root's.
       return isBelow(file, user.homeDirectory)
@@ -62,7 +62,7 @@ std::string adviceForRejected(std::string_view name, const CurrentUser& user) {
     }
     if (candidate.error().kind == writableByGroupOrOther) {
       return std::string("Remove write permission for others: ") +
-             (facts.st_uid == getuid() ? "" : "sudo ") + "chmod go-w " + path;
+             (facts.st_uid == ::getuid() ? "" : "sudo ") + "chmod go-w " + path;
     }
     return (S_ISDIR(facts.st_mode) ? "It is a directory; remove or rename it: "
                                    : "Make it an executable file, or remove it: ") +
@@ -78,8 +78,8 @@ std::optional<std::filesystem::path> foundInPath(const std::string& name) {
   for (std::string directory; std::getline(directories, directory, ':');) {
     auto candidate = std::filesystem::path(directory) / name;
     struct stat facts{};
-    if (directory.starts_with('/') && stat(candidate.c_str(), &facts) == 0 &&
-        S_ISREG(facts.st_mode) && access(candidate.c_str(), X_OK) == 0) {
+    if (directory.starts_with('/') && ::stat(candidate.c_str(), &facts) == 0 &&
+        S_ISREG(facts.st_mode) && ::access(candidate.c_str(), X_OK) == 0) {
       return candidate;
     }
   }
@@ -165,7 +165,7 @@ std::string adviceForProbe(const std::filesystem::path& executable, const Curren
   const auto locations = BinaryAllowlist::searchLocations(user.homeDirectory);
   const bool isReachable =
       interpreter.empty() || std::ranges::any_of(locations, [&](const auto& l) {
-        return access((l / interpreter).c_str(), X_OK) == 0;
+        return ::access((l / interpreter).c_str(), X_OK) == 0;
       });
   if (isReachable) {
     return "Run `" + shellWord(executable.string()) + " --version` to see how it responds.";

@@ -46,7 +46,7 @@ void EventLoop::waitOnce(std::optional<Clock::time_point> deadline) {
   std::optional<Clock::time_point> until = earlier(deadline, readiness.deadline);
   for (const Ticker& ticker : tickers_) until = earlier(until, ticker.next);
 
-  if (poll(polled.data(), static_cast<nfds_t>(polled.size()), until ? pollTimeout(*until) : -1) <
+  if (::poll(polled.data(), static_cast<nfds_t>(polled.size()), until ? pollTimeout(*until) : -1) <
       0) {
     if (errno == EINTR) return;
     throw std::system_error(errno, std::generic_category(), "poll");

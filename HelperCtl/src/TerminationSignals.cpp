@@ -31,12 +31,12 @@ void wakeUp(int number) {
 /// Exchanges one way to handle a signal for another.
 void exchangeHandler(int number, void (*from)(int), void (*to)(int)) {
   struct sigaction action{};
-  if (sigaction(number, nullptr, &action) != 0 || action.sa_handler != from) return;
+  if (::sigaction(number, nullptr, &action) != 0 || action.sa_handler != from) return;
   action = {};
   action.sa_handler = to;
   action.sa_flags = SA_RESTART;
   sigemptyset(&action.sa_mask);
-  sigaction(number, &action, nullptr);
+  ::sigaction(number, &action, nullptr);
 }
 
 }  // namespace
@@ -74,7 +74,7 @@ void dieBySignal(int number) {
   sigset_t one;
   sigemptyset(&one);
   sigaddset(&one, number);
-  pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
+  ::pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
   (void)::raise(number);
   ::_exit(128 + number);
 }

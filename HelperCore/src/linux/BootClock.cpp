@@ -16,7 +16,7 @@ constexpr nanoseconds second = std::chrono::seconds{1};
 
 nanoseconds read(clockid_t clock) {
   timespec now{};
-  if (clock_gettime(clock, &now) != 0) return {};
+  if (::clock_gettime(clock, &now) != 0) return {};
   return std::chrono::seconds{now.tv_sec} + nanoseconds{now.tv_nsec};
 }
 
@@ -26,7 +26,7 @@ nanoseconds sinceBoot() {
 }
 
 std::int64_t systemTicksPerSecond() {
-  return std::max(1L, sysconf(_SC_CLK_TCK));
+  return std::max(1L, ::sysconf(_SC_CLK_TCK));
 }
 
 }  // namespace

@@ -10,7 +10,7 @@ namespace {
 
 std::size_t currentLimit() {
   rlimit limit{};
-  getrlimit(RLIMIT_NOFILE, &limit);
+  ::getrlimit(RLIMIT_NOFILE, &limit);
   const std::size_t allowed = limit.rlim_cur;
   const std::size_t reserved =
       std::max(allowed / DescriptorBudget::reservedShare, DescriptorBudget::reserve);

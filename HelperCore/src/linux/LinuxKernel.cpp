@@ -15,7 +15,7 @@ LinuxKernel::LinuxKernel(std::chrono::nanoseconds idleAge)
     : procDirectory_(::open("/proc", O_RDONLY | O_CLOEXEC | O_DIRECTORY)), idleAge_(idleAge) {}
 
 std::uint32_t LinuxKernel::userID() const {
-  return getuid();
+  return ::getuid();
 }
 
 Instant LinuxKernel::wallClockTime() const {

@@ -17,12 +17,12 @@ namespace {
 
 /// By number: the C library's functions for them came later than the calls.
 int openPidfd(std::int32_t pid) {
-  return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
 }
 
 /// 0 or an errno value.
 int sendByPidfd(const FileDescriptor& pidfd, std::int32_t number) {
-  return syscall(SYS_pidfd_send_signal, pidfd.get(), number, nullptr, 0) == 0 ? 0 : errno;
+  return ::syscall(SYS_pidfd_send_signal, pidfd.get(), number, nullptr, 0) == 0 ? 0 : errno;
 }
 
 /// Whether errno says that this system has no pidfds, or a sandbox forbids them.

@@ -17,7 +17,7 @@ namespace tessaloom {
 /// The processors that this thread may use; at least 1.
 inline std::size_t usableProcessors() {
   cpu_set_t set;
-  const bool known = sched_getaffinity(0, sizeof set, &set) == 0;
+  const bool known = ::sched_getaffinity(0, sizeof set, &set) == 0;
   return known ? static_cast<std::size_t>(std::max(CPU_COUNT(&set), 1)) : 1;
 }
 

@@ -45,7 +45,7 @@ ProcPath::ProcPath(std::int32_t number, std::string_view file) {
 }
 
 FileDescriptor ProcFiles::open(const char* path, int flags) const {
-  FileDescriptor file{openat(directory_, path, O_RDONLY | O_CLOEXEC | flags)};
+  FileDescriptor file{::openat(directory_, path, O_RDONLY | O_CLOEXEC | flags)};
   if (!file && isDescriptorShortage(errno)) ranOut_ = true;
   return file;
 }
@@ -63,26 +63,26 @@ std::optional<std::vector<std::int32_t>> ProcFiles::listNumbers(const char* path
 
 std::optional<std::uint32_t> ProcFiles::owner(std::int32_t pid) const {
   struct stat status{};
-  if (fstatat(directory_, ProcPath{pid}.text(), &status, 0) != 0) return std::nullopt;
+  if (::fstatat(directory_, ProcPath{pid}.text(), &status, 0) != 0) return std::nullopt;
   return status.st_uid;
 }
 
 bool ProcFiles::isOwnedBy(std::uint32_t owner, std::int32_t pid, const FileDescriptor& file) const {
   struct stat status{};
-  const bool suffices = fstat(file.get(), &status) == 0 && status.st_uid == owner;
+  const bool suffices = ::fstat(file.get(), &status) == 0 && status.st_uid == owner;
   return suffices || this->owner(pid) == owner;
 }
 
 std::expected<std::uint32_t, int> ProcFiles::networkNamespace(std::int32_t number) const {
   std::array<char, 64> target;
   const ssize_t length =
-      readlinkat(directory_, ProcPath{number, "ns/net"}.text(), target.data(), target.size());
+      ::readlinkat(directory_, ProcPath{number, "ns/net"}.text(), target.data(), target.size());
   if (length < 0) return std::unexpected(errno);
   return parseInodeLink("net", {target.data(), static_cast<std::size_t>(length)}).value_or(0);
 }
 
 std::string_view readStart(const FileDescriptor& file, std::span<char> buffer) {
-  const ssize_t length = pread(file.get(), buffer.data(), buffer.size(), 0);
+  const ssize_t length = ::pread(file.get(), buffer.data(), buffer.size(), 0);
   if (length <= 0) return {};
   return {buffer.data(), static_cast<std::size_t>(length)};
 }
@@ -91,7 +91,7 @@ std::optional<std::vector<std::int32_t>> listNumbers(const FileDescriptor& direc
   std::array<char, directoryBufferSize> buffer;
   std::vector<std::int32_t> numbers;
   for (;;) {
-    const ssize_t length = getdents64(directory.get(), buffer.data(), buffer.size());
+    const ssize_t length = ::getdents64(directory.get(), buffer.data(), buffer.size());
     if (length < 0) return std::nullopt;
     if (length == 0) return numbers;
     appendNumbers({buffer.data(), static_cast<std::size_t>(length)}, numbers);

@@ -17,7 +17,7 @@ namespace {
 using Entry = ProcessScan::Entry;
 
 std::optional<std::uint64_t> readResidentBytes(const FileDescriptor& statm) {
-  static const auto pageSize = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+  static const auto pageSize = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
   std::array<char, 256> buffer;
   const auto pages = parseResidentPages(readStart(statm, buffer));
   if (!pages) return std::nullopt;

@@ -29,7 +29,7 @@ void addSockets(const ProcFiles& proc, std::int32_t number, std::vector<std::uin
   for (const std::int32_t descriptor : *descriptors) {
     std::array<char, 64> target;
     const ssize_t length =
-        readlinkat(directory.get(), ProcPath{descriptor}.text(), target.data(), target.size());
+        ::readlinkat(directory.get(), ProcPath{descriptor}.text(), target.data(), target.size());
     const std::string_view link(target.data(),
                                 static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
     if (const auto inode = parseInodeLink("socket", link)) inodes.push_back(*inode);
@@ -71,7 +71,7 @@ SocketDescriptors readSocketDescriptors(const ProcFiles& proc, std::int32_t pid)
 SocketDescriptors readOwnSocketDescriptors(const ProcFiles& proc, const std::vector<bool>& kept) {
   SocketDescriptors sockets;
   std::array<char, 4096> buffer;
-  const auto room = parseDescriptorRoom(proc.read(ProcPath{getpid(), "status"}, buffer));
+  const auto room = parseDescriptorRoom(proc.read(ProcPath{::getpid(), "status"}, buffer));
   std::vector<pollfd> asked;
   for (std::int32_t number = 0; number < room.value_or(0); ++number) {
     const auto index = static_cast<std::size_t>(number);
@@ -81,7 +81,7 @@ SocketDescriptors readOwnSocketDescriptors(const ProcFiles& proc, const std::vec
   }
   // Most numbers are unused, and one call says which. It is refused for more numbers than this
   // process may have, which somebody may have lowered; then each is examined.
-  if (poll(asked.data(), asked.size(), 0) >= 0) {
+  if (::poll(asked.data(), asked.size(), 0) >= 0) {
     std::erase_if(asked, [](const pollfd& each) { return (each.revents & POLLNVAL) != 0; });
   }
   for (const pollfd& each : asked) addIfSocket(each.fd, sockets.inodes);

@@ -70,7 +70,7 @@ void markSharingParents(ProcessScan& scan) {
 /// Adds the sockets of the namespaces that are not the helper's own, each read through the first
 /// process or thread in it that the kernel permits.
 void addForeignNamespaces(ProcessScan& scan, SocketTable& table) {
-  const std::uint32_t own = scan.proc().networkNamespace(getpid()).value_or(0);
+  const std::uint32_t own = scan.proc().networkNamespace(::getpid()).value_or(0);
   std::map<std::uint32_t, SocketTable::Progress> namespaces;
   const auto add = [&](std::uint32_t network, std::int32_t member) {
     if (network != 0 && network != own) table.addFrom(scan.proc(), member, namespaces[network]);
@@ -88,7 +88,7 @@ void addForeignNamespaces(ProcessScan& scan, SocketTable& table) {
 std::vector<SocketHolder> readSocketHolders(ProcessScan& scan) {
   SocketTable table;
   table.addOwnNamespace(scan.proc());
-  const std::int32_t self = getpid();
+  const std::int32_t self = ::getpid();
   const bool tablesAreComparable = shareDescriptors(self, self).has_value();
   scan.forEachEntry([&](Entry& entry) { read(scan, entry, self, tablesAreComparable); });
   readOwn(scan, self);

@@ -71,7 +71,7 @@ Pieces readTextOnce(const FileDescriptor& file, int reading, std::int32_t protoc
                     SocketsByInode& sockets) {
   constexpr std::size_t shortPiece = 2048;
   std::array<char, bufferSize> buffer;
-  if (lseek(file.get(), 0, SEEK_SET) != 0) return std::nullopt;
+  if (::lseek(file.get(), 0, SEEK_SET) != 0) return std::nullopt;
   std::size_t begun = 0;  // The bytes of a line whose end has not been read.
   for (int pieces = 0;; ++pieces) {
     const std::size_t room = pieces == 0 && reading % 2 == 1 ? shortPiece : buffer.size() - begun;
@@ -123,7 +123,7 @@ bool requestDump(const FileDescriptor& netlink, const Table& table) {
   message.request.sdiag_family = table.family;
   message.request.sdiag_protocol = table.protocol;
   message.request.idiag_states = table.states;
-  return send(netlink.get(), &message, sizeof message, 0) == static_cast<ssize_t>(sizeof message);
+  return ::send(netlink.get(), &message, sizeof message, 0) == static_cast<ssize_t>(sizeof message);
 }
 
 Pieces dumpOnce(const FileDescriptor& netlink, const Table& table, SocketsByInode& sockets) {
@@ -131,7 +131,7 @@ Pieces dumpOnce(const FileDescriptor& netlink, const Table& table, SocketsByInod
   std::array<std::byte, bufferSize> buffer;
   if (!requestDump(netlink, table)) return std::nullopt;
   for (int pieces = 0;; ++pieces) {
-    const ssize_t length = recv(netlink.get(), buffer.data(), buffer.size(), 0);
+    const ssize_t length = ::recv(netlink.get(), buffer.data(), buffer.size(), 0);
     if (length < 0 && errno == EINTR) continue;
     if (length <= 0) return std::nullopt;
     switch (addSocketsOfDump({buffer.data(), static_cast<std::size_t>(length)}, table.protocol,
@@ -149,7 +149,7 @@ Pieces dumpOnce(const FileDescriptor& netlink, const Table& table, SocketsByInod
 }
 
 bool addDump(const Table& table, SocketsByInode& sockets) {
-  const FileDescriptor netlink{socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG)};
+  const FileDescriptor netlink{::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG)};
   return netlink && readWhole(sockets, [&](int /*reading*/, SocketsByInode& found) {
            return dumpOnce(netlink, table, found);
          });
@@ -159,7 +159,7 @@ bool addDump(const Table& table, SocketsByInode& sockets) {
 
 void SocketTable::addOwnNamespace(const ProcFiles& proc) {
   for (const Table& table : tables) {
-    if (!addDump(table, sockets_)) addText(proc, getpid(), table, sockets_);
+    if (!addDump(table, sockets_)) addText(proc, ::getpid(), table, sockets_);
   }
 }
 

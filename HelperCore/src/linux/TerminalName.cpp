@@ -15,7 +15,7 @@ std::string registeredName(DeviceNumber device) {
   const std::string path =
       "/sys/dev/char/" + std::to_string(device.major) + ":" + std::to_string(device.minor);
   std::array<char, 512> target{};
-  const ssize_t length = readlink(path.c_str(), target.data(), target.size());
+  const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
   if (length <= 0) return {};
   const std::string_view link{target.data(), static_cast<std::size_t>(length)};
   return std::string{link.substr(link.rfind('/') + 1)};

@@ -66,7 +66,7 @@ class BusQuestions {
     struct ucred credentials{};
     socklen_t size = sizeof credentials;
     const int descriptor = sd_bus_get_fd(bus_.get());
-    if (getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
+    if (::getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
       return std::nullopt;
     }
     return credentials.uid;
@@ -110,7 +110,7 @@ std::string userName(std::uint32_t uid) {
 }
 
 std::optional<Check> checkSandbox() {
-  if (access("/.flatpak-info", F_OK) != 0) return std::nullopt;
+  if (::access("/.flatpak-info", F_OK) != 0) return std::nullopt;
   return Check{bad, "sandbox",
                "this program runs in a sandbox, where the helper accepts only the editor",
                "Run it outside: flatpak-spawn --host tessaloom-helperctl doctor. An editor in a "
@@ -121,10 +121,10 @@ std::optional<Check> checkSandbox() {
 /// A bus that belongs to another user, as under sudo: it refuses this program.
 std::optional<Check> checkBusOwner(const BusQuestions& bus) {
   const auto owner = bus.owner();
-  if (!owner || *owner == geteuid()) return std::nullopt;
+  if (!owner || *owner == ::geteuid()) return std::nullopt;
   return Check{
       bad, "session bus",
-      "it belongs to " + userName(*owner) + ", but this program runs as " + userName(geteuid()),
+      "it belongs to " + userName(*owner) + ", but this program runs as " + userName(::geteuid()),
       "Run this program as " + userName(*owner) + ", without sudo."};
 }
 
